@@ -1,0 +1,186 @@
+/// @file
+/// The base of every box (ISO/IEC 14496-12, 4.2) and the one place where box headers, size
+/// placeholders and size patches are handled.
+///
+/// | offset | bytes | field                                          |
+/// | 0      | 4     | size of the box with this header               |
+/// | 4      | 4     | type                                           |
+/// | 8      | 1 + 3 | version and flags, in a full box               |
+///
+/// A box lists its fields once, in a member template `Put(out)` that runs over the real stream
+/// when the box is written and over a ByteCounter when its size is asked for.
+#ifndef KX_MP4_ATOM_H
+#define KX_MP4_ATOM_H
+
+#include <cstdint>
+
+#include "BaseIO.h"
+
+/// Has the writers' vocabulary and counts instead of writing.
+class ByteCounter {
+public:
+    constexpr void WriteInt8(uint8_t) { m_size += 1; }
+    constexpr void WriteInt16(uint16_t) { m_size += 2; }
+    constexpr void WriteInt24(uint32_t) { m_size += 3; }
+    constexpr void WriteInt32(uint32_t) { m_size += 4; }
+    constexpr void WriteInt64(uint64_t) { m_size += 8; }
+    constexpr void WriteTag(FourCC) { m_size += 4; }
+    constexpr void WriteBuf(const void*, uint32_t cbBuf) { m_size += cbBuf; }
+    constexpr uint32_t size() const { return m_size; }
+
+private:
+    uint32_t m_size = 0;
+};
+
+/// Size and type.
+constexpr uint32_t kBoxHeaderSize = 8;
+/// Size, type, version and flags.
+constexpr uint32_t kFullBoxHeaderSize = 12;
+
+/// Keeps the low 32 bits on purpose: a field that is 32 bits wide in the file.
+constexpr uint32_t Low32(int64_t value) { return static_cast<uint32_t>(value); }
+/// Keeps the low 16 bits on purpose.
+constexpr uint16_t Low16(int64_t value) { return static_cast<uint16_t>(value); }
+/// Keeps the low 8 bits on purpose.
+constexpr uint8_t Low8(int64_t value) { return static_cast<uint8_t>(value); }
+
+/// Header of a plain box; the size is a placeholder that is patched when the content is out.
+template <class Out>
+constexpr void PutBoxHeader(Out& out, FourCC type) {
+    out.WriteInt32(kBoxHeaderSize);
+    out.WriteTag(type);
+}
+
+/// Header of a full box; the size is a placeholder.
+template <class Out>
+constexpr void PutFullBoxHeader(Out& out, FourCC type, uint8_t version = 0, uint32_t flags = 0) {
+    out.WriteInt32(kFullBoxHeaderSize);
+    out.WriteTag(type);
+    out.WriteInt8(version);
+    out.WriteInt24(flags);
+}
+
+/// A time or duration: 64 bits in a version 1 box, else its low 32.
+template <class Out>
+constexpr void PutTime(Out& out, bool use64bitTime, int64_t value) {
+    if (use64bitTime)
+        out.WriteInt64(static_cast<uint64_t>(value));
+    else
+        out.WriteInt32(Low32(value));
+}
+
+/// A 16.16 fixed-point number of a whole value.
+constexpr uint32_t Fixed16_16(int64_t value) { return Low32(value * 0x10000); }
+
+/// Transformation matrix (ISO/IEC 14496-12, 6.2.2): rows (a b u) (c d v) (tx ty w), where u and v
+/// are 0 and w is 1 as a 2.30 number.
+template <class Out>
+constexpr void PutMatrix(Out& out, int16_t a, int16_t b, int16_t c, int16_t d, int16_t tx,
+                         int16_t ty) {
+    constexpr uint32_t kOne2_30 = 0x40000000;
+    out.WriteInt32(Fixed16_16(a));
+    out.WriteInt32(Fixed16_16(b));
+    out.WriteInt32(0);
+    out.WriteInt32(Fixed16_16(c));
+    out.WriteInt32(Fixed16_16(d));
+    out.WriteInt32(0);
+    out.WriteInt32(Fixed16_16(tx));
+    out.WriteInt32(Fixed16_16(ty));
+    out.WriteInt32(kOne2_30);
+}
+
+/// Unity matrix: shown as it is.
+template <class Out>
+constexpr void PutUnityMatrix(Out& out) {
+    PutMatrix(out, 1, 0, 0, 1, 0, 0);
+}
+
+/// A box that writes itself to `m_pWriter`, which is borrowed and must outlive it.
+///
+/// Boxes are not thread safe; they are used under the muxer's lock. Failures of the writer pass
+/// through as exceptions; a size that was predicted wrongly is only a warning in the log.
+class CMp4Atom {
+public:
+    explicit CMp4Atom(IBaseIO* pWriter);
+    virtual ~CMp4Atom() = default;
+    CMp4Atom(const CMp4Atom&) = delete;
+    CMp4Atom& operator=(const CMp4Atom&) = delete;
+
+    /// Writes the whole box, header included.
+    virtual void Write() = 0;
+    /// The number of bytes that Write would produce now.
+    virtual uint32_t GetSize() = 0;
+
+    /// Replaces the writer, and the sink of the box's buffer with it.
+    void setWriter(IBaseIO* pWriter);
+
+protected:
+    /// Patches the size of a box that began at `nStartPos` of the writer; with `check`, compares
+    /// what was written with GetSize.
+    void UpdateSize(int64_t nStartPos, bool check);
+    /// The same in `m_buffer`, always checked.
+    void UpdateBufferSize(int64_t nStartPos);
+
+    /// Writer position as the 64-bit number that positions are kept in.
+    int64_t WriterPos() { return static_cast<int64_t>(m_pWriter->Ftell()); }
+
+    /// Write pattern of a container: header and content straight to the writer, size patched.
+    template <class Content>
+    void WriteContainer(FourCC type, Content&& writeContent) {
+        const int64_t start = WriterPos();
+        PutBoxHeader(*m_pWriter, type);
+        writeContent();
+        UpdateSize(start, true);
+    }
+
+    /// Write pattern of a leaf: the fields into the buffer, size patched there, one flush.
+    template <class Box>
+    void WriteLeaf(const Box& box) {
+        FillBuffer([&] {
+            const auto start = static_cast<int64_t>(m_buffer.Ftell());
+            box.Put(m_buffer);
+            UpdateBufferSize(start);
+        });
+    }
+
+    /// Write pattern of a header with children: the fields into the buffer and out, the children
+    /// straight to the writer, size patched there.
+    template <class Fields, class Children>
+    void WriteHeadAndChildren(bool check, Fields&& putFields, Children&& writeChildren) {
+        const int64_t start = WriterPos();
+        FillBuffer([&] { putFields(m_buffer); });
+        writeChildren();
+        UpdateSize(start, check);
+    }
+
+    /// Runs `fill` and hands the buffer to the writer. Whatever throws leaves the buffer empty.
+    template <class Fill>
+    void FillBuffer(Fill&& fill) {
+        try {
+            fill();
+            m_buffer.Flush();
+        } catch (...) {
+            m_buffer.Clear();
+            throw;
+        }
+    }
+
+    /// Size of a box by its list of fields.
+    template <class Box>
+    static uint32_t SizeByFields(const Box& box) {
+        ByteCounter counter;
+        box.Put(counter);
+        return counter.size();
+    }
+
+    /// Rewrites a time field of a box that lies at `position` in the file.
+    void RewriteTime(int64_t position, bool use64bitTime, int64_t value);
+
+    IBaseIO* m_pWriter;
+    CBufferIO m_buffer;
+
+private:
+    void CheckSize(int64_t written);
+};
+
+#endif  // KX_MP4_ATOM_H

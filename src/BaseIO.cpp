@@ -1,0 +1,314 @@
+#include "BaseIO.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "zv_log.h"
+
+namespace {
+
+constexpr const char* kSource = "src/BaseIO";
+constexpr size_t kMaxPath = 1024;
+constexpr const char* kWriteErrorLine = "BaseIO : Error - [line %d] Write error %s !\n\n";
+constexpr const char* kSeekErrorLine = "BaseIO : Error - [line %d] Seek error %s !\n\n";
+
+}  // namespace
+
+// IBaseIO
+
+void IBaseIO::ReadBuf(void* pbBuf, uint32_t cbBuf) {
+    if (IsValid()) {
+        Read(pbBuf, cbBuf);
+    } else if (cbBuf != 0) {
+        std::memset(pbBuf, 0, cbBuf);
+    }
+}
+
+int IBaseIO::EnterError() {
+    m_status = IO_IN_ERROR;
+    m_err_code = errno;  // before anything is printed: printing may change it
+    return m_err_code;
+}
+
+void IBaseIO::FailSeek(int line) {
+    const int code = EnterError();
+    std::printf(kSeekErrorLine, line, std::strerror(code));
+    throw kx_mp4_exception(code);
+}
+
+void IBaseIO::FailWrite(int line) {
+    const int code = EnterError();
+    std::printf(kWriteErrorLine, line, std::strerror(code));
+    throw kx_mp4_exception(code);
+}
+
+void IBaseIO::FailRead(int line) {
+    const int code = EnterError();
+    std::printf("[line %d] Read EOF !\n", line);
+    throw kx_mp4_exception(code);
+}
+
+// IFileIOBase
+
+IFileIOBase::~IFileIOBase() { IFileIOBase::Uninit(); }
+
+bool IFileIOBase::Uninit() {
+    m_status = IO_UNINIT;
+    CancelGather();
+    if (m_hFile != -1) {
+        close(m_hFile);
+        m_hFile = -1;
+    }
+    return true;
+}
+
+uint64_t IFileIOBase::Ftell() {
+    WriteGathered();
+    return static_cast<uint64_t>(lseek(m_hFile, 0, SEEK_CUR));
+}
+
+void IFileIOBase::Seek(int64_t offset, int origin) {
+    WriteGathered();
+    if (lseek(m_hFile, offset, origin) < 0) FailSeek(__LINE__);
+}
+
+void IFileIOBase::Flush() {
+    WriteGathered();
+    if (fsync(m_hFile) != 0) FailWrite(__LINE__);
+}
+
+void IFileIOBase::Write(const void* pbBuf, uint32_t cbBuf) {
+    if (m_gathering)
+        Gather(pbBuf, cbBuf);
+    else
+        WriteAll(pbBuf, cbBuf);
+}
+
+void IFileIOBase::WriteAll(const void* pbBuf, uint32_t cbBuf) {
+    const auto* next = static_cast<const uint8_t*>(pbBuf);
+    uint32_t left = cbBuf;
+    do {
+        const ssize_t written = write(m_hFile, next, left);
+        if (written < 0 || (written == 0 && left != 0)) FailWrite(__LINE__);
+        next += written;
+        left -= static_cast<uint32_t>(written);
+    } while (left != 0);
+}
+
+void IFileIOBase::Gather(const void* pbBuf, uint32_t cbBuf) {
+    if (cbBuf == 0) return;
+    const bool copy = cbBuf <= kCopyLimit;
+    if (m_pieces == kMaxPieces || (copy && m_copied + cbBuf > kCopyRoom)) WriteGathered();
+    if (!copy) {
+        m_piece[m_pieces++] = {const_cast<void*>(pbBuf), cbBuf};
+        return;
+    }
+    uint8_t* const place = m_copy.data() + m_copied;
+    std::memcpy(place, pbBuf, cbBuf);
+    m_copied += cbBuf;
+    if (m_pieces != 0) {
+        iovec& last = m_piece[m_pieces - 1];
+        if (static_cast<uint8_t*>(last.iov_base) + last.iov_len == place) {
+            last.iov_len += cbBuf;
+            return;
+        }
+    }
+    m_piece[m_pieces++] = {place, cbBuf};
+}
+
+void IFileIOBase::WriteGathered() {
+    if (m_pieces == 0) return;
+    iovec* piece = m_piece.data();
+    iovec* const end = piece + m_pieces;
+    m_pieces = m_copied = 0;  // what fails below is not tried again
+    while (piece != end) {
+        const ssize_t count = piece + 1 == end
+                                  ? write(m_hFile, piece->iov_base, piece->iov_len)
+                                  : writev(m_hFile, piece, static_cast<int>(end - piece));
+        if (count <= 0) FailWrite(__LINE__);
+        auto written = static_cast<size_t>(count);
+        while (piece != end && written >= piece->iov_len) written -= (piece++)->iov_len;
+        if (piece != end) {
+            piece->iov_base = static_cast<uint8_t*>(piece->iov_base) + written;
+            piece->iov_len -= written;
+        }
+    }
+}
+
+void IFileIOBase::EndGather() {
+    m_gathering = false;
+    WriteGathered();
+}
+
+void IFileIOBase::CancelGather() {
+    m_gathering = false;
+    m_pieces = m_copied = 0;
+}
+
+void IFileIOBase::Read(void* pbBuf, uint32_t cbBuf) {
+    auto* next = static_cast<uint8_t*>(pbBuf);
+    uint32_t left = cbBuf;
+    while (left != 0) {
+        const ssize_t count = read(m_hFile, next, left);
+        if (count <= 0) FailRead(__LINE__);
+        next += count;
+        left -= static_cast<uint32_t>(count);
+    }
+}
+
+// CFileWriter
+
+mp4_status_t CFileWriter::Init(const wchar_t* pFilePath, uint32_t, uint32_t) {
+    const size_t length = std::wcstombs(nullptr, pFilePath, kMaxPath);
+    if (length == static_cast<size_t>(-1)) {
+        zv_log_error("wcstombs failed", kSource, __LINE__, "Init");
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    if (length >= kMaxPath - 1) {
+        zv_log_error("file path reach the max path size 1024", kSource, __LINE__, "Init");
+        return MP4_STATUS_FILE_NAME_TOO_LONG;
+    }
+    char path[kMaxPath] = {};
+    std::wcstombs(path, pFilePath, kMaxPath);
+    const int file = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK, 0644);
+    if (file < 0) {
+        const int code = errno;
+        zv_log_error("open file '%s' failed, error:%d", kSource, __LINE__, "Init", path, code);
+        return kx_mp4_exception::convert_error(code);
+    }
+    m_hFile = file;
+    m_status = IO_VALID;
+    return MP4_STATUS_SUCCESS;
+}
+
+// CBufferIO
+
+CBufferIO::~CBufferIO() { Release(); }
+
+void CBufferIO::Release() {
+    std::free(m_pbBuffer);
+    m_pbBuffer = nullptr;
+    m_cbBuffer = m_nEnd = m_nOffset = 0;
+}
+
+void CBufferIO::Init(IBaseIO* pSinkWriter) {
+    Release();
+    m_pSinkWriter = pSinkWriter;
+    m_status = IO_VALID;
+}
+
+void CBufferIO::Init(IBaseIO* pSinkWriter, uint32_t size) {
+    Init(pSinkWriter);
+    m_pbBuffer = static_cast<uint8_t*>(std::malloc(size));
+    if (m_pbBuffer == nullptr && size != 0) FailWrite(__LINE__);
+    m_cbBuffer = size;
+}
+
+bool CBufferIO::Uninit() {
+    m_status = IO_UNINIT;
+    Release();
+    return true;
+}
+
+void CBufferIO::Seek(int64_t offset, int origin) {
+    const auto end = static_cast<int64_t>(m_nEnd);
+    int64_t base = 0;
+    switch (origin) {
+        case SEEK_SET: break;
+        case SEEK_CUR: base = static_cast<int64_t>(m_nOffset); break;
+        case SEEK_END: base = end; break;
+        default: return;
+    }
+    // Both sides stay within 0 .. end, so neither can overflow whatever the offset is.
+    if (offset < -base || offset > end - base) FailSeek(__LINE__);
+    m_nOffset = static_cast<uint64_t>(base + offset);
+}
+
+void CBufferIO::Flush() {
+    if (m_pSinkWriter == nullptr) return;
+    m_pSinkWriter->WriteBuf(m_pbBuffer, static_cast<uint32_t>(m_nEnd));
+    Clear();
+}
+
+void CBufferIO::FlushEx() {
+    if (m_pSinkWriter == nullptr || m_nEnd == 0) return;
+    m_pSinkWriter->WriteBuf(m_pbBuffer, static_cast<uint32_t>(m_nEnd));
+}
+
+void CBufferIO::Read(void* pbBuf, uint32_t cbBuf) {
+    if (m_nOffset + cbBuf > m_nEnd) FailRead(__LINE__);
+    if (cbBuf == 0) return;
+    std::memcpy(pbBuf, m_pbBuffer + m_nOffset, cbBuf);
+    m_nOffset += cbBuf;
+}
+
+void CBufferIO::Write(const void* pbBuf, uint32_t cbBuf) {
+    EnsureSize(cbBuf, false);
+    if (cbBuf == 0) return;
+    std::memcpy(m_pbBuffer + m_nOffset, pbBuf, cbBuf);
+    m_nOffset += cbBuf;
+    UpdateEnd();
+}
+
+void CBufferIO::EnsureSize(uint32_t cbBuf, bool precise) {
+    constexpr uint64_t kGranule = 1024;
+    const uint64_t need = m_nOffset + cbBuf;
+    if (m_cbBuffer >= need) return;
+    const uint64_t wanted = precise ? need : need * 2;
+    const uint64_t capacity = (wanted + kGranule - 1) & ~(kGranule - 1);
+    void* block = nullptr;
+    if (capacity <= UINT32_MAX) {
+        block = std::realloc(m_pbBuffer, capacity);
+    } else {
+        errno = ENOMEM;  // sizes in this format are 32-bit: a larger buffer could not be written
+    }
+    if (block == nullptr) {
+        Release();
+        FailWrite(__LINE__);
+    }
+    m_pbBuffer = static_cast<uint8_t*>(block);
+    m_cbBuffer = capacity;
+}
+
+// ExternalWriter
+
+mp4_status_t ExternalWriter::Init(const wchar_t* pFilePath, uint32_t nBlockSize,
+                                  uint32_t nBufferBlocks) {
+    if (m_pFunc == nullptr || m_pFunc->init == nullptr) return MP4_STATUS_INVALID_PARAMETER;
+    if (!m_pFunc->init(&m_handle, pFilePath, nBlockSize, nBufferBlocks))
+        return MP4_STATUS_EXTERNAL_FUNC_FAILED;
+    m_status = IO_VALID;
+    return MP4_STATUS_SUCCESS;
+}
+
+bool ExternalWriter::Uninit() {
+    m_status = IO_UNINIT;
+    if (m_pFunc == nullptr) return false;
+    m_pFunc->uninit(m_handle);
+    m_handle = nullptr;
+    m_pFunc = nullptr;
+    return true;
+}
+
+uint64_t ExternalWriter::Ftell() { return m_pFunc == nullptr ? 0 : m_pFunc->tell(m_handle); }
+
+void ExternalWriter::Seek(int64_t offset, int origin) {
+    if (m_pFunc != nullptr) m_pFunc->seek(m_handle, offset, origin);
+}
+
+void ExternalWriter::Flush() {
+    if (m_pFunc != nullptr) m_pFunc->flush(m_handle);
+}
+
+void ExternalWriter::Read(void* pbBuf, uint32_t cbBuf) {
+    if (m_pFunc != nullptr && m_pFunc->read(m_handle, pbBuf, cbBuf) != 1) FailRead(__LINE__);
+}
+
+void ExternalWriter::Write(const void* pbBuf, uint32_t cbBuf) {
+    if (m_pFunc != nullptr && m_pFunc->write(m_handle, pbBuf, cbBuf) != 1) FailWrite(__LINE__);
+}

@@ -1,0 +1,249 @@
+/// @file
+/// Byte I/O: the stream contract of every writer and buffer, the POSIX file writer, the growable
+/// memory stream and the writer over the caller's callbacks.
+#ifndef KX_MP4_BASEIO_H
+#define KX_MP4_BASEIO_H
+
+#include <sys/uio.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include "FourCC.h"
+#include "defines.h"
+#include "kx_mp4/kx_mp4.h"
+
+/// State of a stream. Note that the usable state is -1.
+typedef enum _IO_STATUS : int32_t {
+    IO_VALID = -1,   ///< Usable.
+    IO_UNINIT = 0,   ///< Constructed or closed.
+    IO_IN_ERROR = 1  ///< An operation failed; writes are dropped until the stream is closed.
+} IO_STATUS;
+
+/// A byte stream. Integers are written big-endian, each with one Write.
+///
+/// A failed operation puts the stream in #IO_IN_ERROR, keeps the error number, prints one line on
+/// standard output and throws kx_mp4_exception. Writes to a stream that is not #IO_VALID are
+/// dropped without a word: the failure has been thrown once already.
+///
+/// Not thread safe: a stream belongs to one muxer and is used under that muxer's lock.
+class IBaseIO {
+public:
+    IBaseIO() = default;
+    virtual ~IBaseIO() = default;
+    IBaseIO(const IBaseIO&) = delete;
+    IBaseIO& operator=(const IBaseIO&) = delete;
+
+    /// Closes the stream.
+    virtual bool Uninit() = 0;
+    /// Current position in bytes.
+    virtual uint64_t Ftell() = 0;
+    /// Moves the position; `origin` is SEEK_SET (0), SEEK_CUR (1) or SEEK_END (2).
+    virtual void Seek(int64_t offset, int origin) = 0;
+    /// Pushes what was written to where it goes.
+    virtual void Flush() = 0;
+    /// Whether the position lies in memory.
+    virtual bool IsInBuffer(int64_t offset, int origin) = 0;
+    /// Size of the output; 0 in every writer.
+    virtual uint64_t GetFileSize() { return 0; }
+
+    bool IsValid() const { return m_status == IO_VALID; }
+    /// The error number of the last failure as a status.
+    mp4_status_t get_error_code() const { return kx_mp4_exception::convert_error(m_err_code); }
+
+    void WriteBuf(const void* pbBuf, uint32_t cbBuf) {
+        if (IsValid()) Write(pbBuf, cbBuf);
+    }
+    void WriteInt8(uint8_t nValue) { WriteBigEndian<1>(nValue); }
+    void WriteInt16(uint16_t nValue) { WriteBigEndian<2>(nValue); }
+    /// Writes the low three bytes.
+    void WriteInt24(uint32_t nValue) { WriteBigEndian<3>(nValue); }
+    void WriteInt32(uint32_t nValue) { WriteBigEndian<4>(nValue); }
+    void WriteInt64(uint64_t nValue) { WriteBigEndian<8>(nValue); }
+    void WriteTag(FourCC tag) { WriteBuf(tag.data(), sizeof tag); }
+
+    // The mirror of the writers. A stream that is not valid reads zeros.
+    void ReadBuf(void* pbBuf, uint32_t cbBuf);
+    uint8_t ReadUint8() { return static_cast<uint8_t>(ReadBigEndian<1>()); }
+    uint16_t ReadUint16() { return static_cast<uint16_t>(ReadBigEndian<2>()); }
+    uint32_t ReadUint24() { return static_cast<uint32_t>(ReadBigEndian<3>()); }
+    uint32_t ReadUint32() { return static_cast<uint32_t>(ReadBigEndian<4>()); }
+    uint64_t ReadUint64() { return ReadBigEndian<8>(); }
+
+protected:
+    /// Reads exactly `cbBuf` bytes.
+    virtual void Read(void* pbBuf, uint32_t cbBuf) = 0;
+    /// Writes exactly `cbBuf` bytes.
+    virtual void Write(const void* pbBuf, uint32_t cbBuf) = 0;
+
+    /// The one way a stream fails: state, error number, a line on standard output, exception.
+    [[noreturn]] void FailSeek(int line);
+    [[noreturn]] void FailWrite(int line);
+    [[noreturn]] void FailRead(int line);
+
+    IO_STATUS m_status = IO_UNINIT;
+    int m_err_code = 0;
+
+private:
+    int EnterError();
+
+    template <size_t Width>
+    void WriteBigEndian(uint64_t nValue) {
+        uint8_t bytes[Width];
+        for (size_t i = 0; i < Width; ++i)
+            bytes[i] = static_cast<uint8_t>(nValue >> (8 * (Width - 1 - i)));
+        WriteBuf(bytes, Width);
+    }
+
+    template <size_t Width>
+    uint64_t ReadBigEndian() {
+        uint8_t bytes[Width];
+        ReadBuf(bytes, Width);
+        uint64_t value = 0;
+        for (const uint8_t byte : bytes) value = value << 8 | byte;
+        return value;
+    }
+};
+
+/// The contract on a POSIX file descriptor. Destroying an open writer closes its file.
+///
+/// What is written between BeginGather and EndGather reaches the file with as few system calls as
+/// the system allows, complete and in order when EndGather returns. Small pieces are copied;
+/// for large ones the caller's bytes must stay as they are until then.
+class IFileIOBase : public IBaseIO {
+public:
+    ~IFileIOBase() override;
+
+    virtual mp4_status_t Init(const wchar_t* pFilePath, uint32_t nBlockSize,
+                              uint32_t nBufferBlocks) = 0;
+
+    bool Uninit() override;
+    uint64_t Ftell() override;
+    void Seek(int64_t offset, int origin) override;
+    void Flush() override;
+    bool IsInBuffer(int64_t, int) override { return true; }
+
+    void BeginGather() { m_gathering = true; }
+    /// Writes what was gathered; fails as a Write fails.
+    void EndGather();
+    /// Ends gathering and forgets what has not been written.
+    void CancelGather();
+
+protected:
+    void Read(void* pbBuf, uint32_t cbBuf) override;
+    void Write(const void* pbBuf, uint32_t cbBuf) override;
+
+    int m_hFile = -1;
+
+private:
+    /// Pieces up to this size are copied, so that neighbours become one piece.
+    static constexpr uint32_t kCopyLimit = 512;
+    static constexpr size_t kCopyRoom = 4096;
+    static constexpr size_t kMaxPieces = 128;
+
+    void Gather(const void* pbBuf, uint32_t cbBuf);
+    void WriteGathered();
+    void WriteAll(const void* pbBuf, uint32_t cbBuf);
+
+    bool m_gathering = false;
+    size_t m_pieces = 0;
+    size_t m_copied = 0;
+    std::array<iovec, kMaxPieces> m_piece;
+    std::array<uint8_t, kCopyRoom> m_copy;
+};
+
+/// A new or truncated file, named by a wide-character path that the current locale can convert.
+class CFileWriter : public IFileIOBase {
+public:
+    /// Opens the file write-only, without blocking, mode 0644. Block size and count are not used.
+    /// @return #MP4_STATUS_INVALID_PARAMETER when the locale cannot convert the path,
+    ///         #MP4_STATUS_FILE_NAME_TOO_LONG past 1022 bytes, or the status of a failed open.
+    mp4_status_t Init(const wchar_t* pFilePath, uint32_t nBlockSize,
+                      uint32_t nBufferBlocks) override;
+};
+
+/// A growable memory stream. Flush empties it into its sink, FlushEx copies it there.
+///
+/// Invariant: position <= end <= capacity. Sizes are 32-bit: a buffer stays below 4 GiB.
+class CBufferIO : public IBaseIO {
+public:
+    ~CBufferIO() override;
+
+    /// Becomes usable and empty, without storage; the first write allocates. The sink is borrowed
+    /// and may be null.
+    void Init(IBaseIO* pSinkWriter);
+    /// The same with a capacity of `size` bytes. Fails like EnsureSize.
+    void Init(IBaseIO* pSinkWriter, uint32_t size);
+
+    bool Uninit() override;
+    uint64_t Ftell() override { return m_nOffset; }
+    /// Moves within the valid bytes only.
+    void Seek(int64_t offset, int origin) override;
+    /// Hands the bytes to the sink and empties the buffer; capacity stays.
+    void Flush() override;
+    /// Hands the bytes to the sink and keeps them.
+    void FlushEx();
+    /// Forgets the bytes; capacity stays.
+    void Clear() { m_nOffset = m_nEnd = 0; }
+    bool IsInBuffer(int64_t, int) override { return true; }
+
+    /// Makes room for `cbBuf` bytes from the position on: to the KiB when `precise`, else doubled.
+    virtual void EnsureSize(uint32_t cbBuf, bool precise);
+
+    uint64_t GetSize() const { return m_nEnd; }
+    uint64_t GetCapabilitySize() const { return m_cbBuffer; }
+    uint8_t* GetBuffer() { return m_pbBuffer; }
+    /// Replaces the sink.
+    void SetSink(IBaseIO* pSinkWriter) { m_pSinkWriter = pSinkWriter; }
+
+protected:
+    void Read(void* pbBuf, uint32_t cbBuf) override;
+    void Write(const void* pbBuf, uint32_t cbBuf) override;
+    void UpdateEnd() {
+        if (m_nOffset > m_nEnd) m_nEnd = m_nOffset;
+    }
+
+private:
+    void Release();
+
+    uint8_t* m_pbBuffer = nullptr;  // malloc'ed: realloc moves large blocks without copying
+    uint64_t m_cbBuffer = 0;
+    uint64_t m_nEnd = 0;
+    uint64_t m_nOffset = 0;
+    IBaseIO* m_pSinkWriter = nullptr;
+};
+
+/// A writer that is opened by a path.
+class IFileIO : public IBaseIO {
+public:
+    virtual mp4_status_t Init(const wchar_t* pFilePath, uint32_t nBlockSize,
+                              uint32_t nBufferBlocks) = 0;
+};
+
+/// The contract over the caller's callbacks. The record is borrowed until Uninit.
+class ExternalWriter : public IFileIO {
+public:
+    explicit ExternalWriter(mp4_file_io_func_t* pFunc) : m_pFunc(pFunc) {}
+
+    /// @return #MP4_STATUS_INVALID_PARAMETER without callbacks, #MP4_STATUS_EXTERNAL_FUNC_FAILED
+    ///         when the `init` callback refuses.
+    mp4_status_t Init(const wchar_t* pFilePath, uint32_t nBlockSize,
+                      uint32_t nBufferBlocks) override;
+    /// Calls `uninit` once; the writer cannot be used again. False when it was closed already.
+    bool Uninit() override;
+    uint64_t Ftell() override;
+    void Seek(int64_t offset, int origin) override;
+    void Flush() override;
+    bool IsInBuffer(int64_t, int) override { return false; }
+
+protected:
+    void Read(void* pbBuf, uint32_t cbBuf) override;
+    void Write(const void* pbBuf, uint32_t cbBuf) override;
+
+private:
+    mp4_file_io_func_t* m_pFunc;
+    kx_mp4_handle m_handle = nullptr;
+};
+
+#endif  // KX_MP4_BASEIO_H

@@ -1,0 +1,78 @@
+/// @file
+/// HEVC parameter sets (ITU-T H.265, 7.3.2 and Annex E) and the decoder configuration record that
+/// is made of them (ISO/IEC 14496-15, 8.3.3.1).
+#ifndef KX_MP4_PARSEHEVC_H
+#define KX_MP4_PARSEHEVC_H
+
+#include <cstdint>
+#include <vector>
+
+/// nal_unit_type values that the configuration record is about.
+enum NALUnitType {
+    NAL_VPS = 32,
+    NAL_SPS = 33,
+    NAL_PPS = 34,
+};
+
+/// One parameter set; the bytes are borrowed.
+struct HVCCNALUnit {
+    uint16_t len;
+    const uint8_t* nal;
+};
+
+/// The parameter sets of one type.
+struct HVCCNALUnitArray {
+    uint8_t array_completeness;  // 1 bit
+    uint8_t NAL_unit_type;       // 6 bits
+    std::vector<HVCCNALUnit> Nalus;
+};
+
+typedef std::vector<HVCCNALUnitArray> ARR_HVCCNALUnitArray;
+
+/// HEVCDecoderConfigurationRecord of ISO/IEC 14496-15, 8.3.3.1.2, field by field.
+struct HEVCDecoderConfigurationRecord {
+    uint8_t configurationVersion;
+    uint8_t general_profile_space;                // 2 bits
+    uint8_t general_tier_flag;                    // 1 bit
+    uint8_t general_profile_idc;                  // 5 bits
+    uint32_t general_profile_compatibility_flags;
+    uint64_t general_constraint_indicator_flags;  // 48 bits
+    uint8_t general_level_idc;
+    uint16_t min_spatial_segmentation_idc;        // 12 bits
+    uint8_t parallelismType;                      // 2 bits
+    uint8_t chromaFormat;                         // 2 bits
+    uint8_t bitDepthLumaMinus8;                   // 3 bits
+    uint8_t bitDepthChromaMinus8;                 // 3 bits
+    uint16_t avgFrameRate;
+    uint8_t constantFrameRate;                    // 2 bits
+    uint8_t numTemporalLayers;                    // 3 bits
+    uint8_t temporalIdNested;                     // 1 bit
+    uint8_t lengthSizeMinusOne;                   // 2 bits
+    ARR_HVCCNALUnitArray array;
+};
+
+/// Reads parameter sets into a configuration record.
+///
+/// The sets are given in the order VPS, SPS, PPS. A set that is cut off or hostile is refused;
+/// nothing is read past its end. The record refers to the sets' bytes, which must outlive it.
+class CHevcParser {
+public:
+    CHevcParser();
+
+    /// Parses one NAL unit without start code, beginning with its two-byte header, merges what it
+    /// says into the record and adds it to the array of its type. False when it cannot be parsed
+    /// or is not a parameter set; the record is then unchanged.
+    bool ParseNAL(const uint8_t* pbNal, int cbNal);
+
+    /// Completes the record before it is written: clamps and defaults of the fields that no set
+    /// gave, 4-byte lengths, complete arrays.
+    void Finish();
+
+    /// The record, owned by the parser.
+    HEVCDecoderConfigurationRecord* GetInfo() { return &m_info; }
+
+private:
+    HEVCDecoderConfigurationRecord m_info{};
+};
+
+#endif  // KX_MP4_PARSEHEVC_H
