@@ -165,15 +165,7 @@ protected:
         }
     }
 
-    /// Size of a box by its list of fields.
-    template <class Box>
-    static uint32_t SizeByFields(const Box& box) {
-        ByteCounter counter;
-        box.Put(counter);
-        return counter.size();
-    }
-
-    /// Rewrites a time field of a box that lies at `position` in the file.
+    /// Writes a time field of this box again, which lies at `position` in the file.
     void RewriteTime(int64_t position, bool use64bitTime, int64_t value);
 
     IBaseIO* m_pWriter;
@@ -181,6 +173,86 @@ protected:
 
 private:
     void CheckSize(int64_t written);
+};
+
+/// Size of whatever `put` writes.
+template <class PutFields>
+uint32_t CountBytes(PutFields&& put) {
+    ByteCounter counter;
+    put(counter);
+    return counter.size();
+}
+
+/// A box that is one list of fields, `template <class Out> void Put(Out& out) const`.
+template <class Box>
+class CMp4FieldsAtom : public CMp4Atom {
+public:
+    using CMp4Atom::CMp4Atom;
+
+    uint32_t GetSize() override {
+        return CountBytes([this](auto& out) { Self().Put(out); });
+    }
+
+protected:
+    const Box& Self() const { return static_cast<const Box&>(*this); }
+};
+
+/// Fields into the buffer, size patched there, one write.
+template <class Box>
+class CMp4LeafAtom : public CMp4FieldsAtom<Box> {
+public:
+    using CMp4FieldsAtom<Box>::CMp4FieldsAtom;
+
+    void Write() override { this->WriteLeaf(this->Self()); }
+};
+
+/// Fields straight to the writer; the list holds the true size.
+template <class Box>
+class CMp4ConstantAtom : public CMp4FieldsAtom<Box> {
+public:
+    using CMp4FieldsAtom<Box>::CMp4FieldsAtom;
+
+    void Write() override { this->Self().Put(*this->m_pWriter); }
+};
+
+/// Fields straight to the writer, size patched there.
+template <class Box>
+class CMp4DirectAtom : public CMp4FieldsAtom<Box> {
+public:
+    using CMp4FieldsAtom<Box>::CMp4FieldsAtom;
+
+    void Write() override {
+        const int64_t start = this->WriterPos();
+        this->Self().Put(*this->m_pWriter);
+        this->UpdateSize(start, true);
+    }
+};
+
+/// Sum of the sizes of what `forEachChild` visits.
+template <class ForEachChild>
+uint32_t SizeOfChildren(ForEachChild&& forEachChild) {
+    uint32_t size = 0;
+    forEachChild([&size](auto& child) { size += child.GetSize(); });
+    return size;
+}
+
+/// A plain container: a header and the children that `template <class F> void ForEachChild(F&& f)`
+/// lists in their order.
+template <class Box>
+class CMp4ContainerAtom : public CMp4Atom {
+public:
+    using CMp4Atom::CMp4Atom;
+
+    void Write() override {
+        WriteContainer(Box::kType, [this] {
+            static_cast<Box&>(*this).ForEachChild([](auto& child) { child.Write(); });
+        });
+    }
+    uint32_t GetSize() override {
+        return kBoxHeaderSize + SizeOfChildren([this](auto&& visit) {
+                   static_cast<Box&>(*this).ForEachChild(visit);
+               });
+    }
 };
 
 #endif  // KX_MP4_ATOM_H

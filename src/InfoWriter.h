@@ -119,6 +119,7 @@ private:
     mp4_status_t Record(Body&& writeBody);
     void WriteString(const char* text, uint32_t size);
     void WriteParameterSet(const uint8_t* set, int16_t size);
+    void WriteTimedFrame(uint8_t type, int cbFrame, int64_t nTimeStamp);
 
     CFileWriter m_writer;
     uint32_t m_video_num = 0;

@@ -121,7 +121,8 @@ public:
     /// @param pData  For #MP4_META_DATA_TYPE_STRING a C string, else `size` bytes.
     /// @param key_namespace  Four bytes, padded with zeros; null means "mdta".
     /// @return #MP4_STATUS_INVALID_PARAMETER for a null key or value, raw data or an integer of
-    ///         size 0, an integer shorter than 4 bytes, an unknown type.
+    ///         size 0, an integer shorter than 4 bytes. An item of an unknown type is taken, but
+    ///         logged and left out when the file is finished.
     mp4_status_t SetMetadata(const char* pKey, const char* pData, uint32_t size,
                              mp4_meta_data_type_t type, const char* key_namespace);
 
@@ -157,27 +158,92 @@ public:
     mp4_status_t WriteTimeCode(int nTimeCode);
 
 private:
-    template <class Operation>
-    mp4_status_t Guarded(Operation&& operation, const char* function);
+    /// Bytes of one frame that is written piece by piece reach a file in as few calls as possible.
+    class GatheredWrite;
+
     void ResetFileState();
     mp4_status_t OpenRepairInfo(const wchar_t* pFilePath, uint32_t flags);
     mp4_status_t OpenWriter(const wchar_t* pFilePath, const mp4_config_t& config);
+    mp4_status_t OpenFileWriter(const wchar_t* pFilePath);
+    mp4_status_t OpenExternalWriter(const wchar_t* pFilePath, mp4_file_io_func_t* pFunc);
     void CreateBoxes(uint32_t flags);
     mp4_status_t NotOpenAnswer(int line, const char* function);
 
     mp4_status_t WriteHeader();
+    mp4_status_t WriteHeaderBoxes();
     mp4_status_t EnsureHeader();
-    mp4_status_t FinishMovie();
+    bool FinishMovie(mp4_status_t* status);
+    void ReleaseBoxes();
     void RemoveInfoFile();
-
-    /// Writes the header if the repair info file is on and then the record.
+    /// Writes the header if need be and then the record, when the repair info file is on.
     template <class Record>
     mp4_status_t RecordInRepairInfo(Record&& record);
 
-    bool GetVideoCodecData(CVideoFrameParser& frame);
+    void KeepGivenParameterSets();
+    bool GetVideoCodecData(const CVideoFrameParser& frame);
+    void TakeParameterSet(const VIDEO_SLICE& unit);
 
-    IBaseIO* m_pWriter = nullptr;
+    /// What every frame writer asks before it looks at its frame.
+    mp4_status_t CheckRecording(int line, const char* function);
+    mp4_status_t CheckSampleSize(uint64_t bytes, const char* function);
+    /// Whether the file can describe a sample of this many bytes; logs when it cannot.
+    bool HasRoomInFile(uint64_t bytes, const char* function);
+    /// Takes note of a sample whose bytes are in the output: in the movie box (`index`, false when
+    /// it refuses), in the repair info file (`record`), in the next sample's offset.
+    template <class Index, class Record>
+    mp4_status_t AddSample(int bytes, Index&& index, Record&& record);
+
+    mp4_status_t CheckVideoFrame(bool parsed);
+    mp4_status_t AppendVideoFrame(const uint8_t* buf, uint32_t size,
+                                  const CVideoFrameParser& frame, uint64_t pts, uint64_t dts);
+    void WriteNalUnits(const CVideoFrameParser& frame);
+    bool HasSyncSlice(const CVideoFrameParser& frame) const;
+    void UpdateReservedHeader(uint64_t sizeBefore);
+
+    mp4_status_t SetAudioTrackFromAdts(const uint8_t* header, bool isAdts);
+    mp4_status_t AppendAudioFrame(const uint8_t* sample, uint32_t size, uint64_t timestamp);
+
+    mp4_status_t AppendCaption(const uint8_t* buf, uint32_t size, uint64_t timestamp);
+    bool WriteCC608(const uint8_t* p_frame, uint32_t frame_len, uint32_t* p_write_len);
+    bool WriteCC708(const uint8_t* p_frame, uint32_t frame_len, uint32_t* p_write_len);
+
+    std::unique_ptr<IBaseIO> m_pWriter;
     bool m_safeWrite = false;
+    uint32_t m_maxDuration = 0;
+    uint32_t m_gop_size = 0;
+    uint32_t m_safeWriteFrameNum = 0;
+    uint32_t m_safeUpdateInterval = 0;
+    uint32_t m_videoFrameNum = 0;
+    uint32_t m_lastWriteVideoFrameNum = 0;
+    CInfoWriter m_infoWriter;
+    wchar_t m_strInfoFilePath[1024] = {};
+    wchar_t m_pwszFilePath[1024] = {};
+    int64_t m_nCurFileSize = 0;
+    mp4_video_track_info_t m_videoTrack{};
+    bool m_videoHasCodecData = true;
+    mp4_audio_track_info_t m_audioTrack{};
+    bool m_audioHasCodecData = false;
+    mp4_subtitle_track_info_t m_subtitleTrack{};
+    std::unique_ptr<CMp4FtypAtom> m_ftyp;
+    std::unique_ptr<CMp4FreeAtom> m_free;
+    std::unique_ptr<CMp4MdatAtom> m_mdat;
+    std::unique_ptr<CMp4MoovAtom> m_moov;
+    std::unique_ptr<CBufferIO> m_headerWriter;
+    bool m_fastHeaderWrite = false;
+    std::unique_ptr<IVideoNalParser> m_pVideoNalParser;
+    CMLock m_lockWrite;
+    bool m_bIsQtFile = false;
+    bool m_writeHeader = false;
+
+    IFileIOBase* m_gatheringWriter = nullptr;  // m_pWriter in file mode, else null
+    uint32_t m_unindexedBytes = 0;             // in the output behind m_nCurFileSize
+    bool m_hasSamples = false;
+    bool m_indexLost = false;
+    bool m_compositionOffsets = false;
+    // Parameter sets that are waiting for the rest of their kind.
+    std::vector<uint8_t> m_vps;
+    std::vector<uint8_t> m_sps;
+    std::vector<uint8_t> m_pps;
 };
 
 #endif  // KX_MP4_MP4MUXER_H

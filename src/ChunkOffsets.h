@@ -1,0 +1,46 @@
+/// @file
+/// A track's chunk offsets: 32-bit ('stco') until 64-bit ones are asked for ('co64').
+#ifndef KX_MP4_CHUNKOFFSETS_H
+#define KX_MP4_CHUNKOFFSETS_H
+
+#include "co64.h"
+#include "stco.h"
+
+class ChunkOffsets {
+public:
+    explicit ChunkOffsets(IBaseIO* pWriter) : m_stco(pWriter), m_co64(pWriter) {}
+
+    /// Moves to 64-bit offsets and carries the recorded ones over. Comes before SetMaxFrame:
+    /// reserved room cannot move.
+    void SetUse64BitSize();
+
+    /// Records a position, without SetUse64BitSize modulo 2^32; false when a reservation is full.
+    bool AddChunk(int64_t nOffset) {
+        return m_bUse64BitSize ? m_co64.AddChunk(nOffset)
+                               : m_stco.AddChunk(static_cast<int32_t>(Low32(nOffset)));
+    }
+    void SetMaxFrame(uint32_t num) {
+        m_bUse64BitSize ? m_co64.SetMaxFrame(num) : m_stco.SetMaxFrame(num);
+    }
+    void Update() { m_bUse64BitSize ? m_co64.Update() : m_stco.Update(); }
+    void Write() { Selected().Write(); }
+    uint32_t GetSize() { return Selected().GetSize(); }
+
+private:
+    CMp4Atom& Selected() {
+        if (m_bUse64BitSize) return m_co64;
+        return m_stco;
+    }
+
+    bool m_bUse64BitSize = false;
+    CMp4StcoAtom m_stco;
+    CMp4Co64Atom m_co64;
+};
+
+inline void ChunkOffsets::SetUse64BitSize() {
+    if (m_bUse64BitSize) return;
+    m_bUse64BitSize = true;
+    m_stco.ForEachChunk([this](uint32_t offset) { m_co64.AddChunk(offset); });
+}
+
+#endif  // KX_MP4_CHUNKOFFSETS_H

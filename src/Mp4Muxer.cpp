@@ -1,0 +1,1028 @@
+#include "Mp4Muxer.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <cwchar>
+#include <iterator>
+#include <utility>
+
+#include "AudioES.h"
+#include "ParseHevc.h"
+#include "ctts.h"
+#include "free.h"
+#include "ftyp.h"
+#include "mdat.h"
+#include "moov.h"
+#include "zv_log.h"
+
+namespace {
+
+constexpr const char* kSource = "src/Mp4Muxer";
+constexpr wchar_t kInfoExtension[] = L".info";
+constexpr uint32_t kNalLengthSize = 4;
+constexpr uint8_t kH264Sps = 7;
+constexpr uint8_t kH264Pps = 8;
+constexpr uint32_t kAdtsHeaderSize = 7;
+
+// The caller's caption packets: mark, kind, number, data.
+constexpr uint32_t kCaptionHeaderSize = 3;
+constexpr uint8_t kCaptionMark = 0x61;
+constexpr uint8_t kCaptionMark608 = 0x02;
+constexpr uint8_t kCaptionMark708 = 0x01;
+constexpr uint8_t kCaptionAtomSize = 10;
+
+/// A status for whatever an operation throws: nothing escapes the public interface.
+template <class Operation>
+mp4_status_t Guarded(Operation&& operation) {
+    try {
+        return operation();
+    } catch (const kx_mp4_exception& e) {
+        return e.error();
+    } catch (...) {
+        return MP4_STATUS_UNEXPECTED_ERROR;
+    }
+}
+
+/// The same for the write of a sample's bytes, with a log line for what is not an I/O failure.
+template <class Write, class LogUnexpected>
+mp4_status_t WriteBytes(Write&& write, LogUnexpected&& logUnexpected) {
+    try {
+        write();
+        return MP4_STATUS_SUCCESS;
+    } catch (const kx_mp4_exception& e) {
+        return e.error();
+    } catch (...) {
+        logUnexpected();
+        return MP4_STATUS_UNEXPECTED_ERROR;
+    }
+}
+
+bool HasAllCallbacks(const mp4_file_io_func_t& func) {
+    return func.init != nullptr && func.uninit != nullptr && func.tell != nullptr &&
+           func.seek != nullptr && func.flush != nullptr && func.write != nullptr;
+}
+
+/// Makes "not given" one thing: no pointer and no size. False for a negative size.
+bool NormaliseParameterSet(const uint8_t** set, int16_t* size) {
+    if (*size < 0) return false;
+    if (*set == nullptr) *size = 0;
+    if (*size == 0) *set = nullptr;
+    return true;
+}
+
+bool NormaliseParameterSets(mp4_video_track_info_t* info) {
+    switch (info->codec) {
+        case MP4_MVC_H264:
+            return NormaliseParameterSet(&info->h264.sps, &info->h264.sps_size) &&
+                   NormaliseParameterSet(&info->h264.pps, &info->h264.pps_size);
+        case MP4_MVC_HEVC:
+            return NormaliseParameterSet(&info->hevc.vps, &info->hevc.vps_size) &&
+                   NormaliseParameterSet(&info->hevc.sps, &info->hevc.sps_size) &&
+                   NormaliseParameterSet(&info->hevc.pps, &info->hevc.pps_size);
+        default: return true;
+    }
+}
+
+bool HasCodecData(const mp4_video_track_info_t& info) {
+    switch (info.codec) {
+        case MP4_MVC_H264: return info.h264.sps_size != 0 && info.h264.pps_size != 0;
+        case MP4_MVC_HEVC:
+            return info.hevc.pps_size != 0 && info.hevc.sps_size != 0 && info.hevc.vps_size != 0;
+        default: return true;
+    }
+}
+
+/// Keeps a copy of a parameter set and points the description at it.
+void KeepParameterSet(const uint8_t* bytes, size_t size, std::vector<uint8_t>* kept,
+                      const uint8_t** set, int16_t* setSize) {
+    if (size == 0) return;
+    kept->assign(bytes, bytes + size);
+    *set = kept->data();
+    *setSize = static_cast<int16_t>(size);
+}
+
+std::unique_ptr<IVideoNalParser> NalParserOf(mp4_video_codec codec) {
+    switch (codec) {
+        case MP4_MVC_H264: return std::make_unique<CH264Nal>();
+        case MP4_MVC_HEVC: return std::make_unique<CHevcNal>();
+        default: return nullptr;
+    }
+}
+
+/// Bytes of the NAL units, each behind its length.
+uint64_t LengthPrefixedSize(const CVideoFrameParser& frame) {
+    uint64_t size = 0;
+    for (const VIDEO_SLICE& unit : frame)
+        size += kNalLengthSize + static_cast<uint64_t>(unit.cbData);
+    return size;
+}
+
+bool HasAdtsHeader(const uint8_t* buf, uint32_t size) {
+    return size > kAdtsHeaderSize && buf[0] == 0xFF && (buf[1] & 0xF0) == 0xF0;
+}
+
+/// Upper bound of what a caption packet of this many bytes becomes.
+uint64_t LargestCaptionSample(uint32_t packetSize) {
+    return uint64_t{packetSize / 3} * kCaptionAtomSize + kBoxHeaderSize;
+}
+
+unsigned long long Elapsed(int64_t start) {
+    return static_cast<unsigned long long>(GetTimeTick() - start);
+}
+
+}  // namespace
+
+class CMp4Muxer::GatheredWrite {
+public:
+    explicit GatheredWrite(IFileIOBase* writer) : m_writer(writer) {
+        if (m_writer != nullptr) m_writer->BeginGather();
+    }
+    ~GatheredWrite() {
+        if (m_writer != nullptr) m_writer->CancelGather();
+    }
+    GatheredWrite(const GatheredWrite&) = delete;
+    GatheredWrite& operator=(const GatheredWrite&) = delete;
+
+    /// Hands everything to the system; fails as a write fails.
+    void Finish() {
+        if (m_writer != nullptr) m_writer->EndGather();
+    }
+
+private:
+    IFileIOBase* m_writer;
+};
+
+CMp4Muxer::CMp4Muxer() = default;
+
+CMp4Muxer::~CMp4Muxer() { m_pVideoNalParser = nullptr; }
+
+// Life of a file
+
+mp4_status_t CMp4Muxer::Create(const wchar_t* pFilePath, uint32_t nBlockSize,
+                               uint32_t nBufferBlocks, uint8_t uFlag, mp4_io_mode ioMode,
+                               mp4_file_io_func_t* pFunc) {
+    mp4_config_t config{};
+    config.flags = uFlag;
+    config.io_mode = ioMode;
+    config.direct_io_config = {nBlockSize, nBufferBlocks};
+    config.func = pFunc;
+    return Create(pFilePath, &config);
+}
+
+mp4_status_t CMp4Muxer::Create(const wchar_t* pFilePath, mp4_config_t* config) {
+    if (pFilePath == nullptr || config == nullptr) return MP4_STATUS_INVALID_PARAMETER;
+    if (m_pWriter != nullptr) return MP4_STATUS_DEVICE_OR_RESOURCE_BUSY;
+    return Guarded([&] {
+        ResetFileState();
+        zv_log_info("mp4 flag is %d", kSource, __LINE__, "Create",
+                    static_cast<int>(config->flags));
+        if ((config->flags & MP4_FLAG_SAFE_MODE) != 0)
+            zv_log_warn("safe mode flag already deprecated", kSource, __LINE__, "Create");
+        if ((config->flags & MP4_FLAG_FAST_HEADER_WRITE) != 0) {
+            m_fastHeaderWrite = config->io_mode == MP4_IO_DIRECT;
+            if (m_fastHeaderWrite)
+                zv_log_info("fast header write enabled", kSource, __LINE__, "Create");
+            else
+                zv_log_warn("fast header write flag only valid in direct io mode", kSource,
+                            __LINE__, "Create");
+        }
+        mp4_status_t status = MP4_STATUS_SUCCESS;
+        if ((config->flags & MP4_FLAG_REPAIR_INFO) != 0)
+            status = OpenRepairInfo(pFilePath, config->flags);
+        if (status == MP4_STATUS_SUCCESS) status = OpenWriter(pFilePath, *config);
+        if (status != MP4_STATUS_SUCCESS) {
+            Close();
+            return status;
+        }
+        CreateBoxes(config->flags);
+        return MP4_STATUS_SUCCESS;
+    });
+}
+
+void CMp4Muxer::ResetFileState() {
+    m_videoFrameNum = m_lastWriteVideoFrameNum = 0;
+    m_strInfoFilePath[0] = m_pwszFilePath[0] = L'\0';
+    m_nCurFileSize = 0;
+    m_videoTrack = {};
+    m_videoHasCodecData = true;
+    m_audioTrack = {};
+    m_audioHasCodecData = false;
+    m_subtitleTrack = {};
+    m_fastHeaderWrite = false;
+    m_pVideoNalParser = nullptr;
+    m_bIsQtFile = false;
+    m_writeHeader = false;
+    m_unindexedBytes = 0;
+    m_hasSamples = false;
+    m_indexLost = false;
+    m_compositionOffsets = false;
+}
+
+mp4_status_t CMp4Muxer::OpenRepairInfo(const wchar_t* pFilePath, uint32_t flags) {
+    if (std::wcslen(pFilePath) + std::size(kInfoExtension) > std::size(m_strInfoFilePath))
+        return MP4_STATUS_INVALID_PARAMETER;
+    std::wcscpy(m_strInfoFilePath, pFilePath);
+    std::wcscat(m_strInfoFilePath, kInfoExtension);
+    mp4_status_t status = m_infoWriter.Create(m_strInfoFilePath, 0);
+    if (status != MP4_STATUS_SUCCESS) return status;
+    status = m_infoWriter.WriteFlag(static_cast<uint8_t>(flags & 0xFF));
+    if (status == MP4_STATUS_SUCCESS) return status;
+    m_infoWriter.Close();
+    RemoveInfoFile();
+    return status;
+}
+
+mp4_status_t CMp4Muxer::OpenWriter(const wchar_t* pFilePath, const mp4_config_t& config) {
+    if (std::wcslen(pFilePath) >= std::size(m_pwszFilePath)) {
+        zv_log_error("file path reach the max path size 1024", kSource, __LINE__, "Create");
+        return MP4_STATUS_FILE_NAME_TOO_LONG;
+    }
+    std::wcscpy(m_pwszFilePath, pFilePath);
+    switch (config.io_mode) {
+        case MP4_IO_FILE: return OpenFileWriter(pFilePath);
+        case MP4_IO_EXTERNAL: return OpenExternalWriter(pFilePath, config.func);
+        case MP4_IO_DIRECT:
+            zv_log_error("mac os platform do not support direct io yet", kSource, __LINE__,
+                         "Create");
+            return MP4_STATUS_UNSUPPORTED;
+        case MP4_IO_SAFE_WRITE:
+            zv_log_error("mac os platform do not support safe write mode", kSource, __LINE__,
+                         "Create");
+            return MP4_STATUS_UNSUPPORTED;
+        default: return MP4_STATUS_UNSUPPORTED;
+    }
+}
+
+mp4_status_t CMp4Muxer::OpenFileWriter(const wchar_t* pFilePath) {
+    auto writer = std::make_unique<CFileWriter>();
+    const mp4_status_t status = writer->Init(pFilePath, 0, 0);
+    if (status != MP4_STATUS_SUCCESS) {
+        zv_log_error("init CFileWriter writer failed", kSource, __LINE__, "Create");
+        return status;
+    }
+    m_gatheringWriter = writer.get();
+    m_pWriter = std::move(writer);
+    return MP4_STATUS_SUCCESS;
+}
+
+mp4_status_t CMp4Muxer::OpenExternalWriter(const wchar_t* pFilePath, mp4_file_io_func_t* pFunc) {
+    if (pFunc == nullptr) {
+        zv_log_error("error: pFunc should not be null when use external io mode", kSource,
+                     __LINE__, "Create");
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    auto writer = std::make_unique<ExternalWriter>(pFunc);
+    if (!HasAllCallbacks(*pFunc) || writer->Init(pFilePath, 0, 0) != MP4_STATUS_SUCCESS) {
+        zv_log_error("init external writer failed", kSource, __LINE__, "Create");
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    m_pWriter = std::move(writer);
+    return MP4_STATUS_SUCCESS;
+}
+
+void CMp4Muxer::CreateBoxes(uint32_t flags) {
+    IBaseIO* const writer = m_pWriter.get();
+    m_bIsQtFile = std::wcsstr(m_pwszFilePath, L"mov") != nullptr;
+    m_ftyp = std::make_unique<CMp4FtypAtom>(writer);
+    m_free = std::make_unique<CMp4FreeAtom>(writer);
+    m_mdat = std::make_unique<CMp4MdatAtom>(writer, (flags & MP4_FLAG_64BIT_SIZE) != 0);
+    if (m_fastHeaderWrite) {
+        m_headerWriter = std::make_unique<CBufferIO>();
+        m_headerWriter->Init(writer);
+        m_moov = std::make_unique<CMp4MoovAtom>(m_headerWriter.get(), true, writer);
+    } else {
+        m_moov = std::make_unique<CMp4MoovAtom>(writer, false, nullptr);
+    }
+    if ((flags & MP4_FLAG_64BIT_SIZE) != 0) m_moov->SetUse64bitSize();
+    if ((flags & MP4_FLAG_64BIT_TIME) != 0) m_moov->SetUse64bitTime();
+    m_moov->m_meta.SetIsQtff(true);
+    m_moov->SetIsMp4File(!m_bIsQtFile);
+    m_mdat->SetFreeBoxBefore(!m_bIsQtFile);
+    m_ftyp->SetQt(m_bIsQtFile);
+}
+
+mp4_status_t CMp4Muxer::WriteHeader() {
+    const int64_t start = GetTimeTick();
+    if (m_writeHeader) {
+        zv_log_error("header already write", kSource, __LINE__, "WriteHeader");
+        zv_log_info("write header cost time %llums", kSource, __LINE__, "WriteHeader",
+                    Elapsed(start));
+        return MP4_STATUS_SUCCESS;
+    }
+    mp4_status_t status = WriteHeaderBoxes();
+    if (status != MP4_STATUS_SUCCESS) return status;
+    m_writeHeader = true;
+    // Before the side file, so that a side file that fails here cannot shift the index.
+    m_nCurFileSize = static_cast<int64_t>(m_pWriter->Ftell());
+    if (m_infoWriter.IsOpen()) {
+        status = m_infoWriter.WriteMdatOffset(static_cast<uint32_t>(m_mdat->GetStartPos()));
+        if (status == MP4_STATUS_SUCCESS) status = m_infoWriter.Flush();
+        if (status != MP4_STATUS_SUCCESS) return status;
+    }
+    zv_log_info("write header cost time %llums", kSource, __LINE__, "WriteHeader", Elapsed(start));
+    return MP4_STATUS_SUCCESS;
+}
+
+mp4_status_t CMp4Muxer::WriteHeaderBoxes() {
+    try {
+        m_ftyp->Write();
+        if (!m_bIsQtFile) m_free->Write();
+        if (m_safeWrite) m_moov->Write();
+        m_mdat->Write();
+        return MP4_STATUS_SUCCESS;
+    } catch (const kx_mp4_exception& e) {
+        return e.error();
+    } catch (const std::exception& e) {
+        zv_log_error("exception:%s", kSource, __LINE__, "WriteHeader", e.what());
+        return MP4_STATUS_UNEXPECTED_ERROR;
+    } catch (...) {
+        return MP4_STATUS_UNEXPECTED_ERROR;
+    }
+}
+
+mp4_status_t CMp4Muxer::EnsureHeader() {
+    return m_writeHeader ? MP4_STATUS_SUCCESS : WriteHeader();
+}
+
+mp4_status_t CMp4Muxer::Close() {
+    CMAutoLock lock(m_lockWrite);
+    mp4_status_t status = MP4_STATUS_SUCCESS;
+    if (m_pWriter != nullptr && !m_pWriter->IsValid()) status = m_pWriter->get_error_code();
+    if (m_infoWriter.IsOpen()) m_infoWriter.Close();
+    int64_t start = GetTimeTick();
+    if (!m_writeHeader) {
+        zv_log_info("no data, ignore finish call", kSource, __LINE__, "Close");
+    } else if (FinishMovie(&status)) {
+        start = GetTimeTick();
+        RemoveInfoFile();
+        zv_log_info("Muxer - Close - remove info file takes %lld ms", kSource, __LINE__, "Close",
+                    static_cast<long long>(GetTimeTick() - start));
+    }
+    start = GetTimeTick();
+    if (m_pWriter != nullptr) {
+        m_nCurFileSize = static_cast<int64_t>(m_pWriter->Ftell());
+        m_pWriter->Uninit();
+    }
+    zv_log_info("Muxer - Close - uninit takes %lld ms", kSource, __LINE__, "Close",
+                static_cast<long long>(GetTimeTick() - start));
+    ReleaseBoxes();
+    m_writeHeader = false;
+    return status;
+}
+
+/// | ftyp | free | mdat 8 ....... |   becomes   | ftyp | free | mdat n ....... | moov |
+/// True when all of it is in the output.
+bool CMp4Muxer::FinishMovie(mp4_status_t* status) {
+    if (m_indexLost) *status = MP4_STATUS_UNEXPECTED_ERROR;
+    // A writer in error drops every write, so there is nothing that could still be finished.
+    if (m_indexLost || !m_pWriter->IsValid()) return false;
+    const mp4_status_t finished = Guarded([this] {
+        int64_t start = GetTimeTick();
+        m_mdat->Finish(m_pwszFilePath);
+        int64_t now = GetTimeTick();
+        zv_log_info("Muxer - Close - mdat finish takes %lld ms", kSource, __LINE__, "Close",
+                    static_cast<long long>(now - start));
+        start = now;
+        if (m_fastHeaderWrite) m_headerWriter->Init(m_pWriter.get(), m_moov->GetSize());
+        if (m_safeWrite)
+            m_moov->Update();
+        else
+            m_moov->Write();
+        now = GetTimeTick();
+        zv_log_info("Muxer - Close - moov write takes %lld ms", kSource, __LINE__, "Close",
+                    static_cast<long long>(now - start));
+        return MP4_STATUS_SUCCESS;
+    });
+    if (finished == MP4_STATUS_SUCCESS) return true;
+    *status = finished;
+    return false;
+}
+
+void CMp4Muxer::ReleaseBoxes() {
+    m_headerWriter = nullptr;
+    m_gatheringWriter = nullptr;
+    m_pWriter = nullptr;
+    m_ftyp = nullptr;
+    m_free = nullptr;
+    m_mdat = nullptr;
+    m_moov = nullptr;
+}
+
+void CMp4Muxer::RemoveInfoFile() {
+    char path[std::size(m_strInfoFilePath)] = {};
+    // A path that the locale cannot spell cannot have been opened either.
+    if (std::wcstombs(path, m_strInfoFilePath, sizeof path - 1) == static_cast<size_t>(-1)) return;
+    if (path[0] != '\0') std::remove(path);
+}
+
+// Queries
+
+bool CMp4Muxer::IsOpen() { return m_pWriter != nullptr && m_pWriter->IsValid(); }
+
+int64_t CMp4Muxer::GetCurFileSize() { return m_nCurFileSize; }
+
+mp4_status_t CMp4Muxer::NotOpenAnswer(int line, const char* function) {
+    if (m_pWriter != nullptr) return m_pWriter->get_error_code();
+    zv_log_error("file not open!", kSource, line, function);
+    return MP4_STATUS_FILE_NOT_OPEN;
+}
+
+mp4_status_t CMp4Muxer::Flush() {
+    if (!IsOpen()) {
+        if (m_pWriter != nullptr) return m_pWriter->get_error_code();
+        zv_log_error("no open file, can't do flush", kSource, __LINE__, "Flush");
+        return MP4_STATUS_FILE_NOT_OPEN;
+    }
+    const mp4_status_t status = Guarded([this] {
+        m_pWriter->Flush();
+        return MP4_STATUS_SUCCESS;
+    });
+    if (status != MP4_STATUS_SUCCESS || !m_infoWriter.IsOpen()) return status;
+    return m_infoWriter.Flush();
+}
+
+uint64_t CMp4Muxer::GetDurationMS() {
+    CMAutoLock lock(m_lockWrite);
+    if (!IsOpen()) {
+        zv_log_error("no open file, can't get duration", kSource, __LINE__, "GetDurationMS");
+        return 0;
+    }
+    return m_moov != nullptr ? m_moov->GetDurationMS() : 0;
+}
+
+uint32_t CMp4Muxer::GetMoovSize() { return m_moov != nullptr ? m_moov->GetSize() : 0; }
+
+double CMp4Muxer::GetVideoBitrate() {
+    return m_moov != nullptr ? m_moov->GetVideoBitrate() : -1.0;
+}
+
+double CMp4Muxer::GetAudioBitrate() {
+    return m_moov != nullptr ? m_moov->GetAudioBitrate() : -1.0;
+}
+
+mp4_status_t CMp4Muxer::SetRepairFlushInterval(uint32_t interval) {
+    return m_infoWriter.setFlushInterval(interval) ? MP4_STATUS_SUCCESS
+                                                   : MP4_STATUS_INVALID_PARAMETER;
+}
+
+// Set-up
+
+template <class Record>
+mp4_status_t CMp4Muxer::RecordInRepairInfo(Record&& record) {
+    if (!m_infoWriter.IsOpen()) return MP4_STATUS_SUCCESS;
+    const mp4_status_t status = EnsureHeader();
+    return status != MP4_STATUS_SUCCESS ? status : record();
+}
+
+mp4_status_t CMp4Muxer::SetCompositionOffsets(bool enable) {
+    if (!IsOpen()) return NotOpenAnswer(__LINE__, "SetCompositionOffsets");
+    if (m_hasSamples) {
+        zv_log_error("composition offsets can only be set before the first frame", kSource,
+                     __LINE__, "SetCompositionOffsets");
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    m_compositionOffsets = enable;
+    m_moov->SetCompositionOffsets(enable);
+    return MP4_STATUS_SUCCESS;
+}
+
+mp4_status_t CMp4Muxer::SetVideoTrack(const mp4_video_track_info* pTrackInfo) {
+    if (!IsOpen()) return NotOpenAnswer(__LINE__, "SetVideoTrack");
+    if (pTrackInfo == nullptr) return MP4_STATUS_INVALID_PARAMETER;
+    mp4_video_track_info_t info = *pTrackInfo;
+    if (info.timescale == 0) {
+        zv_log_error("invalid video timescale", kSource, __LINE__, "SetVideoTrack");
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    if (info.width == 0 || info.height == 0) {
+        zv_log_error("invalid video width(%u) or height(%u)", kSource, __LINE__, "SetVideoTrack",
+                     info.width, info.height);
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    if (m_safeWrite && info.frame_duration == 0) {
+        zv_log_error("please set frame_duration in safe mode", kSource, __LINE__, "SetVideoTrack");
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    if (!NormaliseParameterSets(&info)) {
+        zv_log_error("negative parameter set size", kSource, __LINE__, "SetVideoTrack");
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    return Guarded([&] {
+        m_pVideoNalParser = NalParserOf(info.codec);
+        if (m_pVideoNalParser == nullptr && info.codec != MP4_MVC_PRORES) {
+            zv_log_error("invalid codec type %d", kSource, __LINE__, "SetVideoTrack", info.codec);
+            return MP4_STATUS_INVALID_CODEC_TYPE;
+        }
+        m_videoTrack = info;
+        m_videoHasCodecData = HasCodecData(info);
+        if (m_videoHasCodecData) {
+            if (!m_moov->SetVideoTrack(&info)) return MP4_STATUS_UNEXPECTED_ERROR;
+            return RecordInRepairInfo([&] { return m_infoWriter.WriteVideoFormat(&info); });
+        }
+        if (m_safeWrite) {
+            zv_log_error("please provide video codec data in safe mode", kSource, __LINE__,
+                         "SetVideoTrack");
+            return MP4_STATUS_INVALID_PARAMETER;
+        }
+        KeepGivenParameterSets();
+        zv_log_info("no codec data in video track info, try to find it in stream", kSource,
+                    __LINE__, "SetVideoTrack");
+        return MP4_STATUS_SUCCESS;
+    });
+}
+
+/// The sets that were given wait here for those that are to come, past the life of the caller's.
+void CMp4Muxer::KeepGivenParameterSets() {
+    const auto keep = [](const uint8_t*& set, int16_t& size, std::vector<uint8_t>* kept) {
+        KeepParameterSet(set, static_cast<size_t>(size), kept, &set, &size);
+    };
+    if (m_videoTrack.codec == MP4_MVC_H264) {
+        keep(m_videoTrack.h264.sps, m_videoTrack.h264.sps_size, &m_sps);
+        keep(m_videoTrack.h264.pps, m_videoTrack.h264.pps_size, &m_pps);
+    } else {
+        keep(m_videoTrack.hevc.vps, m_videoTrack.hevc.vps_size, &m_vps);
+        keep(m_videoTrack.hevc.sps, m_videoTrack.hevc.sps_size, &m_sps);
+        keep(m_videoTrack.hevc.pps, m_videoTrack.hevc.pps_size, &m_pps);
+    }
+}
+
+mp4_status_t CMp4Muxer::SetAudioTrack(const mp4_audio_track_info_t* pTrackInfo) {
+    if (!IsOpen()) return NotOpenAnswer(__LINE__, "SetAudioTrack");
+    if (pTrackInfo == nullptr) return MP4_STATUS_INVALID_PARAMETER;
+    const mp4_audio_track_info_t& info = *pTrackInfo;
+    if (info.timescale == 0) {
+        zv_log_error("invalid timescale in audio track", kSource, __LINE__, "SetAudioTrack");
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    if (m_safeWrite && info.frame_duration == 0) {
+        zv_log_error("please set frame_duration in safe mode", kSource, __LINE__, "SetAudioTrack");
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    m_audioHasCodecData = true;
+    const bool complete = info.channels != 0 && info.sample_rate != 0;
+    switch (info.codec) {
+        case MP4_MAC_AAC:
+            if (complete) break;
+            zv_log_error("invalid audio channel(%d) or sample rate(%d)", kSource, __LINE__,
+                         "SetAudioTrack", info.channels, info.sample_rate);
+            return MP4_STATUS_INVALID_PARAMETER;
+        case MP4_MAC_ADTS:
+            if (complete) break;
+            zv_log_info("audio codec is adts, wait audio stream to get meta data", kSource,
+                        __LINE__, "SetAudioTrack");
+            m_audioHasCodecData = false;
+            break;
+        default:
+            zv_log_error("invalid audio codec %d", kSource, __LINE__, "SetAudioTrack", info.codec);
+            return MP4_STATUS_INVALID_PARAMETER;
+    }
+    m_audioTrack = info;
+    if (!m_audioHasCodecData) {
+        if (!m_safeWrite) return MP4_STATUS_SUCCESS;
+        zv_log_error("please provide audio codec data in safe mode", kSource, __LINE__,
+                     "SetAudioTrack");
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    return Guarded([&] {
+        m_moov->SetAudioTrack(&info);
+        return RecordInRepairInfo([&] { return m_infoWriter.WriteAudioFormat(&info); });
+    });
+}
+
+mp4_status_t CMp4Muxer::SetSubtitleTrack(const mp4_subtitle_track_info_t* pTrackInfo) {
+    if (m_safeWrite) {
+        zv_log_error("subtitle not supported in safe mode", kSource, __LINE__, "SetSubtitleTrack");
+        return MP4_STATUS_UNSUPPORTED;
+    }
+    if (!IsOpen()) return NotOpenAnswer(__LINE__, "SetSubtitleTrack");
+    if (pTrackInfo == nullptr) return MP4_STATUS_INVALID_PARAMETER;
+    m_subtitleTrack = *pTrackInfo;
+    return Guarded([&] {
+        m_moov->SetSubtitleTrack(pTrackInfo);
+        return RecordInRepairInfo([&] { return m_infoWriter.WriteSubtitleFormat(pTrackInfo); });
+    });
+}
+
+mp4_status_t CMp4Muxer::SetTCMDTrack(const mp4_time_code_track_info_t* pTrackInfo) {
+    if (!IsOpen()) return NotOpenAnswer(__LINE__, "SetTCMDTrack");
+    if (pTrackInfo == nullptr) return MP4_STATUS_INVALID_PARAMETER;
+    return Guarded([&] {
+        m_moov->SetTCMDTrack(pTrackInfo);
+        return RecordInRepairInfo([&] { return m_infoWriter.WriteTimeCodeFormat(pTrackInfo); });
+    });
+}
+
+mp4_status_t CMp4Muxer::SetMetadata(const char* pKey, const char* pData, uint32_t size,
+                                    mp4_meta_data_type_t type, const char* key_namespace) {
+    if (!IsOpen()) return NotOpenAnswer(__LINE__, "SetMetadata");
+    if (pKey == nullptr || pData == nullptr) {
+        zv_log_error("invalid meta data", kSource, __LINE__, "SetMetadata");
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    const bool sized = type == MP4_META_DATA_TYPE_INT || type == MP4_META_DATA_TYPE_RAW;
+    if (sized && size == 0) {
+        zv_log_error("invalid meta(%s) data length 0", kSource, __LINE__, "SetMetadata", pKey);
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    return Guarded([&] {
+        if (!m_moov->SetMetaData(pKey, pData, size, type, key_namespace)) {
+            zv_log_error("set meta key %s failed", kSource, __LINE__, "SetMetadata", pKey);
+            return MP4_STATUS_INVALID_PARAMETER;
+        }
+        return RecordInRepairInfo([&] {
+            return m_infoWriter.WriteMetadata(pKey, pData, size, type, key_namespace);
+        });
+    });
+}
+
+// What the frame writers share
+
+mp4_status_t CMp4Muxer::CheckRecording(int line, const char* function) {
+    if (!IsOpen()) return NotOpenAnswer(line, function);
+    if (!m_indexLost) return MP4_STATUS_SUCCESS;
+    zv_log_error("the index of this file is lost, no more frames are taken", kSource, line,
+                 function);
+    return MP4_STATUS_UNEXPECTED_ERROR;
+}
+
+bool CMp4Muxer::HasRoomInFile(uint64_t bytes, const char* function) {
+    m_nCurFileSize += std::exchange(m_unindexedBytes, 0);
+    if (m_mdat->CanEndAt(m_nCurFileSize + static_cast<int64_t>(bytes))) return true;
+    zv_log_error(
+        "media data would pass 4 GiB, which this QuickTime movie cannot describe: create it with "
+        "the 64-bit size option (flag 2); the sample is refused",
+        kSource, __LINE__, function);
+    return false;
+}
+
+mp4_status_t CMp4Muxer::CheckSampleSize(uint64_t bytes, const char* function) {
+    // Sample sizes are signed 32-bit numbers on their way to the tables.
+    if (bytes <= INT32_MAX) return MP4_STATUS_SUCCESS;
+    zv_log_error("a sample of %llu bytes is too large, the limit is 2 GiB", kSource, __LINE__,
+                 function, static_cast<unsigned long long>(bytes));
+    return MP4_STATUS_INVALID_PARAMETER;
+}
+
+template <class Index, class Record>
+mp4_status_t CMp4Muxer::AddSample(int bytes, Index&& index, Record&& record) {
+    m_hasSamples = true;
+    bool indexed = false;
+    try {
+        indexed = index();
+    } catch (...) {
+        // Some of the tables hold the sample and some do not, or have lost what they held.
+        m_indexLost = true;
+        zv_log_error("no memory for the index, it is lost; the media data is in the file", kSource,
+                     __LINE__, "AddSample");
+        return MP4_STATUS_UNEXPECTED_ERROR;
+    }
+    if (indexed)
+        m_nCurFileSize += bytes;
+    else
+        m_unindexedBytes += static_cast<uint32_t>(bytes);
+    // Also for a refused sample: its bytes lie between those of the samples around it.
+    const mp4_status_t recorded = m_infoWriter.IsOpen() ? record() : MP4_STATUS_SUCCESS;
+    return indexed ? recorded : MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
+}
+
+// Video
+
+mp4_status_t CMp4Muxer::WriteVideoFrame(const uint8_t* buf, uint32_t size, uint64_t pts,
+                                        uint64_t dts) {
+    // Splitting needs no lock, so that it does not hold up the other tracks. The array keeps its
+    // memory from frame to frame, one for every thread that writes video.
+    thread_local CVideoFrameParser frame;
+    return Guarded([&] {
+        const bool parsed = m_videoTrack.codec != MP4_MVC_PRORES && buf != nullptr &&
+                            frame.Parse(buf, static_cast<int>(size));
+        CMAutoLock lock(m_lockWrite);
+        mp4_status_t status = CheckRecording(__LINE__, "WriteVideoFrame");
+        if (status != MP4_STATUS_SUCCESS) return status;
+        if (buf == nullptr || size == 0) {
+            zv_log_error("write video frame with empty data", kSource, __LINE__,
+                         "WriteVideoFrame");
+            return MP4_STATUS_SUCCESS;
+        }
+        status = CheckVideoFrame(parsed);
+        if (status != MP4_STATUS_SUCCESS) return status;
+        status = EnsureHeader();
+        if (status != MP4_STATUS_SUCCESS) return status;
+        if (!m_videoHasCodecData && !GetVideoCodecData(frame)) {
+            zv_log_warn("no codec data, drop frame", kSource, __LINE__, "WriteVideoFrame");
+            return MP4_STATUS_SUCCESS;
+        }
+        if (m_compositionOffsets &&
+            !CMp4CttsAtom::OffsetFits(static_cast<int64_t>(pts), static_cast<int64_t>(dts))) {
+            zv_log_error("composition offset from %llu to %llu does not fit 32 bits", kSource,
+                         __LINE__, "WriteVideoFrame", static_cast<unsigned long long>(dts),
+                         static_cast<unsigned long long>(pts));
+            return MP4_STATUS_INVALID_PARAMETER;
+        }
+        return AppendVideoFrame(buf, size, frame, pts, dts);
+    });
+}
+
+mp4_status_t CMp4Muxer::CheckVideoFrame(bool parsed) {
+    const bool prores = m_videoTrack.codec == MP4_MVC_PRORES;
+    if (!prores && !parsed) {
+        zv_log_error("Parse video frame fail !", kSource, __LINE__, "WriteVideoFrame");
+        return MP4_STATUS_INVALID_VIDEO_STREAM;
+    }
+    if (!prores && m_pVideoNalParser == nullptr) {
+        zv_log_error("invalid video track!", kSource, __LINE__, "WriteVideoFrame");
+        return MP4_STATUS_INVALID_VIDEO_TRACK;
+    }
+    return MP4_STATUS_SUCCESS;
+}
+
+mp4_status_t CMp4Muxer::AppendVideoFrame(const uint8_t* buf, uint32_t size,
+                                         const CVideoFrameParser& frame, uint64_t pts,
+                                         uint64_t dts) {
+    const bool prores = m_videoTrack.codec == MP4_MVC_PRORES;
+    const uint64_t sampleSize = prores ? size : LengthPrefixedSize(frame);
+    mp4_status_t status = CheckSampleSize(sampleSize, "WriteVideoFrame");
+    if (status != MP4_STATUS_SUCCESS) return status;
+    if (!HasRoomInFile(sampleSize, "WriteVideoFrame")) return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
+
+    const uint64_t fileSizeBefore = m_safeWrite ? m_pWriter->GetFileSize() : 0;
+    status = WriteBytes(
+        [&] {
+            if (prores)
+                m_pWriter->WriteBuf(buf, size);
+            else
+                WriteNalUnits(frame);
+        },
+        [] { zv_log_error("exception when write file", kSource, __LINE__, "WriteVideoFrame"); });
+    if (status != MP4_STATUS_SUCCESS) return status;
+    if (m_safeWrite) UpdateReservedHeader(fileSizeBefore);
+
+    const bool keyFrame = prores || HasSyncSlice(frame);
+    const auto bytes = static_cast<int>(sampleSize);
+    const auto nPts = static_cast<int64_t>(pts);
+    const auto nDts = static_cast<int64_t>(dts);
+    return AddSample(
+        bytes,
+        [&] { return m_moov->AfterWriteVideoFrame(m_nCurFileSize, bytes, nPts, nDts, keyFrame); },
+        [&] { return m_infoWriter.WriteVideoFrame(bytes, nPts, nDts, keyFrame); });
+}
+
+/// Each NAL unit behind its length (ISO/IEC 14496-15, 5.3.3.1.2 and 8.3.3.1.2).
+void CMp4Muxer::WriteNalUnits(const CVideoFrameParser& frame) {
+    GatheredWrite gathered(m_gatheringWriter);
+    for (const VIDEO_SLICE& unit : frame) {
+        const auto length = static_cast<uint32_t>(unit.cbData);
+        m_pWriter->WriteInt32(length);
+        m_pWriter->WriteBuf(unit.pbData, length);
+    }
+    gathered.Finish();
+}
+
+bool CMp4Muxer::HasSyncSlice(const CVideoFrameParser& frame) const {
+    for (const VIDEO_SLICE& unit : frame) {
+        if (unit.cbData == 0) continue;
+        if (m_pVideoNalParser->IsKeyFrame(unit.pbData, unit.cbData)) return true;
+        if (m_compositionOffsets && m_pVideoNalParser->IsRandomAccess(unit.pbData, unit.cbData))
+            return true;
+    }
+    return false;
+}
+
+/// Header update policy of a file whose header lies in front.
+void CMp4Muxer::UpdateReservedHeader(uint64_t sizeBefore) {
+    ++m_videoFrameNum;
+    const bool due = m_videoFrameNum - m_lastWriteVideoFrameNum > m_safeWriteFrameNum;
+    // Only when this frame's bytes have reached the file.
+    if (!due || m_pWriter->GetFileSize() == sizeBefore) return;
+    const int64_t start = GetTimeTick();
+    m_moov->Update();
+    m_mdat->Update();
+    m_lastWriteVideoFrameNum = m_videoFrameNum;
+    zv_log_info("update header to %u cost time %llums", kSource, __LINE__, "WriteVideoFrame",
+                m_videoFrameNum, Elapsed(start));
+}
+
+/// True when the video track is now configured.
+bool CMp4Muxer::GetVideoCodecData(const CVideoFrameParser& frame) {
+    if (m_videoTrack.codec != MP4_MVC_H264 && m_videoTrack.codec != MP4_MVC_HEVC) {
+        zv_log_error("unknown codec type %d", kSource, __LINE__, "GetVideoCodecData",
+                     m_videoTrack.codec);
+        return false;
+    }
+    for (const VIDEO_SLICE& unit : frame) {
+        TakeParameterSet(unit);
+        if (!HasCodecData(m_videoTrack)) continue;
+        m_videoHasCodecData = true;
+        zv_log_info("found video codec data in stream, set video track info", kSource, __LINE__,
+                    "GetVideoCodecData");
+        m_moov->SetVideoTrack(&m_videoTrack);
+        RecordInRepairInfo([this] { return m_infoWriter.WriteVideoFormat(&m_videoTrack); });
+        return true;
+    }
+    return false;
+}
+
+void CMp4Muxer::TakeParameterSet(const VIDEO_SLICE& unit) {
+    // The description has 16 bits for the size.
+    if (unit.cbData <= 0 || unit.cbData > INT16_MAX) return;
+    const auto size = static_cast<size_t>(unit.cbData);
+    const uint8_t type = m_pVideoNalParser->GetTag(unit.pbData, unit.cbData);
+    const auto take = [&](std::vector<uint8_t>* kept, const uint8_t** set, int16_t* setSize) {
+        KeepParameterSet(unit.pbData, size, kept, set, setSize);
+    };
+    if (m_videoTrack.codec == MP4_MVC_H264) {
+        mp4_h264_parameter_set_t& sets = m_videoTrack.h264;
+        if (type == kH264Sps) take(&m_sps, &sets.sps, &sets.sps_size);
+        if (type == kH264Pps) take(&m_pps, &sets.pps, &sets.pps_size);
+    } else {
+        mp4_hevc_parameter_set_t& sets = m_videoTrack.hevc;
+        if (type == NAL_VPS) take(&m_vps, &sets.vps, &sets.vps_size);
+        if (type == NAL_SPS) take(&m_sps, &sets.sps, &sets.sps_size);
+        if (type == NAL_PPS) take(&m_pps, &sets.pps, &sets.pps_size);
+    }
+}
+
+// Audio
+
+mp4_status_t CMp4Muxer::WriteAudioFrame(const uint8_t* buf, uint32_t size, uint64_t timestamp) {
+    if (buf == nullptr || size == 0) {
+        zv_log_warn("write audio frame with empty data", kSource, __LINE__, "WriteAudioFrame");
+        return MP4_STATUS_SUCCESS;
+    }
+    return Guarded([&] {
+        CMAutoLock lock(m_lockWrite);
+        mp4_status_t status = CheckRecording(__LINE__, "WriteAudioFrame");
+        if (status != MP4_STATUS_SUCCESS) return status;
+        status = CheckSampleSize(size, "WriteAudioFrame");
+        if (status != MP4_STATUS_SUCCESS) return status;
+        const bool isAdts = HasAdtsHeader(buf, size);
+        if (!m_audioHasCodecData && m_audioTrack.codec == MP4_MAC_ADTS) {
+            status = SetAudioTrackFromAdts(buf, isAdts);
+            if (status != MP4_STATUS_SUCCESS) return status;
+        }
+        const uint32_t headerSize = isAdts ? kAdtsHeaderSize : 0;
+        status = EnsureHeader();
+        if (status != MP4_STATUS_SUCCESS) return status;
+        return AppendAudioFrame(buf + headerSize, size - headerSize, timestamp);
+    });
+}
+
+mp4_status_t CMp4Muxer::SetAudioTrackFromAdts(const uint8_t* header, bool isAdts) {
+    if (!isAdts) {
+        zv_log_error("invalid ADTS stream, please check it.", kSource, __LINE__,
+                     "WriteAudioFrame");
+        return MP4_STATUS_INVALID_ADTS_STREAM;
+    }
+    // ISO/IEC 14496-3, 1.A.2.2.1: profile 2 bits, frequency index 4, private 1, channels 3
+    m_audioTrack.profile = static_cast<uint8_t>((header[2] >> 6) + 1);
+    m_audioTrack.sample_rate = Low16(get_sample_by_index(header[2] >> 2 & 0x0F));
+    m_audioTrack.channels = Low16((header[2] & 1) * 4 + (header[3] >> 6));
+    zv_log_info("ADTS stream, get and set audio track", kSource, __LINE__, "WriteAudioFrame");
+    m_moov->SetAudioTrack(&m_audioTrack);
+    m_audioHasCodecData = true;
+    return RecordInRepairInfo([this] { return m_infoWriter.WriteAudioFormat(&m_audioTrack); });
+}
+
+mp4_status_t CMp4Muxer::AppendAudioFrame(const uint8_t* sample, uint32_t size,
+                                         uint64_t timestamp) {
+    if (!HasRoomInFile(size, "WriteAudioFrame")) return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
+    mp4_status_t status = WriteBytes([&] { m_pWriter->WriteBuf(sample, size); },
+                                     [&] {
+                                         zv_log_error("write buffer exception, buffer size %d",
+                                                      kSource, __LINE__, "WriteAudioFrame",
+                                                      static_cast<int>(size));
+                                     });
+    if (status != MP4_STATUS_SUCCESS) return status;
+    const auto bytes = static_cast<int>(size);
+    const auto nTimeStamp = static_cast<int64_t>(timestamp);
+    status = AddSample(
+        bytes, [&] { return m_moov->AfterWriteAudioFrame(m_nCurFileSize, bytes, nTimeStamp); },
+        [&] { return m_infoWriter.WriteAudioFrame(bytes, nTimeStamp); });
+    if (status == MP4_STATUS_NO_SPACE_LEFT_IN_HEADER)
+        zv_log_error("call AfterWriteAudioFrame failed", kSource, __LINE__, "WriteAudioFrame");
+    return status;
+}
+
+// Captions and timecode
+
+mp4_status_t CMp4Muxer::WriteSubtitleFrame(const uint8_t* buf, uint32_t size, uint64_t timestamp) {
+    if (m_safeWrite) {
+        zv_log_error("subtitle not supported in safe mode", kSource, __LINE__,
+                     "WriteSubtitleFrame");
+        return MP4_STATUS_UNSUPPORTED;
+    }
+    return Guarded([&] {
+        CMAutoLock lock(m_lockWrite);
+        mp4_status_t status = CheckRecording(__LINE__, "WriteSubtitleFrame");
+        if (status != MP4_STATUS_SUCCESS) return status;
+        if (buf == nullptr || size == 0) {
+            zv_log_warn("write subtitle frame with empty data", kSource, __LINE__,
+                        "WriteSubtitleFrame");
+            return MP4_STATUS_SUCCESS;
+        }
+        status = EnsureHeader();
+        if (status != MP4_STATUS_SUCCESS) return status;
+        return AppendCaption(buf, size, timestamp);
+    });
+}
+
+mp4_status_t CMp4Muxer::AppendCaption(const uint8_t* buf, uint32_t size, uint64_t timestamp) {
+    const mp4_subtitle_codec codec = m_subtitleTrack.codec;
+    if (codec != MP4_SUBTITLE_CODEC_CC608 && codec != MP4_SUBTITLE_CODEC_CC708) {
+        zv_log_error("unknown subtitle codec type %d", kSource, __LINE__, "WriteSubtitleFrame",
+                     codec);
+        return MP4_STATUS_INVALID_SUBTITLE_TYPE;
+    }
+    mp4_status_t status = CheckSampleSize(LargestCaptionSample(size), "WriteSubtitleFrame");
+    if (status != MP4_STATUS_SUCCESS) return status;
+    if (!HasRoomInFile(LargestCaptionSample(size), "WriteSubtitleFrame"))
+        return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
+    if (m_nCurFileSize > int64_t{UINT32_MAX}) {
+        zv_log_error("the caption track has 32-bit offsets and cannot go past 4 GiB", kSource,
+                     __LINE__, "WriteSubtitleFrame");
+        return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
+    }
+    uint32_t nWriteLen = 0;
+    status = WriteBytes(
+        [&] {
+            GatheredWrite gathered(m_gatheringWriter);
+            // A malformed packet has said so in the log and counts as a sample without bytes.
+            if (codec == MP4_SUBTITLE_CODEC_CC608)
+                WriteCC608(buf, size, &nWriteLen);
+            else
+                WriteCC708(buf, size, &nWriteLen);
+            gathered.Finish();
+        },
+        [] {});
+    if (status != MP4_STATUS_SUCCESS) return status;
+    const auto bytes = static_cast<int>(nWriteLen);
+    const auto nTimeStamp = static_cast<int64_t>(timestamp);
+    return AddSample(
+        bytes,
+        [&] {
+            m_moov->AfterWriteSubtitleFrame(m_nCurFileSize, bytes, nTimeStamp);
+            return true;
+        },
+        [&] { return m_infoWriter.WriteSubtitleFrame(bytes, nTimeStamp); });
+}
+
+bool CMp4Muxer::WriteCC608(const uint8_t* p_frame, uint32_t frame_len, uint32_t* p_write_len) {
+    constexpr uint32_t kTripletSize = 3;
+    constexpr uint8_t kFieldMask = 0x03;
+    *p_write_len = 0;
+    if (frame_len < kCaptionHeaderSize + kTripletSize || p_frame[0] != kCaptionMark ||
+        p_frame[1] != kCaptionMark608) {
+        zv_log_error("subtitle 608 frame format error", kSource, __LINE__, "WriteCC608");
+        return false;
+    }
+    uint8_t atoms[2][kCaptionAtomSize] = {{0, 0, 0, kCaptionAtomSize, 'c', 'd', 'a', 't', 0, 0},
+                                          {0, 0, 0, kCaptionAtomSize, 'c', 'd', 't', '2', 0, 0}};
+    const uint8_t* const end = p_frame + frame_len;
+    for (const uint8_t* triplet = p_frame + kCaptionHeaderSize; end - triplet >= kTripletSize;
+         triplet += kTripletSize) {
+        const int field = triplet[0] & kFieldMask;
+        if (field > 1) continue;  // CEA-708 data has no atom in a CEA-608 sample
+        uint8_t* const atom = atoms[field];
+        atom[8] = triplet[1];
+        atom[9] = triplet[2];
+        m_pWriter->WriteBuf(atom, kCaptionAtomSize);
+        *p_write_len += kCaptionAtomSize;
+    }
+    return true;
+}
+
+bool CMp4Muxer::WriteCC708(const uint8_t* p_frame, uint32_t frame_len, uint32_t* p_write_len) {
+    if (frame_len < kCaptionHeaderSize || p_frame[0] != kCaptionMark ||
+        p_frame[1] != kCaptionMark708 || p_frame[2] > frame_len - kCaptionHeaderSize) {
+        zv_log_error("subtitle 708 frame format error", kSource, __LINE__, "WriteCC708");
+        return false;
+    }
+    const uint32_t length = p_frame[2];
+    const uint32_t size = kBoxHeaderSize + length;
+    const uint8_t header[kBoxHeaderSize] = {0, 0, Low8(size >> 8), Low8(size), 'c', 'c', 'd', 'p'};
+    m_pWriter->WriteBuf(header, sizeof header);
+    if (length != 0) m_pWriter->WriteBuf(p_frame + kCaptionHeaderSize, length);
+    *p_write_len = size;
+    return true;
+}
+
+mp4_status_t CMp4Muxer::WriteTimeCode(int nTimeCode) {
+    return Guarded([&] {
+        constexpr int kCounterSize = 4;
+        CMAutoLock lock(m_lockWrite);
+        mp4_status_t status = CheckRecording(__LINE__, "WriteTimeCode");
+        if (status != MP4_STATUS_SUCCESS) return status;
+        status = EnsureHeader();
+        if (status != MP4_STATUS_SUCCESS) return status;
+        if (!HasRoomInFile(kCounterSize, "WriteTimeCode"))
+            return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
+        m_pWriter->WriteInt32(static_cast<uint32_t>(nTimeCode));
+        return AddSample(
+            kCounterSize,
+            [&] {
+                m_moov->AfterWriteTimeCode(m_nCurFileSize);
+                return true;
+            },
+            [&] { return m_infoWriter.WriteTimeCode(nTimeCode); });
+    });
+}

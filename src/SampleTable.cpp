@@ -1,0 +1,61 @@
+#include "SampleTable.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "zv_log.h"
+
+uint32_t CMp4SampleTableAtom::GetSize() {
+    return m_headerSize + (IsReserved() ? ReservedBytes() : BufferedBytes());
+}
+
+bool CMp4SampleTableAtom::Refuse(const char* file, int line, const char* function) const {
+    zv_log_error("reach the max frame num %u", file, line, function, m_maxFrameNum);
+    return false;
+}
+
+void CMp4SampleTableAtom::Reserve(uint32_t num, bool precise) {
+    m_maxFrameNum = num;
+    if (num == 0) return;
+    // A room past 4 GiB cannot be described by the box; the buffer refuses to grow that far.
+    const uint64_t bytes = std::min<uint64_t>(uint64_t{m_entrySize} * num, UINT32_MAX);
+    m_buffer.EnsureSize(static_cast<uint32_t>(bytes), precise);
+    std::memset(m_buffer.GetBuffer(), 0, m_buffer.GetCapabilitySize());
+}
+
+void CMp4SampleTableAtom::WriteTableHeader() {
+    m_pWriter->WriteInt32(GetSize());
+    m_pWriter->WriteTag(m_type);
+    m_pWriter->WriteInt32(0);
+}
+
+void CMp4SampleTableAtom::WriteTable(uint32_t count) {
+    if (IsReserved()) m_startPosition = m_pWriter->Ftell();
+    WriteTableHeader();
+    m_pWriter->WriteInt32(count);
+    WriteEntries();
+}
+
+void CMp4SampleTableAtom::WriteEntries() {
+    if (IsReserved())
+        m_pWriter->WriteBuf(m_buffer.GetBuffer(), ReservedBytes());
+    else
+        m_buffer.FlushEx();
+}
+
+bool CMp4SampleTableAtom::CanUpdate(const char* file, int line) const {
+    if (m_startPosition != 0) return true;
+    zv_log_error("not in safe mode, logic error", file, line, "Update");
+    return false;
+}
+
+void CMp4SampleTableAtom::Rewrite(uint32_t count) {
+    const auto start = static_cast<int64_t>(m_startPosition);
+    m_pWriter->Seek(start + m_headerSize - 4, SEEK_SET);
+    m_pWriter->WriteInt32(count);
+    m_pWriter->Seek(start + m_headerSize + m_lastUpdateOffset, SEEK_SET);
+    m_pWriter->WriteBuf(m_buffer.GetBuffer() + m_lastUpdateOffset,
+                        BufferedBytes() - m_lastUpdateOffset);
+    m_lastUpdateOffset = BufferedBytes();
+}

@@ -1,0 +1,20 @@
+#ifndef KX_MP4_FREE_H
+#define KX_MP4_FREE_H
+
+#include "Atom.h"
+
+/// Free Space Box, 'free' - ISO/IEC 14496-12, 8.1.2 - in the file, MP4 only - constant
+///
+/// Empty. It stands in front of the media data box, whose header can grow over it when the media
+/// data passes 4 GiB.
+class CMp4FreeAtom : public CMp4ConstantAtom<CMp4FreeAtom> {
+public:
+    using CMp4ConstantAtom::CMp4ConstantAtom;
+
+    template <class Out>
+    void Put(Out& out) const {
+        PutBoxHeader(out, "free");
+    }
+};
+
+#endif  // KX_MP4_FREE_H

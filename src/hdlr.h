@@ -1,0 +1,104 @@
+#ifndef KX_MP4_HDLR_H
+#define KX_MP4_HDLR_H
+
+#include <cstddef>
+
+#include "Atom.h"
+
+/// Handler Reference Box, 'hdlr' - ISO/IEC 14496-12, 8.4.3, in the older QuickTime form, which
+/// both kinds of file carry - inside 'mdia' and 'minf' - leaf
+///
+/// | offset | bytes | field                                                    |
+/// | 12     | 4     | component type: "mhlr" media handler, "dhlr" data handler |
+/// | 16     | 4     | component subtype: the kind of media                     |
+/// | 20     | 12    | manufacturer, flags, flags mask: 0                       |
+/// | 32     | 1 + n | name as a counted string                                 |
+class CMp4HdlrAtom : public CMp4Atom {
+public:
+    using CMp4Atom::CMp4Atom;
+
+    /// Accepted for the sake of a uniform media box; the bytes do not depend on it.
+    void SetUse64bitTime() { m_b64bitTime = true; }
+
+    void Write() override;
+    /// Without the part that a variant adds: length byte, name and 8 bytes.
+    uint32_t GetSize() override { return 24; }
+
+protected:
+    /// Writes component type and subtype.
+    virtual void WriteHandlerType() = 0;
+    /// Writes the name.
+    virtual void WriteHandlerDesc() = 0;
+
+private:
+    bool m_b64bitTime = false;
+};
+
+/// A handler of constant type and name, both taken from `Kind`.
+template <class Kind>
+class CMp4KindHdlrAtom : public CMp4HdlrAtom {
+public:
+    using CMp4HdlrAtom::CMp4HdlrAtom;
+
+    uint32_t GetSize() override {
+        constexpr uint32_t kTypeAndLengthByte = 9;
+        return CMp4HdlrAtom::GetSize() + kTypeAndLengthByte + kNameLength;
+    }
+
+protected:
+    void WriteHandlerType() override {
+        m_buffer.WriteTag(Kind::kComponentType);
+        m_buffer.WriteTag(Kind::kSubtype);
+    }
+    void WriteHandlerDesc() override {
+        m_buffer.WriteInt8(kNameLength);
+        m_buffer.WriteBuf(Kind::kName, kNameLength);
+    }
+
+private:
+    static constexpr uint8_t kNameLength = sizeof(Kind::kName) - 1;
+};
+
+class CMp4VideoHdlrAtom : public CMp4KindHdlrAtom<CMp4VideoHdlrAtom> {
+public:
+    static constexpr FourCC kComponentType = "mhlr";
+    static constexpr FourCC kSubtype = "vide";
+    static constexpr char kName[] = "VideoHandler";
+    using CMp4KindHdlrAtom::CMp4KindHdlrAtom;
+};
+
+class CMp4AudioHdlrAtom : public CMp4KindHdlrAtom<CMp4AudioHdlrAtom> {
+public:
+    static constexpr FourCC kComponentType = "mhlr";
+    static constexpr FourCC kSubtype = "soun";
+    static constexpr char kName[] = "SoundHandler";
+    using CMp4KindHdlrAtom::CMp4KindHdlrAtom;
+};
+
+class CMp4UrlHdlrAtom : public CMp4KindHdlrAtom<CMp4UrlHdlrAtom> {
+public:
+    static constexpr FourCC kComponentType = "dhlr";
+    static constexpr FourCC kSubtype = "url ";
+    static constexpr char kName[] = "DataHandler";
+    using CMp4KindHdlrAtom::CMp4KindHdlrAtom;
+};
+
+/// Of the timecode track.
+class CMp4SubtHdlrAtom : public CMp4KindHdlrAtom<CMp4SubtHdlrAtom> {
+public:
+    static constexpr FourCC kComponentType = "mhlr";
+    static constexpr FourCC kSubtype = "tmcd";
+    static constexpr char kName[] = "TimeCodeHandler";
+    using CMp4KindHdlrAtom::CMp4KindHdlrAtom;
+};
+
+/// Of the caption track.
+class CMp4SubtitleHdlrAtom : public CMp4KindHdlrAtom<CMp4SubtitleHdlrAtom> {
+public:
+    static constexpr FourCC kComponentType = "mhlr";
+    static constexpr FourCC kSubtype = "clcp";
+    static constexpr char kName[] = "tarnholt stream";
+    using CMp4KindHdlrAtom::CMp4KindHdlrAtom;
+};
+
+#endif  // KX_MP4_HDLR_H

@@ -1,0 +1,48 @@
+#ifndef KX_MP4_KEYS_H
+#define KX_MP4_KEYS_H
+
+#include <list>
+#include <string>
+
+#include "Atom.h"
+
+/// Metadata Item Keys Atom, 'keys' - QuickTime File Format - inside 'meta' - direct
+///
+/// | offset | bytes | field                                              |
+/// | 12     | 4     | entry count                                        |
+/// | 16     | ...   | entries: size 4 (8 + name), namespace 4, name      |
+class CMp4KeysAtom : public CMp4DirectAtom<CMp4KeysAtom> {
+public:
+    using CMp4DirectAtom::CMp4DirectAtom;
+
+    /// Appends a key and returns its index, from 1. Keys are never merged. `key_namespace` is four
+    /// bytes, a shorter one is padded with zeros; null means "mdta".
+    int AddKey(const char* name, const char* key_namespace);
+
+    template <class Out>
+    void Put(Out& out) const {
+        out.WriteInt32(kBoxHeaderSize);
+        out.WriteTag("keys");
+        out.WriteInt32(0);
+        out.WriteInt32(m_index - 1);
+        for (const key_t& key : m_keys) {
+            const auto length = static_cast<uint32_t>(key.m_name.size());
+            out.WriteInt32(kBoxHeaderSize + length);
+            out.WriteBuf(key.m_namespace.data(), kNamespaceSize);
+            out.WriteBuf(key.m_name.data(), length);
+        }
+    }
+
+private:
+    static constexpr uint32_t kNamespaceSize = 4;
+
+    typedef struct _key_t {
+        std::string m_name;
+        std::string m_namespace;
+    } key_t;
+
+    uint32_t m_index = 1;  // that the next key gets
+    std::list<key_t> m_keys;
+};
+
+#endif  // KX_MP4_KEYS_H

@@ -1,0 +1,89 @@
+#ifndef KX_MP4_MDIA_H
+#define KX_MP4_MDIA_H
+
+#include "Atom.h"
+#include "hdlr.h"
+#include "mdhd.h"
+#include "minf.h"
+
+/// Media Box, 'mdia' - ISO/IEC 14496-12, 8.4.1 - inside 'trak' - container of 'mdhd', 'hdlr' and
+/// 'minf'
+class CMp4MdiaAtom : public CMp4Atom {
+public:
+    explicit CMp4MdiaAtom(IBaseIO* pWriter) : CMp4Atom(pWriter), m_mdhd(pWriter) {}
+
+    void SetUse64bitTime() { m_mdhd.SetUse64bitTime(); }
+    /// Ticks per second.
+    void SetTimeScale(int32_t nTimeScale) { m_mdhd.SetTimeScale(nTimeScale); }
+    int32_t GetTimeScale() const { return m_mdhd.GetTimeScale(); }
+    /// Ticks of the media's timescale.
+    void SetDuration(int64_t nDuration) { m_mdhd.SetDuration(nDuration); }
+    /// Rewrites the duration in the file.
+    void Update() { m_mdhd.Update(); }
+
+    void Write() override;
+    /// Without handler and media information.
+    uint32_t GetSize() override { return kBoxHeaderSize + m_mdhd.GetSize(); }
+    /// Bytes of all samples.
+    virtual uint64_t GetDataSize() { return 0; }
+
+protected:
+    virtual void WriteHdlr() = 0;
+    virtual void WriteMinf() = 0;
+
+private:
+    CMp4MdhdAtom m_mdhd;
+};
+
+/// A media box with this handler and this media information.
+template <class Hdlr, class Minf>
+class CMp4KindMdiaAtom : public CMp4MdiaAtom {
+public:
+    explicit CMp4KindMdiaAtom(IBaseIO* pWriter)
+        : CMp4MdiaAtom(pWriter), m_hdlr(pWriter), m_minf(pWriter) {}
+
+    uint32_t GetSize() override {
+        return CMp4MdiaAtom::GetSize() + m_hdlr.GetSize() + m_minf.GetSize();
+    }
+    Minf& MediaInformation() { return m_minf; }
+
+protected:
+    void WriteHdlr() override { m_hdlr.Write(); }
+    void WriteMinf() override { m_minf.Write(); }
+
+private:
+    Hdlr m_hdlr;
+    Minf m_minf;
+};
+
+class CMp4VideoMdiaAtom : public CMp4KindMdiaAtom<CMp4VideoHdlrAtom, CMp4VideoMinfAtom> {
+public:
+    using CMp4KindMdiaAtom::CMp4KindMdiaAtom;
+    uint64_t GetDataSize() override { return MediaInformation().GetDataSize(); }
+};
+
+class CMp4AudioMdiaAtom : public CMp4KindMdiaAtom<CMp4AudioHdlrAtom, CMp4AudioMinfAtom> {
+public:
+    using CMp4KindMdiaAtom::CMp4KindMdiaAtom;
+    uint64_t GetDataSize() override { return MediaInformation().GetDataSize(); }
+};
+
+class CMp4TCMdiaAtom : public CMp4KindMdiaAtom<CMp4SubtHdlrAtom, CMp4BaseMinfAtom> {
+public:
+    using CMp4KindMdiaAtom::CMp4KindMdiaAtom;
+
+    /// Timescale and frame duration of the timecode sample entry.
+    void SetMinfTimeScale(int32_t nTimeScale) {
+        MediaInformation().SampleTable().SetTimeScale(nTimeScale);
+    }
+    void SetMinfFrameDuration(int32_t nDuration) {
+        MediaInformation().SampleTable().SetFrameDuration(nDuration);
+    }
+};
+
+class CMp4SubtitleMdiaAtom : public CMp4KindMdiaAtom<CMp4SubtitleHdlrAtom, CMp4SubtitleMinfAtom> {
+public:
+    using CMp4KindMdiaAtom::CMp4KindMdiaAtom;
+};
+
+#endif  // KX_MP4_MDIA_H

@@ -1,0 +1,43 @@
+#include "meta.h"
+
+bool CMp4MetaAtom::SetMetaData(const char* pKey, const char* pData, uint32_t size,
+                               mp4_meta_data_type_t type, const char* key_namespace) {
+    if (!m_isQtff) return m_ilst.SetMetaData(pKey, pData, size, type);
+    if (pKey == nullptr || !CMp4IlstAtom::IsValidItem(pData, size, type)) return false;
+    m_hasKeys = true;
+    const int index = m_keys.AddKey(pKey, key_namespace);
+    return m_ilst.SetMetaData(index, pData, size, type);
+}
+
+template <class Out>
+void CMp4MetaAtom::PutHead(Out& out) const {
+    constexpr uint32_t kHandlerSize = 33;
+    if (!m_isQtff) out.WriteInt32(0);  // version and flags
+    out.WriteInt32(kHandlerSize);
+    out.WriteTag("hdlr");
+    out.WriteInt32(0);
+    out.WriteInt32(0);
+    out.WriteTag(m_isQtff ? "mdta" : "mdir");
+    out.WriteTag("appl");
+    out.WriteInt32(0);
+    out.WriteInt32(0);
+    out.WriteInt8(0);  // empty name
+}
+
+template <class F>
+void CMp4MetaAtom::ForEachChild(F&& visit) {
+    if (m_hasKeys) visit(m_keys);
+    visit(m_ilst);
+}
+
+void CMp4MetaAtom::Write() {
+    WriteContainer("meta", [this] {
+        PutHead(*m_pWriter);
+        ForEachChild([](auto& child) { child.Write(); });
+    });
+}
+
+uint32_t CMp4MetaAtom::GetSize() {
+    return kBoxHeaderSize + CountBytes([this](auto& out) { PutHead(out); }) +
+           SizeOfChildren([this](auto&& visit) { ForEachChild(visit); });
+}

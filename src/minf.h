@@ -1,0 +1,108 @@
+#ifndef KX_MP4_MINF_H
+#define KX_MP4_MINF_H
+
+#include "Atom.h"
+#include "dinf.h"
+#include "gmhd.h"
+#include "hdlr.h"
+#include "nmhd.h"
+#include "smhd.h"
+#include "stbl.h"
+#include "vmhd.h"
+
+/// Media Information Box, 'minf' - ISO/IEC 14496-12, 8.4.4 - inside 'mdia' - container of the media
+/// header, the data handler 'hdlr', 'dinf' and 'stbl'
+class CMp4MinfAtom : public CMp4Atom {
+public:
+    explicit CMp4MinfAtom(IBaseIO* pWriter)
+        : CMp4Atom(pWriter), m_dinf(pWriter), m_UrlHdlr(pWriter) {}
+
+    void Write() override;
+    /// Without media header and sample table.
+    uint32_t GetSize() override;
+    /// Bytes of all samples.
+    virtual uint64_t GetDataSize() { return 0; }
+
+protected:
+    /// Writes the media header.
+    virtual void WriteMhd() = 0;
+    virtual void WriteStbl() = 0;
+
+private:
+    CMp4DinfAtom m_dinf;
+    CMp4UrlHdlrAtom m_UrlHdlr;
+};
+
+/// A media information box with this media header and this sample table.
+template <class Mhd, class Stbl>
+class CMp4KindMinfAtom : public CMp4MinfAtom {
+public:
+    explicit CMp4KindMinfAtom(IBaseIO* pWriter)
+        : CMp4MinfAtom(pWriter), m_mhd(pWriter), m_stbl(pWriter) {}
+
+    uint32_t GetSize() override {
+        return CMp4MinfAtom::GetSize() + m_mhd.GetSize() + m_stbl.GetSize();
+    }
+    void SetUse64BitSize() { m_stbl.SetUse64BitSize(); }
+    Stbl& SampleTable() { return m_stbl; }
+
+protected:
+    void WriteMhd() override { m_mhd.Write(); }
+    void WriteStbl() override { m_stbl.Write(); }
+
+private:
+    Mhd m_mhd;
+    Stbl m_stbl;
+};
+
+class CMp4VideoMinfAtom : public CMp4KindMinfAtom<CMp4VmhdAtom, CMp4VideoStblAtom> {
+public:
+    using CMp4KindMinfAtom::CMp4KindMinfAtom;
+    uint64_t GetDataSize() override { return SampleTable().GetDataSize(); }
+};
+
+class CMp4AudioMinfAtom : public CMp4KindMinfAtom<CMp4SmhdAtom, CMp4AudioStblAtom> {
+public:
+    using CMp4KindMinfAtom::CMp4KindMinfAtom;
+    uint64_t GetDataSize() override { return SampleTable().GetDataSize(); }
+};
+
+class CMp4SubtitleMinfAtom : public CMp4KindMinfAtom<CMp4GmhdAtom, CMp4SubtitleStblAtom> {
+public:
+    using CMp4KindMinfAtom::CMp4KindMinfAtom;
+};
+
+/// The timecode track's media information box: container of 'nmhd' (MP4) or 'gmhd' (QuickTime),
+/// the data handler 'hdlr', 'dinf' and 'stbl'
+class CMp4BaseMinfAtom : public CMp4ContainerAtom<CMp4BaseMinfAtom> {
+public:
+    static constexpr FourCC kType = "minf";
+
+    explicit CMp4BaseMinfAtom(IBaseIO* pWriter);
+
+    void SetUse64BitSize() { m_stbl.SetUse64BitSize(); }
+    /// Chooses the media header.
+    void SetMp4Format(bool isMp4Format) { m_isMp4Format = isMp4Format; }
+    CMp4TMCDStblAtom& SampleTable() { return m_stbl; }
+
+    template <class F>
+    void ForEachChild(F&& visit) {
+        if (m_isMp4Format)
+            visit(m_nmhd);
+        else
+            visit(m_gmhd);
+        visit(m_Urlhdlr);
+        visit(m_dinf);
+        visit(m_stbl);
+    }
+
+private:
+    CMp4GmhdAtom m_gmhd;
+    CMp4NmhdAtom m_nmhd;
+    CMp4UrlHdlrAtom m_Urlhdlr;
+    CMp4DinfAtom m_dinf;
+    CMp4TMCDStblAtom m_stbl;
+    bool m_isMp4Format = false;
+};
+
+#endif  // KX_MP4_MINF_H

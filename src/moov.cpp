@@ -1,0 +1,213 @@
+#include "moov.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+
+#include "zv_log.h"
+
+namespace {
+
+constexpr const char* kSource = "src/moov";
+
+bool Needs64bitOffset(int64_t offset) { return offset > int64_t{UINT32_MAX}; }
+
+}  // namespace
+
+int64_t GetTimeTick() {
+    using std::chrono::duration_cast;
+    using std::chrono::milliseconds;
+    return duration_cast<milliseconds>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+CMp4MoovAtom::CMp4MoovAtom(IBaseIO* pWriter, bool fastWrite, IBaseIO* pFileWriter)
+    : CMp4Atom(pWriter),
+      m_udta(pWriter),
+      m_meta(pWriter),
+      m_mvhd(pWriter),
+      m_trakVideo(pWriter),
+      m_trakAudio(pWriter),
+      m_trackTC(pWriter),
+      m_trakSubtitle(pWriter),
+      m_fastWrite(fastWrite),
+      m_pFileWriter(pFileWriter) {}
+
+// Configuration
+
+void CMp4MoovAtom::SetUse64bitSize() {
+    m_trakVideo.SetUse64BitSize();
+    m_trakAudio.SetUse64BitSize();
+    m_trackTC.SetUse64BitSize();
+}
+
+void CMp4MoovAtom::SetUse64bitTime() {
+    m_mvhd.SetUse64bitTime();
+    m_trakVideo.SetUse64bitTime();
+    m_trakAudio.SetUse64bitTime();
+}
+
+void CMp4MoovAtom::SetIsMp4File(bool mp4File) {
+    m_trackTC.SetIsMp4File(mp4File);
+    m_trakAudio.SetIsMp4File(mp4File);
+    m_isQtFile = !mp4File;
+}
+
+int32_t CMp4MoovAtom::NextTrakId() {
+    ++m_nTrakCount;
+    m_mvhd.SetMaxTrakId(m_nTrakCount);
+    return m_nTrakCount;
+}
+
+bool CMp4MoovAtom::SetVideoTrack(const mp4_video_track_info* pTrackInfo) {
+    if (!m_trakVideo.valid()) m_trakVideo.SetTrakID(NextTrakId());
+    m_trakVideo.SetVideoInfo(pTrackInfo);
+    return true;
+}
+
+bool CMp4MoovAtom::SetAudioTrack(const mp4_audio_track_info_t* pTrackInfo) {
+    m_trakAudio.SetTrakID(NextTrakId());
+    m_trakAudio.SetAudioInfo(pTrackInfo);
+    return true;
+}
+
+bool CMp4MoovAtom::SetSubtitleTrack(const mp4_subtitle_track_info_t* pTrackInfo) {
+    m_trakSubtitle.SetTrakID(NextTrakId());
+    m_trakSubtitle.SetSubtitleInfo(pTrackInfo);
+    return true;
+}
+
+bool CMp4MoovAtom::SetTCMDTrack(const mp4_time_code_track_info_t* pTrackInfo) {
+    m_trackTC.SetTrakID(NextTrakId());
+    m_trackTC.SetTimecodeTrackInfo(pTrackInfo);
+    m_trakVideo.AddTimeCodeReference(m_trackTC.GetTrakID());
+    return true;
+}
+
+bool CMp4MoovAtom::SetMetaData(const char* pKey, const char* pData, uint32_t size,
+                               mp4_meta_data_type_t type, const char* key_namespace) {
+    if (!CMp4IlstAtom::IsValidItem(pData, size, type)) return false;
+    if (m_udta.m_meta.SetMetaData(pKey, pData, size, type, key_namespace)) return true;
+    if (!m_meta.SetMetaData(pKey, pData, size, type, key_namespace)) return false;
+    m_has_meta = true;
+    return true;
+}
+
+// Samples
+
+bool CMp4MoovAtom::OpensChunk(const CMp4TrakAtom& track) {
+    const bool opensChunk = m_iLastTrakId != track.GetTrakID();
+    m_iLastTrakId = track.GetTrakID();
+    return opensChunk;
+}
+
+bool CMp4MoovAtom::AfterWriteVideoFrame(int64_t nOffset, int cbFrame, int64_t nPts, int64_t nDts,
+                                        bool bSync) {
+    if (Needs64bitOffset(nOffset)) m_trakVideo.SetUse64BitSize();
+    return m_trakVideo.AfterWriteVideoFrame(nOffset, cbFrame, nPts, nDts, bSync,
+                                            OpensChunk(m_trakVideo));
+}
+
+bool CMp4MoovAtom::AfterWriteAudioFrame(int64_t nOffset, int cbFrame, int64_t nTimeStamp) {
+    if (!m_trakAudio.valid()) return false;
+    if (Needs64bitOffset(nOffset)) m_trakAudio.SetUse64BitSize();
+    return m_trakAudio.AfterWriteAudioFrame(nOffset, cbFrame, nTimeStamp, OpensChunk(m_trakAudio));
+}
+
+void CMp4MoovAtom::AfterWriteSubtitleFrame(int64_t nOffset, int cbFrame, int64_t nTimeStamp) {
+    m_trakSubtitle.AfterWriteFrame(nOffset, cbFrame, nTimeStamp, OpensChunk(m_trakSubtitle));
+}
+
+void CMp4MoovAtom::AfterWriteTimeCode(int64_t nOffSet) {
+    if (Needs64bitOffset(nOffSet)) m_trackTC.SetUse64BitSize();
+    m_trackTC.AfterWriteTimeCode(nOffSet, OpensChunk(m_trackTC));
+}
+
+// Queries
+
+int64_t CMp4MoovAtom::MovieDuration() {
+    return std::max(m_trakVideo.GetDurationMS(), m_trakAudio.GetDurationMS());
+}
+
+uint64_t CMp4MoovAtom::GetDurationMS() { return static_cast<uint64_t>(MovieDuration()); }
+
+int64_t CMp4MoovAtom::TimecodeDuration() {
+    const uint32_t videoTimeScale = m_trakVideo.GetTimeScale();
+    if (videoTimeScale == 0) return 0;
+    const uint64_t product =
+        static_cast<uint64_t>(m_trakVideo.GetDuration()) * m_trackTC.GetTimeScale();
+    return static_cast<int64_t>(product) / int64_t{videoTimeScale};
+}
+
+uint32_t CMp4MoovAtom::GetSize() {
+    return kBoxHeaderSize + m_mvhd.GetSize() + SizeOf(m_trakVideo) + SizeOf(m_trakAudio) +
+           SizeOf(m_trakSubtitle) + SizeOf(m_trackTC) + m_udta.GetSize() +
+           (m_has_meta ? m_meta.GetSize() : 0);
+}
+
+// Serialisation
+
+void CMp4MoovAtom::Write() {
+    int64_t start = WriterPos();
+    if (m_fastWrite) {
+        constexpr uint32_t kSlack = 1024;
+        static_cast<CBufferIO*>(m_pWriter)->Init(m_pFileWriter, GetSize() + kSlack);
+        start = 0;
+    }
+    PutBoxHeader(*m_pWriter, "moov");
+    m_mvhd.SetDuration(MovieDuration());
+    m_mvhd.Write();
+    WriteTracks();
+    if (m_has_meta) m_meta.Write();
+    m_udta.Write();
+    UpdateSize(start, true);
+    zv_log_info("moov update size finished", kSource, __LINE__, "Write");
+    VerifySize(start);
+    if (!m_fastWrite) return;
+    const uint64_t size = m_pWriter->Ftell();
+    m_pWriter->Flush();
+    zv_log_info("moov flush finished, size:%llu", kSource, __LINE__, "Write",
+                static_cast<unsigned long long>(size));
+}
+
+void CMp4MoovAtom::WriteTracks() {
+    const uint32_t movieTimeScale = m_mvhd.GetTimeScale();
+    m_trakVideo.setMoovTimeScale(movieTimeScale);
+    m_trakVideo.Write();
+    m_trakAudio.setMoovTimeScale(movieTimeScale);
+    m_trakAudio.Write();
+    if (m_trackTC.valid()) {
+        m_trackTC.setMoovTimeScale(movieTimeScale);
+        m_trackTC.SetDuration(TimecodeDuration());
+        m_trackTC.Write();
+    }
+    if (m_trakSubtitle.valid()) {
+        m_trakSubtitle.setMoovTimeScale(movieTimeScale);
+        m_trakSubtitle.SetResolution(m_trakVideo.GetWidth(), m_trakVideo.GetHeight());
+        m_trakSubtitle.Write();
+    }
+}
+
+void CMp4MoovAtom::VerifySize(int64_t start) {
+    const int64_t written = WriterPos() - start;
+    if (written == int64_t{GetSize()}) return;
+    zv_log_warn("calc size(%u) not equal to moov real size:%lli", kSource, __LINE__, "Write",
+                GetSize(), static_cast<long long>(written));
+    zv_log_info(
+        "m_mvhd size:%u, m_trakVideo size:%u, m_trakAudio size:%u, m_trakSubtitle size:%u, "
+        "m_trackTC size:%u, m_udta size:%u",
+        kSource, __LINE__, "Write", m_mvhd.GetSize(), m_trakVideo.GetSize(), m_trakAudio.GetSize(),
+        m_trakSubtitle.GetSize(), m_trackTC.GetSize(), m_udta.GetSize());
+}
+
+void CMp4MoovAtom::Update() {
+    const int64_t position = WriterPos();
+    m_mvhd.SetDuration(MovieDuration());
+    m_mvhd.Update();
+    m_trakAudio.Update();
+    m_trakVideo.Update();
+    if (m_trackTC.valid()) {
+        m_trackTC.SetDuration(TimecodeDuration());
+        m_trackTC.Update();
+    }
+    m_pWriter->Seek(position, SEEK_SET);
+}

@@ -1,0 +1,96 @@
+#ifndef KX_MP4_MOOV_H
+#define KX_MP4_MOOV_H
+
+#include <cstdint>
+
+#include "Atom.h"
+#include "kx_mp4/kx_mp4.h"
+#include "meta.h"
+#include "mvhd.h"
+#include "trak.h"
+#include "udta.h"
+
+/// Milliseconds of the system clock since the epoch. Logged durations are differences of two.
+int64_t GetTimeTick();
+
+/// Movie Box, 'moov' - ISO/IEC 14496-12, 8.2.1 - at the end of the file - container of 'mvhd', the
+/// video, audio, timecode and caption 'trak' that have samples, 'meta' (custom keys) and 'udta'
+///
+/// The index of the file. Tracks get their IDs, from 1, in the order in which they are declared;
+/// every sample that was appended to the media data is reported here and reaches its track's
+/// tables. A new chunk begins whenever the sample before it in the file was another track's.
+class CMp4MoovAtom : public CMp4Atom {
+public:
+    /// In fast-write mode `pWriter` is a CBufferIO that is flushed to `pFileWriter` in one piece.
+    CMp4MoovAtom(IBaseIO* pWriter, bool fastWrite, IBaseIO* pFileWriter);
+
+    /// 64-bit chunk offsets for video, audio and timecode.
+    void SetUse64bitSize();
+    /// 64-bit times for the movie, video and audio.
+    void SetUse64bitTime();
+    /// Chooses between the forms of MP4 and QuickTime.
+    void SetIsMp4File(bool mp4File);
+    /// See CMp4Muxer::SetCompositionOffsets.
+    void SetCompositionOffsets(bool enable) { m_trakVideo.SetCompositionOffsets(enable); }
+
+    /// Declares the video track; a second call keeps the ID and replaces the description.
+    bool SetVideoTrack(const mp4_video_track_info* pTrackInfo);
+    /// Declares the audio track; every call hands out a new ID. The same holds for those below.
+    bool SetAudioTrack(const mp4_audio_track_info_t* pTrackInfo);
+    bool SetSubtitleTrack(const mp4_subtitle_track_info_t* pTrackInfo);
+    /// Declares the timecode track and makes the video track refer to it.
+    bool SetTCMDTrack(const mp4_time_code_track_info_t* pTrackInfo);
+    /// Offers an item to the iTunes form, and what that does not take to the QuickTime form; false
+    /// when neither takes it.
+    bool SetMetaData(const char* pKey, const char* pData, uint32_t size, mp4_meta_data_type_t type,
+                     const char* key_namespace);
+
+    /// Records a video sample: position in the file, bytes, times in the track's ticks. False when
+    /// reserved room is full. A track whose offsets pass 32 bits moves to 64-bit ones.
+    bool AfterWriteVideoFrame(int64_t nOffset, int cbFrame, int64_t nPts, int64_t nDts, bool bSync);
+    /// Records an audio sample; false without a declared track, or when reserved room is full.
+    bool AfterWriteAudioFrame(int64_t nOffset, int cbFrame, int64_t nTimeStamp);
+    /// Records a caption sample; its offset must fit 32 bits.
+    void AfterWriteSubtitleFrame(int64_t nOffset, int cbFrame, int64_t nTimeStamp);
+    /// Records a timecode sample of 4 bytes.
+    void AfterWriteTimeCode(int64_t nOffSet);
+
+    /// The longer of the video and the audio duration in milliseconds.
+    uint64_t GetDurationMS();
+    /// KiB per second.
+    double GetVideoBitrate() { return m_trakVideo.GetBitrate(); }
+    double GetAudioBitrate() { return m_trakAudio.GetBitrate(); }
+
+    void Write() override;
+    uint32_t GetSize() override;
+    /// Rewrites durations and tables of a box that lies in the file already (fixed-header mode),
+    /// and restores the writer's position.
+    void Update();
+
+    CMp4UdtaAtom m_udta;
+    CMp4MetaAtom m_meta;
+    bool m_has_meta = false;
+
+private:
+    int32_t NextTrakId();
+    /// Whether a sample of this track opens a chunk; the track is then the last one written.
+    bool OpensChunk(const CMp4TrakAtom& track);
+    int64_t MovieDuration();
+    int64_t TimecodeDuration();
+    void WriteTracks();
+    void VerifySize(int64_t start);
+    uint32_t SizeOf(CMp4TrakAtom& track) { return track.valid() ? track.GetSize() : 0; }
+
+    int32_t m_nTrakCount = 0;
+    CMp4MvhdAtom m_mvhd;
+    CMp4VideoTrakAtom m_trakVideo;
+    CMp4AudioTrakAtom m_trakAudio;
+    CMp4TCTrakAtom m_trackTC;
+    CMp4SubtitleTrakAtom m_trakSubtitle;
+    int32_t m_iLastTrakId = 0;
+    bool m_fastWrite;
+    IBaseIO* m_pFileWriter;
+    bool m_isQtFile = false;
+};
+
+#endif  // KX_MP4_MOOV_H

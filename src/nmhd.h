@@ -1,0 +1,28 @@
+#ifndef KX_MP4_NMHD_H
+#define KX_MP4_NMHD_H
+
+#include "Atom.h"
+#include "gmin.h"
+#include "text.h"
+
+/// Null Media Header Box, 'nmhd' - ISO/IEC 14496-12, 8.4.5.2 - inside 'minf' of an MP4 file's
+/// timecode track - container of 'gmin' and 'text', without version and flags of its own
+class CMp4NmhdAtom : public CMp4ContainerAtom<CMp4NmhdAtom> {
+public:
+    static constexpr FourCC kType = "nmhd";
+
+    explicit CMp4NmhdAtom(IBaseIO* pWriter)
+        : CMp4ContainerAtom(pWriter), m_gmin(pWriter), m_text(pWriter) {}
+
+    template <class F>
+    void ForEachChild(F&& visit) {
+        visit(m_gmin);
+        visit(m_text);
+    }
+
+private:
+    CMp4GminAtom m_gmin;
+    CMp4TextAtom m_text;
+};
+
+#endif  // KX_MP4_NMHD_H

@@ -1,0 +1,22 @@
+#include "stss.h"
+
+#include "zv_log.h"
+
+namespace {
+constexpr const char* kSource = "src/stss";
+}  // namespace
+
+bool CMp4StssAtom::AddSyncSample(int32_t iSampleIndex) {
+    if (IsFull()) {
+        zv_log_error("video sync frame box(stss) have no left space", kSource, __LINE__,
+                     "AddSyncSample");
+        return false;
+    }
+    ++m_frameNum;
+    m_buffer.WriteInt32(Low32(iSampleIndex));
+    return true;
+}
+
+void CMp4StssAtom::Update() {
+    if (CanUpdate(kSource, __LINE__)) Rewrite(m_frameNum);
+}

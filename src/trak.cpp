@@ -1,0 +1,320 @@
+#include "trak.h"
+
+#include <algorithm>
+#include <memory>
+
+#include "AudioES.h"
+#include "zv_log.h"
+
+namespace {
+
+constexpr uint32_t kDefaultTimeScale = 1000;
+constexpr uint32_t kMillisecondsPerSecond = 1000;
+
+/// value * numerator / denominator; 0 for a denominator of 0. Hostile values may wrap, as in any
+/// 64-bit field, but never trap.
+int64_t Scale(int64_t value, uint32_t numerator, uint32_t denominator) {
+    if (denominator == 0) return 0;
+    const uint64_t product = static_cast<uint64_t>(value) * numerator;
+    return static_cast<int64_t>(product) / static_cast<int64_t>(denominator);
+}
+
+/// a - b, wrapping.
+int64_t Difference(int64_t a, int64_t b) {
+    return static_cast<int64_t>(static_cast<uint64_t>(a) - static_cast<uint64_t>(b));
+}
+
+/// a + b, wrapping.
+int64_t Sum(int64_t a, int64_t b) {
+    return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
+}
+
+}  // namespace
+
+// CMp4TrakAtom
+
+CMp4TrakAtom::CMp4TrakAtom(IBaseIO* pWriter)
+    : CMp4Atom(pWriter), m_tkhd(pWriter), m_edts(pWriter) {}
+
+void CMp4TrakAtom::SetTrakID(int32_t iTrakID) {
+    m_iTrakID = iTrakID;
+    m_tkhd.SetTrakId(iTrakID);
+}
+
+void CMp4TrakAtom::SetUse64bitTime() {
+    m_tkhd.SetUse64bitTime();
+    m_edts.SetUse64bitTime();
+    Media().SetUse64bitTime();
+}
+
+void CMp4TrakAtom::AdvanceClock(int64_t timestamp) {
+    m_lastFrameDuration = Low32(Difference(timestamp, m_nLastTs));
+    m_nLastTs = timestamp;
+}
+
+uint32_t CMp4TrakAtom::NominalDuration() {
+    if (m_frameDuration == 0) m_frameDuration = m_lastFrameDuration;
+    return m_frameDuration;
+}
+
+int64_t CMp4TrakAtom::GetDuration() {
+    return Sum(Difference(m_nLastTs, m_nStartTs), NominalDuration());
+}
+
+int64_t CMp4TrakAtom::GetDurationMS() {
+    return Scale(GetDuration(), kMillisecondsPerSecond, GetTimeScale());
+}
+
+double CMp4TrakAtom::GetBitrate() {
+    constexpr int64_t kBytesPerKiB = 1024;
+    const int64_t duration = GetDuration();
+    if (duration == 0) return 0.0;
+    return static_cast<double>(GetDataSize() * GetTimeScale()) /
+           (static_cast<double>(duration) * kBytesPerKiB);
+}
+
+int64_t CMp4TrakAtom::HeaderDuration() {
+    const int64_t duration = GetDuration();
+    return GetTimeScale() == m_moovTimeScale ? duration
+                                             : Scale(duration, m_moovTimeScale, GetTimeScale());
+}
+
+void CMp4TrakAtom::SetHeaderTimes() {
+    const int64_t duration = HeaderDuration();
+    m_tkhd.SetDuration(duration);
+    m_edts.SetDuration(duration);
+    m_edts.SetMediaTime(GetMediaStart());
+}
+
+void CMp4TrakAtom::Write() {
+    if (!IsWritten()) {
+        zv_log_error("write without track data", "src/trak", __LINE__, "Write");
+        return;
+    }
+    WriteContainer("trak", [this] {
+        SetHeaderTimes();
+        m_tkhd.Write();
+        m_edts.Write();
+        WriteRefTrack();
+        WriteMdia();
+    });
+}
+
+uint32_t CMp4TrakAtom::GetSize() {
+    if (!IsWritten()) return 0;
+    return kBoxHeaderSize + m_tkhd.GetSize() + m_edts.GetSize() + GetRefTrackSize() +
+           Media().GetSize();
+}
+
+void CMp4TrakAtom::WriteMdia() {
+    Media().SetDuration(GetMediaDuration());
+    Media().Write();
+}
+
+void CMp4TrakAtom::Update() {
+    SetHeaderTimes();
+    m_tkhd.Update();
+    m_edts.Update();
+}
+
+// CMp4VideoTrakAtom
+
+CMp4VideoTrakAtom::CMp4VideoTrakAtom(IBaseIO* pWriter)
+    : CMp4TrakAtom(pWriter), m_mdia(pWriter), m_tref(pWriter) {
+    m_info.timescale = kDefaultTimeScale;
+}
+
+void CMp4VideoTrakAtom::SetCompositionOffsets(bool enable) {
+    SampleTable().SetCompositionOffsets(enable);
+}
+
+void CMp4VideoTrakAtom::SetVideoInfo(const mp4_video_track_info_t* pTrackInfo) {
+    m_info = *pTrackInfo;
+    if (m_info.timescale == 0) m_info.timescale = kDefaultTimeScale;
+    const auto frameDuration = static_cast<uint32_t>(m_info.frame_duration);
+    m_tkhd.SetResolution(m_info.width, m_info.height);
+    m_mdia.SetTimeScale(static_cast<int32_t>(m_info.timescale));
+    SampleTable().SetResolution(m_info.width, m_info.height);
+    SampleTable().SetFrameDuration(static_cast<int32_t>(frameDuration));
+    setFrameDuration(frameDuration);
+    switch (m_info.codec) {
+        case MP4_MVC_H264: SampleTable().SetH264(&m_info.h264); break;
+        case MP4_MVC_HEVC: SampleTable().SetHevc(&m_info.hevc); break;
+        case MP4_MVC_PRORES: SampleTable().SetProRes(&m_info.prores); break;
+        default: break;
+    }
+}
+
+bool CMp4VideoTrakAtom::AddTimeCodeReference(int32_t tcTrackID) {
+    auto reference = std::make_shared<CMp4RefTrackTypeAtom>(m_pWriter);
+    reference->SetRefType(REFERENCE_TRACK_TMCD);
+    reference->SetRefTrack(tcTrackID);
+    m_tref.AddRefTrackType(std::move(reference));
+    m_bAddRefTrackAtom = true;
+    return true;
+}
+
+void CMp4VideoTrakAtom::WriteRefTrack() {
+    if (m_bAddRefTrackAtom) m_tref.Write();
+}
+
+bool CMp4VideoTrakAtom::AfterWriteVideoFrame(int64_t nOffset, int cbFrame, int64_t nPts,
+                                             int64_t nDts, bool bSync, bool bNewChunk) {
+    ++m_nVideoFrames;
+    AdvanceClock(nPts);
+    ExtendSpan(nPts, nDts);
+    if (!SampleTable().OnFrame(nOffset, cbFrame, nPts, nDts, bNewChunk)) return false;
+    if (!bSync) return true;
+    if (!SampleTable().AddSyncSample(static_cast<int32_t>(m_nVideoFrames))) return false;
+    if (m_nVideoFrames == 1) m_nStartTs = nPts;
+    return true;
+}
+
+void CMp4VideoTrakAtom::ExtendSpan(int64_t nPts, int64_t nDts) {
+    if (m_nVideoFrames == 1) {
+        m_span = {nDts, nDts, nPts, nPts, 0};
+        return;
+    }
+    m_span.lastStep = Low32(Difference(nDts, m_span.lastDts));
+    m_span.lastDts = nDts;
+    m_span.firstPts = std::min(m_span.firstPts, nPts);
+    m_span.lastPts = std::max(m_span.lastPts, nPts);
+}
+
+uint32_t CMp4VideoTrakAtom::LastSampleDuration() const {
+    return m_frameDuration != 0 ? m_frameDuration : m_span.lastStep;
+}
+
+int64_t CMp4VideoTrakAtom::GetDuration() {
+    if (!HasCompositionOffsets()) return CMp4TrakAtom::GetDuration();
+    return Sum(Difference(m_span.lastPts, m_span.firstPts), LastSampleDuration());
+}
+
+int64_t CMp4VideoTrakAtom::GetMediaDuration() {
+    if (!HasCompositionOffsets()) return GetDuration();
+    return Sum(Difference(m_span.lastDts, m_span.firstDts), LastSampleDuration());
+}
+
+int64_t CMp4VideoTrakAtom::GetMediaStart() {
+    if (!HasCompositionOffsets()) return 0;
+    // A picture shown before the first decode time lies before the media's timeline: an edit
+    // cannot start there.
+    return std::max<int64_t>(0, Difference(m_span.firstPts, m_span.firstDts));
+}
+
+void CMp4VideoTrakAtom::Update() {
+    CMp4TrakAtom::Update();
+    SampleTable().Update();
+    m_mdia.SetDuration(GetMediaDuration());
+    m_mdia.Update();
+}
+
+// CMp4AudioTrakAtom
+
+CMp4AudioTrakAtom::CMp4AudioTrakAtom(IBaseIO* pWriter) : CMp4TrakAtom(pWriter), m_mdia(pWriter) {
+    constexpr int16_t kSoundGroup = 1;
+    m_tkhd.SetAlternateGroup(kSoundGroup);
+    m_info.timescale = kDefaultTimeScale;
+}
+
+void CMp4AudioTrakAtom::SetAudioInfo(const mp4_audio_track_info_t* pTrackInfo) {
+    m_info = *pTrackInfo;
+    if (m_info.timescale == 0) m_info.timescale = kDefaultTimeScale;
+    const int sampleRate = SampleRateOfField(m_info.sample_rate);
+    const auto frameDuration = static_cast<uint32_t>(m_info.frame_duration);
+    m_mdia.SetTimeScale(static_cast<int32_t>(m_info.timescale));
+    SampleTable().SetSamplerate(sampleRate);
+    SampleTable().SetTrakId(m_iTrakID);
+    SampleTable().SetFrameDuration(static_cast<int32_t>(frameDuration));
+    setFrameDuration(frameDuration);
+    if (m_info.codec != MP4_MAC_AAC && m_info.codec != MP4_MAC_ADTS) return;
+    uint8_t szEs[2] = {};
+    CAudioES::Generate(m_info.profile, sampleRate, m_info.channels, szEs);
+    SampleTable().SetAAC(szEs, sizeof szEs);
+}
+
+bool CMp4AudioTrakAtom::AfterWriteAudioFrame(int64_t nOffset, int cbFrame, int64_t nTimeStamp,
+                                             bool bNewChunk) {
+    ++m_nAudioFrames;
+    AdvanceClock(nTimeStamp);
+    if (!SampleTable().OnFrame(nOffset, cbFrame, nTimeStamp, nTimeStamp, bNewChunk)) return false;
+    if (m_nAudioFrames == 1) m_nStartTs = nTimeStamp;
+    return true;
+}
+
+void CMp4AudioTrakAtom::Update() {
+    CMp4TrakAtom::Update();
+    SampleTable().Update();
+    m_mdia.SetDuration(GetDuration());
+    m_mdia.Update();
+}
+
+// CMp4TCTrakAtom
+
+CMp4TCTrakAtom::CMp4TCTrakAtom(IBaseIO* pWriter) : CMp4TrakAtom(pWriter), m_mdia(pWriter) {
+    m_tkhd.SetUseTCFlag();
+}
+
+void CMp4TCTrakAtom::SetTimecodeTrackInfo(const mp4_time_code_track_info_t* pInfo) {
+    m_info = *pInfo;
+    const auto timescale = static_cast<int32_t>(m_info.timescale);
+    m_mdia.SetTimeScale(timescale);
+    m_mdia.SetMinfTimeScale(timescale);
+    m_mdia.SetMinfFrameDuration(
+        static_cast<int32_t>(static_cast<uint32_t>(m_info.frame_duration)));
+    SampleTable().SetFlags(m_info.flags);
+    SampleTable().SetNumOfFrames(m_info.frame_rate);
+}
+
+void CMp4TCTrakAtom::SetDuration(int64_t nDuration) {
+    m_nLastTs = nDuration;
+    m_nStartTs = 0;
+}
+
+void CMp4TCTrakAtom::AfterWriteTimeCode(int64_t nOffset, bool bNewChunk) {
+    SampleTable().OnTimeCode(nOffset, bNewChunk);
+    ++m_nSamples;
+}
+
+void CMp4TCTrakAtom::WriteMdia() {
+    SampleTable().SetDuration(static_cast<int32_t>(Low32(GetDuration())));
+    CMp4TrakAtom::WriteMdia();
+}
+
+void CMp4TCTrakAtom::Update() {
+    CMp4TrakAtom::Update();
+    m_mdia.SetDuration(GetDuration());
+    m_mdia.Update();
+    if (m_nLastUpdateSamples >= m_nSamples) return;
+    SampleTable().Update(static_cast<int32_t>(Low32(GetDuration())));
+    m_nLastUpdateSamples = m_nSamples;
+}
+
+void CMp4TCTrakAtom::SetFixedHeaderMode(bool mode) {
+    CMp4TrakAtom::SetFixedHeaderMode(mode);
+    SampleTable().SetMaxFrameNum(1, 0);
+}
+
+// CMp4SubtitleTrakAtom
+
+CMp4SubtitleTrakAtom::CMp4SubtitleTrakAtom(IBaseIO* pWriter)
+    : CMp4TrakAtom(pWriter), m_mdia(pWriter) {}
+
+void CMp4SubtitleTrakAtom::SetSubtitleInfo(const mp4_subtitle_track_info_t* pTrackInfo) {
+    m_info = *pTrackInfo;
+    if (m_info.timescale == 0) m_info.timescale = kDefaultTimeScale;
+    m_mdia.SetTimeScale(static_cast<int32_t>(m_info.timescale));
+    SampleTable().SetTrakId(m_iTrakID);
+    SampleTable().SetFrameDuration(0);
+    SampleTable().SetCodec(m_info.codec);
+}
+
+bool CMp4SubtitleTrakAtom::AfterWriteFrame(int64_t nOffset, int cbFrame, int64_t nTimeStamp,
+                                           bool bNewChunk) {
+    ++m_nFrames;
+    AdvanceClock(nTimeStamp);
+    const bool result =
+        SampleTable().OnFrame(nOffset, cbFrame, nTimeStamp, nTimeStamp, bNewChunk);
+    if (m_nFrames == 1) m_nStartTs = nTimeStamp;
+    return result;
+}

@@ -1,0 +1,46 @@
+#ifndef KX_MP4_UDTA_H
+#define KX_MP4_UDTA_H
+
+#include "Atom.h"
+#include "meta.h"
+
+/// User Data Box, 'udta' - ISO/IEC 14496-12, 8.10.1 - inside 'moov' - container of 'meta' in the
+/// iTunes form
+class CMp4UdtaAtom : public CMp4ContainerAtom<CMp4UdtaAtom> {
+public:
+    static constexpr FourCC kType = "udta";
+
+    explicit CMp4UdtaAtom(IBaseIO* pWriter) : CMp4ContainerAtom(pWriter), m_meta(pWriter) {}
+
+    template <class F>
+    void ForEachChild(F&& visit) {
+        visit(m_meta);
+    }
+
+    CMp4MetaAtom m_meta;
+};
+
+/// User data of a timecode sample entry, 'udta' with a 'name' - QuickTime File Format - direct
+///
+/// | offset | bytes | field                             |
+/// | 8      | 8     | 'name' header, size 12 + n        |
+/// | 16     | n, 4  | the name, 0                       |
+///
+/// Readers do not miss it: the timecode entry is written without it.
+class CMp4TMCDUdatAtom : public CMp4DirectAtom<CMp4TMCDUdatAtom> {
+public:
+    using CMp4DirectAtom::CMp4DirectAtom;
+
+    template <class Out>
+    void Put(Out& out) const {
+        static constexpr char kName[] = "Tarnholt";
+        constexpr uint32_t kNameLength = sizeof kName - 1;
+        PutBoxHeader(out, "udta");
+        out.WriteInt32(kFullBoxHeaderSize + kNameLength);
+        out.WriteTag("name");
+        out.WriteBuf(kName, kNameLength);
+        out.WriteInt32(0);
+    }
+};
+
+#endif  // KX_MP4_UDTA_H
