@@ -78,6 +78,8 @@ bool HasZeroPairSse2(const uint8_t* p) {
 
 const uint8_t* FindSse2(const uint8_t* p, const uint8_t* end) {
     if (end - p < kSseStep + 2) return FindWordwise(p, end);
+    if (const unsigned mask = StartCodesSse2(p)) return FirstSse2(p, mask);
+    p += kSseStep;
     while (end - p >= 4 * kSseStep + 2) {
         if (HasZeroPairSse2(p)) {
             for (ptrdiff_t i = 0; i < 4 * kSseStep; i += kSseStep) {
@@ -122,6 +124,9 @@ constexpr ptrdiff_t kAvxStep = 32;
 
 [[gnu::target("avx2")]] const uint8_t* FindAvx2(const uint8_t* p, const uint8_t* end) {
     if (end - p < kAvxStep + 2) return FindSse2(p, end);
+    // Delimiters and parameter sets are short: the next start code is often near.
+    if (const unsigned mask = StartCodesAvx2(p)) return p + __builtin_ctz(mask);
+    p += kAvxStep;
     while (end - p >= 4 * kAvxStep + 2) {
         if (HasZeroPairAvx2(p)) {
             for (ptrdiff_t i = 0; i < 4 * kAvxStep; i += kAvxStep) {
