@@ -1,0 +1,252 @@
+#include <gmock/gmock.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "StartCode.h"
+#include "VideoFrameParser.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using Slices = std::vector<std::pair<int, int>>;  // offset, length
+
+// The splitter at its plainest, which every faster one must agree with.
+Slices SplitByLoop(const uint8_t* frame, int size) {
+    Slices slices;
+    int head = -1;
+    for (int i = 0; i < size - 3; ++i) {
+        if (frame[i] != 0 || frame[i + 1] != 0 || frame[i + 2] != 1) continue;
+        const int end = i > 0 && frame[i - 1] == 0 ? i - 1 : i;
+        if (head >= 0) slices.emplace_back(head, end - head);
+        head = i + 3;
+    }
+    if (head >= 0) slices.emplace_back(head, size - head);
+    return slices;
+}
+
+Slices Split(const uint8_t* frame, int size) {
+    CVideoFrameParser parser;
+    const bool found = parser.Parse(frame, size);
+    EXPECT_EQ(found, !parser.empty());
+    Slices slices;
+    for (const VIDEO_SLICE& slice : parser) {
+        slices.emplace_back(static_cast<int>(slice.pbData - frame), slice.cbData);
+    }
+    return slices;
+}
+
+Slices Split(const Bytes& frame) {
+    return Split(frame.data(), static_cast<int>(frame.size()));
+}
+
+const uint8_t* FindByLoop(const uint8_t* begin, const uint8_t* end) {
+    static const Bytes kPrefix{0, 0, 1};
+    return std::search(begin, end, kPrefix.begin(), kPrefix.end());
+}
+
+// Memory that may not be touched outside of its `size` bytes: they end where a page without
+// access begins, or begin where one ends.
+class GuardedBytes {
+public:
+    GuardedBytes() : m_page(static_cast<size_t>(sysconf(_SC_PAGESIZE))) {
+        m_map = static_cast<uint8_t*>(
+            mmap(nullptr, 3 * m_page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        if (m_map == MAP_FAILED || mprotect(m_map + m_page, m_page, PROT_READ | PROT_WRITE) != 0) {
+            throw std::runtime_error("no guarded memory");
+        }
+    }
+    ~GuardedBytes() { munmap(m_map, 3 * m_page); }
+    GuardedBytes(const GuardedBytes&) = delete;
+    GuardedBytes& operator=(const GuardedBytes&) = delete;
+
+    uint8_t* AtFront() { return m_map + m_page; }
+    uint8_t* AtBack(size_t size) { return m_map + 2 * m_page - size; }
+
+private:
+    size_t m_page;
+    uint8_t* m_map;
+};
+
+// All strings of `length` over {0, 1, 2}.
+std::vector<Bytes> AllStrings(size_t length) {
+    std::vector<Bytes> strings(1);
+    for (size_t i = 0; i < length; ++i) {
+        std::vector<Bytes> longer;
+        for (const Bytes& head : strings) {
+            for (uint8_t last = 0; last < 3; ++last) {
+                longer.push_back(head);
+                longer.back().push_back(last);
+            }
+        }
+        strings.swap(longer);
+    }
+    return strings;
+}
+
+class EverySearch : public testing::TestWithParam<StartCodeSearch> {
+protected:
+    // Compares every answer of a walk through [begin, end); the first difference ends the test.
+    void CompareWalk(const uint8_t* begin, const uint8_t* end) {
+        const uint8_t* expected = nullptr;
+        do {
+            expected = FindByLoop(begin, end);
+            ASSERT_EQ(GetParam().find(begin, end) - begin, expected - begin)
+                << "of " << end - begin << " bytes";
+            begin = expected + 3;
+        } while (expected != end && begin <= end);
+    }
+};
+
+TEST_P(EverySearch, AgreesWithTheLoopOnAllShortInputs) {
+    GuardedBytes memory;
+    for (size_t length = 0; length <= 9; ++length) {
+        for (const Bytes& text : AllStrings(length)) {
+            uint8_t* const at = std::copy_backward(text.begin(), text.end(), memory.AtBack(0));
+            CompareWalk(at, at + length);
+            if (HasFatalFailure()) return;
+        }
+    }
+}
+
+TEST_P(EverySearch, AgreesWithTheLoopAtEveryPlaceOfAWideInput) {
+    GuardedBytes memory;
+    const std::vector<Bytes> texts = AllStrings(4);
+    for (const size_t size : {17U, 18U, 33U, 34U, 66U, 67U, 130U, 131U, 163U, 200U}) {
+        for (const int filler : {0, 1, 0xFF}) {
+            uint8_t* const at = memory.AtBack(size);
+            for (size_t place = 0; place + 4 <= size; ++place) {
+                for (const Bytes& text : texts) {
+                    std::memset(at, filler, size);
+                    std::copy(text.begin(), text.end(), at + place);
+                    CompareWalk(at, at + size);
+                    if (HasFatalFailure()) return;
+                }
+            }
+        }
+    }
+}
+
+TEST_P(EverySearch, AgreesWithTheLoopOnRandomInputsAtAllAlignments) {
+    GuardedBytes memory;
+    std::mt19937 random(7);
+    for (int round = 0; round < 4000; ++round) {
+        const size_t size = random() % 700;
+        const unsigned range = round % 2 == 0 ? 3 : 12;
+        uint8_t* const at = round % 4 < 2 ? memory.AtFront() + round % 64 : memory.AtBack(size);
+        std::generate_n(at, size, [&] { return static_cast<uint8_t>(random() % range); });
+        CompareWalk(at, at + size);
+        if (HasFatalFailure()) return;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(StartCode, EverySearch, testing::ValuesIn(StartCodeSearches()),
+                         [](const auto& search) { return std::string(search.param.name); });
+
+TEST(VideoFrameParser, SplitsAsTheLoopOnAllShortInputs) {
+    for (size_t length = 0; length <= 10; ++length) {
+        for (const Bytes& frame : AllStrings(length)) {
+            ASSERT_EQ(Split(frame), SplitByLoop(frame.data(), static_cast<int>(length)))
+                << testing::PrintToString(frame);
+        }
+    }
+}
+
+TEST(VideoFrameParser, SplitsAsTheLoopOnWideInputs) {
+    std::mt19937 random(11);
+    for (int round = 0; round < 3000; ++round) {
+        Bytes frame(random() % 900);
+        const unsigned range = 3 + static_cast<unsigned>(round) % 20;
+        for (uint8_t& byte : frame)
+            byte = static_cast<uint8_t>(random() % range);
+        ASSERT_EQ(Split(frame), SplitByLoop(frame.data(), static_cast<int>(frame.size())));
+    }
+}
+
+TEST(VideoFrameParser, KnowsBothStartCodesAndWhatIsNone) {
+    EXPECT_EQ(Split({0, 0, 0, 1, 0x67, 0xAA, 0, 0, 1, 0x68, 0xBB}), (Slices{{4, 2}, {9, 2}}));
+    EXPECT_EQ(Split({0, 0, 1, 0x65, 0x88}), (Slices{{3, 2}}));
+    EXPECT_EQ(Split({0, 0, 1, 0, 0, 1, 0x65}), (Slices{{3, 0}, {6, 1}}));
+    EXPECT_EQ(Split({0, 0, 0, 0, 1, 0x65}), (Slices{{5, 1}}));
+    EXPECT_EQ(Split({9, 0, 0, 1, 0x65, 0, 0, 0, 0, 1, 0x41}), (Slices{{4, 2}, {10, 1}}));
+    EXPECT_EQ(Split({0, 0, 1, 0x65, 0, 0, 1}), (Slices{{3, 4}}));
+    EXPECT_EQ(Split({0, 0, 1}), Slices{});
+    EXPECT_EQ(Split({1, 2, 3, 4, 5, 6}), Slices{});
+}
+
+TEST(VideoFrameParser, RefusesNoFrameAndForgetsTheOneBefore) {
+    const Bytes frame{0, 0, 1, 0x65, 0, 0, 1, 0x41};
+    CVideoFrameParser parser;
+    for (const auto& [data, size] : {std::pair<const uint8_t*, int>{nullptr, 8},
+                                     {frame.data(), -1},
+                                     {frame.data(), 0},
+                                     {frame.data(), INT32_MIN}}) {
+        ASSERT_TRUE(parser.Parse(frame.data(), 8));
+        EXPECT_FALSE(parser.Parse(data, size));
+        EXPECT_TRUE(parser.empty());
+    }
+}
+
+TEST(VideoFrameParser, KeepsItsMemory) {
+    Bytes frame;
+    for (int i = 0; i < 32; ++i)
+        frame.insert(frame.end(), {0, 0, 1, 0x41, 0x9A});
+    CVideoFrameParser parser;
+    ASSERT_TRUE(parser.Parse(frame.data(), static_cast<int>(frame.size())));
+    const VIDEO_SLICE* const memory = parser.data();
+    EXPECT_FALSE(parser.Parse(nullptr, 0));
+    ASSERT_TRUE(parser.Parse(frame.data(), static_cast<int>(frame.size())));
+    EXPECT_EQ(parser.size(), 32U);
+    EXPECT_EQ(parser.data(), memory);
+}
+
+// The nal_unit_types that a classifier's question is answered with yes for. `header` turns a type
+// into a header byte whose other bits are all set.
+template <class Question>
+std::vector<int> TypesWith(int types, uint8_t (*header)(int), Question question) {
+    std::vector<int> yes;
+    for (int type = 0; type < types; ++type) {
+        const uint8_t byte = header(type);
+        if (question(&byte)) yes.push_back(type);
+    }
+    return yes;
+}
+
+std::vector<int> Range(int first, int last) {
+    std::vector<int> numbers;
+    for (int i = first; i <= last; ++i)
+        numbers.push_back(i);
+    return numbers;
+}
+
+TEST(NalClassifiers, H264) {
+    CH264Nal nal;
+    const auto header = [](int type) { return static_cast<uint8_t>(0xE0 | type); };
+    const auto types = [&](auto question) { return TypesWith(32, header, question); };
+    EXPECT_THAT(types([&](auto* p) { return nal.IsKeyFrame(p, 1); }), testing::ElementsAre(5));
+    EXPECT_THAT(types([&](auto* p) { return nal.IsRandomAccess(p, 1); }), testing::ElementsAre(5));
+    EXPECT_EQ(types([&](auto* p) { return !nal.IsPayload(p, 1); }), Range(6, 9));
+    EXPECT_EQ(types([&](auto* p) { return nal.GetTag(p, 1) == (*p & 0x1F); }), Range(0, 31));
+}
+
+TEST(NalClassifiers, Hevc) {
+    CHevcNal nal;
+    const auto header = [](int type) { return static_cast<uint8_t>(0x81 | type << 1); };
+    const auto types = [&](auto question) { return TypesWith(64, header, question); };
+    std::vector<int> payload = Range(0, 21);
+    payload.push_back(39);
+    EXPECT_THAT(types([&](auto* p) { return nal.IsKeyFrame(p, 1); }), testing::ElementsAre(19, 20));
+    EXPECT_EQ(types([&](auto* p) { return nal.IsRandomAccess(p, 1); }), Range(16, 21));
+    EXPECT_EQ(types([&](auto* p) { return nal.IsPayload(p, 1); }), payload);
+    const uint8_t idr = 0x26;
+    EXPECT_EQ(nal.GetTag(&idr, 1), 19);
+}
+
+}  // namespace
