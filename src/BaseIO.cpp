@@ -13,7 +13,6 @@
 namespace {
 
 constexpr const char* kSource = "src/BaseIO";
-constexpr size_t kMaxPath = 1024;
 constexpr const char* kWriteErrorLine = "BaseIO : Error - [line %d] Write error %s !\n\n";
 constexpr const char* kSeekErrorLine = "BaseIO : Error - [line %d] Seek error %s !\n\n";
 
@@ -163,22 +162,31 @@ void IFileIOBase::Read(void* pbBuf, uint32_t cbBuf) {
 
 // CFileWriter
 
-mp4_status_t CFileWriter::Init(const wchar_t* pFilePath, uint32_t, uint32_t) {
-    const size_t length = std::wcstombs(nullptr, pFilePath, kMaxPath);
+mp4_status_t ConvertPath(const wchar_t* pFilePath, NarrowPath& path) {
+    const size_t length = std::wcstombs(nullptr, pFilePath, 0);
     if (length == static_cast<size_t>(-1)) {
         zv_log_error("wcstombs failed", kSource, __LINE__, "Init");
+        errno = EILSEQ;
         return MP4_STATUS_INVALID_PARAMETER;
     }
-    if (length >= kMaxPath - 1) {
+    if (length >= path.size() - 1) {
         zv_log_error("file path reach the max path size 1024", kSource, __LINE__, "Init");
+        errno = ENAMETOOLONG;
         return MP4_STATUS_FILE_NAME_TOO_LONG;
     }
-    char path[kMaxPath] = {};
-    std::wcstombs(path, pFilePath, kMaxPath);
-    const int file = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK, 0644);
+    std::wcstombs(path.data(), pFilePath, path.size());
+    return MP4_STATUS_SUCCESS;
+}
+
+mp4_status_t CFileWriter::Init(const wchar_t* pFilePath, uint32_t, uint32_t) {
+    NarrowPath path;
+    const mp4_status_t status = ConvertPath(pFilePath, path);
+    if (status != MP4_STATUS_SUCCESS) return status;
+    const int file = open(path.data(), O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK, 0644);
     if (file < 0) {
         const int code = errno;
-        zv_log_error("open file '%s' failed, error:%d", kSource, __LINE__, "Init", path, code);
+        zv_log_error("open file '%s' failed, error:%d", kSource, __LINE__, "Init", path.data(),
+                     code);
         return kx_mp4_exception::convert_error(code);
     }
     m_hFile = file;

@@ -153,6 +153,14 @@ private:
     std::array<uint8_t, kCopyRoom> m_copy;
 };
 
+/// Room for a path in the multibyte form that the system takes, with its terminator.
+using NarrowPath = std::array<char, 1024>;
+
+/// Converts a path by the current locale. A failure is logged and leaves its error number in errno.
+/// @return #MP4_STATUS_INVALID_PARAMETER when the locale cannot convert the path,
+///         #MP4_STATUS_FILE_NAME_TOO_LONG past 1022 bytes.
+mp4_status_t ConvertPath(const wchar_t* pFilePath, NarrowPath& path);
+
 /// A new or truncated file, named by a wide-character path that the current locale can convert.
 class CFileWriter : public IFileIOBase {
 public:
