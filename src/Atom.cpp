@@ -5,7 +5,9 @@
 
 #include "zv_log.h"
 
-CMp4Atom::CMp4Atom(IBaseIO* pWriter) : m_pWriter(pWriter) { m_buffer.Init(pWriter); }
+CMp4Atom::CMp4Atom(IBaseIO* pWriter) : m_pWriter(pWriter) {
+    m_buffer.Init(pWriter);
+}
 
 void CMp4Atom::setWriter(IBaseIO* pWriter) {
     m_pWriter = pWriter;
@@ -30,7 +32,9 @@ void CMp4Atom::UpdateSize(int64_t nStartPos, bool check) {
     if (check) CheckSize(written);
 }
 
-void CMp4Atom::UpdateBufferSize(int64_t nStartPos) { CheckSize(PatchSize(m_buffer, nStartPos)); }
+void CMp4Atom::UpdateBufferSize(int64_t nStartPos) {
+    CheckSize(PatchSize(m_buffer, nStartPos));
+}
 
 void CMp4Atom::CheckSize(int64_t written) {
     const uint32_t expected = GetSize();

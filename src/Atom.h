@@ -38,11 +38,17 @@ constexpr uint32_t kBoxHeaderSize = 8;
 constexpr uint32_t kFullBoxHeaderSize = 12;
 
 /// Keeps the low 32 bits on purpose: a field that is 32 bits wide in the file.
-constexpr uint32_t Low32(int64_t value) { return static_cast<uint32_t>(value); }
+constexpr uint32_t Low32(int64_t value) {
+    return static_cast<uint32_t>(value);
+}
 /// Keeps the low 16 bits on purpose.
-constexpr uint16_t Low16(int64_t value) { return static_cast<uint16_t>(value); }
+constexpr uint16_t Low16(int64_t value) {
+    return static_cast<uint16_t>(value);
+}
 /// Keeps the low 8 bits on purpose.
-constexpr uint8_t Low8(int64_t value) { return static_cast<uint8_t>(value); }
+constexpr uint8_t Low8(int64_t value) {
+    return static_cast<uint8_t>(value);
+}
 
 /// Header of a plain box; the size is a placeholder that is patched when the content is out.
 template <class Out>
@@ -70,7 +76,9 @@ constexpr void PutTime(Out& out, bool use64bitTime, int64_t value) {
 }
 
 /// A 16.16 fixed-point number of a whole value.
-constexpr uint32_t Fixed16_16(int64_t value) { return Low32(value * 0x10000); }
+constexpr uint32_t Fixed16_16(int64_t value) {
+    return Low32(value * 0x10000);
+}
 
 /// Transformation matrix (ISO/IEC 14496-12, 6.2.2): rows (a b u) (c d v) (tx ty w), where u and v
 /// are 0 and w is 1 as a 2.30 number.

@@ -54,7 +54,9 @@ void IBaseIO::FailRead(int line) {
 
 // IFileIOBase
 
-IFileIOBase::~IFileIOBase() { IFileIOBase::Uninit(); }
+IFileIOBase::~IFileIOBase() {
+    IFileIOBase::Uninit();
+}
 
 bool IFileIOBase::Uninit() {
     m_status = IO_UNINIT;
@@ -131,7 +133,8 @@ void IFileIOBase::WriteGathered() {
                                   : writev(m_hFile, piece, static_cast<int>(end - piece));
         if (count <= 0) FailWrite(__LINE__);
         auto written = static_cast<size_t>(count);
-        while (piece != end && written >= piece->iov_len) written -= (piece++)->iov_len;
+        while (piece != end && written >= piece->iov_len)
+            written -= (piece++)->iov_len;
         if (piece != end) {
             piece->iov_base = static_cast<uint8_t*>(piece->iov_base) + written;
             piece->iov_len -= written;
@@ -196,7 +199,9 @@ mp4_status_t CFileWriter::Init(const wchar_t* pFilePath, uint32_t, uint32_t) {
 
 // CBufferIO
 
-CBufferIO::~CBufferIO() { Release(); }
+CBufferIO::~CBufferIO() {
+    Release();
+}
 
 void CBufferIO::Release() {
     std::free(m_pbBuffer);
@@ -227,10 +232,16 @@ void CBufferIO::Seek(int64_t offset, int origin) {
     const auto end = static_cast<int64_t>(m_nEnd);
     int64_t base = 0;
     switch (origin) {
-        case SEEK_SET: break;
-        case SEEK_CUR: base = static_cast<int64_t>(m_nOffset); break;
-        case SEEK_END: base = end; break;
-        default: return;
+        case SEEK_SET:
+            break;
+        case SEEK_CUR:
+            base = static_cast<int64_t>(m_nOffset);
+            break;
+        case SEEK_END:
+            base = end;
+            break;
+        default:
+            return;
     }
     // Both sides stay within 0 .. end, so neither can overflow whatever the offset is.
     if (offset < -base || offset > end - base) FailSeek(__LINE__);
@@ -303,7 +314,9 @@ bool ExternalWriter::Uninit() {
     return true;
 }
 
-uint64_t ExternalWriter::Ftell() { return m_pFunc == nullptr ? 0 : m_pFunc->tell(m_handle); }
+uint64_t ExternalWriter::Ftell() {
+    return m_pFunc == nullptr ? 0 : m_pFunc->tell(m_handle);
+}
 
 void ExternalWriter::Seek(int64_t offset, int origin) {
     if (m_pFunc != nullptr) m_pFunc->seek(m_handle, offset, origin);

@@ -101,7 +101,8 @@ private:
         uint8_t bytes[Width];
         ReadBuf(bytes, Width);
         uint64_t value = 0;
-        for (const uint8_t byte : bytes) value = value << 8 | byte;
+        for (const uint8_t byte : bytes)
+            value = value << 8 | byte;
         return value;
     }
 };

@@ -13,7 +13,9 @@ mp4_status_t CInfoWriter::Create(const wchar_t* pFilePath, uint32_t) {
     return m_writer.Init(pFilePath, 0, 0);
 }
 
-void CInfoWriter::Close() { m_writer.Uninit(); }
+void CInfoWriter::Close() {
+    m_writer.Uninit();
+}
 
 mp4_status_t CInfoWriter::Flush() {
     try {
@@ -114,7 +116,8 @@ mp4_status_t CInfoWriter::WriteVideoFormat(const mp4_video_track_info_t* pTrackI
             case MP4_MVC_PRORES:
                 m_writer.WriteInt8(static_cast<uint8_t>(info.prores.format));
                 break;
-            default: break;
+            default:
+                break;
         }
     });
 }

@@ -80,16 +80,19 @@ bool NormaliseParameterSets(mp4_video_track_info_t* info) {
             return NormaliseParameterSet(&info->hevc.vps, &info->hevc.vps_size) &&
                    NormaliseParameterSet(&info->hevc.sps, &info->hevc.sps_size) &&
                    NormaliseParameterSet(&info->hevc.pps, &info->hevc.pps_size);
-        default: return true;
+        default:
+            return true;
     }
 }
 
 bool HasCodecData(const mp4_video_track_info_t& info) {
     switch (info.codec) {
-        case MP4_MVC_H264: return info.h264.sps_size != 0 && info.h264.pps_size != 0;
+        case MP4_MVC_H264:
+            return info.h264.sps_size != 0 && info.h264.pps_size != 0;
         case MP4_MVC_HEVC:
             return info.hevc.pps_size != 0 && info.hevc.sps_size != 0 && info.hevc.vps_size != 0;
-        default: return true;
+        default:
+            return true;
     }
 }
 
@@ -104,9 +107,12 @@ void KeepParameterSet(const uint8_t* bytes, size_t size, std::vector<uint8_t>* k
 
 std::unique_ptr<IVideoNalParser> NalParserOf(mp4_video_codec codec) {
     switch (codec) {
-        case MP4_MVC_H264: return std::make_unique<CH264Nal>();
-        case MP4_MVC_HEVC: return std::make_unique<CHevcNal>();
-        default: return nullptr;
+        case MP4_MVC_H264:
+            return std::make_unique<CH264Nal>();
+        case MP4_MVC_HEVC:
+            return std::make_unique<CHevcNal>();
+        default:
+            return nullptr;
     }
 }
 
@@ -155,7 +161,9 @@ private:
 
 CMp4Muxer::CMp4Muxer() = default;
 
-CMp4Muxer::~CMp4Muxer() { m_pVideoNalParser = nullptr; }
+CMp4Muxer::~CMp4Muxer() {
+    m_pVideoNalParser = nullptr;
+}
 
 // Life of a file
 
@@ -175,8 +183,7 @@ mp4_status_t CMp4Muxer::Create(const wchar_t* pFilePath, mp4_config_t* config) {
     if (m_pWriter != nullptr) return MP4_STATUS_DEVICE_OR_RESOURCE_BUSY;
     return Guarded([&] {
         ResetFileState();
-        zv_log_info("mp4 flag is %d", kSource, __LINE__, "Create",
-                    static_cast<int>(config->flags));
+        zv_log_info("mp4 flag is %d", kSource, __LINE__, "Create", static_cast<int>(config->flags));
         if ((config->flags & MP4_FLAG_SAFE_MODE) != 0)
             zv_log_warn("safe mode flag already deprecated", kSource, __LINE__, "Create");
         if ((config->flags & MP4_FLAG_FAST_HEADER_WRITE) != 0) {
@@ -240,8 +247,10 @@ mp4_status_t CMp4Muxer::OpenWriter(const wchar_t* pFilePath, const mp4_config_t&
     }
     std::wcscpy(m_pwszFilePath, pFilePath);
     switch (config.io_mode) {
-        case MP4_IO_FILE: return OpenFileWriter(pFilePath);
-        case MP4_IO_EXTERNAL: return OpenExternalWriter(pFilePath, config.func);
+        case MP4_IO_FILE:
+            return OpenFileWriter(pFilePath);
+        case MP4_IO_EXTERNAL:
+            return OpenExternalWriter(pFilePath, config.func);
         case MP4_IO_DIRECT:
             zv_log_error("mac os platform do not support direct io yet", kSource, __LINE__,
                          "Create");
@@ -250,7 +259,8 @@ mp4_status_t CMp4Muxer::OpenWriter(const wchar_t* pFilePath, const mp4_config_t&
             zv_log_error("mac os platform do not support safe write mode", kSource, __LINE__,
                          "Create");
             return MP4_STATUS_UNSUPPORTED;
-        default: return MP4_STATUS_UNSUPPORTED;
+        default:
+            return MP4_STATUS_UNSUPPORTED;
     }
 }
 
@@ -268,8 +278,8 @@ mp4_status_t CMp4Muxer::OpenFileWriter(const wchar_t* pFilePath) {
 
 mp4_status_t CMp4Muxer::OpenExternalWriter(const wchar_t* pFilePath, mp4_file_io_func_t* pFunc) {
     if (pFunc == nullptr) {
-        zv_log_error("error: pFunc should not be null when use external io mode", kSource,
-                     __LINE__, "Create");
+        zv_log_error("error: pFunc should not be null when use external io mode", kSource, __LINE__,
+                     "Create");
         return MP4_STATUS_INVALID_PARAMETER;
     }
     auto writer = std::make_unique<ExternalWriter>(pFunc);
@@ -410,17 +420,20 @@ void CMp4Muxer::ReleaseBoxes() {
 }
 
 void CMp4Muxer::RemoveInfoFile() {
-    char path[std::size(m_strInfoFilePath)] = {};
-    // A path that the locale cannot spell cannot have been opened either.
-    if (std::wcstombs(path, m_strInfoFilePath, sizeof path - 1) == static_cast<size_t>(-1)) return;
-    if (path[0] != '\0') std::remove(path);
+    NarrowPath path;
+    if (m_strInfoFilePath[0] != L'\0' && ConvertPath(m_strInfoFilePath, path) == MP4_STATUS_SUCCESS)
+        std::remove(path.data());
 }
 
 // Queries
 
-bool CMp4Muxer::IsOpen() { return m_pWriter != nullptr && m_pWriter->IsValid(); }
+bool CMp4Muxer::IsOpen() {
+    return m_pWriter != nullptr && m_pWriter->IsValid();
+}
 
-int64_t CMp4Muxer::GetCurFileSize() { return m_nCurFileSize; }
+int64_t CMp4Muxer::GetCurFileSize() {
+    return m_nCurFileSize;
+}
 
 mp4_status_t CMp4Muxer::NotOpenAnswer(int line, const char* function) {
     if (m_pWriter != nullptr) return m_pWriter->get_error_code();
@@ -451,7 +464,9 @@ uint64_t CMp4Muxer::GetDurationMS() {
     return m_moov != nullptr ? m_moov->GetDurationMS() : 0;
 }
 
-uint32_t CMp4Muxer::GetMoovSize() { return m_moov != nullptr ? m_moov->GetSize() : 0; }
+uint32_t CMp4Muxer::GetMoovSize() {
+    return m_moov != nullptr ? m_moov->GetSize() : 0;
+}
 
 double CMp4Muxer::GetVideoBitrate() {
     return m_moov != nullptr ? m_moov->GetVideoBitrate() : -1.0;
@@ -630,9 +645,8 @@ mp4_status_t CMp4Muxer::SetMetadata(const char* pKey, const char* pData, uint32_
             zv_log_error("set meta key %s failed", kSource, __LINE__, "SetMetadata", pKey);
             return MP4_STATUS_INVALID_PARAMETER;
         }
-        return RecordInRepairInfo([&] {
-            return m_infoWriter.WriteMetadata(pKey, pData, size, type, key_namespace);
-        });
+        return RecordInRepairInfo(
+            [&] { return m_infoWriter.WriteMetadata(pKey, pData, size, type, key_namespace); });
     });
 }
 
@@ -700,8 +714,7 @@ mp4_status_t CMp4Muxer::WriteVideoFrame(const uint8_t* buf, uint32_t size, uint6
         mp4_status_t status = CheckRecording(__LINE__, "WriteVideoFrame");
         if (status != MP4_STATUS_SUCCESS) return status;
         if (buf == nullptr || size == 0) {
-            zv_log_error("write video frame with empty data", kSource, __LINE__,
-                         "WriteVideoFrame");
+            zv_log_error("write video frame with empty data", kSource, __LINE__, "WriteVideoFrame");
             return MP4_STATUS_SUCCESS;
         }
         status = CheckVideoFrame(parsed);
@@ -869,8 +882,7 @@ mp4_status_t CMp4Muxer::WriteAudioFrame(const uint8_t* buf, uint32_t size, uint6
 
 mp4_status_t CMp4Muxer::SetAudioTrackFromAdts(const uint8_t* header, bool isAdts) {
     if (!isAdts) {
-        zv_log_error("invalid ADTS stream, please check it.", kSource, __LINE__,
-                     "WriteAudioFrame");
+        zv_log_error("invalid ADTS stream, please check it.", kSource, __LINE__, "WriteAudioFrame");
         return MP4_STATUS_INVALID_ADTS_STREAM;
     }
     // ISO/IEC 14496-3, 1.A.2.2.1: profile 2 bits, frequency index 4, private 1, channels 3
@@ -883,15 +895,14 @@ mp4_status_t CMp4Muxer::SetAudioTrackFromAdts(const uint8_t* header, bool isAdts
     return RecordInRepairInfo([this] { return m_infoWriter.WriteAudioFormat(&m_audioTrack); });
 }
 
-mp4_status_t CMp4Muxer::AppendAudioFrame(const uint8_t* sample, uint32_t size,
-                                         uint64_t timestamp) {
+mp4_status_t CMp4Muxer::AppendAudioFrame(const uint8_t* sample, uint32_t size, uint64_t timestamp) {
     if (!HasRoomInFile(size, "WriteAudioFrame")) return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
-    mp4_status_t status = WriteBytes([&] { m_pWriter->WriteBuf(sample, size); },
-                                     [&] {
-                                         zv_log_error("write buffer exception, buffer size %d",
-                                                      kSource, __LINE__, "WriteAudioFrame",
-                                                      static_cast<int>(size));
-                                     });
+    mp4_status_t status =
+        WriteBytes([&] { m_pWriter->WriteBuf(sample, size); },
+                   [&] {
+                       zv_log_error("write buffer exception, buffer size %d", kSource, __LINE__,
+                                    "WriteAudioFrame", static_cast<int>(size));
+                   });
     if (status != MP4_STATUS_SUCCESS) return status;
     const auto bytes = static_cast<int>(size);
     const auto nTimeStamp = static_cast<int64_t>(timestamp);

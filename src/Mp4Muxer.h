@@ -194,8 +194,8 @@ private:
     mp4_status_t AddSample(int bytes, Index&& index, Record&& record);
 
     mp4_status_t CheckVideoFrame(bool parsed);
-    mp4_status_t AppendVideoFrame(const uint8_t* buf, uint32_t size,
-                                  const CVideoFrameParser& frame, uint64_t pts, uint64_t dts);
+    mp4_status_t AppendVideoFrame(const uint8_t* buf, uint32_t size, const CVideoFrameParser& frame,
+                                  uint64_t pts, uint64_t dts);
     void WriteNalUnits(const CVideoFrameParser& frame);
     bool HasSyncSlice(const CVideoFrameParser& frame) const;
     void UpdateReservedHeader(uint64_t sizeBefore);

@@ -44,6 +44,10 @@ void CMp4EsdsAtom::Put(Out& out) const {
     out.WriteInt8(kPredefinedMp4);
 }
 
-uint32_t CMp4EsdsAtom::GetSize() { return CMp4LeafAtom::GetSize(); }
+uint32_t CMp4EsdsAtom::GetSize() {
+    return CMp4LeafAtom::GetSize();
+}
 
-void CMp4EsdsAtom::Write() { CMp4LeafAtom::Write(); }
+void CMp4EsdsAtom::Write() {
+    CMp4LeafAtom::Write();
+}

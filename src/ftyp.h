@@ -20,7 +20,7 @@ public:
     void Put(Out& out) const {
         constexpr uint32_t kMp4MinorVersion = 512;
         constexpr uint32_t kQtMinorVersion = 0x20050300;  // 2005.03, as QuickTime 7 writes it
-        out.WriteInt32(0);  // size, patched
+        out.WriteInt32(0);                                // size, patched
         out.WriteTag("ftyp");
         if (m_bQt) {
             out.WriteTag("qt  ");

@@ -34,8 +34,8 @@ CMp4HvccAtom::ParameterSet CMp4HvccAtom::Parse(const uint8_t* set, int16_t size,
     ParameterSet parameterSet;
     if (set == nullptr) return parameterSet;
     if (size > 0) parameterSet.bytes.assign(set, set + size);
-    parameterSet.parsed = m_pParser->ParseNAL(parameterSet.bytes.data(),
-                                              static_cast<int>(parameterSet.bytes.size()));
+    parameterSet.parsed =
+        m_pParser->ParseNAL(parameterSet.bytes.data(), static_cast<int>(parameterSet.bytes.size()));
     if (!parameterSet.parsed) zv_log_error("%s", kSource, __LINE__, "SetVosData", failure);
     return parameterSet;
 }

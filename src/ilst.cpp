@@ -39,14 +39,37 @@ std::string BigEndianInteger(const char* data) {
 CMp4IlstAtom::CMp4IlstAtom(IBaseIO* pWriter)
     : CMp4LeafAtom(pWriter),
       m_arrMetadata{
-          {kTitleTag, "title", {}},         {"\xA9" "ART", "artist", {}},
-          {"aART", "album_artist", {}},     {"\xA9wrt", "composer", {}},
-          {"\xA9" "alb", "album", {}},      {"\xA9" "day", "date", {}},
-          {"\xA9too", "encoding_tool", {}}, {"\xA9" "cmt", "comment", {}},
-          {"\xA9gen", "genre", {}},         {"\xA9" "cpy", "copyright", {}},
-          {"\xA9grp", "grouping", {}},      {"\xA9lyr", "lyrics", {}},
-          {"desc", "description", {}},      {"ldes", "synopsis", {}},
-          {"tvsh", "show", {}},             {"tven", "episode_id", {}},
+          {kTitleTag, "title", {}},
+          {"\xA9"
+           "ART",
+           "artist",
+           {}},
+          {"aART", "album_artist", {}},
+          {"\xA9wrt", "composer", {}},
+          {"\xA9"
+           "alb",
+           "album",
+           {}},
+          {"\xA9"
+           "day",
+           "date",
+           {}},
+          {"\xA9too", "encoding_tool", {}},
+          {"\xA9"
+           "cmt",
+           "comment",
+           {}},
+          {"\xA9gen", "genre", {}},
+          {"\xA9"
+           "cpy",
+           "copyright",
+           {}},
+          {"\xA9grp", "grouping", {}},
+          {"\xA9lyr", "lyrics", {}},
+          {"desc", "description", {}},
+          {"ldes", "synopsis", {}},
+          {"tvsh", "show", {}},
+          {"tven", "episode_id", {}},
           {"tvnn", "network", {}},
       } {}
 
@@ -84,10 +107,17 @@ bool CMp4IlstAtom::SetMetaData(int index, const char* data, uint32_t size,
     if (!IsValidItem(data, size, type)) return false;
     std::string value;
     switch (type) {
-        case MP4_META_DATA_TYPE_RAW: value.assign(data, size); break;
-        case MP4_META_DATA_TYPE_INT: value = BigEndianInteger(data); break;
-        case MP4_META_DATA_TYPE_STRING: value = data; break;
-        default: value.assign(data, strnlen(data, size));
+        case MP4_META_DATA_TYPE_RAW:
+            value.assign(data, size);
+            break;
+        case MP4_META_DATA_TYPE_INT:
+            value = BigEndianInteger(data);
+            break;
+        case MP4_META_DATA_TYPE_STRING:
+            value = data;
+            break;
+        default:
+            value.assign(data, strnlen(data, size));
     }
     m_extern_data.push_back({value, type, index});
     return true;
@@ -98,14 +128,16 @@ void CMp4IlstAtom::Put(Out& out) const {
     PutBoxHeader(out, "ilst");
     for (const META_DATA& row : m_arrMetadata) {
         if (!row.pData) continue;
-        PutItem(out, [&] { out.WriteTag(row.pTag); }, MP4_META_DATA_TYPE_STRING, *row.pData);
+        PutItem(
+            out, [&] { out.WriteTag(row.pTag); }, MP4_META_DATA_TYPE_STRING, *row.pData);
     }
     for (const meta_data_t& item : m_extern_data) {
         switch (item.type) {
             case MP4_META_DATA_TYPE_RAW:
             case MP4_META_DATA_TYPE_STRING:
             case MP4_META_DATA_TYPE_INT:
-                PutItem(out, [&] { out.WriteInt32(Low32(item.index)); }, item.type, item.value);
+                PutItem(
+                    out, [&] { out.WriteInt32(Low32(item.index)); }, item.type, item.value);
                 break;
             default:
                 zv_log_error("unknown meta data type:%d", "src/ilst", __LINE__, "Write", item.type);
@@ -113,6 +145,10 @@ void CMp4IlstAtom::Put(Out& out) const {
     }
 }
 
-void CMp4IlstAtom::Write() { CMp4LeafAtom::Write(); }
+void CMp4IlstAtom::Write() {
+    CMp4LeafAtom::Write();
+}
 
-uint32_t CMp4IlstAtom::GetSize() { return CMp4LeafAtom::GetSize(); }
+uint32_t CMp4IlstAtom::GetSize() {
+    return CMp4LeafAtom::GetSize();
+}

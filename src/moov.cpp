@@ -10,7 +10,9 @@ namespace {
 
 constexpr const char* kSource = "src/moov";
 
-bool Needs64bitOffset(int64_t offset) { return offset > int64_t{UINT32_MAX}; }
+bool Needs64bitOffset(int64_t offset) {
+    return offset > int64_t{UINT32_MAX};
+}
 
 }  // namespace
 
@@ -128,7 +130,9 @@ int64_t CMp4MoovAtom::MovieDuration() {
     return std::max(m_trakVideo.GetDurationMS(), m_trakAudio.GetDurationMS());
 }
 
-uint64_t CMp4MoovAtom::GetDurationMS() { return static_cast<uint64_t>(MovieDuration()); }
+uint64_t CMp4MoovAtom::GetDurationMS() {
+    return static_cast<uint64_t>(MovieDuration());
+}
 
 int64_t CMp4MoovAtom::TimecodeDuration() {
     const uint32_t videoTimeScale = m_trakVideo.GetTimeScale();

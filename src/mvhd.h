@@ -31,8 +31,8 @@ public:
 
     template <class Out>
     void Put(Out& out) const {
-        constexpr uint32_t kNormalRate = 0x00010000;   // 16.16
-        constexpr uint16_t kFullVolume = 0x0100;       // 8.8
+        constexpr uint32_t kNormalRate = 0x00010000;  // 16.16
+        constexpr uint16_t kFullVolume = 0x0100;      // 8.8
         PutFullBoxHeader(out, "mvhd", m_b64bitTime ? 1 : 0);
         PutTime(out, m_b64bitTime, 0);
         PutTime(out, m_b64bitTime, 0);

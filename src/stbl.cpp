@@ -41,7 +41,9 @@ void CMp4StblAtom::ReserveTables(uint32_t num, uint32_t runs) {
     m_stsc.SetFixedHeader();
 }
 
-void CMp4StblAtom::SetMaxFrameNum(uint32_t num, uint32_t) { ReserveTables(num, num); }
+void CMp4StblAtom::SetMaxFrameNum(uint32_t num, uint32_t) {
+    ReserveTables(num, num);
+}
 
 void CMp4StblAtom::Write() {
     WriteContainer(kType, [this] {

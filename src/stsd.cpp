@@ -80,7 +80,9 @@ void CMp4VideoStsdAtom::SetProRes(const mp4_prores_parameter_set_t* pParam) {
     m_szTag = m_fourcc;
 }
 
-bool CMp4VideoStsdAtom::HasAlpha() const { return m_fourcc == "ap4x" || m_fourcc == "ap4h"; }
+bool CMp4VideoStsdAtom::HasAlpha() const {
+    return m_fourcc == "ap4x" || m_fourcc == "ap4h";
+}
 
 template <class Out>
 void CMp4VideoStsdAtom::PutCompressorName(Out& out) const {
@@ -224,9 +226,14 @@ uint32_t CMp4AudioStsdAtom::GetSize() {
 
 void CMp4SubtitleStsdAtom::SetCodec(mp4_subtitle_codec codec) {
     switch (codec) {
-        case MP4_SUBTITLE_CODEC_CC608: m_szTag = "c608"; break;
-        case MP4_SUBTITLE_CODEC_CC708: m_szTag = "c708"; break;
-        default: zv_log_error("unknown subtitle codec %d", kSource, __LINE__, "SetCodec", codec);
+        case MP4_SUBTITLE_CODEC_CC608:
+            m_szTag = "c608";
+            break;
+        case MP4_SUBTITLE_CODEC_CC708:
+            m_szTag = "c708";
+            break;
+        default:
+            zv_log_error("unknown subtitle codec %d", kSource, __LINE__, "SetCodec", codec);
     }
 }
 

@@ -138,10 +138,17 @@ void CMp4VideoTrakAtom::SetVideoInfo(const mp4_video_track_info_t* pTrackInfo) {
     SampleTable().SetFrameDuration(static_cast<int32_t>(frameDuration));
     setFrameDuration(frameDuration);
     switch (m_info.codec) {
-        case MP4_MVC_H264: SampleTable().SetH264(&m_info.h264); break;
-        case MP4_MVC_HEVC: SampleTable().SetHevc(&m_info.hevc); break;
-        case MP4_MVC_PRORES: SampleTable().SetProRes(&m_info.prores); break;
-        default: break;
+        case MP4_MVC_H264:
+            SampleTable().SetH264(&m_info.h264);
+            break;
+        case MP4_MVC_HEVC:
+            SampleTable().SetHevc(&m_info.hevc);
+            break;
+        case MP4_MVC_PRORES:
+            SampleTable().SetProRes(&m_info.prores);
+            break;
+        default:
+            break;
     }
 }
 
@@ -260,8 +267,7 @@ void CMp4TCTrakAtom::SetTimecodeTrackInfo(const mp4_time_code_track_info_t* pInf
     const auto timescale = static_cast<int32_t>(m_info.timescale);
     m_mdia.SetTimeScale(timescale);
     m_mdia.SetMinfTimeScale(timescale);
-    m_mdia.SetMinfFrameDuration(
-        static_cast<int32_t>(static_cast<uint32_t>(m_info.frame_duration)));
+    m_mdia.SetMinfFrameDuration(static_cast<int32_t>(static_cast<uint32_t>(m_info.frame_duration)));
     SampleTable().SetFlags(m_info.flags);
     SampleTable().SetNumOfFrames(m_info.frame_rate);
 }
@@ -313,8 +319,7 @@ bool CMp4SubtitleTrakAtom::AfterWriteFrame(int64_t nOffset, int cbFrame, int64_t
                                            bool bNewChunk) {
     ++m_nFrames;
     AdvanceClock(nTimeStamp);
-    const bool result =
-        SampleTable().OnFrame(nOffset, cbFrame, nTimeStamp, nTimeStamp, bNewChunk);
+    const bool result = SampleTable().OnFrame(nOffset, cbFrame, nTimeStamp, nTimeStamp, bNewChunk);
     if (m_nFrames == 1) m_nStartTs = nTimeStamp;
     return result;
 }

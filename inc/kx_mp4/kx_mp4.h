@@ -11,21 +11,21 @@
 
 /// Result of every public operation.
 typedef enum _mp4_status_t {
-    MP4_STATUS_SUCCESS = 0,             ///< Done.
-    MP4_STATUS_UNEXPECTED_ERROR = 1,    ///< A failure without a status of its own.
-    MP4_STATUS_INVALID_HANDLE = 2,      ///< Reserved; no operation returns it.
-    MP4_STATUS_FILE_NAME_TOO_LONG = 3,  ///< The path does not fit 1022 bytes.
-    MP4_STATUS_INVALID_PARAMETER = 4,   ///< An argument or description fails validation.
-    MP4_STATUS_OPEN_FILE_FAILED = 5,    ///< Reserved; a failed open reports its error number.
-    MP4_STATUS_INVALID_CODEC_TYPE = 6,  ///< The video codec is none of #mp4_video_codec.
-    MP4_STATUS_INVALID_SUBTITLE_TYPE = 7,  ///< Caption packet, but no known caption codec is set.
-    MP4_STATUS_INVALID_ADTS_STREAM = 8,    ///< First frame of an ADTS track without ADTS header.
-    MP4_STATUS_INVALID_VIDEO_STREAM = 9,   ///< No start code in an H.264 or HEVC frame.
-    MP4_STATUS_INVALID_VIDEO_TRACK = 10,   ///< Video frame before a valid video track was set.
-    MP4_STATUS_UNSUPPORTED = 11,           ///< The requested mode is not available.
-    MP4_STATUS_OPERATOR_NOT_PERMITTED = 12,   ///< The system said EPERM.
-    MP4_STATUS_NO_SUCH_FILE_OR_DIR = 13,      ///< The system said ENOENT.
-    MP4_STATUS_PERMISSION_DENIED = 14,        ///< The system said EACCES.
+    MP4_STATUS_SUCCESS = 0,                  ///< Done.
+    MP4_STATUS_UNEXPECTED_ERROR = 1,         ///< A failure without a status of its own.
+    MP4_STATUS_INVALID_HANDLE = 2,           ///< Reserved; no operation returns it.
+    MP4_STATUS_FILE_NAME_TOO_LONG = 3,       ///< The path does not fit 1022 bytes.
+    MP4_STATUS_INVALID_PARAMETER = 4,        ///< An argument or description fails validation.
+    MP4_STATUS_OPEN_FILE_FAILED = 5,         ///< Reserved; a failed open reports its error number.
+    MP4_STATUS_INVALID_CODEC_TYPE = 6,       ///< The video codec is none of #mp4_video_codec.
+    MP4_STATUS_INVALID_SUBTITLE_TYPE = 7,    ///< Caption packet, but no known caption codec is set.
+    MP4_STATUS_INVALID_ADTS_STREAM = 8,      ///< First frame of an ADTS track without ADTS header.
+    MP4_STATUS_INVALID_VIDEO_STREAM = 9,     ///< No start code in an H.264 or HEVC frame.
+    MP4_STATUS_INVALID_VIDEO_TRACK = 10,     ///< Video frame before a valid video track was set.
+    MP4_STATUS_UNSUPPORTED = 11,             ///< The requested mode is not available.
+    MP4_STATUS_OPERATOR_NOT_PERMITTED = 12,  ///< The system said EPERM.
+    MP4_STATUS_NO_SUCH_FILE_OR_DIR = 13,     ///< The system said ENOENT.
+    MP4_STATUS_PERMISSION_DENIED = 14,       ///< The system said EACCES.
     MP4_STATUS_DEVICE_OR_RESOURCE_BUSY = 15,  ///< EBUSY, or Create on a muxer that is open.
     MP4_STATUS_TOO_MANY_OPEN_FILES = 16,      ///< The system said EMFILE.
     MP4_STATUS_NO_SPACE_LEFT = 17,            ///< The system said ENOSPC.
