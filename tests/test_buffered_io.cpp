@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -15,6 +16,8 @@
 #include <random>
 #include <string>
 #include <vector>
+
+#include "Mp4Muxer.h"
 
 namespace {
 
@@ -291,6 +294,68 @@ TEST_F(BufferedIo, RoundsTheBufferSize) {
     EXPECT_EQ(std::filesystem::file_size(path), 0U);
     ASSERT_TRUE(output.Write(Bytes(1)));
     EXPECT_EQ(std::filesystem::file_size(path), 8192U);
+}
+
+/// Records pictures, some larger than the buffer; the first failure of any call, Close included.
+mp4_status_t Record(const std::filesystem::path& path, mp4_file_io_func_t* io, int pictures) {
+    const uint8_t sps[] = {0x67, 0x42, 0xC0, 0x28, 0xDA, 0x01, 0xE0, 0x08, 0x9F, 0x95};
+    const uint8_t pps[] = {0x68, 0xCE, 0x3C, 0x80};
+    mp4_config_t config = {};
+    config.io_mode = io == nullptr ? MP4_IO_FILE : MP4_IO_EXTERNAL;
+    config.func = io;
+    CMp4Muxer muxer;
+    const mp4_status_t created = muxer.Create(path.wstring().c_str(), &config);
+    if (created != MP4_STATUS_SUCCESS) return created;
+    mp4_video_track_info_t video = {};
+    video.timescale = 1000;
+    video.codec = MP4_MVC_H264;
+    video.width = 1920;
+    video.height = 1080;
+    video.h264 = {sps, sizeof sps, pps, sizeof pps};
+    mp4_status_t status = muxer.SetVideoTrack(&video);
+    for (int i = 0; i < pictures && status == MP4_STATUS_SUCCESS; ++i) {
+        Bytes picture(static_cast<size_t>(20 + i * i * 10), 0x55);
+        const uint8_t start[] = {0, 0, 0, 1, 0x65};
+        std::copy(std::begin(start), std::end(start), picture.begin());
+        const auto time = static_cast<uint64_t>(i) * 40;
+        status = muxer.WriteVideoFrame(picture.data(), static_cast<uint32_t>(picture.size()), time,
+                                       time);
+    }
+    const mp4_status_t closed = muxer.Close();
+    return status == MP4_STATUS_SUCCESS ? closed : status;
+}
+
+TEST_F(BufferedIo, MuxerWritesTheSameFileAsWithItsOwnOutput) {
+    ASSERT_EQ(Record(m_directory / "plain", nullptr, 40), MP4_STATUS_SUCCESS);
+    ASSERT_EQ(Record(m_directory / "buffered", m_small, 40), MP4_STATUS_SUCCESS);
+    const Bytes plain = ReadFile(m_directory / "plain");
+    EXPECT_GT(plain.size(), 100000U);
+    EXPECT_EQ(plain, ReadFile(m_directory / "buffered"));
+}
+
+TEST_F(BufferedIo, MuxerReportsAFullDevice) {
+    EXPECT_EQ(Record("/dev/full", m_small, 1), MP4_STATUS_NO_SPACE_LEFT);
+}
+
+/// Whether a recording fails exactly when its file cannot grow to its full size.
+bool EveryMissingByteIsReported(const std::filesystem::path& path, mp4_file_io_func_t* io) {
+    if (std::freopen("/dev/null", "w", stdout) == nullptr) return false;
+    if (Record(path, io, 3) != MP4_STATUS_SUCCESS) return false;
+    const auto size = std::filesystem::file_size(path);
+    for (rlim_t limit = 0; limit <= size; ++limit) {
+        const FileSizeLimit guard(limit);
+        const bool succeeded = Record(path, io, 3) == MP4_STATUS_SUCCESS;
+        if (succeeded != (limit == size)) return false;
+    }
+    return true;
+}
+
+TEST_F(BufferedIo, MuxerReportsEveryByteThatIsMissingInTheFile) {
+    // Everything fits the buffer: nothing would be noticed if only `uninit` wrote it.
+    const auto check = [this] {
+        std::exit(EveryMissingByteIsReported(m_directory / "out", kx_mp4_buffered_io()) ? 0 : 1);
+    };
+    EXPECT_EXIT(check(), ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
