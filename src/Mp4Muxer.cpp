@@ -63,6 +63,21 @@ bool HasAllCallbacks(const mp4_file_io_func_t& func) {
            func.seek != nullptr && func.flush != nullptr && func.write != nullptr;
 }
 
+bool WantsFastHeaderWrite(const mp4_config_t& config) {
+    return (config.flags & MP4_FLAG_FAST_HEADER_WRITE) != 0 && config.io_mode == MP4_IO_DIRECT;
+}
+
+void LogFlags(const mp4_config_t& config) {
+    zv_log_info("mp4 flag is %d", kSource, __LINE__, "Create", static_cast<int>(config.flags));
+    if ((config.flags & MP4_FLAG_SAFE_MODE) != 0)
+        zv_log_warn("safe mode flag already deprecated", kSource, __LINE__, "Create");
+    if (WantsFastHeaderWrite(config))
+        zv_log_info("fast header write enabled", kSource, __LINE__, "Create");
+    else if ((config.flags & MP4_FLAG_FAST_HEADER_WRITE) != 0)
+        zv_log_warn("fast header write flag only valid in direct io mode", kSource, __LINE__,
+                    "Create");
+}
+
 /// Makes "not given" one thing: no pointer and no size. False for a negative size.
 bool NormaliseParameterSet(const uint8_t** set, int16_t* size) {
     if (*size < 0) return false;
@@ -181,30 +196,20 @@ mp4_status_t CMp4Muxer::Create(const wchar_t* pFilePath, uint32_t nBlockSize,
 mp4_status_t CMp4Muxer::Create(const wchar_t* pFilePath, mp4_config_t* config) {
     if (pFilePath == nullptr || config == nullptr) return MP4_STATUS_INVALID_PARAMETER;
     if (m_pWriter != nullptr) return MP4_STATUS_DEVICE_OR_RESOURCE_BUSY;
-    return Guarded([&] {
+    const mp4_status_t status = Guarded([&] {
         ResetFileState();
-        zv_log_info("mp4 flag is %d", kSource, __LINE__, "Create", static_cast<int>(config->flags));
-        if ((config->flags & MP4_FLAG_SAFE_MODE) != 0)
-            zv_log_warn("safe mode flag already deprecated", kSource, __LINE__, "Create");
-        if ((config->flags & MP4_FLAG_FAST_HEADER_WRITE) != 0) {
-            m_fastHeaderWrite = config->io_mode == MP4_IO_DIRECT;
-            if (m_fastHeaderWrite)
-                zv_log_info("fast header write enabled", kSource, __LINE__, "Create");
-            else
-                zv_log_warn("fast header write flag only valid in direct io mode", kSource,
-                            __LINE__, "Create");
+        LogFlags(*config);
+        m_fastHeaderWrite = WantsFastHeaderWrite(*config);
+        if ((config->flags & MP4_FLAG_REPAIR_INFO) != 0) {
+            const mp4_status_t opened = OpenRepairInfo(pFilePath, config->flags);
+            if (opened != MP4_STATUS_SUCCESS) return opened;
         }
-        mp4_status_t status = MP4_STATUS_SUCCESS;
-        if ((config->flags & MP4_FLAG_REPAIR_INFO) != 0)
-            status = OpenRepairInfo(pFilePath, config->flags);
-        if (status == MP4_STATUS_SUCCESS) status = OpenWriter(pFilePath, *config);
-        if (status != MP4_STATUS_SUCCESS) {
-            Close();
-            return status;
-        }
-        CreateBoxes(config->flags);
-        return MP4_STATUS_SUCCESS;
+        const mp4_status_t opened = OpenWriter(pFilePath, *config);
+        if (opened == MP4_STATUS_SUCCESS) CreateBoxes(config->flags);
+        return opened;
     });
+    if (status != MP4_STATUS_SUCCESS) Close();
+    return status;
 }
 
 void CMp4Muxer::ResetFileState() {
@@ -220,7 +225,6 @@ void CMp4Muxer::ResetFileState() {
     m_pVideoNalParser = nullptr;
     m_bIsQtFile = false;
     m_writeHeader = false;
-    m_unindexedBytes = 0;
     m_hasSamples = false;
     m_indexLost = false;
     m_compositionOffsets = false;
@@ -661,7 +665,6 @@ mp4_status_t CMp4Muxer::CheckRecording(int line, const char* function) {
 }
 
 bool CMp4Muxer::HasRoomInFile(uint64_t bytes, const char* function) {
-    m_nCurFileSize += std::exchange(m_unindexedBytes, 0);
     if (m_mdat->CanEndAt(m_nCurFileSize + static_cast<int64_t>(bytes))) return true;
     zv_log_error(
         "media data would pass 4 GiB, which this QuickTime movie cannot describe: create it with "
@@ -691,11 +694,9 @@ mp4_status_t CMp4Muxer::AddSample(int bytes, Index&& index, Record&& record) {
                      __LINE__, "AddSample");
         return MP4_STATUS_UNEXPECTED_ERROR;
     }
-    if (indexed)
-        m_nCurFileSize += bytes;
-    else
-        m_unindexedBytes += static_cast<uint32_t>(bytes);
-    // Also for a refused sample: its bytes lie between those of the samples around it.
+    // A refused sample's bytes stay where they are, between those of the samples around it: the
+    // next offset and the repair info file have to count them.
+    m_nCurFileSize += bytes;
     const mp4_status_t recorded = m_infoWriter.IsOpen() ? record() : MP4_STATUS_SUCCESS;
     return indexed ? recorded : MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
 }

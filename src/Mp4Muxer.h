@@ -236,7 +236,6 @@ private:
     bool m_writeHeader = false;
 
     IFileIOBase* m_gatheringWriter = nullptr;  // m_pWriter in file mode, else null
-    uint32_t m_unindexedBytes = 0;             // in the output behind m_nCurFileSize
     bool m_hasSamples = false;
     bool m_indexLost = false;
     bool m_compositionOffsets = false;

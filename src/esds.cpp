@@ -44,10 +44,10 @@ void CMp4EsdsAtom::Put(Out& out) const {
     out.WriteInt8(kPredefinedMp4);
 }
 
-uint32_t CMp4EsdsAtom::GetSize() {
-    return CMp4LeafAtom::GetSize();
+void CMp4EsdsAtom::Write() {
+    WriteLeaf(*this);
 }
 
-void CMp4EsdsAtom::Write() {
-    CMp4LeafAtom::Write();
+uint32_t CMp4EsdsAtom::GetSize() {
+    return CountBytes([this](auto& out) { Put(out); });
 }

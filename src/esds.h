@@ -15,18 +15,19 @@
 /// | 4   | DecoderConfig: 0x40 MPEG-4 audio, 0x15 audio stream, buffer 3, rates 8 |
 /// | 5   | DecoderSpecificInfo: the AudioSpecificConfig, inside 4, when given    |
 /// | 6   | SLConfig: predefined 2 (MP4 file)                                     |
-class CMp4EsdsAtom : public CMp4LeafAtom<CMp4EsdsAtom> {
+class CMp4EsdsAtom : public CMp4Atom {
 public:
-    using CMp4LeafAtom::CMp4LeafAtom;
+    using CMp4Atom::CMp4Atom;
 
     void SetTrakId(int iId) { m_iTrakId = iId; }
     /// Copies the AudioSpecificConfig.
     void SetVosData(const uint8_t* pbData, int cbData);
 
+    void Write() override;
+    uint32_t GetSize() override;
+
     template <class Out>
     void Put(Out& out) const;
-    uint32_t GetSize() override;
-    void Write() override;
 
 private:
     /// Tag and length.

@@ -37,7 +37,7 @@ std::string BigEndianInteger(const char* data) {
 }  // namespace
 
 CMp4IlstAtom::CMp4IlstAtom(IBaseIO* pWriter)
-    : CMp4LeafAtom(pWriter),
+    : CMp4Atom(pWriter),
       m_arrMetadata{
           {kTitleTag, "title", {}},
           {"\xA9"
@@ -146,9 +146,9 @@ void CMp4IlstAtom::Put(Out& out) const {
 }
 
 void CMp4IlstAtom::Write() {
-    CMp4LeafAtom::Write();
+    WriteLeaf(*this);
 }
 
 uint32_t CMp4IlstAtom::GetSize() {
-    return CMp4LeafAtom::GetSize();
+    return CountBytes([this](auto& out) { Put(out); });
 }

@@ -19,7 +19,7 @@
 /// | 24     | n     | value, a string without terminator, an integer in 4 bytes |
 ///
 /// The well-known items come first, in the order of their table, then the keyed ones as they came.
-class CMp4IlstAtom : public CMp4LeafAtom<CMp4IlstAtom> {
+class CMp4IlstAtom : public CMp4Atom {
 public:
     explicit CMp4IlstAtom(IBaseIO* pWriter);
 
@@ -34,10 +34,11 @@ public:
     /// Whether the data can be kept as this type: not null, an integer at least 4 bytes.
     static bool IsValidItem(const char* data, uint32_t size, mp4_meta_data_type_t type);
 
-    template <class Out>
-    void Put(Out& out) const;
     void Write() override;
     uint32_t GetSize() override;
+
+    template <class Out>
+    void Put(Out& out) const;
 
 private:
     typedef struct _meta_data_t {

@@ -110,9 +110,11 @@ bool CMp4MoovAtom::AfterWriteVideoFrame(int64_t nOffset, int cbFrame, int64_t nP
 }
 
 bool CMp4MoovAtom::AfterWriteAudioFrame(int64_t nOffset, int cbFrame, int64_t nTimeStamp) {
+    // Also for a track that is not there: its bytes end the chunk of the track before.
+    const bool opensChunk = OpensChunk(m_trakAudio);
     if (!m_trakAudio.valid()) return false;
     if (Needs64bitOffset(nOffset)) m_trakAudio.SetUse64BitSize();
-    return m_trakAudio.AfterWriteAudioFrame(nOffset, cbFrame, nTimeStamp, OpensChunk(m_trakAudio));
+    return m_trakAudio.AfterWriteAudioFrame(nOffset, cbFrame, nTimeStamp, opensChunk);
 }
 
 void CMp4MoovAtom::AfterWriteSubtitleFrame(int64_t nOffset, int cbFrame, int64_t nTimeStamp) {
