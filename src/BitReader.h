@@ -9,8 +9,8 @@
 /// Walks through a NAL unit bit by bit, most significant bit first, and leaves out its emulation
 /// prevention bytes.
 ///
-/// Whoever reads past the end, or an Exp-Golomb code longer than the syntax allows, gets zeros
-/// from then on and Ok() stays false; so a parser may read on and ask once at its end, as long as
+/// Whoever reads past the end, or a value that the syntax does not allow, gets zeros from then on
+/// and Ok() stays false; so a parser may read on and ask once at its end, as long as
 /// no loop of it takes its length from a value without a bound.
 class BitReader {
 public:
@@ -44,6 +44,13 @@ public:
         return m_ok ? ((uint32_t{1} << zeros) - 1 + rest) : 0;
     }
 
+    /// ue(v) that the syntax limits to `max`; a greater one is a failure.
+    uint32_t Ue(uint32_t max) {
+        const uint32_t value = Ue();
+        if (value > max) m_ok = false;
+        return m_ok ? value : 0;
+    }
+
     /// se(v).
     int32_t Se() {
         const uint32_t code = Ue();
@@ -58,7 +65,7 @@ public:
         if (m_ok) U(static_cast<int>(bits));
     }
 
-    /// Whether everything that was read was there.
+    /// Whether everything that was read was there and allowed.
     bool Ok() const { return m_ok; }
 
     /// Bits from here to the end, without emulation prevention bytes and including the trailing

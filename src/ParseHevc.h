@@ -32,29 +32,36 @@ typedef std::vector<HVCCNALUnitArray> ARR_HVCCNALUnitArray;
 /// HEVCDecoderConfigurationRecord of ISO/IEC 14496-15, 8.3.3.1.2, field by field.
 struct HEVCDecoderConfigurationRecord {
     uint8_t configurationVersion;
-    uint8_t general_profile_space;                // 2 bits
-    uint8_t general_tier_flag;                    // 1 bit
-    uint8_t general_profile_idc;                  // 5 bits
+    uint8_t general_profile_space;  // 2 bits
+    uint8_t general_tier_flag;      // 1 bit
+    uint8_t general_profile_idc;    // 5 bits
     uint32_t general_profile_compatibility_flags;
     uint64_t general_constraint_indicator_flags;  // 48 bits
     uint8_t general_level_idc;
-    uint16_t min_spatial_segmentation_idc;        // 12 bits
-    uint8_t parallelismType;                      // 2 bits
-    uint8_t chromaFormat;                         // 2 bits
-    uint8_t bitDepthLumaMinus8;                   // 3 bits
-    uint8_t bitDepthChromaMinus8;                 // 3 bits
+    uint16_t min_spatial_segmentation_idc;  // 12 bits
+    uint8_t parallelismType;                // 2 bits
+    uint8_t chromaFormat;                   // 2 bits
+    uint8_t bitDepthLumaMinus8;             // 3 bits
+    uint8_t bitDepthChromaMinus8;           // 3 bits
     uint16_t avgFrameRate;
-    uint8_t constantFrameRate;                    // 2 bits
-    uint8_t numTemporalLayers;                    // 3 bits
-    uint8_t temporalIdNested;                     // 1 bit
-    uint8_t lengthSizeMinusOne;                   // 2 bits
+    uint8_t constantFrameRate;   // 2 bits
+    uint8_t numTemporalLayers;   // 3 bits
+    uint8_t temporalIdNested;    // 1 bit
+    uint8_t lengthSizeMinusOne;  // 2 bits
     ARR_HVCCNALUnitArray array;
 };
+
+class BitReader;
+struct HevcProfileTierLevel;
 
 /// Reads parameter sets into a configuration record.
 ///
 /// The sets are given in the order VPS, SPS, PPS. A set that is cut off or hostile is refused;
 /// nothing is read past its end. The record refers to the sets' bytes, which must outlive it.
+///
+/// Where several sets speak of the same thing, the record says what holds for all of them: the
+/// highest profile, tier and level, the flags that all have in common, the smallest segmentation
+/// limit, the most temporal layers. Sets of enhancement layers are refused.
 class CHevcParser {
 public:
     CHevcParser();
@@ -64,15 +71,26 @@ public:
     /// or is not a parameter set; the record is then unchanged.
     bool ParseNAL(const uint8_t* pbNal, int cbNal);
 
-    /// Completes the record before it is written: clamps and defaults of the fields that no set
-    /// gave, 4-byte lengths, complete arrays.
+    /// Completes the record before it is written: a parallelism type says nothing without a
+    /// segmentation limit. The arrays keep their sizes; calling it again changes nothing.
     void Finish();
 
     /// The record, owned by the parser.
     HEVCDecoderConfigurationRecord* GetInfo() { return &m_info; }
 
 private:
+    bool ParseSet(uint8_t type, BitReader& bits);
+    bool ParseVps(BitReader& bits);
+    bool ParseSps(BitReader& bits);
+    bool ParsePps(BitReader& bits);
+    void MergeProfile(const HevcProfileTierLevel& profile, uint32_t maxSubLayersMinus1);
+    HVCCNALUnitArray& ArrayOf(uint8_t type);
+
     HEVCDecoderConfigurationRecord m_info{};
+    bool m_hasProfile = false;
+    bool m_hasSps = false;
+    bool m_hasPps = false;
+    uint8_t m_parallelism = 0;  // parallelismType that the picture parameter sets agree on
 };
 
 #endif  // KX_MP4_PARSEHEVC_H
