@@ -26,7 +26,6 @@ namespace {
 
 // Limits of ITU-T H.265, 7.4 and Annex E.
 constexpr uint32_t kMaxSubLayersMinus1 = 6;
-constexpr uint32_t kMaxVpsId = 15;
 constexpr uint32_t kMaxLayerSetsMinus1 = 1023;
 constexpr uint32_t kMaxSpsId = 15;
 constexpr uint32_t kMaxPpsId = 63;
@@ -555,7 +554,7 @@ bool CHevcParser::ParsePps(BitReader& bits) {
     const uint8_t parallelism = ParallelismOf(pps);
     const bool first = !std::exchange(m_hasPps, true);
     const bool mixed = !first && m_parallelism != parallelism;
-    m_parallelism = mixed ? uint8_t{kParallelismUnknownOrMixed} : parallelism;
+    m_parallelism = mixed ? kParallelismUnknownOrMixed : parallelism;
     return true;
 }
 
