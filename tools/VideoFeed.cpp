@@ -1,7 +1,6 @@
 #include "VideoFeed.h"
 
 #include <limits>
-#include <numeric>
 
 #include "AnnexBFeed.h"
 #include "ProResFeed.h"
@@ -21,16 +20,6 @@ const char* CodecName(mp4_video_codec codec) {
 }
 
 }  // namespace
-
-FrameTicks TicksOf(const FrameRate& rate) {
-    // Integer rates get thousandths of a frame, the usual form; 30000/1001 is fine as it is.
-    constexpr uint32_t kFine = 1000;
-    const uint32_t divisor = std::gcd(rate.num, rate.den);
-    const FrameTicks ticks = {rate.num / divisor, rate.den / divisor};
-    const uint32_t limit = std::numeric_limits<uint32_t>::max() / kFine;
-    if (ticks.timescale >= kFine || ticks.perFrame > limit) return ticks;
-    return {ticks.timescale * kFine, ticks.perFrame * kFine};
-}
 
 std::unique_ptr<VideoFeed> VideoFeed::Open(const VideoOptions& options) {
     if (options.codec == MP4_MVC_PRORES) return std::make_unique<ProResFeed>(options);

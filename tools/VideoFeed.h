@@ -8,6 +8,7 @@
 #include <string>
 
 #include "FrameRate.h"
+#include "FrameTicks.h"
 #include "TrackFeed.h"
 
 namespace kxmux {
@@ -30,13 +31,6 @@ struct VideoOptions {
     /// format.
     std::optional<mp4_prores_format> proResFormat;
 };
-
-/// Ticks of the video track: an exact number of them for each frame, and fine enough to look at.
-struct FrameTicks {
-    uint32_t timescale = 0;
-    uint32_t perFrame = 0;
-};
-FrameTicks TicksOf(const FrameRate& rate);
 
 class VideoFeed : public TrackFeed {
 public:
