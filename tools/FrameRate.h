@@ -1,9 +1,11 @@
 /// @file
 /// Frame rate as a ratio of integers.
-#ifndef KX_MP4_FRAMERATE_H
-#define KX_MP4_FRAMERATE_H
+#ifndef KXMUX_FRAMERATE_H
+#define KXMUX_FRAMERATE_H
 
 #include <cstdint>
+
+namespace kxmux {
 
 /// Frames per second, num / den: 25/1, 30000/1001 ... Both are at least 1.
 struct FrameRate {
@@ -18,4 +20,6 @@ struct FrameRate {
     }
 };
 
-#endif  // KX_MP4_FRAMERATE_H
+}  // namespace kxmux
+
+#endif  // KXMUX_FRAMERATE_H

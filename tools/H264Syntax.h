@@ -5,8 +5,8 @@
 /// NAL units are given without start code, beginning with the header byte. Nothing is read past
 /// their end; what is cut off or out of its range is refused. Sets of scalable and multiview
 /// extensions (subset parameter sets) are not read.
-#ifndef KX_MP4_H264SYNTAX_H
-#define KX_MP4_H264SYNTAX_H
+#ifndef KXMUX_H264SYNTAX_H
+#define KXMUX_H264SYNTAX_H
 
 #include <array>
 #include <cstddef>
@@ -14,7 +14,7 @@
 #include <memory>
 #include <vector>
 
-namespace h264 {
+namespace kxmux::h264 {
 
 /// nal_unit_type, table 7-1.
 enum NalType : uint8_t {
@@ -130,6 +130,6 @@ bool ParseSliceHeader(const uint8_t* nal, size_t size, const ParameterSets& sets
 /// 7.4.1.2.4. Slices of redundant pictures (redundant_pic_cnt not 0) must be left out.
 bool StartsNewPicture(const SliceHeader& previous, const SliceHeader& current);
 
-}  // namespace h264
+}  // namespace kxmux::h264
 
-#endif  // KX_MP4_H264SYNTAX_H
+#endif  // KXMUX_H264SYNTAX_H

@@ -4,15 +4,15 @@
 ///
 /// NAL units are given without start code, beginning with the two-byte header. Nothing is read
 /// past their end; what is cut off or out of its range is refused.
-#ifndef KX_MP4_HEVCSYNTAX_H
-#define KX_MP4_HEVCSYNTAX_H
+#ifndef KXMUX_HEVCSYNTAX_H
+#define KXMUX_HEVCSYNTAX_H
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 
-namespace hevc {
+namespace kxmux::hevc {
 
 /// nal_unit_type, table 7-1.
 enum NalType : uint8_t {
@@ -117,6 +117,6 @@ private:
 bool ParseSliceHeader(const uint8_t* nal, size_t size, const ParameterSets& sets,
                       SliceHeader* header);
 
-}  // namespace hevc
+}  // namespace kxmux::hevc
 
-#endif  // KX_MP4_HEVCSYNTAX_H
+#endif  // KXMUX_HEVCSYNTAX_H

@@ -7,8 +7,8 @@
 ///
 ///     access units --> PictureOrderReader --> PictureInfo --> PresentationOrder --> OrderedTimes
 ///     (decode order)   one per codec          one each         holds a few          decode order
-#ifndef KX_MP4_PICTUREORDER_H
-#define KX_MP4_PICTUREORDER_H
+#ifndef KXMUX_PICTUREORDER_H
+#define KXMUX_PICTUREORDER_H
 
 #include <cstddef>
 #include <cstdint>
@@ -20,8 +20,9 @@
 
 #include "H264Syntax.h"
 #include "HevcSyntax.h"
-#include "VideoFrameParser.h"
 #include "kx_mp4/kx_mp4.h"
+
+namespace kxmux {
 
 /// What orders one picture among the others.
 struct PictureInfo {
@@ -53,11 +54,14 @@ public:
     PictureOrderReader(const PictureOrderReader&) = delete;
     PictureOrderReader& operator=(const PictureOrderReader&) = delete;
 
-    /// Reads one access unit: the NAL units of one coded picture (H.264: of one frame or one
-    /// field), parameter sets and other units before and after its slices included.
-    /// @return False when the picture's place is not known; Error() then says why, as one phrase
+    /// Takes the next NAL unit, without start code, of the access unit that is being read: one
+    /// coded picture (H.264: one frame or one field) with the parameter sets and other units
+    /// before and after its slices. The bytes are read during the call only.
+    /// @return False when the stream cannot be ordered; Error() then says why, as one phrase
     ///         without a final stop. The reader is of no further use.
-    virtual bool Read(const VIDEO_SLICE_ARRAY& accessUnit, PictureInfo* info) = 0;
+    virtual bool Add(const uint8_t* nal, size_t size) = 0;
+    /// Ends the access unit and tells what orders its picture. False as for Add.
+    virtual bool End(PictureInfo* info) = 0;
     const std::string& Error() const { return m_error; }
 
 protected:
@@ -135,4 +139,6 @@ private:
     std::string m_error;
 };
 
-#endif  // KX_MP4_PICTUREORDER_H
+}  // namespace kxmux
+
+#endif  // KXMUX_PICTUREORDER_H

@@ -1,7 +1,7 @@
 /// @file
 /// Reader of Scenarist closed caption files ("Scenarist_SCC V1.0").
-#ifndef KX_MP4_SCC_H
-#define KX_MP4_SCC_H
+#ifndef KXMUX_SCC_H
+#define KXMUX_SCC_H
 
 #include <cstdint>
 #include <istream>
@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "FrameRate.h"
+
+namespace kxmux {
 
 /// One caption packet as CMp4Muxer::WriteSubtitleFrame takes it.
 struct CaptionPacket {
@@ -41,4 +43,6 @@ private:
     std::string m_error;
 };
 
-#endif  // KX_MP4_SCC_H
+}  // namespace kxmux
+
+#endif  // KXMUX_SCC_H

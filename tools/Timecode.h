@@ -1,7 +1,7 @@
 /// @file
 /// Time addresses HH:MM:SS:FF of SMPTE ST 12-1 and what a timecode track needs of them.
-#ifndef KX_MP4_TIMECODE_H
-#define KX_MP4_TIMECODE_H
+#ifndef KXMUX_TIMECODE_H
+#define KXMUX_TIMECODE_H
 
 #include <cstdint>
 #include <string>
@@ -9,6 +9,8 @@
 
 #include "FrameRate.h"
 #include "kx_mp4/kx_mp4.h"
+
+namespace kxmux {
 
 /// The parts of a time address as they are written, not checked against a frame rate.
 struct TimecodeText {
@@ -50,4 +52,6 @@ private:
     int32_t m_frameCount = 0;
 };
 
-#endif  // KX_MP4_TIMECODE_H
+}  // namespace kxmux
+
+#endif  // KXMUX_TIMECODE_H
