@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <limits>
 #include <map>
 #include <memory>
 #include <string>
@@ -120,21 +121,22 @@ private:
     };
 
     bool CloseOpenFrame();
-    bool Admit(uint64_t index);
+    bool Admit(uint64_t index, const PictureInfo& info);
     void RankFirst();
     void RankAll();
+    void Rank(uint64_t index);
+    Frame& FrameAt(uint64_t index);
     bool Fail(uint64_t index, const std::string& reason);
 
-    std::deque<Frame> m_frames;             // held, the first has the index m_popped
+    std::deque<Frame> m_frames;             // held, in decode order
     std::map<int64_t, uint64_t> m_waiting;  // order count -> index, of frames without rank
-    uint32_t m_shownWaiting = 0;
-    uint64_t m_popped = 0;
+    uint32_t m_shownWaiting = 0;            // of them, those that are shown
+    uint64_t m_pushed = 0;
     uint64_t m_ranked = 0;
     uint64_t m_delay = 0;
-    int64_t m_lastOrderCount = 0;  // of the frame that was ranked last
-    bool m_anyRanked = false;      // of the sequence
-    bool m_open = false;           // the last frame may get a second field
-    bool m_started = false;
+    // Of the frame that was ranked last; the least value at the start of a sequence.
+    int64_t m_lastOrderCount = std::numeric_limits<int64_t>::min();
+    bool m_open = false;  // the last frame is not among the waiting ones yet
     bool m_reordered = false;
     std::string m_error;
 };

@@ -1,0 +1,169 @@
+#include "HevcSyntax.h"
+
+#include "BitReader.h"
+
+namespace kxmux::hevc {
+namespace {
+
+constexpr uint32_t kMaxSpsId = 15;
+constexpr uint32_t kMaxPpsId = 63;
+constexpr uint32_t kMaxDpbSize = 16;
+// Sides beyond this belong to no level.
+constexpr uint32_t kMaxSide = 65535;
+
+/// Reads the header of the base layer's unit of this type.
+bool ReadBaseHeader(BitReader& bits, const uint8_t* nal, size_t size, NalType type) {
+    NalHeader header;
+    if (!ParseNalHeader(nal, size, &header)) return false;
+    bits.Skip(16);
+    return header.type == type && header.layer_id == 0;
+}
+
+/// profile_tier_level(1, maxSubLayersMinus1), 7.3.3.
+void SkipProfileTierLevel(BitReader& bits, uint32_t maxSubLayersMinus1) {
+    constexpr size_t kProfileBits = 88;
+    constexpr size_t kLevelBits = 8;
+    bits.Skip(kProfileBits + kLevelBits);
+    if (maxSubLayersMinus1 == 0) return;
+    const uint32_t present = bits.U(16);  // two flags for each of eight sub-layers
+    for (uint32_t i = 0; i < maxSubLayersMinus1; ++i) {
+        if ((present >> (15 - 2 * i)) & 1) bits.Skip(kProfileBits);
+        if ((present >> (14 - 2 * i)) & 1) bits.Skip(kLevelBits);
+    }
+}
+
+bool ReadPictureSize(BitReader& bits, Sps& sps) {
+    const uint32_t format = bits.Ue();
+    if (format > 3) return false;
+    sps.chroma_format_idc = static_cast<uint8_t>(format);
+    if (format == 3) sps.separate_colour_plane = bits.Flag();
+    sps.width = bits.Ue();
+    sps.height = bits.Ue();
+    if (!bits.Ok() || sps.width > kMaxSide || sps.height > kMaxSide) return false;
+    if (!bits.Flag()) return sps.width > 0 && sps.height > 0;
+    const uint32_t unitX = format == 1 || format == 2 ? 2 : 1;
+    const uint32_t unitY = format == 1 ? 2 : 1;
+    const uint64_t left = bits.Ue();
+    const uint64_t cutX = (left + bits.Ue()) * unitX;
+    const uint64_t top = bits.Ue();
+    const uint64_t cutY = (top + bits.Ue()) * unitY;
+    if (!bits.Ok() || cutX >= sps.width || cutY >= sps.height) return false;
+    sps.width -= static_cast<uint32_t>(cutX);
+    sps.height -= static_cast<uint32_t>(cutY);
+    return true;
+}
+
+/// Keeps the values of the highest sub-layer, which is the last one written.
+bool ReadSubLayerOrdering(BitReader& bits, Sps& sps) {
+    const bool allPresent = bits.Flag();
+    for (uint32_t i = allPresent ? 0 : sps.max_sub_layers - 1u; i < sps.max_sub_layers; ++i) {
+        const uint32_t bufferingMinus1 = bits.Ue();
+        const uint32_t reorder = bits.Ue();
+        bits.Ue();  // sps_max_latency_increase_plus1
+        if (!bits.Ok() || bufferingMinus1 >= kMaxDpbSize || reorder > bufferingMinus1) return false;
+        sps.max_dec_pic_buffering = bufferingMinus1 + 1;
+        sps.max_num_reorder_pics = reorder;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool ParseNalHeader(const uint8_t* nal, size_t size, NalHeader* header) {
+    if (size < 2 || (nal[0] & 0x80) != 0 || (nal[1] & 7) == 0) return false;
+    header->type = (nal[0] >> 1) & 0x3F;
+    header->layer_id = static_cast<uint8_t>((nal[0] & 1) << 5 | nal[1] >> 3);
+    header->temporal_id = static_cast<uint8_t>((nal[1] & 7) - 1);
+    return true;
+}
+
+bool ParseSps(const uint8_t* nal, size_t size, Sps* sps) {
+    BitReader bits(nal, size);
+    if (!ReadBaseHeader(bits, nal, size, kNalSps)) return false;
+    Sps out;
+    out.vps_id = static_cast<uint8_t>(bits.U(4));
+    const uint32_t maxSubLayersMinus1 = bits.U(3);
+    if (maxSubLayersMinus1 > 6) return false;
+    out.max_sub_layers = static_cast<uint8_t>(maxSubLayersMinus1 + 1);
+    bits.Skip(1);  // sps_temporal_id_nesting_flag
+    SkipProfileTierLevel(bits, maxSubLayersMinus1);
+    const uint32_t id = bits.Ue();
+    if (!bits.Ok() || id > kMaxSpsId) return false;
+    out.id = static_cast<uint8_t>(id);
+    if (!ReadPictureSize(bits, out)) return false;
+    const uint32_t lumaMinus8 = bits.Ue();
+    const uint32_t chromaMinus8 = bits.Ue();
+    const uint32_t log2LsbMinus4 = bits.Ue();
+    if (!bits.Ok() || lumaMinus8 > 8 || chromaMinus8 > 8 || log2LsbMinus4 > 12) return false;
+    out.bit_depth_luma = static_cast<uint8_t>(8 + lumaMinus8);
+    out.bit_depth_chroma = static_cast<uint8_t>(8 + chromaMinus8);
+    out.log2_max_pic_order_cnt_lsb = static_cast<uint8_t>(4 + log2LsbMinus4);
+    if (!ReadSubLayerOrdering(bits, out)) return false;
+    *sps = out;
+    return true;
+}
+
+bool ParsePps(const uint8_t* nal, size_t size, Pps* pps) {
+    BitReader bits(nal, size);
+    if (!ReadBaseHeader(bits, nal, size, kNalPps)) return false;
+    const uint32_t id = bits.Ue();
+    const uint32_t spsId = bits.Ue();
+    if (!bits.Ok() || id > kMaxPpsId || spsId > kMaxSpsId) return false;
+    Pps out;
+    out.id = static_cast<uint8_t>(id);
+    out.sps_id = static_cast<uint8_t>(spsId);
+    out.dependent_slice_segments_enabled = bits.Flag();
+    out.output_flag_present = bits.Flag();
+    out.num_extra_slice_header_bits = static_cast<uint8_t>(bits.U(3));
+    if (!bits.Ok()) return false;
+    *pps = out;
+    return true;
+}
+
+bool ParameterSets::Add(const uint8_t* nal, size_t size) {
+    NalHeader header;
+    if (!ParseNalHeader(nal, size, &header) || header.layer_id != 0) return true;
+    if (header.type == kNalSps) {
+        auto sps = std::make_unique<Sps>();
+        if (!ParseSps(nal, size, sps.get())) return false;
+        m_sps[sps->id] = std::move(sps);
+    } else if (header.type == kNalPps) {
+        auto pps = std::make_unique<Pps>();
+        if (!ParsePps(nal, size, pps.get())) return false;
+        m_pps[pps->id] = std::move(pps);
+    }
+    return true;
+}
+
+const Sps* ParameterSets::FindSps(uint32_t id) const {
+    return id < m_sps.size() ? m_sps[id].get() : nullptr;
+}
+
+const Pps* ParameterSets::FindPps(uint32_t id) const {
+    return id < m_pps.size() ? m_pps[id].get() : nullptr;
+}
+
+bool ParseSliceHeader(const uint8_t* nal, size_t size, const ParameterSets& sets,
+                      SliceHeader* header) {
+    *header = {};
+    if (!ParseNalHeader(nal, size, &header->nal)) return false;
+    BitReader bits(nal, size);
+    bits.Skip(16);
+    header->first_slice_segment_in_pic = bits.Flag();
+    if (!header->first_slice_segment_in_pic) return bits.Ok();
+    if (header->nal.IsIrap()) bits.Skip(1);  // no_output_of_prior_pics_flag
+    const uint32_t ppsId = bits.Ue();
+    const Pps* pps = bits.Ok() ? sets.FindPps(ppsId) : nullptr;
+    const Sps* sps = pps == nullptr ? nullptr : sets.FindSps(pps->sps_id);
+    if (sps == nullptr) return false;
+    header->pps_id = pps->id;
+    header->sps_id = sps->id;
+    bits.Skip(pps->num_extra_slice_header_bits);
+    bits.Ue();  // slice_type
+    if (pps->output_flag_present) header->pic_output = bits.Flag();
+    if (sps->separate_colour_plane) bits.Skip(2);
+    if (!header->nal.IsIdr()) header->pic_order_cnt_lsb = bits.U(sps->log2_max_pic_order_cnt_lsb);
+    return bits.Ok();
+}
+
+}  // namespace kxmux::hevc
