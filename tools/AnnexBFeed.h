@@ -1,0 +1,92 @@
+/// @file
+/// A raw stream of H.264 or HEVC as the video track.
+#ifndef KXMUX_ANNEXBFEED_H
+#define KXMUX_ANNEXBFEED_H
+
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "AccessUnitCutter.h"
+#include "PictureOrder.h"
+#include "VideoFeed.h"
+
+namespace kxmux {
+
+/// The first parameter sets of a stream.
+struct ParameterSetCopies {
+    std::vector<uint8_t> vps;  ///< HEVC only
+    std::vector<uint8_t> sps;
+    std::vector<uint8_t> pps;
+
+    /// Copies what the unit holds and is not there yet.
+    void Collect(mp4_video_codec codec, const AccessUnit& unit);
+    bool Complete(mp4_video_codec codec) const;
+};
+
+/// Frames of a stream in decode order with their places in presentation order.
+class FrameOrderer {
+public:
+    struct Frame {
+        AccessUnit unit;
+        OrderedTimes times;
+    };
+
+    /// Borrows the source.
+    FrameOrderer(mp4_video_codec codec, ByteSource& source)
+        : m_codec(codec), m_cutter(codec, source), m_reader(PictureOrderReader::Create(codec)) {}
+
+    /// Replaces the frame by the next one; false at the end. Throws StreamError.
+    bool Next(Frame& frame);
+    /// The index of the picture that a StreamError of Next is about.
+    uint64_t Index() const { return m_index; }
+    const ParameterSetCopies& ParameterSets() const { return m_sets; }
+    bool IsReordered() const { return m_order.IsReordered(); }
+    /// The most frames that the stream says it reorders, as far as it was read.
+    uint32_t MaxReorder() const { return m_maxReorder; }
+    /// Pictures before the first complete parameter sets, which nobody can decode.
+    uint64_t Dropped() const { return m_dropped; }
+    size_t SkippedBytes() const { return m_cutter.SkippedBytes(); }
+
+private:
+    bool ReadPicture();
+    bool ReadDecodable();
+    PictureInfo ReadInfo();
+
+    mp4_video_codec m_codec;
+    AccessUnitCutter m_cutter;
+    std::unique_ptr<PictureOrderReader> m_reader;
+    PresentationOrder m_order;
+    ParameterSetCopies m_sets;
+    std::deque<AccessUnit> m_held;
+    AccessUnit m_unit;
+    uint64_t m_index = 0;
+    uint64_t m_dropped = 0;
+    uint32_t m_maxReorder = 0;
+    bool m_ended = false;
+};
+
+class AnnexBFeed : public VideoFeed {
+public:
+    explicit AnnexBFeed(const VideoOptions& options);
+
+    mp4_status_t Declare(CMp4Muxer& muxer) override;
+    bool Prepare() override;
+    mp4_status_t Write(CMp4Muxer& muxer) override;
+    std::string Note() const override;
+
+private:
+    bool FindReordering() const;
+    void FindSize();
+
+    FileSource m_source;
+    FrameOrderer m_frames;
+    FrameOrderer::Frame m_frame;
+    bool m_ready = false;
+    bool m_reordered = false;
+};
+
+}  // namespace kxmux
+
+#endif  // KXMUX_ANNEXBFEED_H

@@ -1,0 +1,56 @@
+/// @file
+/// The command line of kxmux.
+#ifndef KXMUX_ARGUMENTS_H
+#define KXMUX_ARGUMENTS_H
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Recording.h"
+
+namespace CLI {
+class App;
+}
+
+namespace kxmux {
+
+/// "N" or "N/D", both from 1 to 2^31. False for anything else.
+bool ParseFrameRate(std::string_view text, FrameRate* rate);
+/// "WxH", both from 1 to 65535. False for anything else.
+bool ParsePictureSize(std::string_view text, PictureSize* size);
+/// The codec that the extension of a path stands for; #MP4_MVC_UNKNOWN without one that is known.
+mp4_video_codec CodecOfExtension(std::string_view path);
+
+/// The arguments as they are given.
+class Arguments {
+public:
+    /// Declares the options; the object must outlive the parsing.
+    void AddTo(CLI::App& app);
+    /// The recording that the arguments ask for. Throws CLI::ValidationError.
+    RecordingOptions Options() const;
+
+private:
+    mp4_video_codec VideoCodec() const;
+
+    std::string m_output;
+    std::string m_video;
+    std::string m_audio;
+    std::string m_captions;
+    std::string m_fps;
+    std::string m_size;
+    std::string m_codec;
+    std::string m_proresFormat;
+    std::string m_timecode;
+    std::vector<std::string> m_metadata;
+    bool m_64bit = false;
+    bool m_repair = false;
+    bool m_deferred = false;
+    bool m_callbackIo = false;
+    bool m_buffered = false;
+    bool m_noCompositionOffsets = false;
+};
+
+}  // namespace kxmux
+
+#endif  // KXMUX_ARGUMENTS_H

@@ -1,0 +1,62 @@
+#include "AudioFeed.h"
+
+namespace kxmux {
+namespace {
+
+constexpr uint32_t kSamplesPerFrame = 1024;  // of every AAC frame that ADTS carries
+
+}  // namespace
+
+AudioFeed::AudioFeed(const std::string& path, bool deferred)
+    : TrackFeed(path), m_source(path), m_cutter(m_source), m_deferred(deferred) {
+    if (!Prepare()) throw Error(0, "the input is empty");
+    m_header = m_frame.header;
+}
+
+mp4_status_t AudioFeed::Declare(CMp4Muxer& muxer) {
+    mp4_audio_track_info_t info = {};
+    info.timescale = m_header.sampleRate;
+    info.frame_duration = kSamplesPerFrame;
+    info.codec = MP4_MAC_ADTS;
+    if (!m_deferred) {
+        // The field keeps the low 16 bits of 88200 and 96000, which stand for them.
+        info.sample_rate = static_cast<uint16_t>(m_header.sampleRate);
+        info.channels = m_header.channels;
+        info.profile = m_header.objectType;
+    }
+    return muxer.SetAudioTrack(&info);
+}
+
+bool AudioFeed::Prepare() {
+    if (m_ready) return true;
+    try {
+        m_ready = m_cutter.Next(m_frame);
+    } catch (const StreamError& error) {
+        throw Error(Frames(), error.what());
+    }
+    return m_ready;
+}
+
+MediaTime AudioFeed::NextTime() const {
+    return {Frames() * kSamplesPerFrame, m_header.sampleRate};
+}
+
+mp4_status_t AudioFeed::Write(CMp4Muxer& muxer) {
+    const auto size = static_cast<uint32_t>(m_frame.size);
+    const mp4_status_t status = muxer.WriteAudioFrame(m_frame.data, size, NextTime().ticks);
+    if (status == MP4_STATUS_SUCCESS) CountFrame(m_frame.size - kAdtsHeaderSize);
+    m_ready = false;
+    return status;
+}
+
+std::string AudioFeed::Describe() const {
+    return "AAC " + std::to_string(m_header.sampleRate) + " Hz, channel configuration " +
+           std::to_string(m_header.channels);
+}
+
+std::string AudioFeed::Note() const {
+    if (m_cutter.SkippedBytes() == 0) return {};
+    return std::to_string(m_cutter.SkippedBytes()) + " bytes before the first ADTS frame skipped";
+}
+
+}  // namespace kxmux

@@ -1,0 +1,36 @@
+/// @file
+/// A caption file as the CEA-608 caption track.
+#ifndef KXMUX_CAPTIONFEED_H
+#define KXMUX_CAPTIONFEED_H
+
+#include <string>
+#include <vector>
+
+#include "Scc.h"
+#include "TrackFeed.h"
+
+namespace kxmux {
+
+class CaptionFeed : public TrackFeed {
+public:
+    /// Reads the file. `timescale` is the track's, in ticks per second. Throws RecordingError.
+    CaptionFeed(const std::string& path, uint32_t timescale);
+
+    mp4_status_t Declare(CMp4Muxer& muxer) override;
+    bool Prepare() override { return Frames() < m_packets.size(); }
+    MediaTime NextTime() const override { return {Next().timestamp, m_timescale}; }
+    mp4_status_t Write(CMp4Muxer& muxer) override;
+
+    /// Packets that were not written.
+    uint64_t Left() const { return m_packets.size() - Frames(); }
+
+private:
+    const CaptionPacket& Next() const { return m_packets[static_cast<size_t>(Frames())]; }
+
+    uint32_t m_timescale;
+    std::vector<CaptionPacket> m_packets;
+};
+
+}  // namespace kxmux
+
+#endif  // KXMUX_CAPTIONFEED_H

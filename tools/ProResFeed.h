@@ -1,0 +1,30 @@
+/// @file
+/// A raw stream of ProRes frames as the video track.
+#ifndef KXMUX_PRORESFEED_H
+#define KXMUX_PRORESFEED_H
+
+#include "ByteSource.h"
+#include "ProResCutter.h"
+#include "VideoFeed.h"
+
+namespace kxmux {
+
+class ProResFeed : public VideoFeed {
+public:
+    explicit ProResFeed(const VideoOptions& options);
+
+    mp4_status_t Declare(CMp4Muxer& muxer) override;
+    bool Prepare() override;
+    mp4_status_t Write(CMp4Muxer& muxer) override;
+
+private:
+    FileSource m_source;
+    ProResCutter m_cutter;
+    ProResFrame m_frame;
+    mp4_prores_format m_format = MP4_PRORES_422;
+    bool m_ready = false;
+};
+
+}  // namespace kxmux
+
+#endif  // KXMUX_PRORESFEED_H

@@ -1,0 +1,74 @@
+/// @file
+/// Video inputs: a raw stream of H.264, HEVC or ProRes becomes the video track.
+#ifndef KXMUX_VIDEOFEED_H
+#define KXMUX_VIDEOFEED_H
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "FrameRate.h"
+#include "TrackFeed.h"
+
+namespace kxmux {
+
+struct PictureSize {
+    uint16_t width = 0;
+    uint16_t height = 0;
+};
+
+/// What the user says about the video.
+struct VideoOptions {
+    std::string path;
+    mp4_video_codec codec = MP4_MVC_UNKNOWN;
+    FrameRate rate;
+    std::optional<PictureSize> size;  ///< Else the stream's own.
+    /// Declare the track without parameter sets, so that the muxer finds them in the stream.
+    bool deferred = false;
+    bool compositionOffsets = true;
+    /// The flavour of ProRes, which its frames do not tell; else 422 or 4444 by their chroma
+    /// format.
+    std::optional<mp4_prores_format> proResFormat;
+};
+
+/// Ticks of the video track: an exact number of them for each frame, and fine enough to look at.
+struct FrameTicks {
+    uint32_t timescale = 0;
+    uint32_t perFrame = 0;
+};
+FrameTicks TicksOf(const FrameRate& rate);
+
+class VideoFeed : public TrackFeed {
+public:
+    /// Opens the input and reads as far as the first frame. Throws RecordingError.
+    static std::unique_ptr<VideoFeed> Open(const VideoOptions& options);
+
+    MediaTime NextTime() const override { return TimeOf(Frames()); }
+    MediaTime Duration() const { return NextTime(); }
+    PictureSize Size() const { return m_size; }
+    /// Codec, size and frame rate in words.
+    std::string Describe() const;
+    /// What the user should know about how the input was read; empty when there is nothing.
+    virtual std::string Note() const { return {}; }
+
+protected:
+    explicit VideoFeed(const VideoOptions& options)
+        : TrackFeed(options.path), m_options(options), m_ticks(TicksOf(options.rate)) {}
+
+    const VideoOptions& Options() const { return m_options; }
+    uint32_t TicksPerFrame() const { return m_ticks.perFrame; }
+    MediaTime TimeOf(uint64_t frame) const { return {frame * m_ticks.perFrame, m_ticks.timescale}; }
+    /// Sets the size, the user's before the stream's, and refuses one that no track can have.
+    void SetSize(uint32_t width, uint32_t height);
+    /// The description without its parameter sets.
+    mp4_video_track_info_t BaseInfo() const;
+
+private:
+    VideoOptions m_options;
+    FrameTicks m_ticks;
+    PictureSize m_size;
+};
+
+}  // namespace kxmux
+
+#endif  // KXMUX_VIDEOFEED_H
