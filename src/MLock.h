@@ -17,7 +17,7 @@ public:
     void Unlock() { pthread_mutex_unlock(&m_mutex); }
 
 private:
-    pthread_mutex_t m_mutex;
+    pthread_mutex_t m_mutex{};
 };
 
 /// Holds a CMLock for its own lifetime.

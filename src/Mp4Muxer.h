@@ -209,10 +209,7 @@ private:
 
     std::unique_ptr<IBaseIO> m_pWriter;
     bool m_safeWrite = false;
-    uint32_t m_maxDuration = 0;
-    uint32_t m_gop_size = 0;
     uint32_t m_safeWriteFrameNum = 0;
-    uint32_t m_safeUpdateInterval = 0;
     uint32_t m_videoFrameNum = 0;
     uint32_t m_lastWriteVideoFrameNum = 0;
     CInfoWriter m_infoWriter;
