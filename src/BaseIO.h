@@ -150,8 +150,8 @@ private:
     bool m_gathering = false;
     size_t m_pieces = 0;
     size_t m_copied = 0;
-    std::array<iovec, kMaxPieces> m_piece;
-    std::array<uint8_t, kCopyRoom> m_copy;
+    std::array<iovec, kMaxPieces> m_piece{};
+    std::array<uint8_t, kCopyRoom> m_copy{};
 };
 
 /// Room for a path in the multibyte form that the system takes, with its terminator.

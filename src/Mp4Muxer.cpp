@@ -364,7 +364,7 @@ mp4_status_t CMp4Muxer::Close() {
     mp4_status_t status = MP4_STATUS_SUCCESS;
     if (m_pWriter != nullptr && !m_pWriter->IsValid()) status = m_pWriter->get_error_code();
     if (m_infoWriter.IsOpen()) m_infoWriter.Close();
-    int64_t start = GetTimeTick();
+    int64_t start = 0;
     if (!m_writeHeader) {
         zv_log_info("no data, ignore finish call", kSource, __LINE__, "Close");
     } else if (FinishMovie(&status)) {
@@ -406,6 +406,9 @@ bool CMp4Muxer::FinishMovie(mp4_status_t* status) {
         now = GetTimeTick();
         zv_log_info("Muxer - Close - moov write takes %lld ms", kSource, __LINE__, "Close",
                     static_cast<long long>(now - start));
+        // The repair info file may only go when what it stands for is on the device.
+        const bool repairInfo = m_strInfoFilePath[0] != L'\0';
+        if (repairInfo && m_gatheringWriter != nullptr) m_gatheringWriter->Flush();
         return MP4_STATUS_SUCCESS;
     });
     if (finished == MP4_STATUS_SUCCESS) return true;

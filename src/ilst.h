@@ -49,7 +49,7 @@ private:
 
     typedef struct _META_DATA {
         FourCC pTag;
-        const char* pKey;
+        const char* pKey = nullptr;
         std::optional<std::string> pData;
     } META_DATA;
     typedef std::vector<META_DATA> ARR_META_DATA;

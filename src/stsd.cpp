@@ -13,7 +13,7 @@ constexpr uint16_t kDataReferenceIndex = 1;
 
 struct ProResKind {
     FourCC fourcc;
-    const char* compressor;
+    const char* compressor = nullptr;
 };
 
 /// By mp4_prores_format.
