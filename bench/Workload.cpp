@@ -65,11 +65,11 @@ Workload::Workload(const Shape& shape) : m_shape(shape) {
 }
 
 void Workload::CountSamples() {
-    uint64_t aac = 0;
-    for (uint64_t picture = 0; picture < m_shape.pictures;) {
-        const bool audio = AudioIsNext(picture, aac);
-        m_bytes += (audio ? Aac(aac++) : Picture(picture++)).size;
-        ++m_samples;
+    Cursor cursor(*this);
+    for (uint32_t pictures = 0; pictures < m_shape.pictures; ++m_samples) {
+        const Sample sample = cursor.Next();
+        m_bytes += sample.size;
+        if (sample.video) ++pictures;
     }
 }
 

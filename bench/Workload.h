@@ -34,7 +34,7 @@ public:
         std::string title;
         uint32_t fps;
         uint32_t pictures;  ///< Length of the recording.
-        uint32_t distinct;  ///< Pictures that are made; they are repeated in order.
+        uint32_t distinct;  ///< Pictures that are made: whole key intervals, repeated.
         uint32_t minBytes;  ///< Size of a picture: evenly distributed between these two.
         uint32_t maxBytes;
         uint32_t slices;       ///< NAL units of a picture.
@@ -49,19 +49,38 @@ public:
     uint64_t samples() const { return m_samples; }
     uint64_t bytes() const { return m_bytes; }
 
-    /// The samples in recording order.
+    /// The samples in recording order, over and over the same pictures.
     class Cursor {
     public:
         explicit Cursor(const Workload& workload) : m_workload(workload) {}
         Sample Next() {
-            return m_workload.AudioIsNext(m_picture, m_aac) ? m_workload.Aac(m_aac++)
-                                                            : m_workload.Picture(m_picture++);
+            const Workload& from = m_workload;
+            if (from.m_shape.audio && m_aacClock < m_pictureClock) {
+                const Sample sample = from.At(from.m_aac[m_aac], m_aacTime, false, true);
+                m_aac = m_aac + 1 == from.m_aac.size() ? 0 : m_aac + 1;
+                m_aacTime += kSamplesPerAacFrame;
+                m_aacClock += uint64_t{kSamplesPerAacFrame} * from.m_shape.fps;
+                return sample;
+            }
+            const bool key = m_untilKey == 0;
+            const Sample sample = from.At(from.m_pictures[m_picture], m_pictureTime, true, key);
+            m_untilKey = key ? from.m_shape.keyInterval - 1 : m_untilKey - 1;
+            m_picture = m_picture + 1 == from.m_pictures.size() ? 0 : m_picture + 1;
+            m_pictureTime += kVideoTimescale / from.m_shape.fps;
+            m_pictureClock += kAudioRate;
+            return sample;
         }
 
     private:
         const Workload& m_workload;
-        uint64_t m_picture = 0;
-        uint64_t m_aac = 0;
+        size_t m_picture = 0;
+        size_t m_aac = 0;
+        uint32_t m_untilKey = 0;
+        uint64_t m_pictureTime = 0;
+        uint64_t m_aacTime = 0;
+        // Both in units of 1 / (fps * audio rate) seconds.
+        uint64_t m_pictureClock = 0;
+        uint64_t m_aacClock = 0;
     };
 
 private:
@@ -70,21 +89,8 @@ private:
         uint32_t size;
     };
 
-    bool AudioIsNext(uint64_t picture, uint64_t aac) const {
-        return m_shape.audio &&
-               aac * kSamplesPerAacFrame * m_shape.fps < picture * uint64_t{kAudioRate};
-    }
-    Sample Picture(uint64_t index) const {
-        const Span& span = m_pictures[index % m_pictures.size()];
-        const uint64_t time = index * (kVideoTimescale / m_shape.fps);
-        return {m_pool.data() + span.offset, span.size, time, true, IsKey(index)};
-    }
-    Sample Aac(uint64_t index) const {
-        const Span& span = m_aac[index % m_aac.size()];
-        return {m_pool.data() + span.offset, span.size, index * kSamplesPerAacFrame, false, true};
-    }
-    bool IsKey(uint64_t index) const {
-        return index % m_pictures.size() % m_shape.keyInterval == 0;
+    Sample At(const Span& span, uint64_t time, bool video, bool key) const {
+        return {m_pool.data() + span.offset, span.size, time, video, key};
     }
     void CountSamples();
 

@@ -23,7 +23,7 @@ class KxWriter : public Writer {
 public:
     KxWriter(uint32_t flags, mp4_file_io_func_t* output) : m_flags(flags), m_output(output) {}
 
-    void Open(const std::string& path, const Workload::Shape&) override {
+    void Open(const std::string& path, const Workload::Shape& shape) override {
         mp4_config_t config = {};
         config.flags = m_flags | MP4_FLAG_64BIT_SIZE;
         config.io_mode = m_output == nullptr ? MP4_IO_FILE : MP4_IO_EXTERNAL;
@@ -37,13 +37,7 @@ public:
         video.h264 = {kSps.data(), static_cast<int16_t>(kSps.size()), kPps.data(),
                       static_cast<int16_t>(kPps.size())};
         Check(m_muxer.SetVideoTrack(&video), "SetVideoTrack");
-        mp4_audio_track_info_t audio = {};
-        audio.timescale = kAudioRate;
-        audio.codec = MP4_MAC_AAC;
-        audio.sample_rate = kAudioRate;
-        audio.channels = 2;
-        audio.profile = 2;
-        Check(m_muxer.SetAudioTrack(&audio), "SetAudioTrack");
+        if (shape.audio) AddAudio();
     }
     void Write(const Sample& sample) override {
         if (sample.video)
@@ -57,6 +51,16 @@ public:
     bool QueryIndexSize() override { return m_muxer.GetMoovSize() != 0; }
 
 private:
+    void AddAudio() {
+        mp4_audio_track_info_t audio = {};
+        audio.timescale = kAudioRate;
+        audio.codec = MP4_MAC_AAC;
+        audio.sample_rate = kAudioRate;
+        audio.channels = 2;
+        audio.profile = 2;
+        Check(m_muxer.SetAudioTrack(&audio), "SetAudioTrack");
+    }
+
     CMp4Muxer m_muxer;
     uint32_t m_flags;
     mp4_file_io_func_t* m_output;
