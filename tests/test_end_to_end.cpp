@@ -1,0 +1,367 @@
+// kxmux as a whole, judged by readers that others wrote: the sample streams are recorded, and what
+// ffprobe and ffmpeg see in the recording is compared with what they see in the streams.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "scratch_folder.h"
+
+namespace {
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+using Lines = std::vector<std::string>;
+
+struct Outcome {
+    int code = -1;  // of the exit
+    std::string out;
+    std::string errors;
+};
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream content;
+    content << file.rdbuf();
+    return content.str();
+}
+
+Outcome Execute(const std::string& command) {
+    const ScratchFolder folder;
+    const std::string out = folder.Path("out");
+    const std::string errors = folder.Path("errors");
+    const int status = std::system((command + " >" + out + " 2>" + errors).c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadFile(out), ReadFile(errors)};
+}
+
+Lines SplitLines(const std::string& text) {
+    Lines lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+/// Runs a reader that must find nothing to complain of, and returns the lines it prints.
+Lines Read(const std::string& command) {
+    const Outcome outcome = Execute(command);
+    EXPECT_EQ(outcome.code, 0) << command;
+    EXPECT_THAT(outcome.errors, IsEmpty()) << command;
+    return SplitLines(outcome.out);
+}
+
+Lines Probe(const std::string& entries, const std::string& arguments) {
+    return Read("ffprobe -v error -of csv=p=0 -show_entries " + entries + " " + arguments);
+}
+
+/// Sizes and checksums of the decoded frames, without their times.
+Lines DecodedFrames(const std::string& input, const std::string& stream) {
+    Lines frames;
+    for (const std::string& line :
+         Read("ffmpeg -nostdin -v error " + input + " -map 0:" + stream + " -f framemd5 -")) {
+        if (line.empty() || line[0] == '#') continue;
+        // stream, dts, pts, duration, size, checksum
+        frames.push_back(line.substr(line.rfind(',', line.rfind(',') - 1) + 1));
+    }
+    return frames;
+}
+
+Outcome Kxmux(const std::string& arguments) {
+    return Execute(std::string("'") + KXMUX_PATH + "' " + arguments);
+}
+
+std::string Sample(const std::string& name) {
+    return std::string(KXMUX_SAMPLES "/") + name;
+}
+
+bool HaveReaders() {
+    static const bool have =
+        Execute("ffmpeg -version").code == 0 && Execute("ffprobe -version").code == 0;
+    return have;
+}
+
+/// Where the readers are missing nothing is tested, which continuous integration must not accept.
+class EndToEnd : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (HaveReaders()) return;
+        if (std::getenv("CI") != nullptr) FAIL() << "ffmpeg and ffprobe are not installed";
+        GTEST_SKIP() << "ffmpeg and ffprobe are not installed";
+    }
+
+    std::string Path(const std::string& name) const { return m_folder.Path(name); }
+
+private:
+    ScratchFolder m_folder;
+};
+
+struct Stream {
+    const char* file;
+    const char* codec;
+    const char* size;
+};
+
+constexpr Stream kStreams[] = {{"h264.h264", "h264", "320,180"},
+                               {"hevc.hevc", "hevc", "320,180"},
+                               {"prores422.prores", "prores", "160,90"}};
+constexpr size_t kVideoFrames = 75;  // of each sample, at 25 per second
+
+/// The arguments with which ffmpeg decodes a sample itself. A raw ProRes stream has no reader
+/// there, so its frames become files of their own in the folder.
+std::string SourceInput(const Stream& stream, const ScratchFolder& folder) {
+    if (std::string(stream.codec) != "prores") {
+        return std::string("-f ") + stream.codec + " -i " + Sample(stream.file);
+    }
+    const std::string bytes = ReadFile(Sample(stream.file));
+    size_t count = 0;
+    for (size_t at = 0; at + 4 <= bytes.size(); ++count) {
+        size_t size = 0;
+        for (size_t i = 0; i < 4; ++i)
+            size = size << 8 | static_cast<uint8_t>(bytes[at + i]);
+        char name[32];
+        std::snprintf(name, sizeof name, "%04zu.icpf", count);
+        std::ofstream(folder.Path(name), std::ios::binary) << bytes.substr(at, size);
+        at += std::max<size_t>(size, 4);
+    }
+    return "-framerate 25 -f image2 -c:v prores -i " + folder.Path("%04d.icpf");
+}
+
+class Recordings
+    : public EndToEnd,
+      public ::testing::WithParamInterface<std::tuple<Stream, const char*, const char*>> {};
+
+TEST_P(Recordings, HoldWhatTheStreamsHold) {
+    const auto& [stream, extension, flags] = GetParam();
+    const std::string file = Path(std::string("out.") + extension);
+    const Outcome outcome = Kxmux("-o " + file + " --fps 25 --video " + Sample(stream.file) +
+                                  " --audio " + Sample("audio.aac") + " " + flags);
+    ASSERT_EQ(outcome.code, 0) << outcome.errors;
+    EXPECT_THAT(outcome.errors, IsEmpty());
+    EXPECT_THAT(outcome.out, HasSubstr("75 frames, 3.000 s"));
+
+    const Lines video =
+        Probe("stream=codec_name,width,height,nb_frames", "-select_streams v " + file);
+    EXPECT_THAT(video,
+                ::testing::ElementsAre(std::string(stream.codec) + "," + stream.size + ",75"));
+    EXPECT_THAT(Probe("format=format_name:format_tags=major_brand", file),
+                ::testing::ElementsAre(HasSubstr(extension == std::string("mov") ? "qt" : "isom")));
+
+    const ScratchFolder frames;
+    const Lines decoded = DecodedFrames("-i " + file, "v");
+    EXPECT_EQ(decoded.size(), kVideoFrames);
+    EXPECT_EQ(decoded, DecodedFrames(SourceInput(stream, frames), "v"));
+    EXPECT_EQ(DecodedFrames("-i " + file, "a"), DecodedFrames("-i " + Sample("audio.aac"), "a"));
+}
+
+TEST_P(Recordings, HaveTheirTimes) {
+    const auto& [stream, extension, flags] = GetParam();
+    const std::string file = Path(std::string("out.") + extension);
+    ASSERT_EQ(Kxmux("-o " + file + " --fps 30000/1001 --video " + Sample(stream.file) +
+                    " --audio " + Sample("audio.aac") + " " + flags)
+                  .code,
+              0);
+    Lines expected;
+    for (size_t i = 0; i < kVideoFrames; ++i) {
+        const std::string time = std::to_string(i * 1001);
+        expected.push_back(time + "," + time);
+    }
+    EXPECT_EQ(Probe("packet=pts,dts", "-select_streams v " + file), expected);
+    const size_t audioFrames = Probe("packet=pts", Sample("audio.aac")).size();
+    expected.clear();
+    for (size_t i = 0; i < audioFrames; ++i)
+        expected.push_back(std::to_string(i * 1024));
+    EXPECT_EQ(Probe("packet=pts", "-select_streams a " + file), expected);
+}
+
+std::string NameOf(const ::testing::TestParamInfo<Recordings::ParamType>& info) {
+    const auto& [stream, extension, flags] = info.param;
+    return std::string(stream.codec) + "_" + extension + (*flags == '\0' ? "_32bit" : "_64bit");
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Recordings,
+                         ::testing::Combine(::testing::ValuesIn(kStreams),
+                                            ::testing::Values("mp4", "mov"),
+                                            ::testing::Values("", "--64bit")),
+                         NameOf);
+
+TEST_F(EndToEnd, TheWayToTheFileChangesNoByte) {
+    for (const Stream& stream : kStreams) {
+        const std::string inputs = " --fps 25 --timecode 01:00:00:00 --meta title=T --video " +
+                                   Sample(stream.file) + " --audio " + Sample("audio.aac");
+        ASSERT_EQ(Kxmux("-o " + Path("plain.mp4") + inputs).code, 0);
+        const std::string plain = ReadFile(Path("plain.mp4"));
+        for (const char* flag : {"--callback-io", "--buffered", "--repair"}) {
+            const Outcome outcome = Kxmux("-o " + Path("other.mp4") + inputs + " " + flag);
+            ASSERT_EQ(outcome.code, 0) << outcome.errors;
+            EXPECT_TRUE(ReadFile(Path("other.mp4")) == plain) << stream.file << " " << flag;
+        }
+        EXPECT_FALSE(std::filesystem::exists(Path("other.mp4.info")));
+    }
+}
+
+TEST_F(EndToEnd, ConfigurationFoundInTheStreamIsTheSameAsTheDeclaredOne) {
+    for (const Stream& stream : kStreams) {
+        const std::string inputs =
+            " --fps 25 --video " + Sample(stream.file) + " --audio " + Sample("audio.aac");
+        ASSERT_EQ(Kxmux("-o " + Path("declared.mp4") + inputs).code, 0);
+        ASSERT_EQ(Kxmux("-o " + Path("found.mp4") + inputs + " --deferred").code, 0);
+        EXPECT_TRUE(ReadFile(Path("found.mp4")) == ReadFile(Path("declared.mp4"))) << stream.file;
+    }
+}
+
+TEST_F(EndToEnd, TimecodeAndMetadataAreFound) {
+    for (const std::string& file : {Path("out.mp4"), Path("out.mov")}) {
+        const Outcome outcome =
+            Kxmux("-o " + file +
+                  " --fps 30000/1001 --timecode '00:59:59;29' --meta title='A title' "
+                  "--meta com.example.take=7 --video " +
+                  Sample("h264.h264"));
+        ASSERT_EQ(outcome.code, 0) << outcome.errors;
+        EXPECT_THAT(Probe("stream_tags=timecode", "-select_streams v " + file),
+                    ::testing::ElementsAre("00:59:59;29"));
+        EXPECT_THAT(Probe("format_tags=title,com.example.take", file),
+                    ::testing::ElementsAre(AllOf(HasSubstr("A title"), HasSubstr("7"))));
+    }
+}
+
+/// Decode and presentation times of the video packets, moved so that the first presentation is 0.
+std::vector<std::pair<long, long>> ShiftedTimes(const std::string& file) {
+    std::vector<std::pair<long, long>> times;
+    for (const std::string& line : Probe("packet=dts_time,pts_time", "-select_streams v " + file)) {
+        double pts = 0;
+        double dts = 0;
+        // ffprobe prints them in its own order.
+        if (std::sscanf(line.c_str(), "%lf,%lf", &pts, &dts) != 2) ADD_FAILURE() << line;
+        times.emplace_back(std::lround(dts * 1000), std::lround(pts * 1000));
+    }
+    long first = times.empty() ? 0 : times[0].second;
+    for (const auto& [dts, pts] : times)
+        first = std::min(first, pts);
+    for (auto& [dts, pts] : times) {
+        dts -= first;
+        pts -= first;
+    }
+    return times;
+}
+
+struct Encoding {
+    const char* name;
+    const char* codec;  // as kxmux and ffmpeg's raw formats call it
+    const char* options;
+};
+
+class Reordered : public EndToEnd, public ::testing::WithParamInterface<Encoding> {};
+
+// The reference is the file that the encoder's own muxing made; the stream is taken out of it.
+TEST_P(Reordered, TimesAndFramesEqualThoseOfAnotherMuxer) {
+    const Encoding& encoding = GetParam();
+    const std::string reference = Path("reference.mp4");
+    const std::string raw = Path("stream");
+    const Outcome encoded =
+        Execute("ffmpeg -nostdin -v error -f lavfi -i testsrc2=size=160x96:rate=25:duration=3 " +
+                std::string(encoding.options) + " " + reference);
+    if (encoded.code != 0 && std::getenv("CI") == nullptr) GTEST_SKIP() << encoded.errors;
+    ASSERT_EQ(encoded.code, 0) << encoded.errors;
+    Read("ffmpeg -nostdin -v error -i " + reference + " -c copy -f " + encoding.codec + " " + raw);
+
+    const std::string file = Path("out.mp4");
+    const Outcome outcome =
+        Kxmux("-o " + file + " --fps 25 --video-codec " + encoding.codec + " --video " + raw);
+    ASSERT_EQ(outcome.code, 0) << outcome.errors;
+    EXPECT_THAT(outcome.out, HasSubstr("reordered"));
+    EXPECT_EQ(ShiftedTimes(file), ShiftedTimes(reference));
+    EXPECT_EQ(DecodedFrames("-i " + file, "v"), DecodedFrames("-i " + reference, "v"));
+
+    const std::string flat = Path("flat.mp4");
+    ASSERT_EQ(Kxmux("-o " + flat + " --fps 25 --no-composition-offsets --video-codec " +
+                    encoding.codec + " --video " + raw)
+                  .code,
+              0);
+    for (const std::string& line : Probe("packet=dts_time,pts_time", flat)) {
+        EXPECT_EQ(line.substr(0, line.find(',')), line.substr(line.find(',') + 1));
+    }
+}
+
+constexpr Encoding kEncodings[] = {
+    {"H264", "h264", "-c:v libx264 -g 20"},
+    {"H264OpenGroups", "h264", "-c:v libx264 -g 20 -x264-params open-gop=1:b-pyramid=normal"},
+    {"H264Interlaced", "h264", "-c:v libx264 -flags +ilme+ildct -x264-params tff=1"},
+    {"Hevc", "hevc", "-c:v libx265 -x265-params keyint=20:open-gop=0:log-level=error"},
+    {"HevcOpenGroups10Bit", "hevc",
+     "-c:v libx265 -pix_fmt yuv420p10le -x265-params keyint=20:open-gop=1:log-level=error"},
+};
+
+INSTANTIATE_TEST_SUITE_P(All, Reordered, ::testing::ValuesIn(kEncodings),
+                         [](const auto& encoding) { return std::string(encoding.param.name); });
+
+/// One line, and an exit code that says so.
+void ExpectFailure(const Outcome& outcome, const ::testing::Matcher<const std::string&>& line) {
+    EXPECT_NE(outcome.code, 0);
+    ASSERT_EQ(SplitLines(outcome.errors).size(), 1U) << outcome.errors;
+    EXPECT_THAT(outcome.errors, line);
+}
+
+TEST(Failures, SayWhatAndWhereInOneLine) {
+    const ScratchFolder folder;
+    const std::string output = folder.Path("out.mp4");
+    const std::string video = " --fps 25 --video " + Sample("h264.h264");
+    ExpectFailure(Kxmux("-o " + output + " --fps 25 --video none.h264"),
+                  StartsWith("kxmux: none.h264: cannot be opened: "));
+    ExpectFailure(Kxmux("-o " + output + " --fps 29.97 --video " + Sample("h264.h264")),
+                  HasSubstr("29.97: not N or N/D"));
+    ExpectFailure(Kxmux("-o " + folder.Path("none/out.mp4") + video),
+                  HasSubstr("none/out.mp4: cannot be created: MP4_STATUS_NO_SUCH_FILE_OR_DIR"));
+    ExpectFailure(
+        Kxmux("-o " + output + " --fps 25 --video-codec hevc --video " + Sample("make.sh")),
+        HasSubstr("make.sh: frame 0: no start code"));
+    // Nothing was created on the way.
+    EXPECT_FALSE(std::filesystem::exists(output));
+
+    std::filesystem::copy_file(Sample("h264.h264"), folder.Path("in.h264"));
+    ExpectFailure(
+        Kxmux("-o " + folder.Path("in.h264") + " --fps 25 --video " + folder.Path("./in.h264")),
+        HasSubstr("would be overwritten"));
+    EXPECT_TRUE(ReadFile(folder.Path("in.h264")) == ReadFile(Sample("h264.h264")));
+}
+
+TEST(Failures, AFullDeviceLeavesAnOutputThatIsCalledUnfinished) {
+    for (const char* mode : {"", "--callback-io", "--buffered"}) {
+        ExpectFailure(
+            Kxmux(std::string("-o /dev/full --fps 25 --video ") + Sample("h264.h264") + " " + mode),
+            AllOf(HasSubstr("/dev/full: "), HasSubstr("MP4_STATUS_NO_SPACE_LEFT"),
+                  HasSubstr("/dev/full is unfinished")));
+    }
+}
+
+TEST_F(EndToEnd, AnInputThatIsCutOffLeavesWhatCameBefore) {
+    const std::string audio = ReadFile(Sample("audio.aac"));
+    std::ofstream(Path("cut.aac"), std::ios::binary) << audio.substr(0, audio.size() / 2);
+    const std::string file = Path("out.mp4");
+    ExpectFailure(Kxmux("-o " + file + " --fps 25 --video " + Sample("h264.h264") + " --audio " +
+                        Path("cut.aac")),
+                  AllOf(HasSubstr("cut.aac: frame "), HasSubstr("cut off: "),
+                        HasSubstr(file + " is unfinished")));
+    const Lines whole = DecodedFrames("-i " + Sample("h264.h264"), "v");
+    const Lines part = DecodedFrames("-i " + file, "v");
+    ASSERT_THAT(part, Not(IsEmpty()));
+    ASSERT_LT(part.size(), whole.size());
+    EXPECT_TRUE(std::equal(part.begin(), part.end(), whole.begin()));
+}
+
+}  // namespace
