@@ -33,7 +33,7 @@ class CMp4MoovAtom;
 /// Every operation catches what is thrown inside. Statuses that any of them can return:
 /// #MP4_STATUS_FILE_NOT_OPEN without a file; after a failed write, seek or sync the status of that
 /// failure, from every later call; #MP4_STATUS_UNEXPECTED_ERROR.
-class CMp4Muxer {
+class KX_MP4_EXPORT CMp4Muxer {
 public:
     CMp4Muxer();
     /// Does NOT finish the file: call Close first, or the output has no index.

@@ -55,6 +55,7 @@ constexpr uint32_t KX_MP4_BUFFERED_IO_MAX_SIZE = 1U << 26;
 ///                     output has a buffer of its own.
 /// @return A record that lives as long as the program, never null; not to be changed. Any number
 ///         of muxers can use it at the same time, from any threads.
-mp4_file_io_func_t* kx_mp4_buffered_io(uint32_t buffer_size = KX_MP4_BUFFERED_IO_SIZE);
+KX_MP4_EXPORT mp4_file_io_func_t* kx_mp4_buffered_io(
+    uint32_t buffer_size = KX_MP4_BUFFERED_IO_SIZE);
 
 #endif  // KX_MP4_BUFFERED_IO_H

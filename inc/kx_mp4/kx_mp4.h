@@ -9,6 +9,8 @@
 
 #include <cstdint>
 
+#include "kx_mp4/export.h"
+
 /// Result of every public operation.
 typedef enum _mp4_status_t {
     MP4_STATUS_SUCCESS = 0,                  ///< Done.
@@ -211,5 +213,21 @@ typedef struct mp4_config {
                                                 ///< recording (until Close has returned).
     mp4_safe_write_config_t safe_write_config;  ///< Not read.
 } mp4_config_t;
+
+extern "C" {
+/// The name of a status, such as "MP4_STATUS_NO_SPACE_LEFT", for logs and messages.
+///
+/// Any thread may call it at any time.
+/// @return A string that lives as long as the program, never null; "MP4_STATUS_(unknown)" for a
+///         value that is none of #mp4_status_t.
+KX_MP4_EXPORT const char* mp4_status_string(mp4_status_t status);
+
+/// The version of the library that the application runs with, "MAJOR.MINOR.PATCH". With the shared
+/// library it can be newer than the headers that the application was compiled with.
+///
+/// Any thread may call it at any time.
+/// @return A string that lives as long as the program.
+KX_MP4_EXPORT const char* kx_mp4_version();
+}
 
 #endif  // KX_MP4_KX_MP4_H

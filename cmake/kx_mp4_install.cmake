@@ -1,0 +1,79 @@
+# cmake --install: three components, library (run time), development and tools.
+#
+#   bin/                      the programs                                    tools
+#   lib/                      libkx_mp4, libkx_mp4_repair                     library, development
+#   include/kx_mp4/           Mp4Muxer.h and what it includes, repair.h ...   development
+#   lib/cmake/kx_mp4/         find_package(kx_mp4 CONFIG)                     development
+#   lib/pkgconfig/            kx_mp4.pc, kx_mp4_repair.pc                     development
+#   share/man/man1/           manual pages of the programs                    tools
+include(CMakePackageConfigHelpers)
+
+set(KX_MP4_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/kx_mp4)
+
+set(KX_MP4_LIBRARIES kx_mp4)
+if(TARGET kx_mp4_repair)
+    list(APPEND KX_MP4_LIBRARIES kx_mp4_repair)
+    set_target_properties(kx_mp4_repair PROPERTIES EXPORT_NAME repair)
+endif()
+install(TARGETS ${KX_MP4_LIBRARIES} EXPORT kx_mp4-targets
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+
+# Mp4Muxer.h needs the inner headers beside it.
+set(KX_MP4_PUBLIC_HEADERS
+    inc/kx_mp4/buffered_io.h
+    inc/kx_mp4/export.h
+    inc/kx_mp4/kx_mp4.h
+    src/BaseIO.h
+    src/FourCC.h
+    src/InfoWriter.h
+    src/MLock.h
+    src/Mp4Muxer.h
+    src/VideoFrameParser.h
+    src/defines.h
+    src/zv_log.h)
+if(TARGET kx_mp4_repair)
+    list(APPEND KX_MP4_PUBLIC_HEADERS inc/kx_mp4/repair.h)
+endif()
+install(FILES ${KX_MP4_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kx_mp4
+        COMPONENT development)
+
+install(EXPORT kx_mp4-targets NAMESPACE kx_mp4:: DESTINATION ${KX_MP4_INSTALL_CMAKEDIR}
+        COMPONENT development)
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/kx_mp4-config.cmake.in
+    ${PROJECT_BINARY_DIR}/kx_mp4-config.cmake INSTALL_DESTINATION ${KX_MP4_INSTALL_CMAKEDIR}
+    NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/kx_mp4-config-version.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/kx_mp4-config.cmake
+              ${PROJECT_BINARY_DIR}/kx_mp4-config-version.cmake
+        DESTINATION ${KX_MP4_INSTALL_CMAKEDIR} COMPONENT development)
+
+# The pkg-config files find the tree from where they are, so that it can be moved.
+set(KX_MP4_PC_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+if(IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR} OR IS_ABSOLUTE ${CMAKE_INSTALL_INCLUDEDIR})
+    set(KX_MP4_PC_PREFIX ${CMAKE_INSTALL_PREFIX})
+    set(KX_MP4_PC_LIBDIR ${CMAKE_INSTALL_FULL_LIBDIR})
+    set(KX_MP4_PC_INCLUDEDIR ${CMAKE_INSTALL_FULL_INCLUDEDIR})
+else()
+    file(RELATIVE_PATH KX_MP4_PC_PREFIX /${KX_MP4_PC_DIR} /)
+    set(KX_MP4_PC_PREFIX \${pcfiledir}/${KX_MP4_PC_PREFIX})
+    string(REGEX REPLACE "/$" "" KX_MP4_PC_PREFIX ${KX_MP4_PC_PREFIX})
+    set(KX_MP4_PC_LIBDIR \${prefix}/${CMAKE_INSTALL_LIBDIR})
+    set(KX_MP4_PC_INCLUDEDIR \${prefix}/${CMAKE_INSTALL_INCLUDEDIR})
+endif()
+foreach(library ${KX_MP4_LIBRARIES})
+    configure_file(${CMAKE_CURRENT_LIST_DIR}/${library}.pc.in ${PROJECT_BINARY_DIR}/${library}.pc
+                   @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/${library}.pc DESTINATION ${KX_MP4_PC_DIR}
+            COMPONENT development)
+endforeach()
+
+foreach(program kxmux kxrepair kxmap)
+    if(TARGET ${program})
+        install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+        install(FILES ${PROJECT_SOURCE_DIR}/docs/man/${program}.1
+                DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+    endif()
+endforeach()
