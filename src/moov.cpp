@@ -122,8 +122,12 @@ void CMp4MoovAtom::AfterWriteSubtitleFrame(int64_t nOffset, int cbFrame, int64_t
 }
 
 void CMp4MoovAtom::AfterWriteTimeCode(int64_t nOffSet) {
+    // Without a track the counter is only media data; indexed without a chunk, it would shift the
+    // samples of a track that is declared later.
+    const bool opensChunk = OpensChunk(m_trackTC);
+    if (!m_trackTC.valid()) return;
     if (Needs64bitOffset(nOffSet)) m_trackTC.SetUse64BitSize();
-    m_trackTC.AfterWriteTimeCode(nOffSet, OpensChunk(m_trackTC));
+    m_trackTC.AfterWriteTimeCode(nOffSet, opensChunk);
 }
 
 // Queries

@@ -1,0 +1,71 @@
+#include "log_capture.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+
+#include "zv_log.h"
+
+namespace {
+
+std::mutex g_mutex;
+std::vector<LogLine> g_lines;
+
+void Keep(const char* level, const char* format, const char* file, int line, const char* function,
+          va_list arguments) {
+    char text[1024];
+    std::vsnprintf(text, sizeof text, format, arguments);
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    g_lines.push_back({level, text, file, function, line});
+}
+
+}  // namespace
+
+void zv_log_error(const char* format, const char* file, int line, const char* function, ...) {
+    va_list arguments;
+    va_start(arguments, function);
+    Keep("error", format, file, line, function, arguments);
+    va_end(arguments);
+}
+
+void zv_log_warn(const char* format, const char* file, int line, const char* function, ...) {
+    va_list arguments;
+    va_start(arguments, function);
+    Keep("warn", format, file, line, function, arguments);
+    va_end(arguments);
+}
+
+void zv_log_info(const char* format, const char* file, int line, const char* function, ...) {
+    va_list arguments;
+    va_start(arguments, function);
+    Keep("info", format, file, line, function, arguments);
+    va_end(arguments);
+}
+
+void LogCapture::Clear() {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    g_lines.clear();
+}
+
+std::vector<LogLine> LogCapture::Lines() const {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    return g_lines;
+}
+
+std::vector<std::string> LogCapture::Complaints() const {
+    std::vector<std::string> complaints;
+    for (const LogLine& line : Lines())
+        if (line.level != "info")
+            complaints.push_back(line.level + " " + line.function + ": " + line.text);
+    return complaints;
+}
+
+int LogCapture::Count(const std::string& level, const std::string& text,
+                      const std::string& function) const {
+    int count = 0;
+    for (const LogLine& line : Lines())
+        if (line.level == level && line.text == text &&
+            (function.empty() || line.function == function))
+            ++count;
+    return count;
+}

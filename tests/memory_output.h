@@ -1,0 +1,58 @@
+/// @file
+/// An output in memory behind the caller's callbacks, which can fail on demand.
+#ifndef KX_MP4_TESTS_MEMORY_OUTPUT_H
+#define KX_MP4_TESTS_MEMORY_OUTPUT_H
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "kx_mp4/kx_mp4.h"
+#include "movie_reader.h"
+
+class MemoryOutput {
+public:
+    /// The callbacks; the next `init` opens this output.
+    mp4_file_io_func_t* Functions();
+
+    /// The `failingWrite`-th write (from 1) and every later one fails with this error number.
+    int failingWrite = 0;
+    int failureErrno = 28;  // ENOSPC
+    /// What a failing write returns; anything but 1 is a failure.
+    int failureResult = 0;
+    bool refuseInit = false;
+    /// Writes of at least this size only move the position: their bytes read as zeros.
+    uint32_t dropFrom = UINT32_MAX;
+
+    /// "init path", "write 4", "seek 0 0", "tell", "flush", "uninit", in order.
+    std::vector<std::string> calls;
+    int writes = 0;
+    bool open = false;
+
+    uint64_t Size() const { return m_size; }
+    uint8_t ByteAt(uint64_t position) const;
+    Bytes Content() const;
+    MovieReader Movie() const;
+
+private:
+    static constexpr uint64_t kPageSize = 4096;
+
+    static bool Init(kx_mp4_handle* handle, const wchar_t* path, uint32_t blockSize,
+                     uint32_t blocks);
+    static bool Uninit(kx_mp4_handle handle);
+    static uint64_t Tell(kx_mp4_handle handle);
+    static void Seek(kx_mp4_handle handle, int64_t offset, int whence);
+    static void Flush(kx_mp4_handle handle);
+    static int Read(kx_mp4_handle handle, void* buffer, uint32_t size);
+    static int Write(kx_mp4_handle handle, const void* buffer, uint32_t size);
+
+    static MemoryOutput* s_next;
+
+    mp4_file_io_func_t m_functions{};
+    uint64_t m_position = 0;
+    uint64_t m_size = 0;
+    std::map<uint64_t, Bytes> m_pages;
+};
+
+#endif  // KX_MP4_TESTS_MEMORY_OUTPUT_H

@@ -1,0 +1,242 @@
+#include "streams.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "test_pattern.h"
+
+namespace streams {
+
+const Bytes kHevcVps = Hex("40010c01ffff01600000030090000003000003001e928090");
+const Bytes kHevcSps =
+    Hex("42010101600000030090000003000003001ea0208105964a924caf016808000003000800000300c840");
+const Bytes kHevcPps = Hex("4401c172b42240");
+
+namespace {
+
+constexpr uint32_t kPictureTicks = 3000;
+constexpr uint32_t kAacTicks = 1024;
+constexpr uint32_t kCaptionTicks = 100;  // of 1000: 0.1 s from picture 0 to picture 3
+constexpr int kTimecode = 107892;        // 01:00:00;00
+const Bytes kCaption = Hex("6102 02 fc942c fd8080");
+const Bytes kCaptionSample = Hex("0000000a 63646174 942c 0000000a 63647432 8080");
+
+int16_t SizeOf(const Bytes& set) {
+    return static_cast<int16_t>(set.size());
+}
+
+mp4_video_track_info_t VideoTrack(mp4_video_codec codec) {
+    mp4_video_track_info_t track{};
+    track.timescale = 90000;
+    track.frame_duration = kPictureTicks;
+    track.codec = codec;
+    track.width = test_pattern::kWidth;
+    track.height = test_pattern::kHeight;
+    return track;
+}
+
+}  // namespace
+
+mp4_video_track_info_t H264Track() {
+    using test_pattern::kPps;
+    using test_pattern::kSps;
+    mp4_video_track_info_t track = VideoTrack(MP4_MVC_H264);
+    track.h264 = {kSps.data(), SizeOf(kSps), kPps.data(), SizeOf(kPps)};
+    return track;
+}
+
+mp4_video_track_info_t HevcTrack() {
+    mp4_video_track_info_t track = VideoTrack(MP4_MVC_HEVC);
+    track.hevc = {kHevcSps.data(),  SizeOf(kHevcSps), kHevcPps.data(),
+                  SizeOf(kHevcPps), kHevcVps.data(),  SizeOf(kHevcVps)};
+    return track;
+}
+
+mp4_video_track_info_t ProResTrack(mp4_prores_format format) {
+    mp4_video_track_info_t track = VideoTrack(MP4_MVC_PRORES);
+    track.prores.format = format;
+    return track;
+}
+
+mp4_video_track_info_t Deferred(mp4_video_track_info_t track) {
+    track.hevc = {};
+    return track;
+}
+
+mp4_audio_track_info_t AacTrack() {
+    return {48000, kAacTicks, MP4_MAC_AAC, 48000, 1, 2};
+}
+
+mp4_audio_track_info_t AdtsTrack() {
+    return {48000, kAacTicks, MP4_MAC_ADTS, 0, 0, 0};
+}
+
+mp4_subtitle_track_info_t CaptionTrack(mp4_subtitle_codec codec) {
+    return {codec, 1000};
+}
+
+mp4_time_code_track_info_t TimecodeTrack() {
+    return {30000, 1001, 30, 1};
+}
+
+Bytes AccessUnit(const std::vector<Bytes>& units) {
+    Bytes stream;
+    for (const Bytes& unit : units)
+        test_pattern::AppendUnit(stream, unit);
+    return stream;
+}
+
+Bytes LengthPrefixed(const std::vector<Bytes>& units) {
+    Bytes sample;
+    for (const Bytes& unit : units) {
+        const auto size = static_cast<uint32_t>(unit.size());
+        for (int shift = 24; shift >= 0; shift -= 8)
+            sample.push_back(static_cast<uint8_t>(size >> shift));
+        sample = sample + unit;
+    }
+    return sample;
+}
+
+std::vector<Bytes> PictureUnits(uint32_t number) {
+    using namespace test_pattern;
+    const uint32_t inGroup = number % kKeyFrameDistance;
+    if (inGroup != 0) return {RepeatSlice(inGroup)};
+    const uint32_t group = number / kKeyFrameDistance;
+    return {kSps, kPps, KeySlice(group, static_cast<uint8_t>(16 + group * 40 % 220))};
+}
+
+std::vector<Step> SetUpEverything() {
+    static const int kStars = 5;
+    static const auto* const kStarsBytes = reinterpret_cast<const char*>(&kStars);
+    return {
+        {"SetVideoTrack",
+         [](CMp4Muxer& muxer) {
+             const auto track = H264Track();
+             return muxer.SetVideoTrack(&track);
+         }},
+        {"SetAudioTrack",
+         [](CMp4Muxer& muxer) {
+             const auto track = AacTrack();
+             return muxer.SetAudioTrack(&track);
+         }},
+        {"SetSubtitleTrack",
+         [](CMp4Muxer& muxer) {
+             const auto track = CaptionTrack(MP4_SUBTITLE_CODEC_CC608);
+             return muxer.SetSubtitleTrack(&track);
+         }},
+        {"SetTCMDTrack",
+         [](CMp4Muxer& muxer) {
+             const auto track = TimecodeTrack();
+             return muxer.SetTCMDTrack(&track);
+         }},
+        {"SetMetadata title",
+         [](CMp4Muxer& muxer) {
+             return muxer.SetMetadata("title", "Test", 0, MP4_META_DATA_TYPE_STRING, nullptr);
+         }},
+        {"SetMetadata stars",
+         [](CMp4Muxer& muxer) {
+             return muxer.SetMetadata("org.example.stars", kStarsBytes, sizeof kStars,
+                                      MP4_META_DATA_TYPE_INT, "mdta");
+         }},
+        {"SetMetadata raw",
+         [](CMp4Muxer& muxer) {
+             return muxer.SetMetadata("org.example.raw", "\0\1\2", 3, MP4_META_DATA_TYPE_RAW,
+                                      nullptr);
+         }},
+    };
+}
+
+std::vector<Step> WriteEverything(uint32_t pictures) {
+    std::vector<Step> steps;
+    for (uint32_t i = 0; i < pictures; ++i) {
+        const std::string number = std::to_string(i);
+        const auto picture = std::make_shared<Bytes>(test_pattern::Picture(i));
+        steps.push_back({"WriteVideoFrame " + number, [picture, i](CMp4Muxer& muxer) {
+                             const uint64_t time = uint64_t{i} * kPictureTicks;
+                             return muxer.WriteVideoFrame(picture->data(),
+                                                          static_cast<uint32_t>(picture->size()),
+                                                          time, time);
+                         }});
+        steps.push_back({"WriteAudioFrame " + number, [i](CMp4Muxer& muxer) {
+                             return muxer.WriteAudioFrame(test_pattern::kSilence.data(), 4,
+                                                          uint64_t{i} * kAacTicks);
+                         }});
+        if (i == 0)
+            steps.push_back(
+                {"WriteTimeCode", [](CMp4Muxer& muxer) { return muxer.WriteTimeCode(kTimecode); }});
+        if (i % 3 == 0)
+            steps.push_back({"WriteSubtitleFrame " + number, [i](CMp4Muxer& muxer) {
+                                 return muxer.WriteSubtitleFrame(
+                                     kCaption.data(), static_cast<uint32_t>(kCaption.size()),
+                                     uint64_t{i} / 3 * kCaptionTicks);
+                             }});
+    }
+    return steps;
+}
+
+std::vector<Expected> ExpectEverything(uint32_t pictures) {
+    std::vector<Expected> samples;
+    for (uint32_t i = 0; i < pictures; ++i) {
+        samples.push_back({"vide", LengthPrefixed(PictureUnits(i)), int64_t{i} * kPictureTicks,
+                           i % test_pattern::kKeyFrameDistance == 0});
+        samples.push_back({"soun", test_pattern::kSilence, int64_t{i} * kAacTicks, true});
+        if (i == 0) samples.push_back({"tmcd", Hex("0001a574"), 0, true});
+        if (i % 3 == 0)
+            samples.push_back({"clcp", kCaptionSample, int64_t{i} / 3 * kCaptionTicks, true});
+    }
+    return samples;
+}
+
+mp4_config_t FileConfig(uint32_t flags) {
+    mp4_config_t config{};
+    config.flags = flags;
+    config.io_mode = MP4_IO_FILE;
+    return config;
+}
+
+mp4_config_t CallbackConfig(uint32_t flags, mp4_file_io_func_t* functions) {
+    mp4_config_t config = FileConfig(flags);
+    config.io_mode = MP4_IO_EXTERNAL;
+    config.func = functions;
+    return config;
+}
+
+mp4_status_t Run(CMp4Muxer& muxer, const std::vector<Step>& steps) {
+    for (const Step& step : steps) {
+        const mp4_status_t status = step.run(muxer);
+        if (status != MP4_STATUS_SUCCESS) return status;
+    }
+    return MP4_STATUS_SUCCESS;
+}
+
+mp4_status_t RecordEverything(const std::wstring& path, mp4_config_t config, uint32_t pictures) {
+    CMp4Muxer muxer;
+    mp4_status_t status = muxer.Create(path.c_str(), &config);
+    if (status == MP4_STATUS_SUCCESS) status = Run(muxer, SetUpEverything());
+    if (status == MP4_STATUS_SUCCESS) status = Run(muxer, WriteEverything(pictures));
+    const mp4_status_t closed = muxer.Close();
+    return status == MP4_STATUS_SUCCESS ? closed : status;
+}
+
+void ExpectHolds(const MovieReader& movie, const std::vector<Expected>& expected) {
+    size_t indexed = 0;
+    for (const Track& track : movie.Tracks()) {
+        size_t next = 0;
+        int64_t first = 0;
+        for (const Expected& sample : expected) {
+            if (sample.handler != track.handler) continue;
+            ASSERT_LT(next, track.samples.size()) << track.handler;
+            const Sample& found = track.samples[next];
+            if (next++ == 0) first = sample.time;
+            EXPECT_EQ(movie.SampleBytes(found), sample.bytes) << track.handler << " " << next;
+            EXPECT_EQ(found.dts, sample.time - first) << track.handler << " " << next;
+            EXPECT_EQ(found.sync, sample.sync) << track.handler << " " << next;
+        }
+        EXPECT_EQ(next, track.samples.size()) << track.handler;
+        indexed += next;
+    }
+    EXPECT_EQ(indexed, expected.size());
+}
+
+}  // namespace streams
