@@ -12,7 +12,6 @@ endfunction()
 
 # kx_mp4_internal gives this project's own targets the library's inner classes, which the shared
 # library hides: there it is an archive of the same object files, otherwise it is kx_mp4 itself.
-# It also has their headers, which kx_mp4 does not pass on.
 function(kx_mp4_add_internal_library)
     get_target_property(type kx_mp4 TYPE)
     if(type STREQUAL "SHARED_LIBRARY")

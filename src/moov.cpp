@@ -122,10 +122,8 @@ void CMp4MoovAtom::AfterWriteSubtitleFrame(int64_t nOffset, int cbFrame, int64_t
 }
 
 void CMp4MoovAtom::AfterWriteTimeCode(int64_t nOffSet) {
-    // Without a track the counter is only media data; indexed without a chunk, it would shift the
-    // samples of a track that is declared later.
-    const bool opensChunk = OpensChunk(m_trackTC);
-    if (!m_trackTC.valid()) return;
+    // A counter may come before its track is declared; as a chunk of its own it stays indexed.
+    const bool opensChunk = OpensChunk(m_trackTC) || !m_trackTC.valid();
     if (Needs64bitOffset(nOffSet)) m_trackTC.SetUse64BitSize();
     m_trackTC.AfterWriteTimeCode(nOffSet, opensChunk);
 }
