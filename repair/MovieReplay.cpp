@@ -52,10 +52,15 @@ bool MovieReplay::Apply(const InfoRecord& record, uint64_t position) {
     return std::visit(Visitor{*this, position}, record);
 }
 
+bool MovieReplay::HasRoomFor(const FrameRecord& frame, uint64_t position) const {
+    const bool narrow = frame.track == kRepairCaption;  // caption tracks stay at 32-bit offsets
+    return m_mdat.CanEndAt(static_cast<int64_t>(position + frame.size)) &&
+           (!narrow || position <= UINT32_MAX);
+}
+
 bool MovieReplay::ApplyFrame(const FrameRecord& frame, uint64_t position) {
     const auto offset = static_cast<int64_t>(position);
     const auto size = static_cast<int>(frame.size);
-    if (!m_mdat.CanEndAt(offset + size)) return false;
     switch (frame.track) {
         case kRepairVideo:
             return m_moov.AfterWriteVideoFrame(offset, size, frame.pts, frame.dts, frame.sync);

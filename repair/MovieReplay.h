@@ -21,8 +21,11 @@ public:
     MovieReplay(RepairOutput& output, const RecordingLayout& layout, uint8_t flags,
                 bool compositionOffsets);
 
+    /// Whether the boxes can describe this sample at `position`; the muxer writes no other.
+    bool HasRoomFor(const FrameRecord& frame, uint64_t position) const;
     /// Takes a format, a metadata item or a frame whose sample lies at `position`. False when the
-    /// boxes refuse it, as they would have refused it from the muxer.
+    /// boxes refuse it, as they did when the muxer offered it: an audio frame without a track
+    /// leaves its bytes in the media data, but has no place in the index.
     bool Apply(const InfoRecord& record, uint64_t position);
 
     /// The media data's header as it was while recording, then its final size for data that ends

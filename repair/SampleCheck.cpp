@@ -47,9 +47,7 @@ SampleVerdict SampleCheck::Check(const FrameRecord& frame, uint64_t position) {
         return Fail("it points past the end of the media data");
     switch (frame.track) {
         case kRepairVideo: return CheckVideo(frame, position);
-        case kRepairAudio:
-            return m_hasAudio ? SampleVerdict::kNothingToCheck
-                              : Fail("there is no audio format before it");
+        case kRepairAudio: return SampleVerdict::kNothingToCheck;
         case kRepairCaption: return CheckCaption(frame.size, position);
         default: return CheckTimecode(frame.timecode, position);
     }

@@ -28,7 +28,6 @@ public:
         : m_media(media), m_anyRandomAccess(anyRandomAccess) {}
 
     void SetVideoCodec(mp4_video_codec codec);
-    void SetAudio() { m_hasAudio = true; }
     void SetCaptionCodec(mp4_subtitle_codec codec) { m_captionCodec = codec; }
 
     /// Checks the sample of `frame` at `position`.
@@ -50,7 +49,6 @@ private:
     bool m_anyRandomAccess;
     mp4_video_codec m_videoCodec = MP4_MVC_UNKNOWN;
     std::unique_ptr<IVideoNalParser> m_nal;
-    bool m_hasAudio = false;
     mp4_subtitle_codec m_captionCodec = MP4_SUBTITLE_CODEC_UNKNOWN;
     std::string m_problem;
 };

@@ -53,6 +53,7 @@ private:
     void CheckRecords();
     bool Keep(const InfoRecord& record);
     bool KeepFrame(const FrameRecord& frame);
+    void Count(const FrameRecord& frame, SampleVerdict verdict, bool indexed);
     void NoteFormat(const InfoRecord& record);
     void CountDropped(const InfoRecord* first);
     void Conclude();
@@ -153,22 +154,31 @@ bool RepairRun::KeepFrame(const FrameRecord& frame) {
         m_problem = m_check->Problem();
         return false;
     }
-    if (!m_movie->Apply(frame, m_mediaEnd)) return false;
+    if (!m_movie->HasRoomFor(frame, m_mediaEnd)) {
+        m_problem = "its sample lies where this kind of file cannot have one";
+        return false;
+    }
+    const bool indexed = m_movie->Apply(frame, m_mediaEnd);
+    Count(frame, verdict, indexed);
+    m_mediaEnd += frame.size;
+    return true;
+}
+
+void RepairRun::Count(const FrameRecord& frame, SampleVerdict verdict, bool indexed) {
     RepairTrackReport& track = m_report.tracks[frame.track];
-    const uint64_t end = m_mediaEnd + frame.size;
+    if (!indexed) {
+        ++track.frames_without_track;
+        return;
+    }
     ++track.frames_kept;
     track.bytes_kept += frame.size;
     if (verdict == SampleVerdict::kNothingToCheck) ++track.frames_unchecked;
-    if (m_media->LooksUnwritten(m_mediaEnd, end)) ++track.frames_doubtful;
-    m_mediaEnd = end;
-    return true;
+    if (m_media->LooksUnwritten(m_mediaEnd, m_mediaEnd + frame.size)) ++track.frames_doubtful;
 }
 
 void RepairRun::NoteFormat(const InfoRecord& record) {
     if (const auto* video = std::get_if<VideoFormatRecord>(&record))
         m_check->SetVideoCodec(video->head.codec);
-    else if (std::holds_alternative<mp4_audio_track_info_t>(record))
-        m_check->SetAudio();
     else if (const auto* caption = std::get_if<mp4_subtitle_track_info_t>(&record))
         m_check->SetCaptionCodec(caption->codec);
 }

@@ -81,6 +81,9 @@ struct RepairTrackReport {
     uint64_t frames_kept = 0;     ///< Samples in the index.
     uint64_t bytes_kept = 0;      ///< Bytes of those samples.
     uint64_t frames_dropped = 0;  ///< Readable records after the point where the repair ended.
+    /// Audio frames that were written without a declared track: the media data holds them, but no
+    /// index ever did.
+    uint64_t frames_without_track = 0;
     /// Kept samples whose form has nothing that could be checked (AAC has neither length nor
     /// marker): their bytes are inside the media data, more is not known.
     uint64_t frames_unchecked = 0;

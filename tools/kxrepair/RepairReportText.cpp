@@ -86,6 +86,7 @@ std::string TrackAsJson(const RepairTrackReport& track) {
         .Number("frames_kept", track.frames_kept)
         .Number("bytes_kept", track.bytes_kept)
         .Number("frames_dropped", track.frames_dropped)
+        .Number("frames_without_track", track.frames_without_track)
         .Number("frames_unchecked", track.frames_unchecked)
         .Number("frames_doubtful", track.frames_doubtful)
         .Close();
