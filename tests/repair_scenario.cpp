@@ -2,7 +2,10 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <random>
@@ -20,13 +23,12 @@ const FileBytes kStartCode = {0, 0, 0, 1};
 const FileBytes kH264Sps = {0x67, 0x64, 0x00, 0x0A, 0xAC, 0xD9, 0x44, 0x26, 0x84};
 const FileBytes kH264Pps = {0x68, 0xEB, 0xE3, 0xCB, 0x22, 0xC0};
 // x265, 64 x 64 pixels, Main profile.
-const FileBytes kHevcVps = {0x40, 0x01, 0x0C, 0x01, 0xFF, 0xFF, 0x01, 0x60,
-                            0x00, 0x00, 0x03, 0x00, 0x90, 0x00, 0x00, 0x03,
-                            0x00, 0x00, 0x03, 0x00, 0x1E, 0x92, 0x80, 0x90};
-const FileBytes kHevcSps = {0x42, 0x01, 0x01, 0x01, 0x60, 0x00, 0x00, 0x03, 0x00, 0x90,
-                            0x00, 0x00, 0x03, 0x00, 0x00, 0x03, 0x00, 0x1E, 0xA0, 0x20,
-                            0x81, 0x05, 0x96, 0x4A, 0x92, 0x4C, 0xAF, 0x01, 0x68, 0x08,
-                            0x00, 0x00, 0x03, 0x00, 0x08, 0x00, 0x00, 0x03, 0x00, 0xC8, 0x40};
+const FileBytes kHevcVps = {0x40, 0x01, 0x0C, 0x01, 0xFF, 0xFF, 0x01, 0x60, 0x00, 0x00, 0x03, 0x00,
+                            0x90, 0x00, 0x00, 0x03, 0x00, 0x00, 0x03, 0x00, 0x1E, 0x92, 0x80, 0x90};
+const FileBytes kHevcSps = {0x42, 0x01, 0x01, 0x01, 0x60, 0x00, 0x00, 0x03, 0x00, 0x90, 0x00,
+                            0x00, 0x03, 0x00, 0x00, 0x03, 0x00, 0x1E, 0xA0, 0x20, 0x81, 0x05,
+                            0x96, 0x4A, 0x92, 0x4C, 0xAF, 0x01, 0x68, 0x08, 0x00, 0x00, 0x03,
+                            0x00, 0x08, 0x00, 0x00, 0x03, 0x00, 0xC8, 0x40};
 const FileBytes kHevcPps = {0x44, 0x01, 0xC1, 0x72, 0xB4, 0x22, 0x40};
 
 /// Makes frames whose content is random, free of zeros and repeatable.
@@ -59,8 +61,8 @@ private:
     void AddAudio(uint32_t number);
     void AddCaption(uint32_t number);
     template <class Run>
-    void Add(Run run) {
-        m_calls.push_back({run, false, nullptr});
+    void Add(Run run, CallKind kind = CallKind::kSetUp) {
+        m_calls.push_back({run, kind, nullptr});
     }
 
     const Scenario m_scenario;
@@ -68,7 +70,9 @@ private:
     std::vector<Call> m_calls;
 };
 
-int16_t SizeOf(const FileBytes& set) { return static_cast<int16_t>(set.size()); }
+int16_t SizeOf(const FileBytes& set) {
+    return static_cast<int16_t>(set.size());
+}
 
 mp4_video_track_info_t Maker::VideoTrack(bool withSets) const {
     mp4_video_track_info_t track{};
@@ -92,7 +96,8 @@ FileBytes Maker::ProResPicture() {
     FileBytes frame;
     for (int shift = 24; shift >= 0; shift -= 8)
         frame.push_back(static_cast<uint8_t>(size >> shift));
-    for (const char c : {'i', 'c', 'p', 'f'}) frame.push_back(static_cast<uint8_t>(c));
+    for (const char c : {'i', 'c', 'p', 'f'})
+        frame.push_back(static_cast<uint8_t>(c));
     AppendNoise(frame, size - 8);
     return frame;
 }
@@ -157,7 +162,7 @@ void Maker::AddVideo(uint32_t number) {
     const auto frame = std::make_shared<FileBytes>(Picture(number));
     const uint64_t time = uint64_t{number} * kPictureTicks + Between(0, 9);
     Call call;
-    call.isFrame = true;
+    call.kind = CallKind::kVideo;
     call.run = [frame, time](CMp4Muxer& muxer) {
         return muxer.WriteVideoFrame(frame->data(), static_cast<uint32_t>(frame->size()), time + 5,
                                      time);
@@ -176,7 +181,7 @@ void Maker::AddAudio(uint32_t number) {
     AppendNoise(bytes, Between(20, 60));
     const auto frame = std::make_shared<FileBytes>(bytes);
     Call call;
-    call.isFrame = true;
+    call.kind = CallKind::kAudio;
     call.run = [frame, number](CMp4Muxer& muxer) {
         return muxer.WriteAudioFrame(frame->data(), static_cast<uint32_t>(frame->size()),
                                      uint64_t{number} * kAacTicks);
@@ -195,11 +200,12 @@ void Maker::AddCaption(uint32_t number) {
     static const FileBytes kMalformed = {0x61, 0x07, 3};
     const FileBytes& good = m_scenario.captions == MP4_SUBTITLE_CODEC_CC608 ? kLine21 : kPacket;
     const FileBytes& packet = number == 3 ? kMalformed : good;
-    m_calls.push_back({[&packet, number](CMp4Muxer& muxer) {
-                           return muxer.WriteSubtitleFrame(
-                               packet.data(), static_cast<uint32_t>(packet.size()), number * 33);
-                       },
-                       true, nullptr});
+    Add(
+        [&packet, number](CMp4Muxer& muxer) {
+            return muxer.WriteSubtitleFrame(packet.data(), static_cast<uint32_t>(packet.size()),
+                                            number * 33);
+        },
+        CallKind::kCaption);
 }
 
 std::vector<Call> Maker::Calls() {
@@ -210,11 +216,10 @@ std::vector<Call> Maker::Calls() {
         AddAudio(2 * i);
         AddAudio(2 * i + 1);
         if (i == 0)
-            m_calls.push_back(
-                {[](CMp4Muxer& muxer) { return muxer.WriteTimeCode(107892); }, true, nullptr});
+            Add([](CMp4Muxer& muxer) { return muxer.WriteTimeCode(107892); }, CallKind::kTimecode);
         if (i % 3 == 0) AddCaption(i);
         if (m_scenario.flushEvery != 0 && i % m_scenario.flushEvery == m_scenario.flushEvery - 1)
-            Add([](CMp4Muxer& muxer) { return muxer.Flush(); });
+            Add([](CMp4Muxer& muxer) { return muxer.Flush(); }, CallKind::kFlush);
     }
     return m_calls;
 }
@@ -224,9 +229,59 @@ void Require(mp4_status_t status) {
         throw std::runtime_error("the muxer says " + std::to_string(status));
 }
 
+/// Output of the callback mode.
+struct MemoryFile {
+    FileBytes bytes;
+    size_t position = 0;
+
+    static MemoryFile* next;  // opened by `init`
+
+    static MemoryFile& Of(kx_mp4_handle handle) { return *static_cast<MemoryFile*>(handle); }
+    static mp4_file_io_func_t Functions() {
+        mp4_file_io_func_t functions{};
+        functions.init = [](kx_mp4_handle* handle, const wchar_t*, uint32_t, uint32_t) {
+            *handle = next;
+            return true;
+        };
+        functions.uninit = [](kx_mp4_handle) { return true; };
+        functions.tell = [](kx_mp4_handle handle) { return uint64_t{Of(handle).position}; };
+        functions.seek = [](kx_mp4_handle handle, int64_t offset, int whence) {
+            const size_t base = whence == SEEK_SET   ? 0
+                                : whence == SEEK_CUR ? Of(handle).position
+                                                     : Of(handle).bytes.size();
+            Of(handle).position = base + static_cast<size_t>(offset);
+        };
+        functions.flush = [](kx_mp4_handle) {};
+        functions.read = [](kx_mp4_handle, void*, uint32_t) { return 0; };
+        functions.write = [](kx_mp4_handle handle, const void* bytes, uint32_t size) {
+            MemoryFile& file = Of(handle);
+            file.bytes.resize(std::max(file.bytes.size(), file.position + size));
+            if (size != 0) std::memcpy(file.bytes.data() + file.position, bytes, size);
+            file.position += size;
+            return 1;
+        };
+        return functions;
+    }
+};
+
+MemoryFile* MemoryFile::next = nullptr;
+
+/// A picture that waits for its parameter sets is dropped, but makes the muxer write the header.
+void WriteHeaderOnly(CMp4Muxer& muxer) {
+    const FileBytes picture = {0, 0, 1, 0x41, 0x9A};
+    mp4_video_track_info_t track{};
+    track.timescale = 1000;
+    track.codec = MP4_MVC_H264;
+    track.width = track.height = 16;
+    Require(muxer.SetVideoTrack(&track));
+    Require(muxer.WriteVideoFrame(picture.data(), static_cast<uint32_t>(picture.size()), 0, 0));
+}
+
 }  // namespace
 
-std::vector<Call> CallsOf(const Scenario& scenario) { return Maker(scenario).Calls(); }
+std::vector<Call> CallsOf(const Scenario& scenario) {
+    return Maker(scenario).Calls();
+}
 
 mp4_status_t Open(CMp4Muxer& muxer, const std::string& path, uint32_t flags) {
     mp4_config_t config{};
@@ -235,24 +290,42 @@ mp4_status_t Open(CMp4Muxer& muxer, const std::string& path, uint32_t flags) {
     return muxer.Create(std::wstring(path.begin(), path.end()).c_str(), &config);
 }
 
-FileBytes Finished(const std::string& path, uint32_t flags, const std::vector<Call>& calls,
-                   size_t count, bool stopHalfway) {
+FileBytes Finished(const std::string& path, uint32_t flags, const std::vector<Call>& calls) {
     CMp4Muxer muxer;
     Require(Open(muxer, path, flags));
-    for (size_t i = 0; i < count; ++i) {
-        const bool half = stopHalfway && i + 1 == count;
-        Require(half ? calls[i].configuration(muxer) : calls[i].run(muxer));
-    }
+    for (const Call& call : calls)
+        Require(call.run(muxer));
     Require(muxer.Close());
     FileBytes file = ReadWholeFile(path);
     std::filesystem::remove(path);
     return file;
 }
 
+FileBytes FinishedInMemory(const std::string& path, uint32_t flags, const std::vector<Call>& calls,
+                           size_t count, bool stopHalfway) {
+    MemoryFile file;
+    mp4_file_io_func_t functions = MemoryFile::Functions();
+    MemoryFile::next = &file;
+    mp4_config_t config{};
+    config.flags = flags;
+    config.io_mode = MP4_IO_EXTERNAL;
+    config.func = &functions;
+    CMp4Muxer muxer;
+    Require(muxer.Create(std::wstring(path.begin(), path.end()).c_str(), &config));
+    WriteHeaderOnly(muxer);
+    for (size_t i = 0; i < count; ++i) {
+        const bool half = stopHalfway && i + 1 == count;
+        Require(half ? calls[i].configuration(muxer) : calls[i].run(muxer));
+    }
+    Require(muxer.Close());
+    return file.bytes;
+}
+
 void CutOff(const std::string& path, uint32_t flags, const std::vector<Call>& calls) {
     CMp4Muxer muxer;
     Require(Open(muxer, path, flags));
-    for (const Call& call : calls) Require(call.run(muxer));
+    for (const Call& call : calls)
+        Require(call.run(muxer));
 }
 
 Folder::Folder() {

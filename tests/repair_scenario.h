@@ -13,12 +13,15 @@
 
 namespace repair_scenario {
 
+enum class CallKind { kSetUp, kFlush, kVideo, kAudio, kCaption, kTimecode };
+
 /// One public call.
 struct Call {
     std::function<mp4_status_t(CMp4Muxer&)> run;
-    bool isFrame = false;
+    CallKind kind = CallKind::kSetUp;
+    bool IsFrame() const { return kind != CallKind::kSetUp && kind != CallKind::kFlush; }
     /// For a frame that also configures its track: only the configuration, as a call.
-    std::function<mp4_status_t(CMp4Muxer&)> configuration;
+    std::function<mp4_status_t(CMp4Muxer&)> configuration = nullptr;
 };
 
 struct Scenario {
@@ -36,10 +39,12 @@ struct Scenario {
 /// Set-up, metadata and the frames of all four tracks.
 std::vector<Call> CallsOf(const Scenario& scenario);
 
-/// Runs the first `count` calls on a new recording and closes it. With `stopHalfway`, of the last
-/// of them only the configuration. Returns the finished file.
-FileBytes Finished(const std::string& path, uint32_t flags, const std::vector<Call>& calls,
-                   size_t count, bool stopHalfway = false);
+/// Runs all calls on a new recording, closes it and returns the finished file.
+FileBytes Finished(const std::string& path, uint32_t flags, const std::vector<Call>& calls);
+/// What the first `count` calls make, closed; also when none of them is a frame. With
+/// `stopHalfway`, of the last of them only the configuration. Quick: no file is touched.
+FileBytes FinishedInMemory(const std::string& path, uint32_t flags, const std::vector<Call>& calls,
+                           size_t count, bool stopHalfway = false);
 /// Runs all calls and leaves the recording as a crash would, its repair info file beside it.
 void CutOff(const std::string& path, uint32_t flags, const std::vector<Call>& calls);
 

@@ -108,9 +108,12 @@ void FileStates::Apply(const FileOperation& operation, size_t bytes) {
         case FileOperation::kTruncate:
             m_files[operation.path].resize(static_cast<size_t>(operation.position));
             break;
-        case FileOperation::kRemove: m_files.erase(operation.path); break;
+        case FileOperation::kRemove:
+            m_files.erase(operation.path);
+            break;
         case FileOperation::kSync:
-        case FileOperation::kMark: break;
+        case FileOperation::kMark:
+            break;
     }
 }
 
@@ -125,9 +128,13 @@ WriteLog::WriteLog(const std::string& folder) {
     g_log = this;
 }
 
-WriteLog::~WriteLog() { g_log = nullptr; }
+WriteLog::~WriteLog() {
+    g_log = nullptr;
+}
 
-void WriteLog::Mark() { operations.push_back({FileOperation::kMark, {}, 0, {}}); }
+void WriteLog::Mark() {
+    operations.push_back({FileOperation::kMark, {}, 0, {}});
+}
 
 FileBytes ReadWholeFile(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
