@@ -16,10 +16,14 @@ namespace {
 constexpr size_t kWindowBytes = 64 * 1024;
 /// Lengths of a parameter set: the writer keeps them in 16 bits with a sign.
 constexpr uint32_t kMaxParameterSet = INT16_MAX;
-constexpr size_t kFrameTypes = MIFPT_TMCD_FRAME + 1;
+// The muxer takes unnamed values of these enumerations too; these are the largest that they hold.
+constexpr uint8_t kLargestCaptionCodec = 3;
+constexpr uint8_t kLargestProResFormat = 7;
+constexpr uint8_t kLargestMetadataType = 31;
+constexpr size_t kRecordTypes = MIFPT_TMCD_FRAME + 1;
 
 const char* RecordName(uint8_t type) {
-    static constexpr std::array<const char*, kFrameTypes> kNames = {
+    static constexpr std::array<const char*, kRecordTypes> kNames = {
         "never written", "metadata",       "video format",  "audio format",    "video frame",
         "audio frame",   "caption format", "caption frame", "timecode format", "timecode"};
     return type < kNames.size() ? kNames[type] : "unknown";
@@ -33,8 +37,7 @@ mp4_video_track_info_t VideoFormatRecord::Info() const {
     if (info.codec == MP4_MVC_H264)
         info.h264 = {sets[0].data(), size(0), sets[1].data(), size(1)};
     else if (info.codec == MP4_MVC_HEVC)
-        info.hevc = {sets[1].data(), size(1), sets[2].data(),
-                     size(2),        sets[0].data(), size(0)};
+        info.hevc = {sets[1].data(), size(1), sets[2].data(), size(2), sets[0].data(), size(0)};
     return info;
 }
 
@@ -66,12 +69,15 @@ bool InfoReader::Int(Integer& value) {
     std::array<uint8_t, sizeof(Integer)> bytes{};
     if (!Bytes(bytes.data(), bytes.size())) return false;
     uint64_t number = 0;
-    for (const uint8_t byte : bytes) number = number << 8 | byte;
+    for (const uint8_t byte : bytes)
+        number = number << 8 | byte;
     value = static_cast<Integer>(number);
     return true;
 }
 
-uint64_t InfoReader::Left() const { return m_size - std::min(m_size, m_position); }
+uint64_t InfoReader::Left() const {
+    return m_size - std::min(m_size, m_position);
+}
 
 bool InfoReader::ReadHead(uint8_t& flags, uint32_t& mdatPosition) {
     return Int(flags) && Int(mdatPosition);
@@ -114,9 +120,12 @@ bool InfoReader::EndMayBeUnwritten() {
 
 bool InfoReader::ReadBody(uint8_t type, InfoRecord& record) {
     switch (type) {
-        case MIFPT_METADATA: return ReadMetadata(record.emplace<MetadataRecord>());
-        case MIFPT_VIDEO_FORMAT: return ReadVideoFormat(record.emplace<VideoFormatRecord>());
-        case MIFPT_AUDIO_FORMAT: return ReadAudioFormat(record.emplace<mp4_audio_track_info_t>());
+        case MIFPT_METADATA:
+            return ReadMetadata(record.emplace<MetadataRecord>());
+        case MIFPT_VIDEO_FORMAT:
+            return ReadVideoFormat(record.emplace<VideoFormatRecord>());
+        case MIFPT_AUDIO_FORMAT:
+            return ReadAudioFormat(record.emplace<mp4_audio_track_info_t>());
         case MIFPT_SUBTITLE_FORMAT:
             return ReadCaptionFormat(record.emplace<mp4_subtitle_track_info_t>());
         case MIFPT_TMCD_FORMAT:
@@ -124,8 +133,10 @@ bool InfoReader::ReadBody(uint8_t type, InfoRecord& record) {
         case MIFPT_VIDEO_FRAME:
         case MIFPT_AUDIO_FRAME:
         case MIFPT_SUBTITLE_FRAME:
-        case MIFPT_TMCD_FRAME: return ReadFrame(type, record.emplace<FrameRecord>());
-        default: return Fail("there is no record type " + std::to_string(type));
+        case MIFPT_TMCD_FRAME:
+            return ReadFrame(type, record.emplace<FrameRecord>());
+        default:
+            return Fail("there is no record type " + std::to_string(type));
     }
 }
 
@@ -178,10 +189,13 @@ bool InfoReader::ReadVideoFormat(VideoFormatRecord& format) {
         case MP4_MVC_PRORES: {
             uint8_t flavour = 0;
             if (!Int(flavour)) return false;
+            if (flavour > kLargestProResFormat)
+                return Fail("there is no ProRes format " + std::to_string(flavour));
             head.prores.format = static_cast<mp4_prores_format>(flavour);
             return true;
         }
-        default: return Fail("there is no video codec " + std::to_string(codec));
+        default:
+            return Fail("there is no video codec " + std::to_string(codec));
     }
 }
 
@@ -200,6 +214,8 @@ bool InfoReader::ReadAudioFormat(mp4_audio_track_info_t& info) {
 bool InfoReader::ReadCaptionFormat(mp4_subtitle_track_info_t& info) {
     uint8_t codec = 0;
     if (!(Int(info.timescale) && Int(codec))) return false;
+    if (codec > kLargestCaptionCodec)
+        return Fail("there is no caption codec " + std::to_string(codec));
     info.codec = static_cast<mp4_subtitle_codec>(codec);
     return true;
 }
@@ -228,6 +244,8 @@ bool InfoReader::ReadMetadata(MetadataRecord& item) {
     if (!(Int(type) && ReadString(item.key, hasKey) && Int(size))) return false;
     if (!hasKey) return Fail("its key is missing");
     if (size > Left()) return false;
+    if (type > kLargestMetadataType)
+        return Fail("there is no metadata type " + std::to_string(type));
     item.type = static_cast<mp4_meta_data_type_t>(type);
     item.data.resize(size);
     if (!Bytes(item.data.data(), size)) return false;

@@ -27,7 +27,7 @@ struct VideoFormatRecord {
     /// The description; its parameter sets point into `sets`, so it is made on demand.
     mp4_video_track_info_t Info() const;
 
-    mp4_video_track_info_t head{};  // without parameter sets
+    mp4_video_track_info_t head{};             // without parameter sets
     std::array<std::vector<uint8_t>, 3> sets;  // as in the file: SPS, PPS or VPS, SPS, PPS
 };
 
@@ -40,9 +40,9 @@ struct FrameRecord {
     int32_t timecode = 0;
 };
 
-using InfoRecord = std::variant<FrameRecord, VideoFormatRecord, mp4_audio_track_info_t,
-                                mp4_subtitle_track_info_t, mp4_time_code_track_info_t,
-                                MetadataRecord>;
+using InfoRecord =
+    std::variant<FrameRecord, VideoFormatRecord, mp4_audio_track_info_t, mp4_subtitle_track_info_t,
+                 mp4_time_code_track_info_t, MetadataRecord>;
 
 /// Goes once through the file, in pieces. Nothing that the file says is believed: every length is
 /// held against the bytes that are left before anything is allocated for it.

@@ -14,13 +14,14 @@ constexpr size_t kWindowBytes = 64 * kPageBytes;
 constexpr size_t kUnwrittenRun = 8;
 
 size_t ZerosFrom(const uint8_t* begin, const uint8_t* end) {
-    return static_cast<size_t>(
-        std::find_if(begin, end, [](uint8_t byte) { return byte != 0; }) - begin);
+    return static_cast<size_t>(std::find_if(begin, end, [](uint8_t byte) { return byte != 0; }) -
+                               begin);
 }
 
 size_t ZerosUpTo(const uint8_t* begin, const uint8_t* end) {
     const uint8_t* p = end;
-    while (p != begin && p[-1] == 0) --p;
+    while (p != begin && p[-1] == 0)
+        --p;
     return static_cast<size_t>(end - p);
 }
 

@@ -64,9 +64,14 @@ bool MovieReplay::ApplyFrame(const FrameRecord& frame, uint64_t position) {
     switch (frame.track) {
         case kRepairVideo:
             return m_moov.AfterWriteVideoFrame(offset, size, frame.pts, frame.dts, frame.sync);
-        case kRepairAudio: return m_moov.AfterWriteAudioFrame(offset, size, frame.pts);
-        case kRepairCaption: m_moov.AfterWriteSubtitleFrame(offset, size, frame.pts); return true;
-        default: m_moov.AfterWriteTimeCode(offset); return true;
+        case kRepairAudio:
+            return m_moov.AfterWriteAudioFrame(offset, size, frame.pts);
+        case kRepairCaption:
+            m_moov.AfterWriteSubtitleFrame(offset, size, frame.pts);
+            return true;
+        default:
+            m_moov.AfterWriteTimeCode(offset);
+            return true;
     }
 }
 

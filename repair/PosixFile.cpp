@@ -85,6 +85,8 @@ void PosixFile::Truncate(uint64_t size) {
     Require(ftruncate(m_file, static_cast<off_t>(size)) == 0);
 }
 
-void PosixFile::Sync() { Require(fsync(m_file) == 0); }
+void PosixFile::Sync() {
+    Require(fsync(m_file) == 0);
+}
 
 }  // namespace kx_mp4

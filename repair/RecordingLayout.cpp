@@ -40,7 +40,8 @@ public:
 private:
     uint64_t Int(size_t at, size_t width) const {
         uint64_t value = 0;
-        for (size_t i = 0; i < width; ++i) value = value << 8 | m_bytes[at + i];
+        for (size_t i = 0; i < width; ++i)
+            value = value << 8 | m_bytes[at + i];
         return value;
     }
 
@@ -130,8 +131,7 @@ RecordingLayout ReadRecordingLayout(const PosixFile& file, uint8_t flags, uint32
     //
     //   | mdat 00 00 1A 08: samples ...       |    of   00 00 1A 2C   and before   00 00 00 08
     //                                 ^ 1A08  ^ 1A2C
-    layout.mediaLimit =
-        mediaEnd < fileEnd && BeginsMovieBox(file, mediaEnd) ? mediaEnd : fileEnd;
+    layout.mediaLimit = mediaEnd < fileEnd && BeginsMovieBox(file, mediaEnd) ? mediaEnd : fileEnd;
     layout.hasMovieBox = mediaEnd < fileEnd && IsMovieBox(file, mediaEnd, fileEnd);
     return layout;
 }

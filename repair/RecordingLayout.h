@@ -16,7 +16,7 @@ struct RecordingLayout {
     bool largeMdat = false;     // made with the 16-byte header
     uint64_t mdatPosition = 0;  // where the header began while recording
     uint64_t mediaBegin = 0;
-    uint64_t mediaLimit = 0;  // no sample reaches beyond; the file's end when mdat has no size yet
+    uint64_t mediaLimit = 0;   // no sample reaches beyond; the file's end when mdat has no size yet
     bool hasMovieBox = false;  // a complete `moov` follows the media data and ends the file
 };
 

@@ -22,7 +22,9 @@ void RepairOutput::Flush() {
     if (m_file != nullptr) m_file->Sync();
 }
 
-void RepairOutput::Read(void*, uint32_t) { FailRead(__LINE__); }
+void RepairOutput::Read(void*, uint32_t) {
+    FailRead(__LINE__);
+}
 
 void RepairOutput::Write(const void* pbBuf, uint32_t cbBuf) {
     const auto* bytes = static_cast<const uint8_t*>(pbBuf);
@@ -64,8 +66,8 @@ bool Clone(const PosixFile& from, PosixFile& to, uint64_t size) {
 size_t CopyInSystem(const PosixFile& from, PosixFile& to, uint64_t position, size_t size) {
     auto fromOffset = static_cast<off_t>(position);
     auto toOffset = fromOffset;
-    const ssize_t count = copy_file_range(from.Descriptor(), &fromOffset, to.Descriptor(),
-                                          &toOffset, size, 0);
+    const ssize_t count =
+        copy_file_range(from.Descriptor(), &fromOffset, to.Descriptor(), &toOffset, size, 0);
     return count > 0 ? static_cast<size_t>(count) : 0;
 }
 

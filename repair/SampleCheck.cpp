@@ -16,7 +16,8 @@ constexpr uint8_t kForbiddenZeroBit = 0x80;
 
 constexpr uint32_t CodeOf(FourCC code) {
     uint32_t value = 0;
-    for (int i = 0; i < 4; ++i) value = value << 8 | static_cast<uint8_t>(code[i]);
+    for (int i = 0; i < 4; ++i)
+        value = value << 8 | static_cast<uint8_t>(code[i]);
     return value;
 }
 
@@ -31,7 +32,8 @@ bool SampleCheck::ReadInt(uint64_t position, uint32_t& value) {
     std::array<uint8_t, 4> bytes{};
     if (!m_media.Read(position, bytes.data(), bytes.size())) return false;
     value = 0;
-    for (const uint8_t byte : bytes) value = value << 8 | byte;
+    for (const uint8_t byte : bytes)
+        value = value << 8 | byte;
     return true;
 }
 
@@ -46,10 +48,14 @@ SampleVerdict SampleCheck::Check(const FrameRecord& frame, uint64_t position) {
     if (position > m_media.Limit() || frame.size > m_media.Limit() - position)
         return Fail("it points past the end of the media data");
     switch (frame.track) {
-        case kRepairVideo: return CheckVideo(frame, position);
-        case kRepairAudio: return SampleVerdict::kNothingToCheck;
-        case kRepairCaption: return CheckCaption(frame.size, position);
-        default: return CheckTimecode(frame.timecode, position);
+        case kRepairVideo:
+            return CheckVideo(frame, position);
+        case kRepairAudio:
+            return SampleVerdict::kNothingToCheck;
+        case kRepairCaption:
+            return CheckCaption(frame.size, position);
+        default:
+            return CheckTimecode(frame.timecode, position);
     }
 }
 
@@ -120,8 +126,8 @@ SampleVerdict SampleCheck::CheckCaption(uint32_t size, uint64_t position) {
         if (end - position < std::max(atom, kAtomHeader) || !ReadInt(position, atomSize) ||
             !ReadInt(position + 4, type))
             return Fail("its caption atoms do not end with the sample");
-        const bool known = line21 ? type == CodeOf("cdat") || type == CodeOf("cdt2")
-                                  : type == CodeOf("ccdp");
+        const bool known =
+            line21 ? type == CodeOf("cdat") || type == CodeOf("cdt2") : type == CodeOf("ccdp");
         if (!known || atomSize != atom) return Fail("a caption atom is impossible");
         position += atom;
     }

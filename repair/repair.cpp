@@ -142,9 +142,9 @@ bool RepairRun::Keep(const InfoRecord& record) {
         NoteFormat(record);
         return true;
     }
-    m_problem = "record at byte " + std::to_string(m_info.RecordPosition()) +
-                " of the repair info file: " +
-                (m_problem.empty() ? "the movie box refuses it" : m_problem);
+    m_problem =
+        "record at byte " + std::to_string(m_info.RecordPosition()) +
+        " of the repair info file: " + (m_problem.empty() ? "the movie box refuses it" : m_problem);
     return false;
 }
 
@@ -193,7 +193,8 @@ void RepairRun::Conclude() {
     m_report.media_bytes_kept = m_mediaEnd - m_layout.mediaBegin;
     m_report.media_bytes_dropped = m_layout.mediaLimit - m_mediaEnd;
     uint64_t doubtful = 0;
-    for (const RepairTrackReport& track : m_report.tracks) doubtful += track.frames_doubtful;
+    for (const RepairTrackReport& track : m_report.tracks)
+        doubtful += track.frames_doubtful;
     if (!m_problem.empty())
         m_report.reason = m_problem;
     else if (m_report.media_bytes_dropped != 0)

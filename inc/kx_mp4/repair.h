@@ -103,7 +103,7 @@ struct RepairReport {
     bool quicktime = false;   ///< By the recording's own `ftyp`.
     uint64_t records = 0;     ///< Records of the repair info file that were kept.
     std::array<RepairTrackReport, kRepairTrackKinds> tracks{};  ///< By RepairTrack.
-    uint64_t media_bytes_kept = 0;  ///< Bytes of all kept samples.
+    uint64_t media_bytes_kept = 0;                              ///< Bytes of all kept samples.
     /// Bytes of media data behind the last kept sample: of dropped frames, of a frame that was cut
     /// off, or of frames whose record is missing.
     uint64_t media_bytes_dropped = 0;

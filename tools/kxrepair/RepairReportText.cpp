@@ -12,13 +12,16 @@ using kx_mp4::RepairTrackReport;
 namespace {
 
 constexpr std::array<const char*, kx_mp4::kRepairTrackKinds> kTrackNames = {"video", "audio",
-                                                                           "caption", "timecode"};
+                                                                            "caption", "timecode"};
 
 const char* OutcomeName(RepairOutcome outcome) {
     switch (outcome) {
-        case RepairOutcome::kWhole: return "whole";
-        case RepairOutcome::kLoss: return "loss";
-        case RepairOutcome::kFailed: return "failed";
+        case RepairOutcome::kWhole:
+            return "whole";
+        case RepairOutcome::kLoss:
+            return "loss";
+        case RepairOutcome::kFailed:
+            return "failed";
     }
     return "";
 }

@@ -21,8 +21,7 @@ struct Arguments {
 
 void Declare(CLI::App& app, Arguments& arguments) {
     kx_mp4::RepairOptions& options = arguments.options;
-    app.add_option("RECORDING", arguments.recording, "The recording without its index")
-        ->required();
+    app.add_option("RECORDING", arguments.recording, "The recording without its index")->required();
     app.add_option("--info", options.info_path,
                    "The repair info file (default: RECORDING with .info appended)");
     auto* output = app.add_option("-o,--output", options.output_path,
@@ -44,9 +43,12 @@ void Declare(CLI::App& app, Arguments& arguments) {
 
 const char* StepName(kx_mp4::RepairStep step) {
     switch (step) {
-        case kx_mp4::RepairStep::kCheck: return "checking";
-        case kx_mp4::RepairStep::kCopy: return "copying";
-        case kx_mp4::RepairStep::kIndex: return "writing the index";
+        case kx_mp4::RepairStep::kCheck:
+            return "checking";
+        case kx_mp4::RepairStep::kCopy:
+            return "copying";
+        case kx_mp4::RepairStep::kIndex:
+            return "writing the index";
     }
     return "";
 }
