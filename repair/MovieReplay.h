@@ -1,0 +1,53 @@
+/// @file
+/// Plays the records of a repair info file into the boxes that the muxer writes at its end.
+#ifndef KX_MP4_REPAIR_MOVIEREPLAY_H
+#define KX_MP4_REPAIR_MOVIEREPLAY_H
+
+#include <cstdint>
+
+#include "InfoReader.h"
+#include "RecordingLayout.h"
+#include "RepairOutput.h"
+#include "free.h"
+#include "mdat.h"
+#include "moov.h"
+
+namespace kx_mp4 {
+
+/// The boxes of one recording over one output.
+class MovieReplay {
+public:
+    /// `output` is borrowed and has no file attached yet.
+    MovieReplay(RepairOutput& output, const RecordingLayout& layout, uint8_t flags,
+                bool compositionOffsets);
+
+    /// Whether the boxes can describe this sample at `position`; the muxer writes no other.
+    bool HasRoomFor(const FrameRecord& frame, uint64_t position) const;
+    /// Takes a format, a metadata item or a frame whose sample lies at `position`. False when the
+    /// boxes refuse it, as they did when the muxer offered it: an audio frame without a track
+    /// leaves its bytes in the media data, but has no place in the index.
+    bool Apply(const InfoRecord& record, uint64_t position);
+
+    /// The media data's header as it was while recording, then its final size for data that ends
+    /// at `mediaEnd`.
+    void WriteMediaHeader(uint64_t mediaEnd);
+    /// The index, at `mediaEnd`. @return the size of the file.
+    uint64_t WriteIndex(uint64_t mediaEnd);
+
+private:
+    struct Visitor;
+
+    void PlaceHeader();
+    bool ApplyFrame(const FrameRecord& frame, uint64_t position);
+    bool ApplyMetadata(const MetadataRecord& item);
+
+    RepairOutput& m_output;
+    const RecordingLayout m_layout;
+    CMp4FreeAtom m_free;
+    CMp4MdatAtom m_mdat;
+    CMp4MoovAtom m_moov;
+};
+
+}  // namespace kx_mp4
+
+#endif  // KX_MP4_REPAIR_MOVIEREPLAY_H

@@ -1,0 +1,70 @@
+/// @file
+/// Recordings for the tests of the repair: lists of muxer calls with frames that are made up.
+#ifndef KX_MP4_TESTS_REPAIR_SCENARIO_H
+#define KX_MP4_TESTS_REPAIR_SCENARIO_H
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "Mp4Muxer.h"
+#include "write_log.h"
+
+namespace repair_scenario {
+
+enum class CallKind { kSetUp, kFlush, kVideo, kAudio, kCaption, kTimecode };
+
+/// One public call.
+struct Call {
+    std::function<mp4_status_t(CMp4Muxer&)> run;
+    CallKind kind = CallKind::kSetUp;
+    bool IsFrame() const { return kind != CallKind::kSetUp && kind != CallKind::kFlush; }
+    /// For a frame that also configures its track: only the configuration, as a call.
+    std::function<mp4_status_t(CMp4Muxer&)> configuration = nullptr;
+};
+
+struct Scenario {
+    mp4_video_codec codec = MP4_MVC_H264;
+    mp4_subtitle_codec captions = MP4_SUBTITLE_CODEC_CC608;
+    bool deferred = false;      // parameter sets and ADTS configuration come with the frames
+    bool declareTwice = false;  // every track
+    uint32_t pictures = 8;
+    uint32_t smallestPicture = 40;
+    uint32_t largestPicture = 300;
+    uint32_t flushEvery = 0;  // pictures between two calls of Flush; 0: never
+    uint32_t seed = 1;
+};
+
+/// Set-up, metadata and the frames of all four tracks.
+std::vector<Call> CallsOf(const Scenario& scenario);
+
+/// Runs all calls on a new recording, closes it and returns the finished file.
+FileBytes Finished(const std::string& path, uint32_t flags, const std::vector<Call>& calls);
+/// What the first `count` calls make, closed; also when none of them is a frame. With
+/// `stopHalfway`, of the last of them only the configuration. Quick: no file is touched.
+FileBytes FinishedInMemory(const std::string& path, uint32_t flags, const std::vector<Call>& calls,
+                           size_t count, bool stopHalfway = false);
+/// Runs all calls and leaves the recording as a crash would, its repair info file beside it.
+void CutOff(const std::string& path, uint32_t flags, const std::vector<Call>& calls);
+
+/// Opens a recording with the repair info file on.
+mp4_status_t Open(CMp4Muxer& muxer, const std::string& path, uint32_t flags);
+
+/// A folder in memory where there is one, removed at the end. Its path never contains "mov".
+class Folder {
+public:
+    Folder();
+    ~Folder();
+    Folder(const Folder&) = delete;
+    Folder& operator=(const Folder&) = delete;
+    std::string Path(const std::string& name) const { return m_path + "/" + name; }
+    const std::string& Path() const { return m_path; }
+
+private:
+    std::string m_path;
+};
+
+}  // namespace repair_scenario
+
+#endif  // KX_MP4_TESTS_REPAIR_SCENARIO_H

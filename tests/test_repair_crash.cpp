@@ -1,0 +1,334 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <random>
+
+#include "kx_mp4/repair.h"
+#include "repair_scenario.h"
+#include "write_log.h"
+
+using kx_mp4::Repair;
+using kx_mp4::RepairOptions;
+using kx_mp4::RepairOutcome;
+using kx_mp4::RepairReport;
+using namespace repair_scenario;
+
+namespace {
+
+/// A recording of which every write is known, and what Close would have made of each beginning.
+class LoggedRecording {
+public:
+    LoggedRecording(const Folder& folder, const Scenario& scenario, uint32_t flags,
+                    const std::string& name = "a.mp4")
+        : path(folder.Path(name)), calls(CallsOf(scenario)) {
+        for (size_t count = 0; count <= calls.size(); ++count)
+            finished.push_back(FinishedInMemory(path, flags, calls, count));
+        for (size_t i = 0; i < calls.size(); ++i) {
+            if (calls[i].configuration)
+                halfway[i + 1] = FinishedInMemory(path, flags, calls, i + 1, true);
+        }
+        WriteLog log(folder.Path());
+        CMp4Muxer muxer;
+        EXPECT_EQ(Open(muxer, path, flags), MP4_STATUS_SUCCESS);
+        for (const Call& call : calls) {
+            EXPECT_EQ(call.run(muxer), MP4_STATUS_SUCCESS);
+            log.Mark();
+        }
+        EXPECT_EQ(muxer.Close(), MP4_STATUS_SUCCESS);
+        operations = log.operations;
+        FindExtents();
+    }
+
+    std::string Info() const { return path + ".info"; }
+
+    /// Whether the file is what the first `count` calls make, or the next one up to its
+    /// configuration.
+    bool IsFinishedAfter(size_t count, const FileBytes& file) const {
+        if (count < finished.size() && file == finished[count]) return true;
+        const auto half = halfway.find(count + 1);
+        return half != halfway.end() && file == half->second;
+    }
+    bool HasFrames(size_t count) const {
+        return std::any_of(calls.begin(), calls.begin() + static_cast<std::ptrdiff_t>(count),
+                           [](const Call& call) { return call.IsFrame(); });
+    }
+
+    const std::string path;
+    const std::vector<Call> calls;
+    std::vector<FileBytes> finished;      // by the number of calls
+    std::map<size_t, FileBytes> halfway;  // the last call only up to its configuration
+    std::vector<std::pair<std::ptrdiff_t, std::ptrdiff_t>> extents;  // of each call's sample
+    std::vector<FileOperation> operations;  // with a mark after each call, then those of Close
+
+private:
+    void FindExtents() {
+        std::pair<std::ptrdiff_t, std::ptrdiff_t> extent{};
+        for (const FileOperation& operation : operations) {
+            if (operation.kind == FileOperation::kMark) {
+                extents.push_back(extent);
+                extent = {extent.second, extent.second};
+            } else if (operation.kind == FileOperation::kWrite && operation.path == path) {
+                const auto begin = static_cast<std::ptrdiff_t>(operation.position);
+                extent.second = begin + static_cast<std::ptrdiff_t>(operation.bytes.size());
+            }
+            if (extents.size() == calls.size()) break;
+            if (extents.empty()) extent.first = extent.second;  // the file's header
+        }
+    }
+};
+
+// Every moment of a recording and of its Close, and every byte of each write: what was reported
+// as written is there, exactly, and nothing that was not written.
+class CrashAtEveryByte : public testing::Test {
+protected:
+    void Try(const LoggedRecording& recording, const FileStates& files, size_t returned) {
+        ++m_states;
+        WriteWholeFile(recording.path, files.Of(recording.path));
+        WriteWholeFile(recording.Info(), files.Of(recording.Info()));
+        const RepairReport report = Repair(recording.path);
+        if (report.outcome == RepairOutcome::kFailed) {
+            ASSERT_FALSE(recording.HasFrames(returned)) << report.reason;
+            return;
+        }
+        const FileBytes repaired = ReadWholeFile(report.output_path);
+        const size_t begun = std::min(returned + 1, recording.calls.size());
+        ASSERT_TRUE(recording.IsFinishedAfter(returned, repaired) ||
+                    recording.IsFinishedAfter(begun, repaired))
+            << report.reason;
+        if (returned == recording.calls.size()) {
+            ASSERT_EQ(report.outcome, RepairOutcome::kWhole) << report.reason;
+        }
+    }
+
+    void TryAll(const Scenario& scenario, uint32_t flags, const std::string& name = "a.mp4") {
+        const LoggedRecording recording(m_folder, scenario, flags, name);
+        FileStates files;
+        size_t returned = 0;
+        size_t position = 0;
+        for (const FileOperation& operation : recording.operations) {
+            SCOPED_TRACE("operation " + std::to_string(position++) + " after " +
+                         std::to_string(returned) + " calls");
+            if (operation.kind == FileOperation::kRemove) break;  // Close is done
+            if (operation.kind == FileOperation::kMark) ++returned;
+            for (size_t cut = 1; cut < operation.bytes.size(); ++cut) {
+                FileStates torn = files;
+                torn.Apply(operation, cut);
+                ASSERT_NO_FATAL_FAILURE(Try(recording, torn, returned)) << "cut at " << cut;
+            }
+            files.Apply(operation);
+            if (operation.kind == FileOperation::kWrite) {
+                ASSERT_NO_FATAL_FAILURE(Try(recording, files, returned));
+            }
+        }
+        EXPECT_EQ(returned, recording.calls.size());
+        EXPECT_EQ(files.Of(recording.path), recording.finished.back());
+        EXPECT_GT(m_states, recording.finished.back().size());
+    }
+
+    Folder m_folder;
+    size_t m_states = 0;
+};
+
+TEST_F(CrashAtEveryByte, Mp4) {
+    Scenario scenario;
+    scenario.pictures = 5;
+    scenario.largestPicture = 90;
+    TryAll(scenario, 0);
+}
+
+TEST_F(CrashAtEveryByte, QuickTimeWithWideFieldsAndConfigurationsInTheStream) {
+    Scenario scenario;
+    scenario.pictures = 5;
+    scenario.largestPicture = 90;
+    scenario.deferred = true;
+    scenario.codec = MP4_MVC_HEVC;
+    scenario.captions = MP4_SUBTITLE_CODEC_CC708;
+    TryAll(scenario, MP4_FLAG_64BIT_SIZE | MP4_FLAG_64BIT_TIME, "a.mov");
+}
+
+// A repair in place that is killed at any byte leaves what a second one completes.
+TEST_F(CrashAtEveryByte, InPlaceRepair) {
+    Scenario scenario;
+    scenario.pictures = 6;
+    scenario.largestPicture = 90;
+    const std::string path = m_folder.Path("a.mp4");
+    for (const uint32_t flags : {0U, uint32_t{MP4_FLAG_64BIT_SIZE}}) {
+        CutOff(path, flags, CallsOf(scenario));
+        // The last frames are lost: an audio frame would fit any bytes that lie in its place.
+        FileBytes recording = ReadWholeFile(path);
+        const FileBytes info = ReadWholeFile(path + ".info");
+        recording.resize(recording.size() - 70);
+        FileStates files;
+        files.Of(path) = recording;
+        files.Of(path + ".info") = info;
+        WriteWholeFile(path, recording);
+        const FileBytes expected = ReadWholeFile(Repair(path).output_path);
+        RepairOptions options;
+        options.in_place = true;
+        std::vector<FileOperation> operations;
+        {
+            WriteLog log(m_folder.Path());
+            EXPECT_EQ(Repair(path, options).outcome, RepairOutcome::kLoss);
+            operations = log.operations;
+        }
+        EXPECT_TRUE(ReadWholeFile(path) == expected);
+        for (const FileOperation& operation : operations) {
+            for (size_t cut = 0; cut <= operation.bytes.size(); ++cut) {
+                FileStates torn = files;
+                if (cut != 0) torn.Apply(operation, cut);
+                if (!torn.Has(path + ".info")) break;
+                WriteWholeFile(path, torn.Of(path));
+                WriteWholeFile(path + ".info", info);
+                const RepairReport report = Repair(path, options);
+                ASSERT_NE(report.outcome, RepairOutcome::kFailed) << report.reason;
+                ASSERT_TRUE(ReadWholeFile(path) == expected) << report.reason;
+                ++m_states;
+            }
+            files.Apply(operation);
+        }
+    }
+    EXPECT_GT(m_states, 2000U);
+}
+
+// A power cut: of both files everything up to the last sync is there; of what came after it, any
+// page may be missing, and the files may end anywhere.
+class PowerCut : public testing::Test {
+protected:
+    static constexpr size_t kPage = 4096;
+
+    struct CachedFile {
+        FileBytes synced;
+        FileBytes cached;
+        void Sync() { synced = cached; }
+    };
+
+    /// The file after the cut.
+    FileBytes AfterCut(const CachedFile& file) {
+        FileBytes disk = file.synced;
+        size_t end = disk.size();
+        disk.resize(file.cached.size());  // zeros where nothing arrives
+        for (size_t page = 0; page < disk.size(); page += kPage) {
+            const size_t size = std::min(kPage, disk.size() - page);
+            if (m_random() % 3 == 0) continue;
+            std::copy_n(file.cached.begin() + static_cast<std::ptrdiff_t>(page), size,
+                        disk.begin() + static_cast<std::ptrdiff_t>(page));
+            end = std::max(end, page + size);
+        }
+        // The size travels on its own.
+        if (m_random() % 2 == 0) disk.resize(end);
+        return disk;
+    }
+
+    /// Cuts the power `states` times, spread over the whole recording.
+    void TryStates(const LoggedRecording& recording, size_t states);
+
+    void Check(const LoggedRecording& recording, size_t flushed) {
+        const RepairReport report = Repair(recording.path);
+        if (report.outcome == RepairOutcome::kFailed) {
+            ASSERT_EQ(flushed, 0U) << report.reason;
+            return;
+        }
+        const size_t calls = CallsOfRecords(recording, report.records);
+        ASSERT_GE(calls, flushed) << report.reason;
+        const FileBytes repaired = ReadWholeFile(report.output_path);
+        const FileBytes& expected = recording.finished[calls];
+        ASSERT_EQ(repaired.size(), expected.size()) << report.reason;
+        CheckBytes(recording, report, repaired, calls, flushed);
+    }
+
+    /// Flush has no record.
+    static size_t CallsOfRecords(const LoggedRecording& recording, uint64_t records) {
+        size_t calls = 0;
+        while (calls < recording.calls.size() && records != 0) {
+            if (recording.calls[calls].kind != CallKind::kFlush) --records;
+            ++calls;
+        }
+        return calls;
+    }
+
+    void CheckBytes(const LoggedRecording& recording, const RepairReport& report,
+                    const FileBytes& repaired, size_t calls, size_t flushed);
+
+    std::mt19937 m_random{20240611};
+    Folder m_folder;
+    size_t m_whole = 0;
+    size_t m_loss = 0;
+};
+
+void PowerCut::TryStates(const LoggedRecording& recording, size_t states) {
+    std::map<std::string, CachedFile> files;
+    FileStates cache;
+    size_t returned = 0;
+    size_t flushed = 0;
+    size_t done = 0;
+    for (size_t i = 0; i < recording.operations.size(); ++i) {
+        const FileOperation& operation = recording.operations[i];
+        if (operation.kind == FileOperation::kRemove) break;
+        cache.Apply(operation);
+        if (operation.kind == FileOperation::kMark) {
+            if (recording.calls[returned].kind == CallKind::kFlush) flushed = returned;
+            ++returned;
+            continue;
+        }
+        CachedFile& file = files[operation.path];
+        file.cached = cache.Of(operation.path);
+        if (operation.kind == FileOperation::kSync) file.Sync();
+        const size_t due = states * (i + 1) / recording.operations.size();
+        for (; done < due; ++done) {
+            SCOPED_TRACE("state " + std::to_string(done) + " after operation " + std::to_string(i));
+            WriteWholeFile(recording.path, AfterCut(files[recording.path]));
+            WriteWholeFile(recording.Info(), AfterCut(files[recording.Info()]));
+            ASSERT_NO_FATAL_FAILURE(Check(recording, flushed));
+        }
+    }
+}
+
+// What differs from the recording must lie in a frame after the last Flush, and the report must
+// own up to it: as doubtful, or as a frame of a kind that cannot be checked.
+void PowerCut::CheckBytes(const LoggedRecording& recording, const RepairReport& report,
+                          const FileBytes& repaired, size_t calls, size_t flushed) {
+    FileBytes remaining = repaired;
+    std::map<CallKind, uint64_t> wrong;
+    for (size_t i = 0; i < calls; ++i) {
+        const auto [begin, end] = recording.extents[i];
+        const auto expected = recording.finished[calls].begin();
+        if (std::equal(expected + begin, expected + end, repaired.begin() + begin)) continue;
+        ASSERT_GE(i, flushed) << "call " << i << ": " << report.reason;
+        ++wrong[recording.calls[i].kind];
+        std::copy(expected + begin, expected + end, remaining.begin() + begin);
+    }
+    ASSERT_TRUE(remaining == recording.finished[calls]) << "header or index: " << report.reason;
+    const auto& tracks = report.tracks;
+    ASSERT_LE(wrong[CallKind::kVideo], tracks[kx_mp4::kRepairVideo].frames_doubtful);
+    ASSERT_LE(wrong[CallKind::kCaption], tracks[kx_mp4::kRepairCaption].frames_doubtful);
+    ASSERT_EQ(wrong[CallKind::kTimecode], 0U);
+    ASSERT_LE(wrong[CallKind::kAudio], tracks[kx_mp4::kRepairAudio].frames_unchecked);
+    ++(report.outcome == RepairOutcome::kWhole ? m_whole : m_loss);
+}
+
+TEST_F(PowerCut, WhatWasFlushedIsExactAndTheRestIsNotBelieved) {
+    const char* const wanted = std::getenv("KX_MP4_POWER_CUT_STATES");
+    const size_t states = wanted != nullptr ? std::strtoul(wanted, nullptr, 10) : 3000;
+    Scenario scenario;
+    scenario.pictures = 110;  // a repair info file of several pages
+    scenario.smallestPicture = 200;
+    scenario.largestPicture = 3000;
+    scenario.flushEvery = 20;
+    const std::vector<std::pair<mp4_video_codec, std::string>> kinds = {
+        {MP4_MVC_H264, "a.mp4"}, {MP4_MVC_HEVC, "a.mov"}, {MP4_MVC_PRORES, "b.mov"}};
+    for (const auto& [codec, name] : kinds) {
+        scenario.codec = codec;
+        scenario.seed += 1;
+        const LoggedRecording recording(m_folder, scenario, 0, name);
+        ASSERT_NO_FATAL_FAILURE(TryStates(recording, states / kinds.size())) << name;
+    }
+    EXPECT_GT(m_whole, 0U);
+    EXPECT_GT(m_loss, 0U);
+    RecordProperty("whole", static_cast<int>(m_whole));
+    RecordProperty("loss", static_cast<int>(m_loss));
+}
+
+}  // namespace

@@ -1,0 +1,96 @@
+/// @file
+/// kxrepair: makes the index of a recording that was cut off, from its repair info file.
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+#include <string>
+
+#include "RepairReportText.h"
+#include "kx_mp4/repair.h"
+
+namespace {
+
+struct Arguments {
+    std::string recording;
+    kx_mp4::RepairOptions options;
+    bool json = false;
+};
+
+void Declare(CLI::App& app, Arguments& arguments) {
+    kx_mp4::RepairOptions& options = arguments.options;
+    app.add_option("RECORDING", arguments.recording, "The recording without its index")->required();
+    app.add_option("--info", options.info_path,
+                   "The repair info file (default: RECORDING with .info appended)");
+    auto* output = app.add_option("-o,--output", options.output_path,
+                                  "The repaired file (default: .repaired before the extension)");
+    app.add_flag("--in-place", options.in_place,
+                 "Repair RECORDING itself, without a copy; what lies behind its last good frame "
+                 "is cut off")
+        ->excludes(output);
+    app.add_flag("--dry-run", options.dry_run, "Check and report only; write nothing");
+    app.add_flag("--json", arguments.json, "Report on standard output as JSON");
+    app.add_flag("--keep-info", options.keep_info,
+                 "Keep the repair info file after a repair in place");
+    app.add_flag("--composition-offsets", options.composition_offsets,
+                 "The recording was made with composition offsets");
+    app.footer(
+        "Exit status: 0 the file is whole, 1 repaired with loss at the end or with frames that "
+        "could not be verified, 2 not repaired.");
+}
+
+const char* StepName(kx_mp4::RepairStep step) {
+    switch (step) {
+        case kx_mp4::RepairStep::kCheck:
+            return "checking";
+        case kx_mp4::RepairStep::kCopy:
+            return "copying";
+        case kx_mp4::RepairStep::kIndex:
+            return "writing the index";
+    }
+    return "";
+}
+
+bool ShowProgress(const kx_mp4::RepairProgress& progress) {
+    constexpr double kMiB = 1024.0 * 1024.0;
+    constexpr double kPercent = 100.0;
+    const double share = progress.total == 0 ? 1.0
+                                             : static_cast<double>(progress.done) /
+                                                   static_cast<double>(progress.total);
+    std::fprintf(stderr, "\r%-18s %5.1f %%  %.1f MiB ", StepName(progress.step), share * kPercent,
+                 static_cast<double>(progress.done) / kMiB);
+    return true;
+}
+
+int Run(Arguments& arguments) {
+    const bool terminal = isatty(STDERR_FILENO) == 1;
+    if (terminal) arguments.options.progress = ShowProgress;
+    const kx_mp4::RepairReport report = kx_mp4::Repair(arguments.recording, arguments.options);
+    if (terminal) std::fputs("\r\033[K", stderr);
+    const std::string text = arguments.json ? ReportAsJson(report, arguments.options)
+                                            : ReportAsText(report, arguments.options);
+    std::fputs(text.c_str(), stdout);
+    return static_cast<int>(report.outcome);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    constexpr int kNotRepaired = static_cast<int>(kx_mp4::RepairOutcome::kFailed);
+    try {
+        CLI::App app("Makes the index of a recording that was cut off, from its repair info file.");
+        Arguments arguments;
+        Declare(app, arguments);
+        try {
+            app.parse(argc, argv);
+        } catch (const CLI::ParseError& error) {
+            return app.exit(error) == 0 ? 0 : kNotRepaired;
+        }
+        return Run(arguments);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "kxrepair: %s\n", error.what());
+        return kNotRepaired;
+    }
+}
