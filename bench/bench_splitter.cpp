@@ -70,7 +70,7 @@ void Count(benchmark::State& state) {
 void SplitWith(benchmark::State& state, FindStartCodeFn find) {
     const Frame frame = MakeFrame(static_cast<size_t>(state.range(0)));
     VIDEO_SLICE_ARRAY slices;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         Split(find, frame, slices);
         benchmark::DoNotOptimize(slices.data());
     }
@@ -80,7 +80,7 @@ void SplitWith(benchmark::State& state, FindStartCodeFn find) {
 void Library(benchmark::State& state) {
     const Frame frame = MakeFrame(static_cast<size_t>(state.range(0)));
     CVideoFrameParser parser;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         benchmark::DoNotOptimize(parser.Parse(frame.data(), static_cast<int>(frame.size())));
     }
     Count(state);
@@ -88,7 +88,7 @@ void Library(benchmark::State& state) {
 
 void MemchrScan(benchmark::State& state) {
     const Frame frame(static_cast<size_t>(state.range(0)), 0x41);
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         benchmark::DoNotOptimize(std::memchr(frame.data(), 1, frame.size()));
     }
     Count(state);

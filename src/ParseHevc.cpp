@@ -269,7 +269,7 @@ void SkipLongTermRefPics(BitReader& bits, uint32_t pocLsbBits) {
 void SkipVideoSignalType(BitReader& bits) {
     bits.Skip(3 + 1);  // video_format, video_full_range_flag
     const bool colourDescriptionPresent = bits.Flag();
-    if (colourDescriptionPresent) bits.Skip(3 * 8);
+    if (colourDescriptionPresent) bits.Skip(8 + 8 + 8);
 }
 
 // num_units_in_tick to the HRD of a VUI, E.2.1
