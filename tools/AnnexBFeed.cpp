@@ -1,5 +1,6 @@
 #include "AnnexBFeed.h"
 
+#include <algorithm>
 #include <limits>
 #include <utility>
 
@@ -93,7 +94,7 @@ PictureInfo FrameOrderer::ReadInfo() {
 
 AnnexBFeed::AnnexBFeed(const VideoOptions& options)
     : VideoFeed(options), m_source(options.path), m_frames(options.codec, m_source) {
-    if (!Prepare()) {
+    if (!AnnexBFeed::Prepare()) {
         const bool any = m_frames.Dropped() > 0;
         throw Error(0, any ? "no parameter sets in the whole stream" : "no picture in the stream");
     }

@@ -9,7 +9,7 @@ constexpr uint32_t kSamplesPerFrame = 1024;  // of every AAC frame that ADTS car
 
 AudioFeed::AudioFeed(const std::string& path, bool deferred)
     : TrackFeed(path), m_source(path), m_cutter(m_source), m_deferred(deferred) {
-    if (!Prepare()) throw Error(0, "the input is empty");
+    if (!AudioFeed::Prepare()) throw Error(0, "the input is empty");
     m_header = m_frame.header;
 }
 

@@ -56,11 +56,14 @@ void PieceReader::Drop(size_t size) {
 void PieceReader::MakeRoom(size_t size) {
     if (m_bytes.size() - m_last >= size) return;
     // The window moves to the front rather than the memory growing with what was read.
-    std::copy(m_bytes.begin() + static_cast<ptrdiff_t>(m_first),
-              m_bytes.begin() + static_cast<ptrdiff_t>(m_last), m_bytes.begin());
-    m_last -= m_first;
-    m_first = 0;
-    if (m_bytes.size() - m_last < size) m_bytes.resize(m_last + size);
+    if (m_first > 0) {
+        std::copy(m_bytes.begin() + static_cast<ptrdiff_t>(m_first),
+                  m_bytes.begin() + static_cast<ptrdiff_t>(m_last), m_bytes.begin());
+        m_last -= m_first;
+        m_first = 0;
+    }
+    // It doubles, so that a long unit is not copied once for each of its pieces.
+    if (m_bytes.size() - m_last < size) m_bytes.resize(std::max(m_last + size, 2 * m_bytes.size()));
 }
 
 }  // namespace kxmux

@@ -4,7 +4,7 @@ namespace kxmux {
 
 ProResFeed::ProResFeed(const VideoOptions& options)
     : VideoFeed(options), m_source(options.path), m_cutter(m_source) {
-    if (!Prepare()) throw Error(0, "the input is empty");
+    if (!ProResFeed::Prepare()) throw Error(0, "the input is empty");
     SetSize(m_frame.width, m_frame.height);
     m_format = options.proResFormat.value_or(m_frame.is444 ? MP4_PRORES_4444 : MP4_PRORES_422);
 }
