@@ -1,43 +1,47 @@
 #include "stsc.h"
 
-#include <cstdio>
-
 namespace {
+
 constexpr uint32_t kHeaderSize = 16;
 constexpr uint32_t kEntrySize = 12;
+constexpr uint32_t kDescriptionIndex = 1;
+
+void PutRun(CBufferIO& out, uint32_t firstChunk, uint32_t samplesPerChunk) {
+    out.WriteInt32(firstChunk);
+    out.WriteInt32(samplesPerChunk);
+}
+
+void PutEntry(CBufferIO& out, uint32_t firstChunk, uint32_t samplesPerChunk) {
+    PutRun(out, firstChunk, samplesPerChunk);
+    out.WriteInt32(kDescriptionIndex);
+}
+
 }  // namespace
 
 void CMp4StscAtom::AddEntry(bool bNewChunk) {
     if (!bNewChunk) {
-        if (!m_arrChunks.empty()) ++m_arrChunks.back();
+        if (m_chunks != 0) ++m_lastSamples;
         return;
     }
-    m_closedRuns = CountRuns();
-    if (!m_arrChunks.empty()) m_lastRun = m_arrChunks.back();
-    m_arrChunks.push_back(1);
+    CloseLastChunk();
+    ++m_chunks;
+    m_lastSamples = 1;
 }
 
-uint32_t CMp4StscAtom::CountRuns() const {
-    const bool lastOpensRun = !m_arrChunks.empty() && m_arrChunks.back() != m_lastRun;
-    return m_closedRuns + (lastOpensRun ? 1 : 0);
-}
-
-void CMp4StscAtom::PutEntry(uint32_t firstChunk, uint32_t samplesPerChunk) {
-    constexpr uint32_t kDescriptionIndex = 1;
-    m_buffer.WriteInt32(firstChunk);
-    m_buffer.WriteInt32(samplesPerChunk);
-    m_buffer.WriteInt32(kDescriptionIndex);
+void CMp4StscAtom::CloseLastChunk() {
+    if (!LastChunkOpensRun()) return;
+    PutRun(m_runs, m_chunks, m_lastSamples);
+    m_runSamples = m_lastSamples;
 }
 
 void CMp4StscAtom::PutRuns() {
-    int run = 0;
-    uint32_t chunk = 0;
-    for (const int samples : m_arrChunks) {
-        ++chunk;
-        if (samples == run) continue;
-        PutEntry(chunk, Low32(samples));
-        run = samples;
+    m_buffer.EnsureSize(kEntrySize * CountRuns(), true);
+    const uint8_t* run = m_runs.GetBuffer();
+    for (uint32_t i = 0; i < ClosedRuns(); ++i, run += kRunSize) {
+        m_buffer.WriteBuf(run, kRunSize);
+        m_buffer.WriteInt32(kDescriptionIndex);
     }
+    if (LastChunkOpensRun()) PutEntry(m_buffer, m_chunks, m_lastSamples);
 }
 
 void CMp4StscAtom::Write() {
@@ -46,7 +50,7 @@ void CMp4StscAtom::Write() {
         PutFullBoxHeader(m_buffer, "stsc");
         m_buffer.WriteInt32(m_fixedHeader ? 1 : CountRuns());
         if (m_fixedHeader)
-            PutEntry(1, 1);
+            PutEntry(m_buffer, 1, 1);
         else
             PutRuns();
         UpdateBufferSize(start);

@@ -1,8 +1,6 @@
 #ifndef KX_MP4_STSC_H
 #define KX_MP4_STSC_H
 
-#include <vector>
-
 #include "Atom.h"
 
 /// Sample To Chunk Box, 'stsc' - ISO/IEC 14496-12, 8.7.4 - inside 'stbl' - leaf
@@ -17,7 +15,7 @@
 /// | 8            | 4     | sample description index: 1       |
 class CMp4StscAtom : public CMp4Atom {
 public:
-    using CMp4Atom::CMp4Atom;
+    explicit CMp4StscAtom(IBaseIO* pWriter) : CMp4Atom(pWriter) { m_runs.Init(nullptr); }
 
     /// Records a sample that opens a chunk or continues the last one. A continuing sample before
     /// the first chunk is not counted.
@@ -29,18 +27,21 @@ public:
     uint32_t GetSize() override;
 
 private:
-    typedef std::vector<int> ARR_SAMPLES_PER_CHUNK;
+    /// First chunk and samples per chunk of a run, as they stand in the box.
+    static constexpr uint32_t kRunSize = 8;
 
-    void PutEntry(uint32_t firstChunk, uint32_t samplesPerChunk);
+    void CloseLastChunk();
     void PutRuns();
-    uint32_t CountRuns() const;
+    /// Whether the last chunk begins a run.
+    bool LastChunkOpensRun() const { return m_chunks != 0 && m_lastSamples != m_runSamples; }
+    uint32_t ClosedRuns() const { return static_cast<uint32_t>(m_runs.GetSize() / kRunSize); }
+    uint32_t CountRuns() const { return ClosedRuns() + (LastChunkOpensRun() ? 1 : 0); }
 
-    ARR_SAMPLES_PER_CHUNK m_arrChunks;
+    CBufferIO m_runs;            // those that began before the last chunk, which may still grow
+    uint32_t m_chunks = 0;       // with the last one
+    uint32_t m_lastSamples = 0;  // in the last chunk
+    uint32_t m_runSamples = 0;   // samples per chunk of the last run in m_runs
     bool m_fixedHeader = false;
-    // Runs among the chunks before the last one, which may still grow: kept while recording, so
-    // that the box's size is known without a walk over the chunks.
-    uint32_t m_closedRuns = 0;
-    int m_lastRun = 0;  // samples per chunk of the last of them
 };
 
 #endif  // KX_MP4_STSC_H
