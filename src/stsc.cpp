@@ -1,20 +1,12 @@
 #include "stsc.h"
 
+#include <cstdio>
+
 namespace {
 
+constexpr uint32_t kCountPosition = 12;
 constexpr uint32_t kHeaderSize = 16;
 constexpr uint32_t kEntrySize = 12;
-constexpr uint32_t kDescriptionIndex = 1;
-
-void PutRun(CBufferIO& out, uint32_t firstChunk, uint32_t samplesPerChunk) {
-    out.WriteInt32(firstChunk);
-    out.WriteInt32(samplesPerChunk);
-}
-
-void PutEntry(CBufferIO& out, uint32_t firstChunk, uint32_t samplesPerChunk) {
-    PutRun(out, firstChunk, samplesPerChunk);
-    out.WriteInt32(kDescriptionIndex);
-}
 
 }  // namespace
 
@@ -30,30 +22,53 @@ void CMp4StscAtom::AddEntry(bool bNewChunk) {
 
 void CMp4StscAtom::CloseLastChunk() {
     if (!LastChunkOpensRun()) return;
-    PutRun(m_runs, m_chunks, m_lastSamples);
+    if (m_closedRuns == 0) StartTable();
+    PutEntry(m_chunks, m_lastSamples);
+    ++m_closedRuns;
     m_runSamples = m_lastSamples;
 }
 
-void CMp4StscAtom::PutRuns() {
-    m_buffer.EnsureSize(kEntrySize * CountRuns(), true);
-    const uint8_t* run = m_runs.GetBuffer();
-    for (uint32_t i = 0; i < ClosedRuns(); ++i, run += kRunSize) {
-        m_buffer.WriteBuf(run, kRunSize);
-        m_buffer.WriteInt32(kDescriptionIndex);
-    }
-    if (LastChunkOpensRun()) PutEntry(m_buffer, m_chunks, m_lastSamples);
+void CMp4StscAtom::StartTable() {
+    m_buffer.Clear();
+    PutFullBoxHeader(m_buffer, "stsc");
+    m_buffer.WriteInt32(0);
+}
+
+void CMp4StscAtom::PutEntry(uint32_t firstChunk, uint32_t samplesPerChunk) {
+    constexpr uint32_t kDescriptionIndex = 1;
+    m_buffer.WriteInt32(firstChunk);
+    m_buffer.WriteInt32(samplesPerChunk);
+    m_buffer.WriteInt32(kDescriptionIndex);
 }
 
 void CMp4StscAtom::Write() {
+    if (m_fixedHeader)
+        WriteFixedHeader();
+    else
+        WriteRuns();
+}
+
+/// The run of the last chunk stands behind the others for this write only.
+void CMp4StscAtom::WriteRuns() {
+    if (m_closedRuns == 0) StartTable();
+    const auto closedEnd = static_cast<int64_t>(m_buffer.Ftell());
+    if (LastChunkOpensRun()) PutEntry(m_chunks, m_lastSamples);
+    const auto end = static_cast<int64_t>(m_buffer.Ftell());
+    m_buffer.Seek(kCountPosition, SEEK_SET);
+    m_buffer.WriteInt32(CountRuns());
+    m_buffer.Seek(end, SEEK_SET);
+    UpdateBufferSize(0);
+    m_buffer.Seek(closedEnd, SEEK_SET);
+    m_pWriter->WriteBuf(m_buffer.GetBuffer(), Low32(end));
+}
+
+void CMp4StscAtom::WriteFixedHeader() {
     FillBuffer([this] {
-        const auto start = static_cast<int64_t>(m_buffer.Ftell());
+        m_buffer.Clear();
         PutFullBoxHeader(m_buffer, "stsc");
-        m_buffer.WriteInt32(m_fixedHeader ? 1 : CountRuns());
-        if (m_fixedHeader)
-            PutEntry(m_buffer, 1, 1);
-        else
-            PutRuns();
-        UpdateBufferSize(start);
+        m_buffer.WriteInt32(1);
+        PutEntry(1, 1);
+        UpdateBufferSize(0);
     });
 }
 

@@ -15,7 +15,7 @@
 /// | 8            | 4     | sample description index: 1       |
 class CMp4StscAtom : public CMp4Atom {
 public:
-    explicit CMp4StscAtom(IBaseIO* pWriter) : CMp4Atom(pWriter) { m_runs.Init(nullptr); }
+    using CMp4Atom::CMp4Atom;
 
     /// Records a sample that opens a chunk or continues the last one. A continuing sample before
     /// the first chunk is not counted.
@@ -27,20 +27,21 @@ public:
     uint32_t GetSize() override;
 
 private:
-    /// First chunk and samples per chunk of a run, as they stand in the box.
-    static constexpr uint32_t kRunSize = 8;
-
     void CloseLastChunk();
-    void PutRuns();
+    void StartTable();
+    void PutEntry(uint32_t firstChunk, uint32_t samplesPerChunk);
+    void WriteRuns();
+    void WriteFixedHeader();
     /// Whether the last chunk begins a run.
     bool LastChunkOpensRun() const { return m_chunks != 0 && m_lastSamples != m_runSamples; }
-    uint32_t ClosedRuns() const { return static_cast<uint32_t>(m_runs.GetSize() / kRunSize); }
-    uint32_t CountRuns() const { return ClosedRuns() + (LastChunkOpensRun() ? 1 : 0); }
+    uint32_t CountRuns() const { return m_closedRuns + (LastChunkOpensRun() ? 1 : 0); }
 
-    CBufferIO m_runs;            // those that began before the last chunk, which may still grow
+    // m_buffer holds the box with the runs that began before the last chunk, which may still grow:
+    // closing the file then needs no memory, and the size is known without a walk over the chunks.
+    uint32_t m_closedRuns = 0;
+    uint32_t m_runSamples = 0;   // samples per chunk of the last of them
     uint32_t m_chunks = 0;       // with the last one
     uint32_t m_lastSamples = 0;  // in the last chunk
-    uint32_t m_runSamples = 0;   // samples per chunk of the last run in m_runs
     bool m_fixedHeader = false;
 };
 
