@@ -25,7 +25,7 @@ public:
 
     void Open(const std::string& path, const Workload::Shape& shape) override {
         mp4_config_t config = {};
-        config.flags = m_flags | MP4_FLAG_64BIT_SIZE;
+        config.flags = m_flags;
         config.io_mode = m_output == nullptr ? MP4_IO_FILE : MP4_IO_EXTERNAL;
         config.func = m_output;
         Check(m_muxer.Create(std::wstring(path.begin(), path.end()).c_str(), &config), "Create");

@@ -266,14 +266,6 @@ void CBufferIO::Read(void* pbBuf, uint32_t cbBuf) {
     m_nOffset += cbBuf;
 }
 
-void CBufferIO::Write(const void* pbBuf, uint32_t cbBuf) {
-    EnsureSize(cbBuf, false);
-    if (cbBuf == 0) return;
-    std::memcpy(m_pbBuffer + m_nOffset, pbBuf, cbBuf);
-    m_nOffset += cbBuf;
-    UpdateEnd();
-}
-
 void CBufferIO::EnsureSize(uint32_t cbBuf, bool precise) {
     constexpr uint64_t kGranule = 1024;
     const uint64_t need = m_nOffset + cbBuf;

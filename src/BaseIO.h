@@ -9,6 +9,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "FourCC.h"
 #include "defines.h"
@@ -82,6 +83,14 @@ protected:
     [[noreturn]] void FailWrite(int line);
     [[noreturn]] void FailRead(int line);
 
+    template <size_t Width>
+    static std::array<uint8_t, Width> BigEndian(uint64_t nValue) {
+        std::array<uint8_t, Width> bytes;
+        for (size_t i = 0; i < Width; ++i)
+            bytes[i] = static_cast<uint8_t>(nValue >> (8 * (Width - 1 - i)));
+        return bytes;
+    }
+
     IO_STATUS m_status = IO_UNINIT;
     int m_err_code = 0;
 
@@ -90,10 +99,8 @@ private:
 
     template <size_t Width>
     void WriteBigEndian(uint64_t nValue) {
-        uint8_t bytes[Width];
-        for (size_t i = 0; i < Width; ++i)
-            bytes[i] = static_cast<uint8_t>(nValue >> (8 * (Width - 1 - i)));
-        WriteBuf(bytes, Width);
+        const std::array<uint8_t, Width> bytes = BigEndian<Width>(nValue);
+        WriteBuf(bytes.data(), Width);
     }
 
     template <size_t Width>
@@ -197,6 +204,14 @@ public:
     void Clear() { m_nOffset = m_nEnd = 0; }
     bool IsInBuffer(int64_t, int) override { return true; }
 
+    // As the base's. Every sample adds entries to its tables: without a virtual call, and with
+    // copies of known width, that costs a few instructions.
+    void WriteBuf(const void* pbBuf, uint32_t cbBuf) {
+        if (IsValid()) Append(pbBuf, cbBuf);
+    }
+    void WriteInt32(uint32_t nValue) { WriteBuf(BigEndian<4>(nValue).data(), 4); }
+    void WriteInt64(uint64_t nValue) { WriteBuf(BigEndian<8>(nValue).data(), 8); }
+
     /// Makes room for `cbBuf` bytes from the position on: to the KiB when `precise`, else doubled.
     virtual void EnsureSize(uint32_t cbBuf, bool precise);
 
@@ -208,13 +223,21 @@ public:
 
 protected:
     void Read(void* pbBuf, uint32_t cbBuf) override;
-    void Write(const void* pbBuf, uint32_t cbBuf) override;
+    void Write(const void* pbBuf, uint32_t cbBuf) override { Append(pbBuf, cbBuf); }
     void UpdateEnd() {
         if (m_nOffset > m_nEnd) m_nEnd = m_nOffset;
     }
 
 private:
     void Release();
+
+    void Append(const void* pbBuf, uint32_t cbBuf) {
+        if (m_cbBuffer - m_nOffset < cbBuf) EnsureSize(cbBuf, false);
+        if (cbBuf == 0) return;
+        std::memcpy(m_pbBuffer + m_nOffset, pbBuf, cbBuf);
+        m_nOffset += cbBuf;
+        UpdateEnd();
+    }
 
     uint8_t* m_pbBuffer = nullptr;  // malloc'ed: realloc moves large blocks without copying
     uint64_t m_cbBuffer = 0;

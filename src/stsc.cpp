@@ -3,23 +3,35 @@
 #include <cstdio>
 
 namespace {
+
+constexpr uint32_t kCountPosition = 12;
 constexpr uint32_t kHeaderSize = 16;
 constexpr uint32_t kEntrySize = 12;
+
 }  // namespace
 
 void CMp4StscAtom::AddEntry(bool bNewChunk) {
     if (!bNewChunk) {
-        if (!m_arrChunks.empty()) ++m_arrChunks.back();
+        if (m_chunks != 0) ++m_lastSamples;
         return;
     }
-    m_closedRuns = CountRuns();
-    if (!m_arrChunks.empty()) m_lastRun = m_arrChunks.back();
-    m_arrChunks.push_back(1);
+    CloseLastChunk();
+    ++m_chunks;
+    m_lastSamples = 1;
 }
 
-uint32_t CMp4StscAtom::CountRuns() const {
-    const bool lastOpensRun = !m_arrChunks.empty() && m_arrChunks.back() != m_lastRun;
-    return m_closedRuns + (lastOpensRun ? 1 : 0);
+void CMp4StscAtom::CloseLastChunk() {
+    if (!LastChunkOpensRun()) return;
+    if (m_closedRuns == 0) StartTable();
+    PutEntry(m_chunks, m_lastSamples);
+    ++m_closedRuns;
+    m_runSamples = m_lastSamples;
+}
+
+void CMp4StscAtom::StartTable() {
+    m_buffer.Clear();
+    PutFullBoxHeader(m_buffer, "stsc");
+    m_buffer.WriteInt32(0);
 }
 
 void CMp4StscAtom::PutEntry(uint32_t firstChunk, uint32_t samplesPerChunk) {
@@ -29,27 +41,34 @@ void CMp4StscAtom::PutEntry(uint32_t firstChunk, uint32_t samplesPerChunk) {
     m_buffer.WriteInt32(kDescriptionIndex);
 }
 
-void CMp4StscAtom::PutRuns() {
-    int run = 0;
-    uint32_t chunk = 0;
-    for (const int samples : m_arrChunks) {
-        ++chunk;
-        if (samples == run) continue;
-        PutEntry(chunk, Low32(samples));
-        run = samples;
-    }
+void CMp4StscAtom::Write() {
+    if (m_fixedHeader)
+        WriteFixedHeader();
+    else
+        WriteRuns();
 }
 
-void CMp4StscAtom::Write() {
+/// The run of the last chunk stands behind the others for this write only.
+void CMp4StscAtom::WriteRuns() {
+    if (m_closedRuns == 0) StartTable();
+    const auto closedEnd = static_cast<int64_t>(m_buffer.Ftell());
+    if (LastChunkOpensRun()) PutEntry(m_chunks, m_lastSamples);
+    const auto end = static_cast<int64_t>(m_buffer.Ftell());
+    m_buffer.Seek(kCountPosition, SEEK_SET);
+    m_buffer.WriteInt32(CountRuns());
+    m_buffer.Seek(end, SEEK_SET);
+    UpdateBufferSize(0);
+    m_buffer.Seek(closedEnd, SEEK_SET);
+    m_pWriter->WriteBuf(m_buffer.GetBuffer(), Low32(end));
+}
+
+void CMp4StscAtom::WriteFixedHeader() {
     FillBuffer([this] {
-        const auto start = static_cast<int64_t>(m_buffer.Ftell());
+        m_buffer.Clear();
         PutFullBoxHeader(m_buffer, "stsc");
-        m_buffer.WriteInt32(m_fixedHeader ? 1 : CountRuns());
-        if (m_fixedHeader)
-            PutEntry(1, 1);
-        else
-            PutRuns();
-        UpdateBufferSize(start);
+        m_buffer.WriteInt32(1);
+        PutEntry(1, 1);
+        UpdateBufferSize(0);
     });
 }
 

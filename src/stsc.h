@@ -1,8 +1,6 @@
 #ifndef KX_MP4_STSC_H
 #define KX_MP4_STSC_H
 
-#include <vector>
-
 #include "Atom.h"
 
 /// Sample To Chunk Box, 'stsc' - ISO/IEC 14496-12, 8.7.4 - inside 'stbl' - leaf
@@ -29,18 +27,22 @@ public:
     uint32_t GetSize() override;
 
 private:
-    typedef std::vector<int> ARR_SAMPLES_PER_CHUNK;
-
+    void CloseLastChunk();
+    void StartTable();
     void PutEntry(uint32_t firstChunk, uint32_t samplesPerChunk);
-    void PutRuns();
-    uint32_t CountRuns() const;
+    void WriteRuns();
+    void WriteFixedHeader();
+    /// Whether the last chunk begins a run.
+    bool LastChunkOpensRun() const { return m_chunks != 0 && m_lastSamples != m_runSamples; }
+    uint32_t CountRuns() const { return m_closedRuns + (LastChunkOpensRun() ? 1 : 0); }
 
-    ARR_SAMPLES_PER_CHUNK m_arrChunks;
-    bool m_fixedHeader = false;
-    // Runs among the chunks before the last one, which may still grow: kept while recording, so
-    // that the box's size is known without a walk over the chunks.
+    // m_buffer holds the box with the runs that began before the last chunk, which may still grow:
+    // closing the file then needs no memory, and the size is known without a walk over the chunks.
     uint32_t m_closedRuns = 0;
-    int m_lastRun = 0;  // samples per chunk of the last of them
+    uint32_t m_runSamples = 0;   // samples per chunk of the last of them
+    uint32_t m_chunks = 0;       // with the last one
+    uint32_t m_lastSamples = 0;  // in the last chunk
+    bool m_fixedHeader = false;
 };
 
 #endif  // KX_MP4_STSC_H
