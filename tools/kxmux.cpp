@@ -71,8 +71,8 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
         return Record(arguments.Options());
-    } catch (const CLI::CallForHelp& help) {
-        return app.exit(help);
+    } catch (const CLI::Success& answered) {
+        return app.exit(answered);
     } catch (const CLI::ParseError& error) {
         return Fail(error.what(), kUsage);
     }
