@@ -10,21 +10,21 @@ function(kx_mp4_library_properties target)
         SOVERSION ${PROJECT_VERSION_MAJOR})
 endfunction()
 
-# kx_mp4_internal gives this project's own targets the library's inner classes, which the shared
-# library hides: there it is an archive of the same object files, otherwise it is kx_mp4 itself.
-function(kx_mp4_add_internal_library)
-    get_target_property(type kx_mp4 TYPE)
+# <library>_internal gives this project's own targets the library's inner classes, which the shared
+# library hides: there it is an archive of the same object files, otherwise it is the library itself.
+# The further arguments are what the archive has to be linked with.
+function(kx_mp4_add_internal_library library)
+    get_target_property(type ${library} TYPE)
     if(type STREQUAL "SHARED_LIBRARY")
-        add_library(kx_mp4_internal STATIC EXCLUDE_FROM_ALL $<TARGET_OBJECTS:kx_mp4>)
-        set_target_properties(kx_mp4_internal PROPERTIES LINKER_LANGUAGE CXX)
-        target_compile_features(kx_mp4_internal INTERFACE cxx_std_17)
-        target_include_directories(kx_mp4_internal INTERFACE ${PROJECT_SOURCE_DIR}/inc)
-        target_link_libraries(kx_mp4_internal INTERFACE Threads::Threads)
+        add_library(${library}_internal STATIC EXCLUDE_FROM_ALL $<TARGET_OBJECTS:${library}>)
+        set_target_properties(${library}_internal PROPERTIES LINKER_LANGUAGE CXX)
+        target_compile_features(${library}_internal INTERFACE cxx_std_17)
+        target_include_directories(${library}_internal INTERFACE ${PROJECT_SOURCE_DIR}/inc)
+        target_link_libraries(${library}_internal INTERFACE ${ARGN})
     else()
-        add_library(kx_mp4_internal INTERFACE)
-        target_link_libraries(kx_mp4_internal INTERFACE kx_mp4)
+        add_library(${library}_internal INTERFACE)
+        target_link_libraries(${library}_internal INTERFACE ${library} ${ARGN})
     endif()
-    target_include_directories(kx_mp4_internal INTERFACE ${PROJECT_SOURCE_DIR}/src)
 endfunction()
 
 configure_file(${PROJECT_SOURCE_DIR}/src/version.h.in ${PROJECT_BINARY_DIR}/src/version.h @ONLY)

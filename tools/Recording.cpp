@@ -5,7 +5,6 @@
 #include <cstdio>
 
 #include "FileCallbacks.h"
-#include "StatusName.h"
 #include "WidePath.h"
 #include "kx_mp4/buffered_io.h"
 
@@ -180,8 +179,8 @@ void Recording::Finish() {
     if (status != MP4_STATUS_SUCCESS) {
         const std::string kept =
             m_options.repairInfo ? "; " + m_options.output + ".info is kept for its repair" : "";
-        throw RecordingError(m_options.output + ": cannot be closed: " + StatusName(status) + "; " +
-                             m_options.output + " is unfinished, it has no index" + kept);
+        throw RecordingError(m_options.output + ": cannot be closed: " + mp4_status_string(status) +
+                             "; " + m_options.output + " is unfinished, it has no index" + kept);
     }
 }
 
@@ -198,7 +197,8 @@ std::string Recording::HowItWasLeft() {
 }
 
 void Recording::Require(mp4_status_t status, const std::string& subject) const {
-    if (status != MP4_STATUS_SUCCESS) throw RecordingError(subject + ": " + StatusName(status));
+    if (status != MP4_STATUS_SUCCESS)
+        throw RecordingError(subject + ": " + mp4_status_string(status));
 }
 
 std::string Recording::Summary() const {

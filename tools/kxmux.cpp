@@ -65,13 +65,14 @@ int Record(const kxmux::RecordingOptions& options) {
 int main(int argc, char** argv) {
     constexpr int kUsage = 2;
     CLI::App app("Records raw elementary streams into an MP4 file or a QuickTime movie.", "kxmux");
+    app.set_version_flag("--version", kx_mp4_version());
     kxmux::Arguments arguments;
     arguments.AddTo(app);
     try {
         app.parse(argc, argv);
         return Record(arguments.Options());
-    } catch (const CLI::CallForHelp& help) {
-        return app.exit(help);
+    } catch (const CLI::Success& answered) {
+        return app.exit(answered);
     } catch (const CLI::ParseError& error) {
         return Fail(error.what(), kUsage);
     }

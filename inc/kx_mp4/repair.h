@@ -20,6 +20,8 @@
 #include <functional>
 #include <string>
 
+#include "kx_mp4/export.h"
+
 namespace kx_mp4 {
 
 /// What became of a recording; the values are the exit statuses of the program kxrepair.
@@ -120,10 +122,11 @@ struct RepairReport {
 ///
 /// @return The report, owned by the caller; failures of the system (no such file, no space ...)
 ///         are in it too. Throws only what the progress callback throws, and std::bad_alloc.
-RepairReport Repair(const std::string& recording_path, const RepairOptions& options = {});
+KX_MP4_EXPORT RepairReport Repair(const std::string& recording_path,
+                                  const RepairOptions& options = {});
 
 /// The output path that Repair uses by default: "clip.mp4" becomes "clip.repaired.mp4".
-std::string DefaultRepairOutput(const std::string& recording_path);
+KX_MP4_EXPORT std::string DefaultRepairOutput(const std::string& recording_path);
 
 }  // namespace kx_mp4
 

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "RepairReportText.h"
+#include "kx_mp4/kx_mp4.h"
 #include "kx_mp4/repair.h"
 
 namespace {
@@ -81,6 +82,7 @@ int main(int argc, char** argv) {
     constexpr int kNotRepaired = static_cast<int>(kx_mp4::RepairOutcome::kFailed);
     try {
         CLI::App app("Makes the index of a recording that was cut off, from its repair info file.");
+        app.set_version_flag("--version", kx_mp4_version());
         Arguments arguments;
         Declare(app, arguments);
         try {

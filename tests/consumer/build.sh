@@ -1,0 +1,68 @@
+#!/bin/sh
+# Installs the library and builds the application beside this script against it in every way that
+# an application can, and runs it each time.
+#
+# usage: build.sh BUILD_FOLDER SCRATCH_FOLDER, with these in the environment:
+#   CMAKE, CXX, VERSION     the programs and the library's version
+#   LIBDIR                  where the installation puts libraries, relative to its prefix
+#   SHARED                  ON when BUILD_FOLDER has shared libraries
+#   SANITIZE                the sanitizers of BUILD_FOLDER, such as address,undefined, or empty
+#   LAUNCHER                compiler launcher, such as ccache, or empty
+set -eu
+here=$(cd "$(dirname "$0")" && pwd)
+source=$(cd "$here/../.." && pwd)
+build=$1
+scratch=$2
+prefix=$scratch/moved/prefix
+flags=${SANITIZE:+-fsanitize=$SANITIZE}
+
+step() { printf '== %s\n' "$*"; }
+
+record() {  # record PROGRAM NAME
+    "$1" "$scratch/$2.mp4" "$VERSION"
+}
+
+configure() {  # configure NAME OPTION...
+    name=$1
+    shift
+    "$CMAKE" -S "$here" -B "$scratch/$name" -G Ninja -DKX_MP4_FROM="$name" \
+        -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_COMPILER="$CXX" \
+        -DCMAKE_CXX_COMPILER_LAUNCHER="${LAUNCHER:-}" -DBUILD_SHARED_LIBS="$SHARED" "$@"
+}
+
+rm -rf "$scratch"
+mkdir -p "$scratch/moved"
+
+step "install, then move the tree: nothing in it may depend on where it was"
+for component in library development; do
+    "$CMAKE" --install "$build" --prefix "$scratch/prefix" --component $component
+done
+mv "$scratch/prefix" "$prefix"
+
+step "find_package"
+configure find_package -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_FLAGS="$flags"
+"$CMAKE" --build "$scratch/find_package"
+record "$scratch/find_package/recorder" find_package
+
+step "pkg-config, C++20"
+PKG_CONFIG_PATH=$prefix/$LIBDIR/pkgconfig
+export PKG_CONFIG_PATH
+test "$(pkg-config --modversion kx_mp4)" = "$VERSION"
+# shellcheck disable=SC2046,SC2086  # the words of the flags are meant to split
+"$CXX" -std=c++20 -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror $flags \
+    -o "$scratch/recorder" "$here/main.cpp" "$here/log.cpp" \
+    $(pkg-config --static --cflags --libs kx_mp4_repair kx_mp4)
+LD_LIBRARY_PATH=$prefix/$LIBDIR record "$scratch/recorder" pkg-config
+
+step "add_subdirectory"
+configure add_subdirectory -DKX_MP4_SOURCE_DIR="$source"
+"$CMAKE" --build "$scratch/add_subdirectory" --parallel 2
+record "$scratch/add_subdirectory/recorder" add_subdirectory
+if "$CMAKE" --install "$scratch/add_subdirectory" --prefix "$scratch/application" &&
+    test -e "$scratch/application"; then
+    echo "the application's installation contains the library" >&2
+    exit 1
+fi
+
+step "FetchContent: configure only, as it builds the same as add_subdirectory"
+configure fetch_content -DKX_MP4_SOURCE_DIR="$source"
