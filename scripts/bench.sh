@@ -5,19 +5,9 @@ set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${KX_MP4_BENCH_BUILD:-$root/build-bench}
-packages=(cmake ninja-build g++ pkg-config libbenchmark-dev libcli11-dev libavformat-dev)
 
-missing=()
-for package in "${packages[@]}"; do
-    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' ||
-        missing+=("$package")
-done
-if ((${#missing[@]})); then
-    as_root=()
-    [[ $(id -u) == 0 ]] || as_root=(sudo)
-    "${as_root[@]}" apt-get update
-    "${as_root[@]}" apt-get install -y --no-install-recommends "${missing[@]}"
-fi
+"$root/scripts/apt_packages.sh" cmake ninja-build g++ pkg-config libbenchmark-dev libcli11-dev \
+    libavformat-dev
 
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKX_MP4_BUILD_BENCHMARKS=ON \
     -DKX_MP4_BUILD_TOOLS=OFF -DKX_MP4_BUILD_EXAMPLES=OFF -DBUILD_TESTING=OFF

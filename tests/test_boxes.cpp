@@ -23,6 +23,9 @@ void Fill(CMp4Atom&, int) {}
 void Fill(CMp4SttsAtom& box, int round) {
     box.AddEntry(round * round);
 }
+void Fill(CMp4CttsAtom& box, int round) {
+    box.AddEntry(round * 2, round);
+}
 void Fill(CMp4StszAtom& box, int round) {
     box.AddEntry(round);
 }

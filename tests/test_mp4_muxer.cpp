@@ -617,6 +617,40 @@ TEST_F(Muxer, AdtsHeadersConfigureTheTrack) {
     }
 }
 
+TEST_F(Muxer, CompositionOffsetsOfReorderedPictures) {
+    // Decoded 0 1 2 3 4, shown 0 3 1 2 4: one picture of delay.
+    const uint64_t kShown[] = {1, 4, 2, 3, 5};
+    for (const bool enabled : {true, false}) {
+        MemoryOutput output;
+        auto config = streams::CallbackConfig(0, output.Functions());
+        ASSERT_EQ(m_muxer.Create(L"out.mp4", &config), MP4_STATUS_SUCCESS);
+        EXPECT_EQ(m_muxer.SetCompositionOffsets(enabled), MP4_STATUS_SUCCESS);
+        const auto track = streams::H264Track();
+        ASSERT_EQ(m_muxer.SetVideoTrack(&track), MP4_STATUS_SUCCESS);
+        for (uint32_t i = 0; i < 5; ++i) {
+            const Bytes picture = test_pattern::Picture(i);
+            ASSERT_EQ(m_muxer.WriteVideoFrame(picture.data(), static_cast<uint32_t>(picture.size()),
+                                              kShown[i] * 3000, i * uint64_t{3000}),
+                      MP4_STATUS_SUCCESS);
+        }
+        EXPECT_EQ(m_muxer.SetCompositionOffsets(!enabled), MP4_STATUS_INVALID_PARAMETER);
+        const Bytes picture = test_pattern::Picture(0);
+        if (enabled) {
+            EXPECT_EQ(m_muxer.WriteVideoFrame(picture.data(), 20, uint64_t{1} << 40, 15000),
+                      MP4_STATUS_INVALID_PARAMETER);
+        }
+        ASSERT_EQ(m_muxer.Close(), MP4_STATUS_SUCCESS);
+        const MovieReader movie = output.Movie();
+        const Track& found = movie.TrackOf("vide");
+        ASSERT_EQ(found.samples.size(), 5U);
+        for (size_t i = 0; i < 5; ++i)
+            EXPECT_EQ(found.samples[i].cts, 3000 * static_cast<int64_t>(enabled ? kShown[i] : i));
+        EXPECT_EQ(found.box->At("mdia/minf/stbl").Find("ctts") != nullptr, enabled);
+        EXPECT_EQ(found.box->At("edts/elst").U32(20), enabled ? 3000U : 0U) << "first shown";
+        EXPECT_EQ(movie.At("moov/mvhd").U32(24), 166U) << "five pictures";
+    }
+}
+
 TEST_F(Muxer, TimestampsOfEveryKindGiveAFileThatCanBeRead) {
     ASSERT_EQ(CreateInMemory(MP4_FLAG_64BIT_TIME), MP4_STATUS_SUCCESS);
     const auto video = streams::H264Track();

@@ -193,8 +193,29 @@ TEST(SampleTables, OffsetsAndSyncSamplesAreListed) {
 }
 
 TEST(SampleTables, CompositionOffsetsAreWrittenOnlyWhenThereAreAny) {
-    CMp4CttsAtom ctts(nullptr);
-    EXPECT_TRUE(Written(ctts).empty());
+    const struct {
+        std::vector<int64_t> offsets;
+        std::string box;
+    } kTable[] = {
+        {{}, ""},
+        {{0, 0, 0}, ""},
+        {{0, 2, 2}, "00000020 63747473 00000000 00000002 00000001 00000000 00000002 00000002"},
+        {{1, -1}, "00000020 63747473 01000000 00000002 00000001 00000001 00000001 ffffffff"},
+    };
+    for (const auto& row : kTable) {
+        CMp4CttsAtom ctts(nullptr);
+        int64_t time = 100;
+        for (const int64_t offset : row.offsets) {
+            ctts.AddEntry(time + offset, time);
+            time += 10;
+        }
+        EXPECT_EQ(ctts.HasOffsets(), !row.box.empty());
+        EXPECT_EQ(Written(ctts), Hex(row.box));
+        EXPECT_EQ(Written(ctts), Hex(row.box)) << "a second time";
+    }
+    EXPECT_TRUE(CMp4CttsAtom::OffsetFits(int64_t{1} << 31, 1));
+    EXPECT_FALSE(CMp4CttsAtom::OffsetFits(int64_t{1} << 31, 0));
+    EXPECT_FALSE(CMp4CttsAtom::OffsetFits(INT64_MAX, -1));
 }
 
 /// One reserved table of two entries: how it is fed, and what it looks like.
