@@ -13,7 +13,9 @@ public:
     CMLock(const CMLock&) = delete;
     CMLock& operator=(const CMLock&) = delete;
 
+    /// Waits for the mutex.
     void Lock() { pthread_mutex_lock(&m_mutex); }
+    /// Gives it back; by the thread that holds it.
     void Unlock() { pthread_mutex_unlock(&m_mutex); }
 
 private:
@@ -23,6 +25,7 @@ private:
 /// Holds a CMLock for its own lifetime.
 class CMAutoLock {
 public:
+    /// Waits for the mutex, which must outlive this object.
     explicit CMAutoLock(CMLock& section) : m_section(section) { m_section.Lock(); }
     virtual ~CMAutoLock() { m_section.Unlock(); }
     CMAutoLock(const CMAutoLock&) = delete;
