@@ -27,23 +27,39 @@ if ! doxygen "$output/Doxyfile"; then
     exit 1
 fi
 
-# Entities that a reader of the reference sees, and those of them that say something.
+# Entities that a reader of the reference sees, and those of them that say something. What the
+# language makes by itself (destructors, deleted and defaulted members) is none.
 python3 - "$output/xml" <<'COUNT'
 import glob
+import re
 import sys
 import xml.etree.ElementTree as xml
 
-total = documented = 0
-for name in glob.glob(sys.argv[1] + "/*.xml"):
-    for item in xml.parse(name).getroot().iter():
-        public = item.tag == "enumvalue" or (
-            item.tag in ("memberdef", "compounddef") and item.get("prot", "public") == "public"
-            and item.get("kind") not in ("page", "dir", "friend"))
-        if not public:
-            continue
-        total += 1
-        text = "".join("".join(item.find(tag).itertext()) for tag in
-                       ("briefdescription", "detaileddescription") if item.find(tag) is not None)
-        documented += bool(text.strip())
-print(f"{documented} of {total} public entities are documented: {sys.argv[1][:-4]}/html/index.html")
+
+def is_public(item):
+    if item.tag == "enumvalue":
+        return True
+    if item.get("prot", "public") != "public":
+        return False
+    if item.tag == "compounddef":
+        return item.get("kind") in ("class", "struct", "union")
+    name = item.findtext("name") or ""
+    made = re.search(r"=\s*(default|delete)$", item.findtext("argsstring") or "")
+    return item.tag == "memberdef" and not made and not re.match("[~@]", name)
+
+
+def says_something(item):
+    texts = [item.find(tag) for tag in ("briefdescription", "detaileddescription")]
+    return any("".join(text.itertext()).strip() for text in texts if text is not None)
+
+
+entities = [item for name in glob.glob(sys.argv[1] + "/*.xml")
+            for item in xml.parse(name).getroot().iter() if is_public(item)]
+for item in entities:
+    if not says_something(item):
+        print("undocumented:", item.findtext("name") or item.findtext("compoundname"))
+documented = sum(map(says_something, entities))
+print(f"{documented} of {len(entities)} public entities are documented: "
+      f"{sys.argv[1][:-4]}/html/index.html")
+sys.exit(documented != len(entities))
 COUNT

@@ -8,6 +8,7 @@
 /// A POSIX mutex with default attributes: not recursive.
 class CMLock {
 public:
+    /// Nobody holds it.
     CMLock() { pthread_mutex_init(&m_mutex, nullptr); }
     virtual ~CMLock() { pthread_mutex_destroy(&m_mutex); }
     CMLock(const CMLock&) = delete;

@@ -35,6 +35,7 @@ class CMp4MoovAtom;
 /// failure, from every later call; #MP4_STATUS_UNEXPECTED_ERROR.
 class KX_MP4_EXPORT CMp4Muxer {
 public:
+    /// Without a file.
     CMp4Muxer();
     /// Does NOT finish the file: call Close first, or the output has no index.
     ~CMp4Muxer();
