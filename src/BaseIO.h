@@ -49,27 +49,39 @@ public:
     /// Size of the output; 0 in every writer.
     virtual uint64_t GetFileSize() { return 0; }
 
+    /// Whether the stream is open and has not failed.
     bool IsValid() const { return m_status == IO_VALID; }
     /// The error number of the last failure as a status.
     mp4_status_t get_error_code() const { return kx_mp4_exception::convert_error(m_err_code); }
 
+    /// Writes `cbBuf` bytes; nothing when the stream is not valid.
     void WriteBuf(const void* pbBuf, uint32_t cbBuf) {
         if (IsValid()) Write(pbBuf, cbBuf);
     }
+    /// Writes one byte.
     void WriteInt8(uint8_t nValue) { WriteBigEndian<1>(nValue); }
+    /// Writes two bytes.
     void WriteInt16(uint16_t nValue) { WriteBigEndian<2>(nValue); }
     /// Writes the low three bytes.
     void WriteInt24(uint32_t nValue) { WriteBigEndian<3>(nValue); }
+    /// Writes four bytes.
     void WriteInt32(uint32_t nValue) { WriteBigEndian<4>(nValue); }
+    /// Writes eight bytes.
     void WriteInt64(uint64_t nValue) { WriteBigEndian<8>(nValue); }
+    /// Writes the four bytes as they stand.
     void WriteTag(FourCC tag) { WriteBuf(tag.data(), sizeof tag); }
 
-    // The mirror of the writers. A stream that is not valid reads zeros.
+    /// Reads exactly `cbBuf` bytes; zeros when the stream is not valid, as all below.
     void ReadBuf(void* pbBuf, uint32_t cbBuf);
+    /// Reads one byte.
     uint8_t ReadUint8() { return static_cast<uint8_t>(ReadBigEndian<1>()); }
+    /// Reads two bytes.
     uint16_t ReadUint16() { return static_cast<uint16_t>(ReadBigEndian<2>()); }
+    /// Reads three bytes.
     uint32_t ReadUint24() { return static_cast<uint32_t>(ReadBigEndian<3>()); }
+    /// Reads four bytes.
     uint32_t ReadUint32() { return static_cast<uint32_t>(ReadBigEndian<4>()); }
+    /// Reads eight bytes.
     uint64_t ReadUint64() { return ReadBigEndian<8>(); }
 
 protected:
@@ -80,9 +92,12 @@ protected:
 
     /// The one way a stream fails: state, error number, a line on standard output, exception.
     [[noreturn]] void FailSeek(int line);
+    /// The same for a write.
     [[noreturn]] void FailWrite(int line);
+    /// The same for a read, whose line says "Read EOF".
     [[noreturn]] void FailRead(int line);
 
+    /// The bytes of an integer as they are written.
     template <size_t Width>
     static std::array<uint8_t, Width> BigEndian(uint64_t nValue) {
         std::array<uint8_t, Width> bytes;
@@ -91,8 +106,8 @@ protected:
         return bytes;
     }
 
-    IO_STATUS m_status = IO_UNINIT;
-    int m_err_code = 0;
+    IO_STATUS m_status = IO_UNINIT;  ///< State.
+    int m_err_code = 0;              ///< Error number of the last failure.
 
 private:
     int EnterError();
@@ -123,6 +138,7 @@ class IFileIOBase : public IBaseIO {
 public:
     ~IFileIOBase() override;
 
+    /// Opens the stream; block size and count are for outputs that use them.
     virtual mp4_status_t Init(const wchar_t* pFilePath, uint32_t nBlockSize,
                               uint32_t nBufferBlocks) = 0;
 
@@ -132,6 +148,7 @@ public:
     void Flush() override;
     bool IsInBuffer(int64_t, int) override { return true; }
 
+    /// Collects what is written from now on.
     void BeginGather() { m_gathering = true; }
     /// Writes what was gathered; fails as a Write fails.
     void EndGather();
@@ -142,7 +159,7 @@ protected:
     void Read(void* pbBuf, uint32_t cbBuf) override;
     void Write(const void* pbBuf, uint32_t cbBuf) override;
 
-    int m_hFile = -1;
+    int m_hFile = -1;  ///< Descriptor; -1 when closed.
 
 private:
     /// Pieces up to this size are copied, so that neighbours become one piece.
@@ -215,8 +232,11 @@ public:
     /// Makes room for `cbBuf` bytes from the position on: to the KiB when `precise`, else doubled.
     virtual void EnsureSize(uint32_t cbBuf, bool precise);
 
+    /// Valid bytes.
     uint64_t GetSize() const { return m_nEnd; }
+    /// Bytes that fit without growing.
     uint64_t GetCapabilitySize() const { return m_cbBuffer; }
+    /// The storage; null before the first write. Valid until the buffer grows.
     uint8_t* GetBuffer() { return m_pbBuffer; }
     /// Replaces the sink.
     void SetSink(IBaseIO* pSinkWriter) { m_pSinkWriter = pSinkWriter; }
@@ -224,6 +244,7 @@ public:
 protected:
     void Read(void* pbBuf, uint32_t cbBuf) override;
     void Write(const void* pbBuf, uint32_t cbBuf) override { Append(pbBuf, cbBuf); }
+    /// Moves the end behind the position.
     void UpdateEnd() {
         if (m_nOffset > m_nEnd) m_nEnd = m_nOffset;
     }
@@ -249,6 +270,7 @@ private:
 /// A writer that is opened by a path.
 class IFileIO : public IBaseIO {
 public:
+    /// Opens the stream; block size and count are for outputs that use them.
     virtual mp4_status_t Init(const wchar_t* pFilePath, uint32_t nBlockSize,
                               uint32_t nBufferBlocks) = 0;
 };
@@ -256,6 +278,7 @@ public:
 /// The contract over the caller's callbacks. The record is borrowed until Uninit.
 class ExternalWriter : public IFileIO {
 public:
+    /// Borrows the callbacks until Uninit.
     explicit ExternalWriter(mp4_file_io_func_t* pFunc) : m_pFunc(pFunc) {}
 
     /// @return #MP4_STATUS_INVALID_PARAMETER without callbacks, #MP4_STATUS_EXTERNAL_FUNC_FAILED

@@ -10,16 +10,21 @@
 /// time; without one, four zero bytes.
 class FourCC {
 public:
+    /// Four zero bytes.
     constexpr FourCC() = default;
-    // Implicit on purpose: a literal of four characters is a code.
+    /// The characters of a literal. Implicit on purpose: such a literal is a code.
     constexpr FourCC(const char (&text)[5]) : m_bytes{text[0], text[1], text[2], text[3]} {}
 
+    /// The four bytes, not terminated.
     const char* data() const { return m_bytes; }
+    /// A byte, by its place from 0.
     constexpr char operator[](int index) const { return m_bytes[index]; }
 
+    /// Whether all four bytes are the same.
     friend constexpr bool operator==(FourCC a, FourCC b) {
         return a[0] == b[0] && a[1] == b[1] && a[2] == b[2] && a[3] == b[3];
     }
+    /// Whether any byte differs.
     friend constexpr bool operator!=(FourCC a, FourCC b) { return !(a == b); }
 
 private:

@@ -37,41 +37,41 @@ enum : uint8_t {
 
 /// Body of #MIFPT_VIDEO_FORMAT up to the codec data; order and widths are those on disk.
 struct MP4_INFO_VIDEO_TRACK_HEAD {
-    uint32_t nTimeScale;
-    uint64_t nFrameDuration;
-    uint8_t codec;
-    uint16_t nWidth;
-    uint16_t nHeight;
+    uint32_t nTimeScale;      ///< Ticks per second.
+    uint64_t nFrameDuration;  ///< Ticks; 0 when not known.
+    uint8_t codec;            ///< mp4_video_codec.
+    uint16_t nWidth;          ///< Pixels.
+    uint16_t nHeight;         ///< Pixels.
 };
 
 /// Body of #MIFPT_AUDIO_FORMAT.
 struct MP4_INFO_AUDIO_TRACK_HEAD {
-    uint32_t nTimeScale;
-    uint64_t nFrameDuration;
-    uint8_t codec;
-    uint16_t nSamplerate;
-    uint16_t nChannels;
-    uint8_t nProfile;
+    uint32_t nTimeScale;      ///< Ticks per second.
+    uint64_t nFrameDuration;  ///< Ticks; 0 when not known.
+    uint8_t codec;            ///< mp4_audio_codec.
+    uint16_t nSamplerate;     ///< Hz, low 16 bits.
+    uint16_t nChannels;       ///< Channel configuration.
+    uint8_t nProfile;         ///< MPEG-4 audio object type.
 };
 
 /// Body of #MIFPT_VIDEO_FRAME.
 struct MP4_INFO_VIDEO_FRAME_INFO {
-    int64_t nPts;
-    int64_t nDts;
-    int8_t bKeyFrame;
-    uint32_t cbData;
+    int64_t nPts;      ///< Ticks.
+    int64_t nDts;      ///< Ticks.
+    int8_t bKeyFrame;  ///< 1 for a sync sample, else 0.
+    uint32_t cbData;   ///< Bytes in the media data.
 };
 
 /// Body of #MIFPT_AUDIO_FRAME.
 struct MP4_INFO_AUDIO_FRAME_INFO {
-    int64_t nTimeStamp;
-    uint32_t cbData;
+    int64_t nTimeStamp;  ///< Ticks.
+    uint32_t cbData;     ///< Bytes in the media data.
 };
 
 /// Body of #MIFPT_SUBTITLE_FRAME.
 struct MP4_INFO_SUBTITLE_FRAME_INFO {
-    int64_t nTimeStamp;
-    uint32_t cbData;
+    int64_t nTimeStamp;  ///< Ticks.
+    uint32_t cbData;     ///< Bytes in the media data.
 };
 
 #pragma pack(pop)
@@ -94,24 +94,34 @@ public:
     mp4_status_t Flush();
     /// Closes the file; it stays on disk.
     void Close();
+    /// Whether there is a file that has not failed.
     bool IsOpen() const { return m_writer.IsValid(); }
     /// Sets how many video frame records lie between two flushes; refuses less than 10.
     bool setFlushInterval(uint32_t interval);
 
+    /// Writes the head of the file: the creation flags, then the media data box's position.
     mp4_status_t WriteFlag(uint8_t byFlag);
+    /// Writes the position of the media data box, low 32 bits.
     mp4_status_t WriteMdatOffset(uint32_t nPos);
     /// `key_namespace` may be null. A `size` of 0 of an item that is not a string is recorded as 4.
     mp4_status_t WriteMetadata(const char* pKey, const char* pData, uint32_t size,
                                mp4_meta_data_type_t type, const char* key_namespace);
+    /// Records a track's description, as it was given or found in the stream.
     mp4_status_t WriteVideoFormat(const mp4_video_track_info_t* pTrackInfo);
+    /// The same for audio.
     mp4_status_t WriteAudioFormat(const mp4_audio_track_info_t* pTrackInfo);
+    /// The same for captions; a timescale of 0 is recorded as 1000.
     mp4_status_t WriteSubtitleFormat(const mp4_subtitle_track_info_t* pTrackInfo);
+    /// The same for timecode.
     mp4_status_t WriteTimeCodeFormat(const mp4_time_code_track_info_t* pTrackInfo);
     /// Writes the record and, every flush interval, pushes the file to the storage device; the
     /// outcome of that push is not reported.
     mp4_status_t WriteVideoFrame(int cbFrame, int64_t nPts, int64_t nDts, bool bSync);
+    /// Records a sample: its bytes in the media data and its time in ticks.
     mp4_status_t WriteAudioFrame(int cbFrame, int64_t nTimeStamp);
+    /// The same for a caption sample.
     mp4_status_t WriteSubtitleFrame(int cbFrame, int64_t nTimeStamp);
+    /// Records a timecode counter, which takes 4 bytes of the media data.
     mp4_status_t WriteTimeCode(int nTimeCode);
 
 private:

@@ -35,6 +35,7 @@ class CMp4MoovAtom;
 /// failure, from every later call; #MP4_STATUS_UNEXPECTED_ERROR.
 class KX_MP4_EXPORT CMp4Muxer {
 public:
+    /// Without a file.
     CMp4Muxer();
     /// Does NOT finish the file: call Close first, or the output has no index.
     ~CMp4Muxer();
@@ -118,7 +119,10 @@ public:
     /// A well-known key ("title", "artist", ... or its four-byte tag) is stored as text in the
     /// iTunes form, set again it replaces its value. Any other key is stored in the QuickTime form
     /// with its type.
+    /// @param pKey   A C string; the name, or the tag of a well-known item.
     /// @param pData  For #MP4_META_DATA_TYPE_STRING a C string, else `size` bytes.
+    /// @param size   Bytes of `pData`; not used for strings.
+    /// @param type   How `pData` is read, and how a reader is to understand the item.
     /// @param key_namespace  Four bytes, padded with zeros; null means "mdta".
     /// @return #MP4_STATUS_INVALID_PARAMETER for a null key or value, raw data or an integer of
     ///         size 0, an integer shorter than 4 bytes. An item of an unknown type is taken, but
@@ -128,6 +132,8 @@ public:
 
     /// Appends one video frame: an Annex-B access unit of H.264 or HEVC, or one ProRes frame.
     ///
+    /// @param buf   The frame, read during the call.
+    /// @param size  Bytes.
     /// @param pts  Presentation time in the track's ticks; see SetCompositionOffsets.
     /// @param dts  Decode time in the track's ticks.
     /// @return #MP4_STATUS_SUCCESS also for an empty frame (logged) and for a frame dropped while
@@ -140,6 +146,8 @@ public:
     mp4_status_t WriteVideoFrame(const uint8_t* buf, uint32_t size, uint64_t pts, uint64_t dts);
     /// Appends one AAC frame. A 7-byte ADTS header in front of it is recognised and stripped.
     ///
+    /// @param buf   The frame, read during the call.
+    /// @param size  Bytes.
     /// @param timestamp  In the audio track's ticks.
     /// @return #MP4_STATUS_SUCCESS also for an empty frame (logged);
     ///         #MP4_STATUS_INVALID_ADTS_STREAM when the configuration is to come from the stream
@@ -149,6 +157,8 @@ public:
     /// Appends one caption packet: 61 02 n and byte triplets for CEA-608, 61 01 n and n bytes of a
     /// caption distribution packet for CEA-708.
     ///
+    /// @param buf   The packet, read during the call.
+    /// @param size  Bytes.
     /// @param timestamp  In the caption track's ticks.
     /// @return #MP4_STATUS_SUCCESS also for an empty or malformed packet (logged);
     ///         #MP4_STATUS_INVALID_SUBTITLE_TYPE without a known codec; and as for WriteVideoFrame.

@@ -13,6 +13,7 @@ typedef struct _VIDEO_SLICE {
     const uint8_t* pbData;  ///< The NAL header; borrowed.
 } VIDEO_SLICE;
 
+/// NAL units in the order of the stream.
 typedef std::vector<VIDEO_SLICE> VIDEO_SLICE_ARRAY;
 
 /// The NAL units of the access unit that was parsed last. They are valid as long as the caller's

@@ -11,6 +11,7 @@
 /// A failed system call or callback: the error number as it stood at the failure.
 class kx_mp4_exception : public std::exception {
 public:
+    /// Keeps the error number, or 1000 for none.
     explicit kx_mp4_exception(int code) : m_code(code) {}
 
     /// The error number, or a pseudo-code.

@@ -42,40 +42,40 @@ typedef void* kx_mp4_handle;
 
 /// Video codec of a track.
 enum mp4_video_codec {
-    MP4_MVC_UNKNOWN = -1,
-    MP4_MVC_H264 = 0,
-    MP4_MVC_HEVC = 1,
-    MP4_MVC_PRORES = 2,
+    MP4_MVC_UNKNOWN = -1,  ///< None; refused.
+    MP4_MVC_H264 = 0,      ///< ITU-T H.264, Annex-B access units.
+    MP4_MVC_HEVC = 1,      ///< ITU-T H.265, Annex-B access units.
+    MP4_MVC_PRORES = 2,    ///< ProRes frames.
 };
 
 /// ProRes flavour; chooses the sample entry's four-character code.
 enum mp4_prores_format {
-    MP4_PRORES_422_proxy = 0,
-    MP4_PRORES_422_LT = 1,
-    MP4_PRORES_422 = 2,
-    MP4_PRORES_422_HQ = 3,
-    MP4_PRORES_4444 = 4,
-    MP4_PRORES_4444_XQ = 5,
+    MP4_PRORES_422_proxy = 0,  ///< apco
+    MP4_PRORES_422_LT = 1,     ///< apcs
+    MP4_PRORES_422 = 2,        ///< apcn
+    MP4_PRORES_422_HQ = 3,     ///< apch
+    MP4_PRORES_4444 = 4,       ///< ap4h
+    MP4_PRORES_4444_XQ = 5,    ///< ap4x
 };
 
 /// Scan mode. No operation reads it: files are always marked progressive.
 enum mp4_video_scan_mode {
-    MP4_SCAN_MODE_PROGRESSIVE = 1,
-    MP4_SCAN_MODE_INTERLACED = 2,
+    MP4_SCAN_MODE_PROGRESSIVE = 1,  ///< Whole frames.
+    MP4_SCAN_MODE_INTERLACED = 2,   ///< Two fields.
 };
 
 /// Audio codec of a track.
 enum mp4_audio_codec {
-    MP4_MAC_UNKNOWN = 0,
-    MP4_MAC_AAC = 1,   ///< Raw AAC frames; the description carries the configuration.
-    MP4_MAC_ADTS = 2,  ///< AAC frames each behind a 7-byte ADTS header.
+    MP4_MAC_UNKNOWN = 0,  ///< None; refused.
+    MP4_MAC_AAC = 1,      ///< Raw AAC frames; the description carries the configuration.
+    MP4_MAC_ADTS = 2,     ///< AAC frames each behind a 7-byte ADTS header.
 };
 
 /// Closed-caption codec of a track.
 enum mp4_subtitle_codec {
-    MP4_SUBTITLE_CODEC_UNKNOWN = 0,
-    MP4_SUBTITLE_CODEC_CC608 = 1,  ///< CEA-608 byte pairs.
-    MP4_SUBTITLE_CODEC_CC708 = 2,  ///< CEA-708 caption distribution packets.
+    MP4_SUBTITLE_CODEC_UNKNOWN = 0,  ///< None; packets are refused.
+    MP4_SUBTITLE_CODEC_CC608 = 1,    ///< CEA-608 byte pairs.
+    MP4_SUBTITLE_CODEC_CC708 = 2,    ///< CEA-708 caption distribution packets.
 };
 
 /// How the bytes of a metadata item are read.

@@ -40,9 +40,9 @@ enum class RepairStep {
 
 /// Told now and then during a repair. Units are bytes of the step.
 struct RepairProgress {
-    RepairStep step;
-    uint64_t done;
-    uint64_t total;
+    RepairStep step;  ///< The step that is under way.
+    uint64_t done;    ///< Bytes of it that are done.
+    uint64_t total;   ///< Bytes of it in all.
 };
 
 /// How to repair. All strings are paths in the file system's own bytes.
@@ -71,11 +71,11 @@ struct RepairOptions {
 
 /// Order of RepairReport::tracks.
 enum RepairTrack : size_t {
-    kRepairVideo = 0,
-    kRepairAudio = 1,
-    kRepairCaption = 2,
-    kRepairTimecode = 3,
-    kRepairTrackKinds = 4,
+    kRepairVideo = 0,       ///< H.264, HEVC or ProRes.
+    kRepairAudio = 1,       ///< AAC.
+    kRepairCaption = 2,     ///< CEA-608 or CEA-708.
+    kRepairTimecode = 3,    ///< Counters.
+    kRepairTrackKinds = 4,  ///< Count, not a kind.
 };
 
 /// Counts of one kind of track.
@@ -96,14 +96,14 @@ struct RepairTrackReport {
 
 /// What was found and done.
 struct RepairReport {
-    RepairOutcome outcome = RepairOutcome::kFailed;
+    RepairOutcome outcome = RepairOutcome::kFailed;  ///< What became of the recording.
     /// Why the outcome is not kWhole, in one sentence; empty otherwise.
     std::string reason;
-    std::string recording_path;
-    std::string info_path;
-    std::string output_path;  ///< The repaired file; empty when none was written.
-    bool quicktime = false;   ///< By the recording's own `ftyp`.
-    uint64_t records = 0;     ///< Records of the repair info file that were kept.
+    std::string recording_path;  ///< As it was given.
+    std::string info_path;       ///< The repair info file that was read.
+    std::string output_path;     ///< The repaired file; empty when none was written.
+    bool quicktime = false;      ///< By the recording's own `ftyp`.
+    uint64_t records = 0;        ///< Records of the repair info file that were kept.
     std::array<RepairTrackReport, kRepairTrackKinds> tracks{};  ///< By RepairTrack.
     uint64_t media_bytes_kept = 0;                              ///< Bytes of all kept samples.
     /// Bytes of media data behind the last kept sample: of dropped frames, of a frame that was cut

@@ -1,0 +1,65 @@
+#!/usr/bin/env bash
+# Builds the reference of the public interface with Doxygen and fails on a warning, such as an
+# undocumented public entity or a link that leads nowhere. Installs Doxygen where it is missing.
+# Usage: scripts/docs.sh [OUTPUT DIRECTORY]      (default: build-doxygen)
+set -euo pipefail
+
+root=$(cd "$(dirname "$0")/.." && pwd)
+output=${1:-$root/build-doxygen}
+
+if ! command -v doxygen >/dev/null; then
+    as_root=()
+    [[ $(id -u) == 0 ]] || as_root=(sudo)
+    "${as_root[@]}" apt-get update
+    "${as_root[@]}" apt-get install -y --no-install-recommends doxygen
+fi
+
+version=$(sed -n 's/^project(kx_mp4 VERSION \([0-9.]*\).*/\1/p' "$root/CMakeLists.txt")
+# The headers that the installation puts beside those of inc/kx_mp4.
+headers=$(sed -n '/^set(KX_MP4_PUBLIC_HEADERS/,/)/s|^ *\(src/[A-Za-z0-9_]*\.h\).*|'"$root"'/\1|p' \
+    "$root/cmake/kx_mp4_install.cmake" | tr '\n' ' ')
+mkdir -p "$output"
+sed -e "s|@VERSION@|$version|" -e "s|@OUTPUT@|$output|" -e "s|@ROOT@|$root|g" \
+    -e "s|@HEADERS@|$headers|" "$root/docs/Doxyfile.in" >"$output/Doxyfile"
+
+if ! doxygen "$output/Doxyfile"; then
+    cat "$output/warnings.txt" >&2
+    exit 1
+fi
+
+# Entities that a reader of the reference sees, and those of them that say something. What the
+# language makes by itself (destructors, deleted and defaulted members) is none.
+python3 - "$output/xml" <<'COUNT'
+import glob
+import re
+import sys
+import xml.etree.ElementTree as xml
+
+
+def is_public(item):
+    if item.tag == "enumvalue":
+        return True
+    if item.get("prot", "public") != "public":
+        return False
+    if item.tag == "compounddef":
+        return item.get("kind") in ("class", "struct", "union")
+    name = item.findtext("name") or ""
+    made = re.search(r"=\s*(default|delete)$", item.findtext("argsstring") or "")
+    return item.tag == "memberdef" and not made and not re.match("[~@]", name)
+
+
+def says_something(item):
+    texts = [item.find(tag) for tag in ("briefdescription", "detaileddescription")]
+    return any("".join(text.itertext()).strip() for text in texts if text is not None)
+
+
+entities = [item for name in glob.glob(sys.argv[1] + "/*.xml")
+            for item in xml.parse(name).getroot().iter() if is_public(item)]
+for item in entities:
+    if not says_something(item):
+        print("undocumented:", item.findtext("name") or item.findtext("compoundname"))
+documented = sum(map(says_something, entities))
+print(f"{documented} of {len(entities)} public entities are documented: "
+      f"{sys.argv[1][:-4]}/html/index.html")
+sys.exit(documented != len(entities))
+COUNT

@@ -1,0 +1,180 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "MapDrawing.h"
+#include "MovieMap.h"
+#include "Mp4Muxer.h"
+
+namespace kxmap {
+namespace {
+
+using testing::AllOf;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::Lt;
+
+/// A file of the test's own, removed at its end.
+class MovieMapTest : public testing::Test {
+protected:
+    void TearDown() override { std::remove(m_path.c_str()); }
+
+    /// Frames of ProRes, 25 a second, with a caption packet in front of every one.
+    void Record(uint32_t frames, uint32_t frameBytes) {
+        CMp4Muxer muxer;
+        mp4_config_t config{};
+        const std::wstring path(m_path.begin(), m_path.end());
+        ASSERT_EQ(muxer.Create(path.c_str(), &config), MP4_STATUS_SUCCESS);
+        mp4_video_track_info_t video{};
+        video.timescale = 25;
+        video.frame_duration = 1;
+        video.codec = MP4_MVC_PRORES;
+        video.width = video.height = 64;
+        video.prores.format = MP4_PRORES_422;
+        ASSERT_EQ(muxer.SetVideoTrack(&video), MP4_STATUS_SUCCESS);
+        mp4_subtitle_track_info_t captions{MP4_SUBTITLE_CODEC_CC608, 25};
+        ASSERT_EQ(muxer.SetSubtitleTrack(&captions), MP4_STATUS_SUCCESS);
+        const std::string frame(frameBytes, 'x');
+        const uint8_t packet[] = {0x61, 0x02, 1, 0xFC, 0x94, 0x20};
+        for (uint32_t i = 0; i < frames; ++i) {
+            ASSERT_EQ(muxer.WriteSubtitleFrame(packet, sizeof packet, i), MP4_STATUS_SUCCESS);
+            ASSERT_EQ(muxer.WriteVideoFrame(reinterpret_cast<const uint8_t*>(frame.data()),
+                                            frameBytes, i, i),
+                      MP4_STATUS_SUCCESS);
+        }
+        ASSERT_EQ(muxer.Close(), MP4_STATUS_SUCCESS);
+    }
+
+    std::string Bytes() const {
+        std::ifstream file(m_path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+    void Replace(const std::string& bytes) const {
+        std::ofstream(m_path, std::ios::binary | std::ios::trunc) << bytes;
+    }
+
+    /// Whatever the file holds, the boxes cover it and the picture is an SVG document.
+    MovieMap ReadAndDraw() const {
+        MovieMap map = ReadMovieMap(m_path);
+        uint64_t position = 0;
+        for (const Box& box : map.boxes) {
+            EXPECT_EQ(box.position, position);
+            position += box.size;
+        }
+        EXPECT_EQ(position, map.fileSize);
+        const std::string svg = DrawMovieMap(map);
+        EXPECT_EQ(svg.rfind("<svg ", 0), 0u);
+        EXPECT_EQ(svg.find("</svg>"), svg.size() - 7);
+        return map;
+    }
+
+    const std::string m_path = testing::TempDir() +
+                               "layout_" +  // not "mov": that would give a QuickTime movie
+                               std::to_string(getpid()) + ".mp4";
+};
+
+TEST_F(MovieMapTest, FindsEveryChunkAndSyncSample) {
+    Record(50, 1000);
+    const MovieMap map = ReadAndDraw();
+    EXPECT_TRUE(map.remarks.empty());
+    EXPECT_EQ(map.brand, "isom");
+    ASSERT_EQ(map.boxes.size(), 4u);
+    EXPECT_EQ(map.boxes[3].type, "moov");
+
+    ASSERT_EQ(map.tracks.size(), 2u);
+    const Track& video = map.tracks[0];
+    EXPECT_EQ(video.entry, "apcn");
+    EXPECT_EQ(video.samples, 50u);
+    EXPECT_EQ(video.bytes, 50000u);
+    EXPECT_EQ(video.syncSamples, 50u);
+    EXPECT_DOUBLE_EQ(video.seconds, 2.0);
+    ASSERT_EQ(video.extents.size(), 50u);
+    constexpr uint64_t kCaptionSample = 10;
+    const uint64_t mediaBegin = map.boxes[2].position + 8;
+    for (uint64_t i = 0; i < 50; ++i) {
+        const Extent& chunk = video.extents[i];
+        EXPECT_EQ(chunk.position, mediaBegin + i * 1000 + (i + 1) * kCaptionSample);
+        EXPECT_EQ(chunk.end, chunk.position + 1000);
+        EXPECT_DOUBLE_EQ(chunk.start, static_cast<double>(i) / 25);
+        EXPECT_EQ(video.syncs[i].position, chunk.position);
+    }
+}
+
+TEST_F(MovieMapTest, ManySamplesMakeNoLargerPicture) {
+    Record(20000, 16);
+    const MovieMap map = ReadAndDraw();
+    ASSERT_EQ(map.tracks.size(), 2u);
+    const Track& video = map.tracks[0];
+    EXPECT_EQ(video.chunks, 20000u);
+    EXPECT_LE(video.extents.size(), kMaxMarks);
+    EXPECT_GT(video.extents.size(), kMaxMarks / 4);
+    EXPECT_DOUBLE_EQ(video.extents.back().stop, 800.0);
+    EXPECT_EQ(video.extents.back().end, map.boxes[2].position + map.boxes[2].size);
+    EXPECT_THAT(DrawMovieMap(map).size(), Lt(200000u));
+}
+
+TEST_F(MovieMapTest, ReadsWhatIsLeftOfACutFile) {
+    Record(8, 50);
+    const std::string whole = Bytes();
+    for (size_t size = 0; size < whole.size(); size += 7) {
+        Replace(whole.substr(0, size));
+        EXPECT_TRUE(ReadAndDraw().tracks.empty()) << size;
+    }
+}
+
+TEST_F(MovieMapTest, TellsAnUnfinishedRecording) {
+    Record(8, 50);
+    std::string bytes = Bytes();
+    bytes.resize(bytes.find("moov") - 4);
+    const size_t mdat = bytes.find("mdat") - 4;
+    bytes.replace(mdat, 4, std::string("\0\0\0\x08", 4));
+    // Samples begin with a NAL unit's length, not with what could be a box.
+    bytes.replace(mdat + 8, 8, std::string("\0\0\0\x20\x65\x88\x80\x40", 8));
+    Replace(bytes);
+    const MovieMap map = ReadAndDraw();
+    EXPECT_EQ(map.boxes.back().type, "mdat");
+    EXPECT_THAT(map.remarks, Contains(HasSubstr("not finished")));
+}
+
+TEST_F(MovieMapTest, BelievesNoCountPastItsBox) {
+    Record(8, 50);
+    const std::string whole = Bytes();
+    const size_t index = whole.find("moov");
+    const std::string hostile[] = {std::string(4, '\xFF'), std::string(4, '\0'),
+                                   std::string("\x7F\xFF\xFF\xFF")};
+    for (size_t at = index; at + 4 <= whole.size(); at += 4) {
+        for (const std::string& value : hostile) {
+            std::string bytes = whole;
+            bytes.replace(at, 4, value);
+            Replace(bytes);
+            for (const Track& track : ReadAndDraw().tracks)
+                EXPECT_LE(track.extents.size(), 8u) << at;
+        }
+    }
+}
+
+TEST_F(MovieMapTest, RefusesWhatIsNoFile) {
+    EXPECT_THROW(ReadMovieMap(m_path + ".missing"), MapError);
+    EXPECT_THROW(ReadMovieMap("/dev/zero"), MapError);
+}
+
+TEST(MapDrawingTest, EscapesNames) {
+    MovieMap map;
+    map.name = "a<b>&\"\xFF\xC3\xA9.mp4";
+    map.boxes.push_back({"<&>'", 0, 0, {}});
+    EXPECT_THAT(DrawMovieMap(map), AllOf(HasSubstr("a&lt;b&gt;&amp;&quot;?\xC3\xA9.mp4"),
+                                         HasSubstr("&lt;&amp;&gt;'")));
+    EXPECT_EQ(SizeText(999), "999 B");
+    EXPECT_EQ(SizeText(1250), "1.25 kB");
+    EXPECT_EQ(SizeText(UINT64_MAX), "18446744.07 TB");
+}
+
+}  // namespace
+}  // namespace kxmap
