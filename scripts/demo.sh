@@ -45,7 +45,8 @@ build() {
 record() {  # name of the output, its video
     "$root/build-release/tools/kxmux" -o "$out/$1" --fps 25 \
         --video "$root/samples/$2" --audio "$root/samples/audio.aac" \
-        --timecode 01:00:00:00 --meta "title=Sample of $2"
+        --captions "$root/samples/captions.scc" --timecode 01:00:00:00 \
+        --meta "title=Sample of $2"
     echo "ffprobe sees:"
     ffprobe -v error -of compact=nokey=0:print_section=1 -show_entries \
         format=format_name,duration,size:stream=index,codec_name,width,height,sample_rate,nb_frames,duration:format_tags=title:stream_tags=timecode \
