@@ -49,9 +49,9 @@ bool InfoReader::Bytes(void* out, size_t size) {
     while (size != 0) {
         const uint64_t offset = m_position - m_windowStart;
         if (offset >= m_window.size()) {
-            m_window.resize(kWindowBytes);
+            m_window.resize(static_cast<size_t>(std::min<uint64_t>(kWindowBytes, Left())));
             m_windowStart = m_position;
-            m_window.resize(m_file.ReadAt(m_position, m_window.data(), kWindowBytes));
+            m_window.resize(m_file.ReadAt(m_position, m_window.data(), m_window.size()));
             if (m_window.empty()) return false;
             continue;
         }
