@@ -78,11 +78,11 @@ std::vector<Workload::Shape> WorkloadShapes(bool quick) {
     return {
         {"4k", "4K pictures of 1.5 to 8 MB", 30, 150 / shrink, 24, 1500000, 8000000, 1, 24, 1,
          false},
-        {"1080p", "1080p30 at 8 Mbit/s with AAC", 30, 18000 / shrink, 300, 21000, 41500, 1, 60, 5,
+        {"1080p", "1080p30 at 8 Mbit/s with AAC", 30, 18000 / shrink, 60, 21000, 41500, 1, 60, 5,
          true},
         {"small", "200-byte pictures at 60 fps with AAC, 10 hours", 60, 2160000 / shrink, 1024, 150,
          250, 1, 64, 1, true},
-        {"slices", "1080p30 at 8 Mbit/s in 32 slices with AAC", 30, 18000 / shrink, 300, 21000,
+        {"slices", "1080p30 at 8 Mbit/s in 32 slices with AAC", 30, 18000 / shrink, 60, 21000,
          41500, 32, 60, 5, true},
     };
 }
