@@ -13,10 +13,9 @@ foreach(component LIBRARY DEVELOPMENT TOOLS)
         continue()
     endif()
     set(documents ${root}/doc/${CPACK_KX_MP4_PACKAGE_${component}})
-    set(packaging ${CPACK_KX_MP4_SOURCE_DIR}/packaging/debian)
-    file(COPY ${packaging}/copyright DESTINATION ${documents}
-         FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
-    file(COPY ${packaging}/changelog.Debian ${CPACK_KX_MP4_SOURCE_DIR}/CHANGELOG.md
+    file(COPY ${CPACK_KX_MP4_SOURCE_DIR}/packaging/debian/copyright
+              ${CPACK_KX_MP4_SOURCE_DIR}/CHANGELOG.md
+              ${CPACK_KX_MP4_DEBIAN_DIR}/changelog.Debian
          DESTINATION ${documents} FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
     file(RENAME ${documents}/CHANGELOG.md ${documents}/changelog)
     kx_mp4_compress(${documents}/changelog ${documents}/changelog.Debian)

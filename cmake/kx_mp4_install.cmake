@@ -50,9 +50,11 @@ install(FILES ${PROJECT_BINARY_DIR}/kx_mp4-config.cmake
               ${PROJECT_BINARY_DIR}/kx_mp4-config-version.cmake
         DESTINATION ${KX_MP4_INSTALL_CMAKEDIR} COMPONENT development)
 
-# The pkg-config files find the tree from where they are, so that it can be moved.
+# The pkg-config files find the tree from where they are, so that it can be moved;
+# in the system's own prefix they name the plain paths, which pkg-config then leaves out.
 set(KX_MP4_PC_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
-if(IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR} OR IS_ABSOLUTE ${CMAKE_INSTALL_INCLUDEDIR})
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr" OR IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR}
+   OR IS_ABSOLUTE ${CMAKE_INSTALL_INCLUDEDIR})
     set(KX_MP4_PC_PREFIX ${CMAKE_INSTALL_PREFIX})
     set(KX_MP4_PC_LIBDIR ${CMAKE_INSTALL_FULL_LIBDIR})
     set(KX_MP4_PC_INCLUDEDIR ${CMAKE_INSTALL_FULL_INCLUDEDIR})
