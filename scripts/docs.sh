@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the reference of the public interface with Doxygen and fails on a warning, such as an
-# undocumented public entity or a link that leads nowhere. Installs Doxygen where it is missing.
+# undocumented public entity, and on a link in the documents that leads nowhere. Installs Doxygen
+# where it is missing.
 # Usage: scripts/docs.sh [OUTPUT DIRECTORY]      (default: build-doxygen)
 set -euo pipefail
 
@@ -63,3 +64,34 @@ print(f"{documented} of {len(entities)} public entities are documented: "
       f"{sys.argv[1][:-4]}/html/index.html")
 sys.exit(documented != len(entities))
 COUNT
+
+# Links of the documents: to files, and to headings by the names that browsers of Markdown give them.
+cd "$root"
+python3 - README.md CONTRIBUTING.md docs/*.md <<'LINKS'
+import os
+import re
+import sys
+
+
+def headings(path):
+    text = re.sub(r"^```.*?^```", "", open(path).read(), flags=re.M | re.S)
+    for title in re.findall(r"^#+ (.*)$", text, flags=re.M):
+        yield re.sub(r"[^\w\- ]", "", title.lower()).replace(" ", "-")
+
+
+broken = 0
+for path in sys.argv[1:]:
+    for link in re.findall(r"\]\(([^)\s]+)\)", open(path).read()):
+        if re.match("[a-z]+:", link):
+            continue
+        target, _, heading = link.partition("#")
+        target = os.path.normpath(os.path.join(os.path.dirname(path), target)) if target else path
+        if not os.path.exists(target):
+            print(f"{path}: {link}: no such file")
+        elif heading and heading not in headings(target):
+            print(f"{path}: {link}: no such heading")
+        else:
+            continue
+        broken += 1
+sys.exit(broken != 0)
+LINKS

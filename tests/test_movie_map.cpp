@@ -135,12 +135,16 @@ TEST_F(MovieMapTest, TellsAnUnfinishedRecording) {
     bytes.resize(bytes.find("moov") - 4);
     const size_t mdat = bytes.find("mdat") - 4;
     bytes.replace(mdat, 4, std::string("\0\0\0\x08", 4));
-    // Samples begin with a NAL unit's length, not with what could be a box.
-    bytes.replace(mdat + 8, 8, std::string("\0\0\0\x20\x65\x88\x80\x40", 8));
-    Replace(bytes);
-    const MovieMap map = ReadAndDraw();
-    EXPECT_EQ(map.boxes.back().type, "mdat");
-    EXPECT_THAT(map.remarks, Contains(HasSubstr("not finished")));
+    // What a sample begins with: a NAL unit's length, and a ProRes frame, which looks like a box.
+    for (const std::string& sample :
+         {std::string("\0\0\0\x20\x65\x88\x80\x40", 8), std::string("\0\0\0\x32icpf", 8)}) {
+        bytes.replace(mdat + 8, 8, sample);
+        Replace(bytes);
+        const MovieMap map = ReadAndDraw();
+        EXPECT_EQ(map.boxes.size(), 3u);
+        EXPECT_EQ(map.boxes.back().type, "mdat");
+        EXPECT_THAT(map.remarks, Contains(HasSubstr("not finished")));
+    }
 }
 
 TEST_F(MovieMapTest, BelievesNoCountPastItsBox) {

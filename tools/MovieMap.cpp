@@ -281,13 +281,18 @@ std::optional<Box> MapReader::ReadBoxHeader(uint64_t position, uint64_t end) con
 }
 
 /// Media data of a recording that has not been finished: a header that claims no content, and
-/// content behind it.
+/// behind it something else than a box of the top level (a ProRes frame looks like a box).
 bool MapReader::IsOpenMediaData(const Box& box) const {
+    static constexpr const char* kTopLevel[] = {"moov", "free", "skip", "wide", "mdat",
+                                                "meta", "udta", "uuid", "moof", "mfra"};
     if (box.type != "mdat" || box.size > kLargeHeader) return false;
     uint8_t next[kHeader] = {};
     const uint64_t end = box.position + box.size;
     if (end == m_file.Size()) return false;
-    return !m_file.Read(end, next, sizeof next) || !PlausibleType(next + 4);
+    if (!m_file.Read(end, next, sizeof next)) return true;
+    const std::string type = TypeText(next + 4);
+    return std::none_of(std::begin(kTopLevel), std::end(kTopLevel),
+                        [&type](const char* known) { return type == known; });
 }
 
 bool MapReader::ReadTopBox(uint64_t position) {
