@@ -139,6 +139,13 @@ uint64_t LengthPrefixedSize(const CVideoFrameParser& frame) {
     return size;
 }
 
+/// Whether an HEVC unit has nuh_layer_id 0 (ITU-T H.265, 7.3.1.2). The sets of other layers describe
+/// what a single-layer track cannot hold.
+bool IsBaseLayer(const VIDEO_SLICE& unit) {
+    constexpr int kHeaderSize = 2;
+    return unit.cbData >= kHeaderSize && (unit.pbData[0] & 0x01) == 0 && unit.pbData[1] >> 3 == 0;
+}
+
 bool HasAdtsHeader(const uint8_t* buf, uint32_t size) {
     return size > kAdtsHeaderSize && buf[0] == 0xFF && (buf[1] & 0xF0) == 0xF0;
 }
@@ -851,7 +858,7 @@ void CMp4Muxer::TakeParameterSet(const VIDEO_SLICE& unit) {
         mp4_h264_parameter_set_t& sets = m_videoTrack.h264;
         if (type == kH264Sps) take(&m_sps, &sets.sps, &sets.sps_size);
         if (type == kH264Pps) take(&m_pps, &sets.pps, &sets.pps_size);
-    } else {
+    } else if (IsBaseLayer(unit)) {
         mp4_hevc_parameter_set_t& sets = m_videoTrack.hevc;
         if (type == NAL_VPS) take(&m_vps, &sets.vps, &sets.vps_size);
         if (type == NAL_SPS) take(&m_sps, &sets.sps, &sets.sps_size);
