@@ -8,12 +8,7 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 output=${1:-$root/build-doxygen}
 
-if ! command -v doxygen >/dev/null; then
-    as_root=()
-    [[ $(id -u) == 0 ]] || as_root=(sudo)
-    "${as_root[@]}" apt-get update
-    "${as_root[@]}" apt-get install -y --no-install-recommends doxygen
-fi
+"$root/scripts/apt_packages.sh" doxygen
 
 version=$(sed -n 's/^project(kx_mp4 VERSION \([0-9.]*\).*/\1/p' "$root/CMakeLists.txt")
 # The headers that the installation puts beside those of inc/kx_mp4.

@@ -139,8 +139,8 @@ uint64_t LengthPrefixedSize(const CVideoFrameParser& frame) {
     return size;
 }
 
-/// Whether an HEVC unit has nuh_layer_id 0 (ITU-T H.265, 7.3.1.2). The sets of other layers describe
-/// what a single-layer track cannot hold.
+/// Whether an HEVC unit has nuh_layer_id 0 (ITU-T H.265, 7.3.1.2). The sets of other layers
+/// describe what a single-layer track cannot hold.
 bool IsBaseLayer(const VIDEO_SLICE& unit) {
     constexpr int kHeaderSize = 2;
     return unit.cbData >= kHeaderSize && (unit.pbData[0] & 0x01) == 0 && unit.pbData[1] >> 3 == 0;
