@@ -7,35 +7,6 @@ set -eu
 root=$(cd "$(dirname "$0")/.." && pwd)
 out=${1:-$root/out}
 
-# Each line: how to tell that it is there, and the package that brings it.
-missing_packages() {
-    while read -r package check; do
-        eval "$check" >/dev/null 2>&1 || printf '%s ' "$package"
-    done <<'EOF'
-g++ command -v c++
-cmake command -v cmake
-ninja-build command -v ninja
-ffmpeg command -v ffprobe
-libcli11-dev test -e /usr/include/CLI/CLI.hpp -o -e /usr/local/include/CLI/CLI.hpp
-EOF
-}
-
-install_missing() {
-    packages=$(missing_packages)
-    [ -n "$packages" ] || return 0
-    if ! command -v apt-get >/dev/null; then
-        echo "demo.sh: please install: $packages" >&2
-        exit 1
-    fi
-    sudo=
-    [ "$(id -u)" -eq 0 ] || sudo=sudo
-    echo "Installing $packages"
-    $sudo apt-get update -qq
-    # shellcheck disable=SC2086  # a list of words
-    $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
-        $packages >/dev/null
-}
-
 build() {
     cmake -S "$root" -B "$root/build-release" -G Ninja -DCMAKE_BUILD_TYPE=Release \
         -DBUILD_TESTING=OFF -DKX_MP4_BUILD_EXAMPLES=OFF >/dev/null
@@ -54,7 +25,7 @@ record() {  # name of the output, its video
     echo
 }
 
-install_missing
+"$root/scripts/apt_packages.sh" g++ cmake ninja-build ffmpeg libcli11-dev
 build
 mkdir -p "$out"
 record demo.mp4 h264.h264

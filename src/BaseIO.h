@@ -221,12 +221,15 @@ public:
     void Clear() { m_nOffset = m_nEnd = 0; }
     bool IsInBuffer(int64_t, int) override { return true; }
 
-    // As the base's. Every sample adds entries to its tables: without a virtual call, and with
-    // copies of known width, that costs a few instructions.
+    // Every sample adds entries to its tables: without a virtual call, and with copies of known
+    // width, that costs a few instructions.
+    /// As the base's.
     void WriteBuf(const void* pbBuf, uint32_t cbBuf) {
         if (IsValid()) Append(pbBuf, cbBuf);
     }
+    /// As the base's.
     void WriteInt32(uint32_t nValue) { WriteBuf(BigEndian<4>(nValue).data(), 4); }
+    /// As the base's.
     void WriteInt64(uint64_t nValue) { WriteBuf(BigEndian<8>(nValue).data(), 8); }
 
     /// Makes room for `cbBuf` bytes from the position on: to the KiB when `precise`, else doubled.
