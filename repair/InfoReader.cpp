@@ -13,7 +13,7 @@ namespace kx_mp4 {
 
 namespace {
 
-constexpr size_t kWindowBytes = 64 * 1024;
+constexpr size_t kWindowBytes = size_t{64} << 10;
 /// Lengths of a parameter set: the writer keeps them in 16 bits with a sign.
 constexpr uint32_t kMaxParameterSet = INT16_MAX;
 // The muxer takes unnamed values of these enumerations too; these are the largest that they hold.

@@ -49,8 +49,8 @@ void RepairOutput::WritePending() {
 
 namespace {
 
-constexpr size_t kPlainPiece = 1024 * 1024;
-constexpr size_t kSystemPiece = 64 * 1024 * 1024;
+constexpr size_t kPlainPiece = size_t{1} << 20;
+constexpr size_t kSystemPiece = size_t{64} << 20;
 
 bool Clone(const PosixFile& from, PosixFile& to, uint64_t size) {
 #ifdef FICLONE

@@ -20,7 +20,7 @@ namespace kx_mp4 {
 namespace {
 
 /// The progress callback is told at least this many bytes after it was told before.
-constexpr uint64_t kProgressStep = 8 * 1024 * 1024;
+constexpr uint64_t kProgressStep = uint64_t{8} << 20;
 
 /// Removes a file that did not become complete.
 class UnfinishedFile {
@@ -185,11 +185,12 @@ void RepairRun::NoteFormat(const InfoRecord& record) {
 
 void RepairRun::Conclude() {
     // The index that is there describes more than the records do: it is the better one.
-    if (m_layout.hasMovieBox && m_mediaEnd != m_layout.mediaLimit)
+    if (m_layout.hasMovieBox && m_mediaEnd != m_layout.mediaLimit) {
         throw RepairRefused(
             "the recording already has an index, and the repair info file does not "
             "describe all of its media data" +
             (m_problem.empty() ? "" : " (" + m_problem + ")"));
+    }
     m_report.media_bytes_kept = m_mediaEnd - m_layout.mediaBegin;
     m_report.media_bytes_dropped = m_layout.mediaLimit - m_mediaEnd;
     uint64_t doubtful = 0;

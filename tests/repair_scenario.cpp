@@ -253,10 +253,10 @@ struct MemoryFile {
         };
         functions.flush = [](kx_mp4_handle) {};
         functions.read = [](kx_mp4_handle, void*, uint32_t) { return 0; };
-        functions.write = [](kx_mp4_handle handle, const void* bytes, uint32_t size) {
+        functions.write = [](kx_mp4_handle handle, const void* data, uint32_t size) {
             MemoryFile& file = Of(handle);
             file.bytes.resize(std::max(file.bytes.size(), file.position + size));
-            if (size != 0) std::memcpy(file.bytes.data() + file.position, bytes, size);
+            if (size != 0) std::memcpy(file.bytes.data() + file.position, data, size);
             file.position += size;
             return 1;
         };
