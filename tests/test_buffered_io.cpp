@@ -159,7 +159,7 @@ private:
 };
 
 TEST_F(BufferedIo, WritesTheSameBytesAsAPlainFile) {
-    for (unsigned seed = 0; seed < 40; ++seed) {
+    for (unsigned seed = 0; seed < 15; ++seed) {
         std::mt19937 random(seed);
         {
             Pair pair(m_small, m_directory / "plain", m_directory / "buffered");
@@ -342,10 +342,10 @@ bool EveryMissingByteIsReported(const std::filesystem::path& path, mp4_file_io_f
     if (std::freopen("/dev/null", "w", stdout) == nullptr) return false;
     if (Record(path, io, 3) != MP4_STATUS_SUCCESS) return false;
     const auto size = std::filesystem::file_size(path);
-    for (rlim_t limit = 0; limit <= size; ++limit) {
-        const FileSizeLimit guard(limit);
+    for (rlim_t missing = 0; missing <= size; missing += missing < 20 ? 1 : 7) {
+        const FileSizeLimit guard(size - missing);
         const bool succeeded = Record(path, io, 3) == MP4_STATUS_SUCCESS;
-        if (succeeded != (limit == size)) return false;
+        if (succeeded != (missing == 0)) return false;
     }
     return true;
 }
