@@ -223,10 +223,14 @@ public:
 
     // As the base's. Every sample adds entries to its tables: without a virtual call, and with
     // copies of known width, that costs a few instructions.
+
+    /// Writes `cbBuf` bytes; nothing when the stream is not valid.
     void WriteBuf(const void* pbBuf, uint32_t cbBuf) {
         if (IsValid()) Append(pbBuf, cbBuf);
     }
+    /// Writes four bytes.
     void WriteInt32(uint32_t nValue) { WriteBuf(BigEndian<4>(nValue).data(), 4); }
+    /// Writes eight bytes.
     void WriteInt64(uint64_t nValue) { WriteBuf(BigEndian<8>(nValue).data(), 8); }
 
     /// Makes room for `cbBuf` bytes from the position on: to the KiB when `precise`, else doubled.
