@@ -178,7 +178,7 @@ std::string LegendOf(const Track& track) {
     if (EverySampleIsSync(track))
         text += "; every sample is a sync sample";
     else
-        "; " + PlainCount(track.syncSamples, "sync sample", "sync samples");
+        text += "; " + PlainCount(track.syncSamples, "sync sample", "sync samples");
     return text;
 }
 
