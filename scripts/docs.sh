@@ -8,7 +8,7 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 output=${1:-$root/build-doxygen}
 
-"$root/scripts/apt_packages.sh" doxygen
+"$root/scripts/apt_packages.sh" doxygen python3
 
 version=$(sed -n 's/^project(kx_mp4 VERSION \([0-9.]*\).*/\1/p' "$root/CMakeLists.txt")
 # The headers that the installation puts beside those of inc/kx_mp4.

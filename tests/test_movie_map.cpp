@@ -169,6 +169,18 @@ TEST_F(MovieMapTest, RefusesWhatIsNoFile) {
     EXPECT_THROW(ReadMovieMap("/dev/zero"), MapError);
 }
 
+TEST(MapDrawingTest, TellsOfSyncSamples) {
+    MovieMap map;
+    Track video;
+    video.handler = "vide";
+    video.samples = 10;
+    map.tracks.push_back(video);
+    EXPECT_THAT(DrawMovieMap(map), HasSubstr("every sample is a sync sample"));
+    map.tracks[0].hasSyncTable = true;
+    map.tracks[0].syncSamples = 1;
+    EXPECT_THAT(DrawMovieMap(map), HasSubstr("; 1 sync sample</text>"));
+}
+
 TEST(MapDrawingTest, EscapesNames) {
     MovieMap map;
     map.name = "a<b>&\"\xFF\xC3\xA9.mp4";

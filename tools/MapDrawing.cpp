@@ -178,7 +178,7 @@ std::string LegendOf(const Track& track) {
     if (EverySampleIsSync(track))
         text += "; every sample is a sync sample";
     else
-        "; " + PlainCount(track.syncSamples, "sync sample", "sync samples");
+        text += "; " + PlainCount(track.syncSamples, "sync sample", "sync samples");
     return text;
 }
 
@@ -197,7 +197,8 @@ private:
     void DrawStrip();
     void DrawStripLabels();
     void DrawGrid();
-    void DrawTrack(const Track& track);
+    void DrawTrack(const Track& track, int rank);
+    void DrawSyncSamples(const Track& track);
     void DrawIndex();
     void DrawRemarks();
 
@@ -297,7 +298,8 @@ void Drawing::DrawGrid() {
     const double bottom = m_chartTop + kChartHeight;
     const auto size = static_cast<double>(std::max<uint64_t>(m_map.fileSize, 1));
     const double bytes = std::max(TickStep(size, 7), 1.0);
-    for (double position = 0; position <= size; position += bytes) {
+    for (int i = 0; i * bytes <= size; ++i) {
+        const double position = i * bytes;
         const double y = m_chartTop + kChartHeight * (position / size);
         m_svg.Line(kChartLeft, y, kChartRight, y, "class='grid'");
         m_svg.Text(kChartLeft - 8, y + 4, "class='soft end'", Scaled(position, kUnits, 2));
@@ -317,21 +319,30 @@ void Drawing::DrawGrid() {
     m_svg.Text(kStripRight, m_chartTop - 12, "class='end'", "boxes, to scale");
 }
 
-/// All chunks in one path, all sync samples in another.
-void Drawing::DrawTrack(const Track& track) {
-    constexpr double kSmallest = 2;
+/// All chunks in one path. Where a track has so many that they melt into a line, a later track
+/// (of higher rank) draws a thinner one, so that the lines before it stay visible.
+void Drawing::DrawTrack(const Track& track, int rank) {
+    constexpr size_t kMany = 300;
+    const bool many = track.extents.size() > kMany;
+    const double smallest = many ? std::max(2, 8 - 3 * rank) : 2;
     std::string chunks;
     for (const Extent& extent : track.extents) {
         const double x = XOf(extent.start);
         const double y = YOf(extent.position);
-        const std::string width = Number(std::max(XOf(extent.stop) - x, kSmallest), 2);
-        const std::string height = Number(std::max(YOf(extent.end) - y, kSmallest), 2);
-        chunks += "M" + Number(x, 2) + ' ' + Number(y, 2) + "h" + width + "v" + height + "h-" +
-                  width + "z";
+        const std::string width = Number(std::max(XOf(extent.stop) - x, smallest), 2);
+        const std::string height = Number(std::max(YOf(extent.end) - y, smallest), 2);
+        for (const std::string& part :
+             {"M" + Number(x, 2), ' ' + Number(y, 2), "h" + width, "v" + height, "h-" + width})
+            chunks += part;
+        chunks += 'z';
     }
     const std::string title = "<title>" + LegendOf(track) + "</title>";
-    m_svg.Raw("<path class='edge' fill='" + std::string(ColourOf(track)) + "' d='" + chunks + "'>" +
-              title + "</path>\n");
+    m_svg.Raw(std::string("<path ") + (many ? "" : "class='edge' ") + "fill='" +
+              std::string(ColourOf(track)) + "' d='" + chunks + "'>" + title + "</path>\n");
+}
+
+/// All sync samples in one path.
+void Drawing::DrawSyncSamples(const Track& track) {
     if (EverySampleIsSync(track)) return;
     // Neighbours that would hide each other are left out.
     constexpr double kClosest = 9;
@@ -357,15 +368,22 @@ void Drawing::DrawLayout() {
     m_chartTop = m_y + 34;
     DrawStrip();
     DrawStripLabels();
-    DrawGrid();
+    if (m_map.tracks.empty())
+        m_svg.Text((kChartLeft + kChartRight) / 2, m_chartTop + kChartHeight / 2,
+                   "class='soft mid'", "no index, no tracks");
+    else
+        DrawGrid();
     // The track with the most bytes first, so that small chunks are not hidden.
     std::vector<const Track*> order;
     for (const Track& track : m_map.tracks)
         order.push_back(&track);
     std::stable_sort(order.begin(), order.end(),
                      [](const Track* a, const Track* b) { return a->bytes > b->bytes; });
+    int rank = 0;
     for (const Track* track : order)
-        DrawTrack(*track);
+        DrawTrack(*track, rank++);
+    for (const Track* track : order)
+        DrawSyncSamples(*track);
     m_y = m_chartTop + kChartHeight + 56;
 }
 
@@ -435,7 +453,7 @@ void IndexColumns::DrawRow(Svg& svg, const Row& row, double x, double y) const {
 }
 
 double IndexColumns::Draw(Svg& svg, double top) {
-    std::array<double, kColumns> ends;
+    std::array<double, kColumns> ends{};
     ends.fill(top);
     for (const Box& child : m_moov.children) {
         std::vector<Row> rows;
