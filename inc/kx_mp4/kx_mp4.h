@@ -40,8 +40,11 @@ typedef enum _mp4_status_t {
 /// The value that the caller's `init` callback hands back; passed to every other callback.
 typedef void* kx_mp4_handle;
 
+// The enumerations that a caller passes have a fixed type, so that a value they do not have is an
+// argument that can be refused and not undefined behaviour.
+
 /// Video codec of a track.
-enum mp4_video_codec {
+enum mp4_video_codec : int {
     MP4_MVC_UNKNOWN = -1,  ///< None; refused.
     MP4_MVC_H264 = 0,      ///< ITU-T H.264, Annex-B access units.
     MP4_MVC_HEVC = 1,      ///< ITU-T H.265, Annex-B access units.
@@ -49,7 +52,7 @@ enum mp4_video_codec {
 };
 
 /// ProRes flavour; chooses the sample entry's four-character code.
-enum mp4_prores_format {
+enum mp4_prores_format : int {
     MP4_PRORES_422_proxy = 0,  ///< apco
     MP4_PRORES_422_LT = 1,     ///< apcs
     MP4_PRORES_422 = 2,        ///< apcn
@@ -59,34 +62,34 @@ enum mp4_prores_format {
 };
 
 /// Scan mode. No operation reads it: files are always marked progressive.
-enum mp4_video_scan_mode {
+enum mp4_video_scan_mode : int {
     MP4_SCAN_MODE_PROGRESSIVE = 1,  ///< Whole frames.
     MP4_SCAN_MODE_INTERLACED = 2,   ///< Two fields.
 };
 
 /// Audio codec of a track.
-enum mp4_audio_codec {
+enum mp4_audio_codec : int {
     MP4_MAC_UNKNOWN = 0,  ///< None; refused.
     MP4_MAC_AAC = 1,      ///< Raw AAC frames; the description carries the configuration.
     MP4_MAC_ADTS = 2,     ///< AAC frames each behind a 7-byte ADTS header.
 };
 
 /// Closed-caption codec of a track.
-enum mp4_subtitle_codec {
+enum mp4_subtitle_codec : int {
     MP4_SUBTITLE_CODEC_UNKNOWN = 0,  ///< None; packets are refused.
     MP4_SUBTITLE_CODEC_CC608 = 1,    ///< CEA-608 byte pairs.
     MP4_SUBTITLE_CODEC_CC708 = 2,    ///< CEA-708 caption distribution packets.
 };
 
 /// How the bytes of a metadata item are read.
-typedef enum mp4_meta_data_type {
+typedef enum mp4_meta_data_type : int {
     MP4_META_DATA_TYPE_RAW = 0,     ///< `size` bytes, stored as they are.
     MP4_META_DATA_TYPE_STRING = 1,  ///< A zero-terminated UTF-8 string; `size` is not used.
     MP4_META_DATA_TYPE_INT = 21,    ///< A native 32-bit integer; `size` at least 4.
 } mp4_meta_data_type_t;
 
 /// Where the output goes.
-enum mp4_io_mode {
+enum mp4_io_mode : int {
     MP4_IO_FILE = 0,        ///< A file that the library opens.
     MP4_IO_DIRECT = 1,      ///< Unbuffered I/O; refused with #MP4_STATUS_UNSUPPORTED.
     MP4_IO_EXTERNAL = 2,    ///< The caller's callbacks, see #mp4_file_io_func_t.
