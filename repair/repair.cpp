@@ -184,12 +184,12 @@ void RepairRun::NoteFormat(const InfoRecord& record) {
 }
 
 void RepairRun::Conclude() {
-    // The index that is there describes more than the records do: it is the better one.
-    if (m_layout.hasMovieBox && m_mediaEnd != m_layout.mediaLimit) {
-        throw RepairRefused(
-            "the recording already has an index, and the repair info file does not "
-            "describe all of its media data" +
-            (m_problem.empty() ? "" : " (" + m_problem + ")"));
+    // An index that is there describes more than the records do, though not always truly: a copy
+    // may leave out what was never written, but the recording itself is not cut for it.
+    const bool hasBetterIndex = m_layout.hasMovieBox && m_mediaEnd != m_layout.mediaLimit;
+    if (hasBetterIndex && m_options.in_place) {
+        throw RepairRefused("the recording already has an index, of more than its records hold (" +
+                            (m_problem.empty() ? "they end before it" : m_problem) + ")");
     }
     m_report.media_bytes_kept = m_mediaEnd - m_layout.mediaBegin;
     m_report.media_bytes_dropped = m_layout.mediaLimit - m_mediaEnd;

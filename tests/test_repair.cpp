@@ -446,6 +446,7 @@ TEST_F(RepairTest, FinishedFileStaysAsItIs) {
     // With the info file of a shorter recording.
     WriteWholeFile(Info(), FileBytes(info.begin(), info.end() - 40));
     EXPECT_EQ(RunRepair(options).outcome, RepairOutcome::kFailed);
+    EXPECT_EQ(RunRepair().outcome, RepairOutcome::kLoss);
     EXPECT_TRUE(ReadWholeFile(m_path) == m_finished);
 }
 
