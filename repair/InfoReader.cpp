@@ -47,15 +47,16 @@ InfoReader::InfoReader(const std::string& path)
 bool InfoReader::Bytes(void* out, size_t size) {
     auto* next = static_cast<uint8_t*>(out);
     while (size != 0) {
-        const uint64_t offset = m_position - m_windowStart;
-        if (offset >= m_window.size()) {
+        const uint64_t behind = m_position - m_windowStart;
+        if (behind >= m_window.size()) {
             m_window.resize(static_cast<size_t>(std::min<uint64_t>(kWindowBytes, Left())));
             m_windowStart = m_position;
             m_window.resize(m_file.ReadAt(m_position, m_window.data(), m_window.size()));
             if (m_window.empty()) return false;
             continue;
         }
-        const size_t count = std::min<size_t>(size, m_window.size() - offset);
+        const auto offset = static_cast<size_t>(behind);
+        const size_t count = std::min(size, m_window.size() - offset);
         std::memcpy(next, m_window.data() + offset, count);
         next += count;
         size -= count;

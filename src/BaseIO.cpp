@@ -274,7 +274,7 @@ void CBufferIO::EnsureSize(uint32_t cbBuf, bool precise) {
     const uint64_t capacity = (wanted + kGranule - 1) & ~(kGranule - 1);
     void* block = nullptr;
     if (capacity <= UINT32_MAX) {
-        block = std::realloc(m_pbBuffer, capacity);
+        block = std::realloc(m_pbBuffer, static_cast<size_t>(capacity));
     } else {
         errno = ENOMEM;  // sizes in this format are 32-bit: a larger buffer could not be written
     }

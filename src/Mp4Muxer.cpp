@@ -1000,8 +1000,8 @@ bool CMp4Muxer::WriteCC608(const uint8_t* p_frame, uint32_t frame_len, uint32_t*
     uint8_t atoms[2][kCaptionAtomSize] = {{0, 0, 0, kCaptionAtomSize, 'c', 'd', 'a', 't', 0, 0},
                                           {0, 0, 0, kCaptionAtomSize, 'c', 'd', 't', '2', 0, 0}};
     const uint8_t* const end = p_frame + frame_len;
-    for (const uint8_t* triplet = p_frame + kCaptionHeaderSize; end - triplet >= kTripletSize;
-         triplet += kTripletSize) {
+    for (const uint8_t* triplet = p_frame + kCaptionHeaderSize;
+         end - triplet >= ptrdiff_t{kTripletSize}; triplet += kTripletSize) {
         const int field = triplet[0] & kFieldMask;
         if (field > 1) continue;  // CEA-708 data has no atom in a CEA-608 sample
         uint8_t* const atom = atoms[field];

@@ -21,7 +21,7 @@ void CMp4SampleTableAtom::Reserve(uint32_t num, bool precise) {
     // A room past 4 GiB cannot be described by the box; the buffer refuses to grow that far.
     const uint64_t bytes = std::min<uint64_t>(uint64_t{m_entrySize} * num, UINT32_MAX);
     m_buffer.EnsureSize(static_cast<uint32_t>(bytes), precise);
-    std::memset(m_buffer.GetBuffer(), 0, m_buffer.GetCapabilitySize());
+    std::memset(m_buffer.GetBuffer(), 0, static_cast<size_t>(m_buffer.GetCapabilitySize()));
 }
 
 void CMp4SampleTableAtom::WriteTableHeader() {

@@ -10,6 +10,7 @@
 
 #include "MapDrawing.h"
 #include "MovieMap.h"
+#include "kx_mp4/kx_mp4.h"
 
 namespace {
 
@@ -46,6 +47,7 @@ int main(int argc, char** argv) {
         "Draws how a recording is laid out: its boxes to scale, and where the chunks of "
         "its tracks lie in file and time.",
         "kxmap");
+    app.set_version_flag("--version", kx_mp4_version());
     std::string input;
     std::string output;
     app.add_option("FILE", input, "An MP4 file or a QuickTime movie, finished or not")->required();
@@ -53,8 +55,8 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
         return Run(input, output);
-    } catch (const CLI::CallForHelp& help) {
-        return app.exit(help);
+    } catch (const CLI::Success& answered) {
+        return app.exit(answered);
     } catch (const CLI::ParseError& error) {
         std::fprintf(stderr, "kxmap: %s\n", error.what());
         return kUsage;
