@@ -4,7 +4,9 @@ function(kx_mp4_library_properties target)
     target_compile_features(${target} PUBLIC cxx_std_17)
     target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:kx_mp4_warnings>)
     # File positions of 64 bits on 32-bit systems too.
-    target_compile_definitions(${target} PRIVATE _FILE_OFFSET_BITS=64)
+    if(CMAKE_SIZEOF_VOID_P EQUAL 4)  # elsewhere off_t is wide, and calls keep their plain names
+        target_compile_definitions(${target} PRIVATE _FILE_OFFSET_BITS=64)
+    endif()
     set_target_properties(${target} PROPERTIES
         CXX_VISIBILITY_PRESET hidden
         VISIBILITY_INLINES_HIDDEN ON

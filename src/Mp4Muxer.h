@@ -90,8 +90,8 @@ public:
     /// Off, presentation times do not reach the file: every sample is shown at its decode time. On,
     /// the difference of the two times given with each video frame is recorded (`ctts`), the edit
     /// list starts at the first picture shown, durations count what is presented, and for HEVC
-    /// every random-access picture is marked as a sync sample. Without reordered frames the file is
-    /// the same either way.
+    /// every random-access picture (CRA and BLA too) is marked as a sync sample. Without reordered
+    /// frames and without such pictures the file is the same either way.
     /// @return #MP4_STATUS_INVALID_PARAMETER once the first frame has been written.
     mp4_status_t SetCompositionOffsets(bool enable);
 

@@ -99,7 +99,9 @@ bool CMp4IlstAtom::SetWellKnown(const char* key, const std::optional<std::string
 }
 
 bool CMp4IlstAtom::IsValidItem(const char* data, uint32_t size, mp4_meta_data_type_t type) {
-    return data != nullptr && (type != MP4_META_DATA_TYPE_INT || size >= sizeof(int32_t));
+    const bool fitsRecord = type >= 0 && type <= UINT8_MAX;  // the repair info file's type byte
+    const bool complete = type != MP4_META_DATA_TYPE_INT || size >= sizeof(int32_t);
+    return data != nullptr && fitsRecord && complete;
 }
 
 bool CMp4IlstAtom::SetMetaData(int index, const char* data, uint32_t size,

@@ -31,7 +31,8 @@ public:
     /// Appends a keyed item; false when it is not valid.
     bool SetMetaData(int index, const char* data, uint32_t size, mp4_meta_data_type_t type);
 
-    /// Whether the data can be kept as this type: not null, an integer at least 4 bytes.
+    /// Whether the data can be kept as this type: not null, an integer at least 4 bytes, a type of
+    /// one byte.
     static bool IsValidItem(const char* data, uint32_t size, mp4_meta_data_type_t type);
 
     void Write() override;

@@ -32,7 +32,7 @@ typedef enum _mp4_status_t {
     MP4_STATUS_TOO_MANY_OPEN_FILES = 16,      ///< The system said EMFILE.
     MP4_STATUS_NO_SPACE_LEFT = 17,            ///< The system said ENOSPC.
     MP4_STATUS_READONLY_FILE_SYSTEM = 18,     ///< The system said EROFS.
-    MP4_STATUS_EXTERNAL_FUNC_FAILED = 19,     ///< The caller's `init` callback refused.
+    MP4_STATUS_EXTERNAL_FUNC_FAILED = 19,     ///< `init` refused; Create says invalid parameter.
     MP4_STATUS_FILE_NOT_OPEN = 20,            ///< No file is open on this muxer.
     MP4_STATUS_NO_SPACE_LEFT_IN_HEADER = 21,  ///< A track cannot take another sample.
 } mp4_status_t;

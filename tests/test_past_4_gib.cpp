@@ -1,0 +1,167 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "Mp4Muxer.h"
+#include "log_capture.h"
+#include "memory_output.h"
+#include "scratch_folder.h"
+
+namespace {
+
+/// Four of these pass 4 GiB. The output drops their bytes and keeps their positions.
+constexpr uint32_t kFrameSize = 0x50000000;
+constexpr uint8_t kFrame[1] = {};  // never read: ProRes frames are handed through
+
+mp4_video_track_info_t ProRes() {
+    mp4_video_track_info_t video{};
+    video.timescale = 25;
+    video.frame_duration = 1;
+    video.codec = MP4_MVC_PRORES;
+    video.width = 64;
+    video.height = 64;
+    return video;
+}
+
+class Past4GiB : public testing::Test {
+protected:
+    void Open(const wchar_t* path, uint32_t flags = 0) {
+        output.dropFrom = kFrameSize;
+        mp4_config_t config{};
+        config.flags = flags;
+        config.io_mode = MP4_IO_EXTERNAL;
+        config.func = output.Functions();
+        ASSERT_EQ(muxer.Create(path, &config), MP4_STATUS_SUCCESS);
+        const mp4_video_track_info_t video = ProRes();
+        ASSERT_EQ(muxer.SetVideoTrack(&video), MP4_STATUS_SUCCESS);
+        mp4_audio_track_info_t audio{};
+        audio.timescale = 48000;
+        audio.codec = MP4_MAC_AAC;
+        audio.sample_rate = 48000;
+        audio.channels = 2;
+        ASSERT_EQ(muxer.SetAudioTrack(&audio), MP4_STATUS_SUCCESS);
+    }
+    mp4_status_t WriteHugeFrame(uint64_t time) {
+        return muxer.WriteVideoFrame(kFrame, kFrameSize, time, time);
+    }
+
+    LogCapture log;
+    MemoryOutput output;
+    CMp4Muxer muxer;
+};
+
+TEST_F(Past4GiB, AnMp4FileGrowsIntoIt) {
+    Open(L"a.mp4");
+    const std::array<uint8_t, 5> sound = {1, 2, 3, 4, 5};
+    ASSERT_EQ(muxer.WriteAudioFrame(sound.data(), sound.size(), 0), MP4_STATUS_SUCCESS);
+    for (uint64_t i = 0; i < 5; ++i)
+        ASSERT_EQ(WriteHugeFrame(i), MP4_STATUS_SUCCESS);
+    mp4_time_code_track_info_t timecode{25, 1, 25, 0};
+    ASSERT_EQ(muxer.SetTCMDTrack(&timecode), MP4_STATUS_SUCCESS);
+    ASSERT_EQ(muxer.WriteTimeCode(7), MP4_STATUS_SUCCESS);
+    ASSERT_EQ(WriteHugeFrame(5), MP4_STATUS_SUCCESS);
+    ASSERT_EQ(muxer.Close(), MP4_STATUS_SUCCESS);
+
+    // The 16-byte header took the place of the free box: samples stay where they are.
+    const MovieReader movie = output.Movie();
+    EXPECT_EQ(movie.File().ChildTypes(), "ftyp mdat moov");
+    EXPECT_EQ(movie.At("mdat").offset, 28U);
+    EXPECT_EQ(movie.At("mdat").headerSize, 16U);
+    EXPECT_EQ(movie.At("mdat").size, 16 + 5 + 4 + uint64_t{6} * kFrameSize);
+    const Track& video = movie.TrackOf("vide");
+    ASSERT_EQ(video.samples.size(), 6U);
+    for (uint64_t i = 0; i < 5; ++i)
+        EXPECT_EQ(video.samples[i].offset, 44 + 5 + i * kFrameSize);
+    EXPECT_EQ(video.samples[5].offset, 44 + 5 + 4 + uint64_t{5} * kFrameSize);
+    EXPECT_NE(movie.TrackOf("tmcd").box->Find("mdia/minf/stbl/co64"), nullptr);
+    // What lies below 4 GiB keeps its narrow table.
+    EXPECT_NE(movie.TrackOf("soun").box->Find("mdia/minf/stbl/stco"), nullptr);
+    EXPECT_EQ(movie.TrackOf("soun").samples.at(0).offset, 44U);
+    EXPECT_EQ(log.Complaints(), std::vector<std::string>{});
+}
+
+TEST_F(Past4GiB, AQuickTimeMovieRefusesBeforeAByteIsWritten) {
+    Open(L"a.mov");
+    for (uint64_t i = 0; i < 3; ++i)
+        ASSERT_EQ(WriteHugeFrame(i), MP4_STATUS_SUCCESS);
+    const int64_t size = muxer.GetCurFileSize();
+    const int writes = output.writes;
+    EXPECT_EQ(WriteHugeFrame(3), MP4_STATUS_NO_SPACE_LEFT_IN_HEADER);
+    EXPECT_EQ(output.writes, writes);
+    EXPECT_EQ(muxer.GetCurFileSize(), size);
+    ASSERT_EQ(log.Complaints().size(), 1U);
+    EXPECT_NE(log.Complaints()[0].find("64-bit size option"), std::string::npos);
+    // The last byte that a 32-bit size can count is still taken.
+    const auto rest = static_cast<uint32_t>(int64_t{UINT32_MAX} - (size - 20));
+    EXPECT_EQ(muxer.WriteVideoFrame(kFrame, rest + 1, 3, 3), MP4_STATUS_NO_SPACE_LEFT_IN_HEADER);
+    output.dropFrom = 64;
+    EXPECT_EQ(muxer.WriteVideoFrame(kFrame, rest, 3, 3), MP4_STATUS_SUCCESS);
+    output.dropFrom = kFrameSize;
+    EXPECT_EQ(muxer.Close(), MP4_STATUS_SUCCESS);
+    EXPECT_EQ(output.Movie().At("mdat").size, uint64_t{UINT32_MAX});
+    EXPECT_EQ(output.Movie().TrackOf("vide").samples.size(), 4U);
+}
+
+TEST_F(Past4GiB, TheCaptionTrackEndsThere) {
+    Open(L"a.mp4", MP4_FLAG_64BIT_SIZE);
+    mp4_subtitle_track_info_t captions{MP4_SUBTITLE_CODEC_CC708, 1000};
+    ASSERT_EQ(muxer.SetSubtitleTrack(&captions), MP4_STATUS_SUCCESS);
+    const std::array<uint8_t, 6> packet = {0x61, 0x01, 3, 0x96, 0x69, 0x55};
+    ASSERT_EQ(muxer.WriteSubtitleFrame(packet.data(), packet.size(), 0), MP4_STATUS_SUCCESS);
+    for (uint64_t i = 0; i < 4; ++i)
+        ASSERT_EQ(WriteHugeFrame(i), MP4_STATUS_SUCCESS);
+    EXPECT_EQ(muxer.WriteSubtitleFrame(packet.data(), packet.size(), 1),
+              MP4_STATUS_NO_SPACE_LEFT_IN_HEADER);
+    ASSERT_EQ(log.Complaints().size(), 1U);
+    EXPECT_NE(log.Complaints()[0].find("caption track"), std::string::npos);
+    ASSERT_EQ(WriteHugeFrame(4), MP4_STATUS_SUCCESS);
+    EXPECT_EQ(muxer.Close(), MP4_STATUS_SUCCESS);
+    EXPECT_EQ(output.Movie().TrackOf("clcp").samples.size(), 1U);
+    EXPECT_EQ(output.Movie().TrackOf("vide").samples.size(), 5U);
+}
+
+TEST_F(Past4GiB, IsReadByFfprobeFromASparseFile) {
+    if (std::system("ffprobe -version >/dev/null 2>&1") != 0) {
+        ASSERT_EQ(std::getenv("CI"), nullptr) << "ffprobe is missing";
+        GTEST_SKIP() << "ffprobe is missing";
+    }
+    // Small pictures at the ends, so that the reader need not read the hole.
+    Open(L"a.mp4");
+    const std::array<uint8_t, 8> small = {0, 0, 0, 8, 'i', 'c', 'p', 'f'};
+    ASSERT_EQ(muxer.WriteVideoFrame(small.data(), small.size(), 0, 0), MP4_STATUS_SUCCESS);
+    for (uint64_t second = 1; second < 5; ++second)
+        ASSERT_EQ(WriteHugeFrame(25 * second), MP4_STATUS_SUCCESS);
+    ASSERT_EQ(muxer.WriteVideoFrame(small.data(), small.size(), 125, 125), MP4_STATUS_SUCCESS);
+    ASSERT_EQ(muxer.Close(), MP4_STATUS_SUCCESS);
+
+    const ScratchFolder folder;
+    const std::string path = folder.Path("a.mp4");
+    constexpr uint64_t kHead = 44 + 8;
+    const uint64_t last = kHead + uint64_t{4} * kFrameSize;
+    std::ofstream file(path, std::ios::binary);
+    for (uint64_t i = 0; i < output.Size(); ++i) {
+        if (i == kHead) file.seekp(static_cast<std::streamoff>(i = last));
+        file.put(static_cast<char>(output.ByteAt(i)));
+    }
+    file.close();
+    ASSERT_EQ(std::filesystem::file_size(path), output.Size());
+
+    const std::string command =
+        "ffprobe -v quiet -probesize 32 -read_intervals 5%+#1 -show_entries "
+        "stream=nb_frames:packet=pos,size -of csv=p=0 " +
+        path;
+    FILE* const pipe = popen(command.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    std::string seen;
+    for (int c = 0; (c = std::fgetc(pipe)) != EOF;)
+        seen.push_back(static_cast<char>(c));
+    EXPECT_EQ(pclose(pipe), 0);
+    EXPECT_EQ(seen, "8," + std::to_string(last) + "\n6\n");
+}
+
+}  // namespace
