@@ -84,7 +84,6 @@ TEST_F(MovieMapTest, FindsEveryChunkAndSyncSample) {
     Record(50, 1000);
     const MovieMap map = ReadAndDraw();
     EXPECT_TRUE(map.remarks.empty());
-    EXPECT_EQ(map.brand, "isom");
     ASSERT_EQ(map.boxes.size(), 4u);
     EXPECT_EQ(map.boxes[3].type, "moov");
 
@@ -121,6 +120,8 @@ TEST_F(MovieMapTest, ManySamplesMakeNoLargerPicture) {
 }
 
 TEST_F(MovieMapTest, ReadsWhatIsLeftOfACutFile) {
+    EXPECT_THROW(ReadMovieMap(m_path + ".missing"), MapError);
+    EXPECT_THROW(ReadMovieMap("/dev/zero"), MapError);
     Record(8, 50);
     const std::string whole = Bytes();
     for (size_t size = 0; size < whole.size(); size += 7) {
@@ -164,32 +165,12 @@ TEST_F(MovieMapTest, BelievesNoCountPastItsBox) {
     }
 }
 
-TEST_F(MovieMapTest, RefusesWhatIsNoFile) {
-    EXPECT_THROW(ReadMovieMap(m_path + ".missing"), MapError);
-    EXPECT_THROW(ReadMovieMap("/dev/zero"), MapError);
-}
-
-TEST(MapDrawingTest, TellsOfSyncSamples) {
-    MovieMap map;
-    Track video;
-    video.handler = "vide";
-    video.samples = 10;
-    map.tracks.push_back(video);
-    EXPECT_THAT(DrawMovieMap(map), HasSubstr("every sample is a sync sample"));
-    map.tracks[0].hasSyncTable = true;
-    map.tracks[0].syncSamples = 1;
-    EXPECT_THAT(DrawMovieMap(map), HasSubstr("; 1 sync sample</text>"));
-}
-
 TEST(MapDrawingTest, EscapesNames) {
     MovieMap map;
     map.name = "a<b>&\"\xFF\xC3\xA9.mp4";
     map.boxes.push_back({"<&>'", 0, 0, {}});
     EXPECT_THAT(DrawMovieMap(map), AllOf(HasSubstr("a&lt;b&gt;&amp;&quot;?\xC3\xA9.mp4"),
                                          HasSubstr("&lt;&amp;&gt;'")));
-    EXPECT_EQ(SizeText(999), "999 B");
-    EXPECT_EQ(SizeText(1250), "1.25 kB");
-    EXPECT_EQ(SizeText(UINT64_MAX), "18446744.07 TB");
 }
 
 }  // namespace

