@@ -485,26 +485,6 @@ TEST_F(Muxer, CallbacksGiveTheSameFile) {
     EXPECT_TRUE(m_log.Complaints().empty());
 }
 
-TEST_F(Muxer, MediaPastFourGibibytes) {
-    m_output.dropFrom = 1 << 20;
-    ASSERT_EQ(CreateIn(m_output, MP4_FLAG_64BIT_SIZE), kSuccess);
-    const auto video = streams::ProResTrack(MP4_PRORES_4444_XQ);
-    const auto audio = streams::AacTrack();
-    ASSERT_EQ(m_muxer.SetVideoTrack(&video), kSuccess);
-    ASSERT_EQ(m_muxer.SetAudioTrack(&audio), kSuccess);
-    const Bytes large(64 << 20);
-    for (uint64_t i = 0; i < 70; ++i) {
-        ASSERT_EQ(Video(large, i * 3000), kSuccess);
-        ASSERT_EQ(Audio(test_pattern::kSilence, i * 1024), kSuccess);
-    }
-    ASSERT_EQ(m_muxer.Close(), kSuccess);
-    const MovieReader movie = m_output.Movie();
-    EXPECT_EQ(movie.At("mdat").size, 16 + 70 * (uint64_t{64 << 20} + 4));
-    const Sample& last = movie.TrackOf("soun").samples.at(69);
-    EXPECT_EQ(last.offset, 36 + 16 + 70 * uint64_t{64 << 20} + 69 * 4);
-    EXPECT_EQ(movie.SampleBytes(last), test_pattern::kSilence);
-}
-
 /// The boxes of a file as text, without the media data.
 std::string Text(const MovieReader& movie) {
     std::string text;
