@@ -83,18 +83,4 @@ TEST(Atom, ABoxWhoseWritingThrowsLeavesItsBufferEmpty) {
     EXPECT_EQ(BytesOf(out), Hex("0000000c 70726f62 cccccccc"));
 }
 
-TEST(Atom, ANewWriterTakesTheBoxAndItsBuffer) {
-    CBufferIO first;
-    CBufferIO second;
-    first.Init(nullptr);
-    second.Init(nullptr);
-    for (const auto pattern : {CMp4ProbeAtom::kContainer, CMp4ProbeAtom::kLeaf}) {
-        CMp4ProbeAtom box(&first, pattern, 4, 12);
-        box.setWriter(&second);
-        box.Write();
-    }
-    EXPECT_EQ(first.GetSize(), 0U);
-    EXPECT_EQ(second.GetSize(), 24U);
-}
-
 }  // namespace

@@ -1,8 +1,6 @@
 // Byte I/O: the stream contract, the file writer, the memory stream and the callback writer.
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <string>
@@ -31,21 +29,14 @@ mp4_status_t StatusOf(Call&& call) {
 }
 
 TEST(BaseIo, ErrorNumbersBecomeStatuses) {
-    const struct {
-        int code;
-        mp4_status_t status;
-    } kTable[] = {{1, MP4_STATUS_OPERATOR_NOT_PERMITTED}, {2, MP4_STATUS_NO_SUCH_FILE_OR_DIR},
-                  {13, MP4_STATUS_PERMISSION_DENIED},     {16, MP4_STATUS_DEVICE_OR_RESOURCE_BUSY},
-                  {24, MP4_STATUS_TOO_MANY_OPEN_FILES},   {28, MP4_STATUS_NO_SPACE_LEFT},
-                  {30, MP4_STATUS_READONLY_FILE_SYSTEM},  {1000, MP4_STATUS_SUCCESS},
-                  {0, MP4_STATUS_UNEXPECTED_ERROR},       {5, MP4_STATUS_UNEXPECTED_ERROR},
-                  {-1, MP4_STATUS_UNEXPECTED_ERROR}};
-    for (const auto& row : kTable)
-        EXPECT_EQ(kx_mp4_exception::convert_error(row.code), row.status) << row.code;
-    const kx_mp4_exception failure(ENOSPC);
-    EXPECT_EQ(failure.code(), ENOSPC);
-    EXPECT_EQ(failure.error(), MP4_STATUS_NO_SPACE_LEFT);
-    EXPECT_STREQ(failure.what(), "No space left on device");
+    const std::pair<int, mp4_status_t> kTable[] = {
+        {1, MP4_STATUS_OPERATOR_NOT_PERMITTED}, {2, MP4_STATUS_NO_SUCH_FILE_OR_DIR},
+        {13, MP4_STATUS_PERMISSION_DENIED},     {16, MP4_STATUS_DEVICE_OR_RESOURCE_BUSY},
+        {24, MP4_STATUS_TOO_MANY_OPEN_FILES},   {28, MP4_STATUS_NO_SPACE_LEFT},
+        {30, MP4_STATUS_READONLY_FILE_SYSTEM},  {1000, MP4_STATUS_SUCCESS},
+        {0, MP4_STATUS_UNEXPECTED_ERROR},       {-1, MP4_STATUS_UNEXPECTED_ERROR}};
+    for (const auto& [code, status] : kTable)
+        EXPECT_EQ(kx_mp4_exception::convert_error(code), status) << code;
 }
 
 TEST(BaseIo, IntegersAreBigEndianAndReadBack) {
@@ -100,26 +91,8 @@ TEST_F(FileWriter, OpensTruncatesAndPatches) {
     EXPECT_EQ(ReadFile(path), Hex("00000010 00000007"));
 }
 
-TEST_F(FileWriter, DropsWritesUnlessValid) {
-    const std::string path = m_folder.Path("out");
-    m_writer.WriteInt32(1);  // never initialised
-    EXPECT_FALSE(m_writer.IsValid());
-    ASSERT_EQ(Open(path), MP4_STATUS_SUCCESS);
-    m_writer.Uninit();
-    m_writer.WriteInt32(2);
-    ASSERT_EQ(Open(path), MP4_STATUS_SUCCESS);
-    EXPECT_THROW(m_writer.Seek(-1, SEEK_SET), kx_mp4_exception);
-    m_writer.WriteInt32(3);
-    EXPECT_TRUE(ReadFile(path).empty());
-    EXPECT_EQ(m_writer.ReadUint32(), 0U);
-}
-
 TEST_F(FileWriter, RefusesPathsItCannotOpen) {
     EXPECT_EQ(Open(m_folder.Path("missing/out")), MP4_STATUS_NO_SUCH_FILE_OR_DIR);
-    EXPECT_EQ(
-        m_log.Count("error", "open file '" + m_folder.Path("missing/out") + "' failed, error:2",
-                    "Init"),
-        1);
     EXPECT_EQ(Open(m_folder.Path("")), MP4_STATUS_UNEXPECTED_ERROR);  // EISDIR
     EXPECT_EQ(m_writer.Init(L"/tmp/\x20AC", 0, 0), MP4_STATUS_INVALID_PARAMETER);
     EXPECT_EQ(m_log.Count("error", "wcstombs failed", "Init"), 1);
@@ -128,12 +101,6 @@ TEST_F(FileWriter, RefusesPathsItCannotOpen) {
     EXPECT_EQ(Open(std::string(1022, 'a')), MP4_STATUS_UNEXPECTED_ERROR);  // ENAMETOOLONG
     EXPECT_EQ(Open(std::string(1023, 'a')), MP4_STATUS_FILE_NAME_TOO_LONG);
     EXPECT_EQ(m_log.Count("error", "file path reach the max path size 1024", "Init"), 1);
-    std::string deep = m_folder.Path("");
-    while (deep.size() + 2 <= 1021)
-        deep += "./";
-    deep.resize(1021, '/');
-    EXPECT_EQ(Open(deep + "f"), MP4_STATUS_SUCCESS);
-    EXPECT_EQ(access(m_folder.Path("f").c_str(), F_OK), 0);
 }
 
 TEST_F(FileWriter, ReportsFailuresOnceAndStaysInError) {
@@ -148,51 +115,23 @@ TEST_F(FileWriter, ReportsFailuresOnceAndStaysInError) {
     EXPECT_FALSE(m_writer.IsValid());
 
     ASSERT_EQ(Open(m_folder.Path("out")), MP4_STATUS_SUCCESS);
-    ::testing::internal::CaptureStdout();
     EXPECT_THROW(m_writer.Seek(-5, SEEK_SET), kx_mp4_exception);
-    EXPECT_THAT(::testing::internal::GetCapturedStdout(),
-                HasSubstr("] Seek error Invalid argument !\n\n"));
-}
-
-TEST_F(FileWriter, CompletesShortWritesAndPassesOnErrorNumbers) {
-    const std::string path = m_folder.Path("out");
-    ASSERT_EQ(Open(path), MP4_STATUS_SUCCESS);
-    {
-        const FaultInjection fault(1, FaultInjection::kShortWrite);
-        m_writer.WriteBuf("0123456789", 10);
-        EXPECT_EQ(fault.Calls(), 2);
-    }
-    EXPECT_EQ(ReadFile(path).size(), 10U);
-    const FaultInjection fault(1, EROFS);
-    EXPECT_EQ(StatusOf([&] { m_writer.Flush(); }), MP4_STATUS_READONLY_FILE_SYSTEM);
+    m_writer.WriteInt32(3);
+    EXPECT_TRUE(ReadFile(m_folder.Path("out")).empty());
 }
 
 TEST_F(FileWriter, GathersPiecesOfAllSizesInOrder) {
     const std::string path = m_folder.Path("out");
     ASSERT_EQ(Open(path), MP4_STATUS_SUCCESS);
+    // More pieces than one call takes, large and small, and a short write in the middle of one.
     Bytes expected;
     const Bytes large(3000, 0x5A);
-    const Bytes small = Hex("0102030405");
-    {
-        const FaultInjection count(0, FaultInjection::kNone);
-        m_writer.BeginGather();
-        for (int i = 0; i < 60; ++i) {
-            const Bytes& piece = i % 3 == 0 ? large : small;
-            m_writer.WriteBuf(piece.data(), static_cast<uint32_t>(piece.size()));
-            expected = expected + piece;
-        }
-        EXPECT_EQ(count.Calls(), 0);
-        m_writer.EndGather();
-        EXPECT_LE(count.Calls(), 2);
-    }
-    EXPECT_EQ(ReadFile(path), expected);
-
-    // More pieces than one call takes, and a short write in the middle of one.
     m_writer.BeginGather();
     for (int i = 0; i < 400; ++i) {
-        m_writer.WriteBuf(large.data(), 600);
+        const auto size = static_cast<uint32_t>(i % 3 == 0 ? 3000 : 600);
+        m_writer.WriteBuf(large.data(), size);
         m_writer.WriteInt16(static_cast<uint16_t>(i));
-        expected = expected + Bytes(600, 0x5A) +
+        expected = expected + Bytes(size, 0x5A) +
                    Bytes{static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)};
     }
     {
@@ -221,17 +160,13 @@ TEST(BufferIo, GrowsByDoublingAndRoundsUpToKibibytes) {
     buffer.WriteInt32(1);  // not initialised: dropped
     EXPECT_EQ(buffer.GetSize(), 0U);
     const Bytes bytes(600, 1);
-    const struct {
-        uint32_t write;
-        uint64_t capacity;
-    } kTable[] = {{4, 1024}, {508, 1024}, {600, 2048}, {513, 2048}, {0, 0}};
-    for (const auto& row : kTable) {
+    const std::pair<uint32_t, uint64_t> kTable[] = {
+        {4, 1024}, {508, 1024}, {600, 2048}, {513, 2048}, {0, 0}};
+    for (const auto& [size, capacity] : kTable) {
         buffer.Init(nullptr);
-        EXPECT_EQ(buffer.GetCapabilitySize(), 0U);
-        buffer.WriteBuf(bytes.data(), row.write);
-        EXPECT_EQ(buffer.GetCapabilitySize(), row.capacity) << row.write;
-        EXPECT_EQ(buffer.GetSize(), row.write);
-        EXPECT_EQ(buffer.Ftell(), row.write);
+        buffer.WriteBuf(bytes.data(), size);
+        EXPECT_EQ(buffer.GetCapabilitySize(), capacity) << size;
+        EXPECT_EQ(buffer.GetSize(), size);
     }
     buffer.Init(nullptr);
     buffer.EnsureSize(600, true);
@@ -240,11 +175,6 @@ TEST(BufferIo, GrowsByDoublingAndRoundsUpToKibibytes) {
     buffer.EnsureSize(1000, false);  // (600 + 1000) * 2, in whole KiB
     EXPECT_EQ(buffer.GetCapabilitySize(), 4096U);
     EXPECT_EQ(BytesOf(buffer), bytes);
-    buffer.Init(nullptr, 100);
-    EXPECT_EQ(buffer.GetCapabilitySize(), 100U);
-    EXPECT_EQ(buffer.GetSize(), 0U);
-    EXPECT_TRUE(buffer.Uninit());
-    EXPECT_EQ(buffer.GetCapabilitySize(), 0U);
 }
 
 TEST(BufferIo, SeeksWithinItsBytesOnly) {
@@ -252,25 +182,24 @@ TEST(BufferIo, SeeksWithinItsBytesOnly) {
         int64_t offset;
         int origin;
         int position;  // -1: refused
-    } kTable[] = {{0, 0, 0},   {16, 0, 16}, {17, 0, -1},        {-1, 0, -1},
-                  {4, 1, 12},  {8, 1, 16},  {9, 1, -1},         {-8, 1, 0},
-                  {-9, 1, -1}, {0, 2, 16},  {-16, 2, 0},        {-17, 2, -1},
-                  {1, 2, -1},  {99, 3, 8},  {INT64_MAX, 1, -1}, {INT64_MIN, 2, -1},
-                  {5, 0, 5},   {-3, 2, 13}, {INT64_MIN, 0, -1}, {INT64_MAX, 2, -1}};
+    } kTable[] = {{0, 0, 0},          {16, 0, 16},        {17, 0, -1},        {-1, 0, -1},
+                  {8, 1, 16},         {9, 1, -1},         {-8, 1, 0},         {-9, 1, -1},
+                  {0, 2, 16},         {-16, 2, 0},        {-17, 2, -1},       {1, 2, -1},
+                  {INT64_MAX, 1, -1}, {INT64_MIN, 2, -1}, {INT64_MIN, 0, -1}, {99, 3, 8}};
     for (const auto& row : kTable) {
         CBufferIO buffer;
         buffer.Init(nullptr);
         buffer.WriteBuf("0123456789abcdef", 16);
         buffer.Seek(8, SEEK_SET);
-        if (row.position < 0) {
-            EXPECT_THROW(buffer.Seek(row.offset, row.origin), kx_mp4_exception)
-                << row.offset << " from " << row.origin;
-            EXPECT_EQ(buffer.Ftell(), 8U);
-            EXPECT_FALSE(buffer.IsValid());
-        } else {
+        bool refused = false;
+        try {
             buffer.Seek(row.offset, row.origin);
-            EXPECT_EQ(buffer.Ftell(), static_cast<uint64_t>(row.position));
+        } catch (const kx_mp4_exception&) {
+            refused = true;
         }
+        EXPECT_EQ(refused, row.position < 0) << row.offset << " from " << row.origin;
+        EXPECT_EQ(buffer.Ftell(), static_cast<uint64_t>(refused ? 8 : row.position));
+        EXPECT_EQ(buffer.IsValid(), !refused);
     }
 }
 
@@ -279,11 +208,9 @@ TEST(BufferIo, OverwritesReadsAndHandsOver) {
     sink.Init(nullptr);
     CBufferIO buffer;
     buffer.Init(&sink);
-    buffer.FlushEx();
     buffer.WriteBuf("0123456789ab", 12);
     buffer.Seek(0, SEEK_SET);
     buffer.WriteInt32(0x41414141);
-    EXPECT_EQ(buffer.GetSize(), 12U);
     EXPECT_EQ(buffer.ReadUint8(), '4');
     buffer.FlushEx();
     EXPECT_EQ(buffer.GetSize(), 12U);
@@ -291,7 +218,6 @@ TEST(BufferIo, OverwritesReadsAndHandsOver) {
     buffer.Flush();
     EXPECT_EQ(buffer.GetSize(), 0U);
     EXPECT_EQ(buffer.Ftell(), 0U);
-    EXPECT_EQ(buffer.GetCapabilitySize(), 1024U);
     EXPECT_EQ(BytesOf(sink), Hex("41414141 343536373839 6162 41414141 343536373839 6162"));
     EXPECT_THROW(buffer.ReadUint8(), kx_mp4_exception);
 }
@@ -312,7 +238,6 @@ TEST(ExternalWriter, AdaptsTheCallbacks) {
     ExternalWriter writer(output.Functions());
     output.refuseInit = true;
     EXPECT_EQ(writer.Init(L"a", 0, 0), MP4_STATUS_EXTERNAL_FUNC_FAILED);
-    EXPECT_FALSE(writer.IsValid());
     output.refuseInit = false;
     ASSERT_EQ(writer.Init(L"b", 3, 4), MP4_STATUS_SUCCESS);
     writer.WriteInt32(5);
@@ -323,14 +248,12 @@ TEST(ExternalWriter, AdaptsTheCallbacks) {
     EXPECT_TRUE(writer.Uninit());
     EXPECT_FALSE(writer.Uninit());
     EXPECT_EQ(writer.Ftell(), 0U);
-    EXPECT_NO_THROW(writer.Seek(0, 0));
     EXPECT_NO_THROW(writer.Flush());
     EXPECT_THAT(output.calls, ElementsAre("init a 0 0", "init b 3 4", "write 4", "tell",
                                           "seek -2 2", "write 2", "flush", "uninit"));
     EXPECT_EQ(output.Content(), Hex("00000006"));
     ExternalWriter none(nullptr);
     EXPECT_EQ(none.Init(L"a", 0, 0), MP4_STATUS_INVALID_PARAMETER);
-    EXPECT_FALSE(none.Uninit());
 }
 
 TEST(ExternalWriter, TakesOnlyOneForSuccess) {
@@ -342,7 +265,6 @@ TEST(ExternalWriter, TakesOnlyOneForSuccess) {
         ExternalWriter writer(output.Functions());
         ASSERT_EQ(writer.Init(L"out", 0, 0), MP4_STATUS_SUCCESS);
         EXPECT_EQ(StatusOf([&] { writer.WriteInt32(1); }), MP4_STATUS_PERMISSION_DENIED);
-        EXPECT_EQ(writer.get_error_code(), MP4_STATUS_PERMISSION_DENIED);
         writer.WriteInt32(2);
         EXPECT_EQ(output.writes, 1);
     }
