@@ -19,8 +19,10 @@ uint8_t MemoryOutput::ByteAt(uint64_t position) const {
 
 Bytes MemoryOutput::Content() const {
     Bytes content(m_size);
-    for (uint64_t i = 0; i < m_size; ++i)
-        content[i] = ByteAt(i);
+    for (const auto& [number, page] : m_pages) {
+        const uint64_t at = number * kPageSize;
+        std::copy_n(page.begin(), std::min(kPageSize, m_size - at), content.data() + at);
+    }
     return content;
 }
 
@@ -79,11 +81,12 @@ int MemoryOutput::Write(kx_mp4_handle handle, const void* buffer, uint32_t size)
         return output.failureResult;
     }
     const auto* bytes = static_cast<const uint8_t*>(buffer);
-    for (uint32_t i = 0; i < size && size < output.dropFrom; ++i) {
-        const uint64_t position = output.m_position + i;
-        Bytes& page = output.m_pages[position / kPageSize];
+    for (uint64_t i = 0, piece = 0; i < size && size < output.dropFrom; i += piece) {
+        const uint64_t inPage = (output.m_position + i) % kPageSize;
+        piece = std::min(size - i, kPageSize - inPage);
+        Bytes& page = output.m_pages[(output.m_position + i) / kPageSize];
         page.resize(kPageSize);
-        page[position % kPageSize] = bytes[i];
+        std::copy_n(bytes + i, piece, page.data() + inPage);
     }
     output.m_position += size;
     output.m_size = std::max(output.m_size, output.m_position);

@@ -3,16 +3,19 @@
 #ifndef KX_MP4_TESTS_REPAIR_INFO_READER_H
 #define KX_MP4_TESTS_REPAIR_INFO_READER_H
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "movie_reader.h"
+#include "streams.h"
 
 struct InfoRecord {
     int type = 0;
-    Bytes body;
     // Of frames:
     int64_t pts = 0;
     int64_t dts = 0;
@@ -58,13 +61,11 @@ private:
     InfoRecord Record() {
         InfoRecord record;
         record.type = static_cast<int>(Int(1));
-        const size_t start = m_at;
         switch (record.type) {
             case 1:
                 Skip(1);
-                SkipCounted();
-                SkipCounted();
-                SkipCounted();
+                for (int i = 0; i < 3; ++i)
+                    SkipCounted();
                 break;
             case 2: {
                 Skip(12);
@@ -102,13 +103,43 @@ private:
             default:
                 throw std::runtime_error("type " + std::to_string(record.type));
         }
-        record.body.assign(m_file.begin() + static_cast<int64_t>(start),
-                           m_file.begin() + static_cast<int64_t>(m_at));
         return record;
     }
 
     Bytes m_file;
     size_t m_at = 0;
 };
+
+struct InfoWalk {
+    size_t frames = 0;
+    uint64_t end = 0;  ///< Where the next frame would be in the output.
+};
+
+/// Walks the records: every frame lies in the output where the one before it ended, and is what
+/// was written.
+inline InfoWalk ExpectWalks(const RepairInfo& info, const Bytes& output, uint32_t mdatHeader,
+                            const std::vector<streams::Expected>& expected) {
+    static const std::map<int, std::string> kHandlers{
+        {4, "vide"}, {5, "soun"}, {7, "clcp"}, {9, "tmcd"}};
+    InfoWalk walk{0, uint64_t{info.mdatOffset} + mdatHeader};
+    for (const InfoRecord& record : info.records) {
+        const auto handler = kHandlers.find(record.type);
+        if (handler == kHandlers.end()) continue;
+        if (walk.frames == expected.size() || walk.end + record.size > output.size()) {
+            ADD_FAILURE() << "a frame too many, or past the end";
+            return walk;
+        }
+        const auto begin = output.begin() + static_cast<int64_t>(walk.end);
+        const streams::Expected& frame = expected[walk.frames++];
+        EXPECT_EQ(handler->second, frame.handler);
+        EXPECT_EQ(Bytes(begin, begin + record.size), frame.bytes) << walk.frames;
+        if (record.type != 9) {
+            EXPECT_EQ(record.dts, frame.time);
+        }
+        EXPECT_EQ(record.sync, frame.sync);
+        walk.end += record.size;
+    }
+    return walk;
+}
 
 #endif  // KX_MP4_TESTS_REPAIR_INFO_READER_H

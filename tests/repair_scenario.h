@@ -3,13 +3,16 @@
 #ifndef KX_MP4_TESTS_REPAIR_SCENARIO_H
 #define KX_MP4_TESTS_REPAIR_SCENARIO_H
 
+#include <unistd.h>
+
 #include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "Mp4Muxer.h"
-#include "write_log.h"
+#include "movie_reader.h"
+#include "scratch_folder.h"
 
 namespace repair_scenario {
 
@@ -40,29 +43,20 @@ struct Scenario {
 std::vector<Call> CallsOf(const Scenario& scenario);
 
 /// Runs all calls on a new recording, closes it and returns the finished file.
-FileBytes Finished(const std::string& path, uint32_t flags, const std::vector<Call>& calls);
+Bytes Finished(const std::string& path, uint32_t flags, const std::vector<Call>& calls);
 /// What the first `count` calls make, closed; also when none of them is a frame. With
 /// `stopHalfway`, of the last of them only the configuration. Quick: no file is touched.
-FileBytes FinishedInMemory(const std::string& path, uint32_t flags, const std::vector<Call>& calls,
-                           size_t count, bool stopHalfway = false);
+Bytes FinishedInMemory(const std::string& path, uint32_t flags, const std::vector<Call>& calls,
+                       size_t count, bool stopHalfway = false);
 /// Runs all calls and leaves the recording as a crash would, its repair info file beside it.
 void CutOff(const std::string& path, uint32_t flags, const std::vector<Call>& calls);
 
 /// Opens a recording with the repair info file on.
 mp4_status_t Open(CMp4Muxer& muxer, const std::string& path, uint32_t flags);
 
-/// A folder in memory where there is one, removed at the end. Its path never contains "mov".
-class Folder {
-public:
-    Folder();
-    ~Folder();
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
-    std::string Path(const std::string& name) const { return m_path + "/" + name; }
-    const std::string& Path() const { return m_path; }
-
-private:
-    std::string m_path;
+/// In memory where there is such a folder: these tests write many thousand files.
+struct Folder : ScratchFolder {
+    Folder() : ScratchFolder(access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp") {}
 };
 
 }  // namespace repair_scenario

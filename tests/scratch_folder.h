@@ -12,9 +12,9 @@
 /// recording in it a QuickTime movie.
 class ScratchFolder {
 public:
-    ScratchFolder() {
+    explicit ScratchFolder(const std::string& parent = "/tmp") {
         do {
-            std::string pattern = "/tmp/kx_mp4_test_XXXXXX";
+            std::string pattern = parent + "/kx_mp4_test_XXXXXX";
             if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no folder");
             if (!m_path.empty()) std::filesystem::remove(m_path);
             m_path = pattern;

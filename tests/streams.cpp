@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-
 #include "test_pattern.h"
 
 namespace streams {
@@ -90,10 +88,9 @@ Bytes AccessUnit(const std::vector<Bytes>& units) {
 Bytes LengthPrefixed(const std::vector<Bytes>& units) {
     Bytes sample;
     for (const Bytes& unit : units) {
-        const auto size = static_cast<uint32_t>(unit.size());
         for (int shift = 24; shift >= 0; shift -= 8)
-            sample.push_back(static_cast<uint8_t>(size >> shift));
-        sample = sample + unit;
+            sample.push_back(static_cast<uint8_t>(unit.size() >> shift));
+        sample = std::move(sample) + unit;
     }
     return sample;
 }
@@ -106,70 +103,48 @@ std::vector<Bytes> PictureUnits(uint32_t number) {
     return {kSps, kPps, KeySlice(group, static_cast<uint8_t>(16 + group * 40 % 220))};
 }
 
-std::vector<Step> SetUpEverything() {
-    static const int kStars = 5;
-    static const auto* const kStarsBytes = reinterpret_cast<const char*>(&kStars);
-    return {
-        {"SetVideoTrack",
-         [](CMp4Muxer& muxer) {
-             const auto track = H264Track();
-             return muxer.SetVideoTrack(&track);
-         }},
-        {"SetAudioTrack",
-         [](CMp4Muxer& muxer) {
-             const auto track = AacTrack();
-             return muxer.SetAudioTrack(&track);
-         }},
-        {"SetSubtitleTrack",
-         [](CMp4Muxer& muxer) {
-             const auto track = CaptionTrack(MP4_SUBTITLE_CODEC_CC608);
-             return muxer.SetSubtitleTrack(&track);
-         }},
-        {"SetTCMDTrack",
-         [](CMp4Muxer& muxer) {
-             const auto track = TimecodeTrack();
-             return muxer.SetTCMDTrack(&track);
-         }},
-        {"SetMetadata title",
-         [](CMp4Muxer& muxer) {
-             return muxer.SetMetadata("title", "Test", 0, MP4_META_DATA_TYPE_STRING, nullptr);
-         }},
-        {"SetMetadata stars",
-         [](CMp4Muxer& muxer) {
-             return muxer.SetMetadata("org.example.stars", kStarsBytes, sizeof kStars,
-                                      MP4_META_DATA_TYPE_INT, "mdta");
-         }},
-        {"SetMetadata raw",
-         [](CMp4Muxer& muxer) {
-             return muxer.SetMetadata("org.example.raw", "\0\1\2", 3, MP4_META_DATA_TYPE_RAW,
-                                      nullptr);
-         }},
+std::vector<Step> SetUpEverything(const mp4_video_track_info_t& video,
+                                  const mp4_audio_track_info_t& audio,
+                                  mp4_subtitle_codec captions) {
+    static const char kStars[] = {5, 0, 0, 0};
+    const auto metadata = [](const char* key, const char* value, uint32_t size,
+                             mp4_meta_data_type type, const char* space) {
+        return Step{std::string("SetMetadata ") + key, [=](CMp4Muxer& muxer) {
+                        return muxer.SetMetadata(key, value, size, type, space);
+                    }};
     };
+    return {{"SetVideoTrack", [video](CMp4Muxer& m) { return m.SetVideoTrack(&video); }},
+            {"SetAudioTrack", [audio](CMp4Muxer& m) { return m.SetAudioTrack(&audio); }},
+            {"SetSubtitleTrack",
+             [track = CaptionTrack(captions)](CMp4Muxer& m) { return m.SetSubtitleTrack(&track); }},
+            {"SetTCMDTrack",
+             [track = TimecodeTrack()](CMp4Muxer& m) { return m.SetTCMDTrack(&track); }},
+            metadata("title", "Test", 0, MP4_META_DATA_TYPE_STRING, nullptr),
+            metadata("org.example.stars", kStars, sizeof kStars, MP4_META_DATA_TYPE_INT, "mdta"),
+            metadata("org.example.raw", "\0\1\2", 3, MP4_META_DATA_TYPE_RAW, nullptr)};
 }
 
 std::vector<Step> WriteEverything(uint32_t pictures) {
     std::vector<Step> steps;
     for (uint32_t i = 0; i < pictures; ++i) {
         const std::string number = std::to_string(i);
-        const auto picture = std::make_shared<Bytes>(test_pattern::Picture(i));
-        steps.push_back({"WriteVideoFrame " + number, [picture, i](CMp4Muxer& muxer) {
-                             const uint64_t time = uint64_t{i} * kPictureTicks;
-                             return muxer.WriteVideoFrame(picture->data(),
-                                                          static_cast<uint32_t>(picture->size()),
-                                                          time, time);
-                         }});
-        steps.push_back({"WriteAudioFrame " + number, [i](CMp4Muxer& muxer) {
-                             return muxer.WriteAudioFrame(test_pattern::kSilence.data(), 4,
-                                                          uint64_t{i} * kAacTicks);
+        steps.push_back(
+            {"WriteVideoFrame " + number, [picture = test_pattern::Picture(i), i](CMp4Muxer& m) {
+                 const uint64_t time = uint64_t{i} * kPictureTicks;
+                 const auto size = static_cast<uint32_t>(picture.size());
+                 return m.WriteVideoFrame(picture.data(), size, time, time);
+             }});
+        steps.push_back({"WriteAudioFrame " + number, [i](CMp4Muxer& m) {
+                             const uint64_t time = uint64_t{i} * kAacTicks;
+                             return m.WriteAudioFrame(test_pattern::kSilence.data(), 4, time);
                          }});
         if (i == 0)
             steps.push_back(
-                {"WriteTimeCode", [](CMp4Muxer& muxer) { return muxer.WriteTimeCode(kTimecode); }});
+                {"WriteTimeCode", [](CMp4Muxer& m) { return m.WriteTimeCode(kTimecode); }});
         if (i % 3 == 0)
-            steps.push_back({"WriteSubtitleFrame " + number, [i](CMp4Muxer& muxer) {
-                                 return muxer.WriteSubtitleFrame(
-                                     kCaption.data(), static_cast<uint32_t>(kCaption.size()),
-                                     uint64_t{i} / 3 * kCaptionTicks);
+            steps.push_back({"WriteSubtitleFrame " + number, [i](CMp4Muxer& m) {
+                                 const uint64_t time = uint64_t{i} / 3 * kCaptionTicks;
+                                 return m.WriteSubtitleFrame(kCaption.data(), 9, time);
                              }});
     }
     return steps;
@@ -212,8 +187,9 @@ mp4_status_t Run(CMp4Muxer& muxer, const std::vector<Step>& steps) {
 
 mp4_status_t RecordEverything(const std::wstring& path, mp4_config_t config, uint32_t pictures) {
     CMp4Muxer muxer;
-    mp4_status_t status = muxer.Create(path.c_str(), &config);
-    if (status == MP4_STATUS_SUCCESS) status = Run(muxer, SetUpEverything());
+    const mp4_status_t created = muxer.Create(path.c_str(), &config);
+    if (created != MP4_STATUS_SUCCESS) return created;
+    mp4_status_t status = Run(muxer, SetUpEverything());
     if (status == MP4_STATUS_SUCCESS) status = Run(muxer, WriteEverything(pictures));
     const mp4_status_t closed = muxer.Close();
     return status == MP4_STATUS_SUCCESS ? closed : status;

@@ -63,7 +63,9 @@ struct Expected {
 };
 
 /// Declares all four tracks and metadata of every kind.
-std::vector<Step> SetUpEverything();
+std::vector<Step> SetUpEverything(const mp4_video_track_info_t& video = H264Track(),
+                                  const mp4_audio_track_info_t& audio = AacTrack(),
+                                  mp4_subtitle_codec captions = MP4_SUBTITLE_CODEC_CC608);
 /// Writes this many pictures with sound, captions at every third, timecode at the first.
 std::vector<Step> WriteEverything(uint32_t pictures);
 std::vector<Expected> ExpectEverything(uint32_t pictures);

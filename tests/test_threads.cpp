@@ -22,15 +22,11 @@ protected:
     void Open(uint32_t flags, bool deferred) {
         auto config = streams::FileConfig(flags);
         ASSERT_EQ(m_muxer.Create(m_folder.Wide("out.mp4").c_str(), &config), MP4_STATUS_SUCCESS);
-        const auto video =
-            deferred ? streams::Deferred(streams::H264Track()) : streams::H264Track();
-        const auto audio = deferred ? streams::AdtsTrack() : streams::AacTrack();
-        const auto captions = streams::CaptionTrack(MP4_SUBTITLE_CODEC_CC608);
-        const auto timecode = streams::TimecodeTrack();
-        ASSERT_EQ(m_muxer.SetVideoTrack(&video), MP4_STATUS_SUCCESS);
-        ASSERT_EQ(m_muxer.SetAudioTrack(&audio), MP4_STATUS_SUCCESS);
-        ASSERT_EQ(m_muxer.SetSubtitleTrack(&captions), MP4_STATUS_SUCCESS);
-        ASSERT_EQ(m_muxer.SetTCMDTrack(&timecode), MP4_STATUS_SUCCESS);
+        const auto steps = deferred
+                               ? streams::SetUpEverything(streams::Deferred(streams::H264Track()),
+                                                          streams::AdtsTrack())
+                               : streams::SetUpEverything();
+        ASSERT_EQ(streams::Run(m_muxer, steps), MP4_STATUS_SUCCESS);
     }
 
     mp4_status_t Video(uint32_t i) {

@@ -22,6 +22,8 @@
 
 #include "Mp4Muxer.h"
 #include "movie_reader.h"
+#include "streams.h"
+#include "test_pattern.h"
 
 namespace {
 
@@ -60,23 +62,11 @@ std::vector<Bytes> PictureUnits(uint32_t seed, uint32_t number) {
     const Bytes slice = Bytes{static_cast<uint8_t>(key ? 0x65 : 0x41)} +
                         Noise(seed * 7919 + number, 200, key ? 9000 : 2500);
     if (!key) return {slice};
-    return {Hex("6764000aacd9442684"), Hex("68ebe3cb22c0"), slice};
+    return {test_pattern::kSps, test_pattern::kPps, slice};
 }
 
 Bytes AudioFrame(uint32_t seed, uint32_t number) {
     return Bytes{0x21} + Noise(seed * 104729 + number, 80, 400);
-}
-
-Bytes Joined(const std::vector<Bytes>& units, bool lengths) {
-    Bytes joined;
-    for (const Bytes& unit : units) {
-        const auto size = static_cast<uint32_t>(unit.size());
-        const uint32_t prefix = lengths ? size : 1;
-        for (int shift = 24; shift >= 0; shift -= 8)
-            joined.push_back(static_cast<uint8_t>(prefix >> shift));
-        joined = joined + unit;
-    }
-    return joined;
 }
 
 void Require(bool condition, const std::string& what) {
@@ -87,30 +77,11 @@ void Require(mp4_status_t status, const char* call) {
     Require(status == MP4_STATUS_SUCCESS, std::string(call) + " says " + std::to_string(status));
 }
 
-void Declare(CMp4Muxer& muxer) {
-    const Bytes sps = Hex("6764000aacd9442684");
-    const Bytes pps = Hex("68ebe3cb22c0");
-    mp4_video_track_info_t video{};
-    video.timescale = 90000;
-    video.frame_duration = kPictureTicks;
-    video.codec = MP4_MVC_H264;
-    video.width = video.height = 64;
-    video.h264 = {sps.data(), static_cast<int16_t>(sps.size()), pps.data(),
-                  static_cast<int16_t>(pps.size())};
-    const mp4_audio_track_info_t audio = {48000, kAacTicks, MP4_MAC_AAC, 48000, 2, 2};
-    const mp4_time_code_track_info_t timecode = {30000, 1001, 30, 1};
-    const mp4_subtitle_track_info_t captions = {MP4_SUBTITLE_CODEC_CC608, 1000};
-    Require(muxer.SetVideoTrack(&video), "SetVideoTrack");
-    Require(muxer.SetAudioTrack(&audio), "SetAudioTrack");
-    Require(muxer.SetTCMDTrack(&timecode), "SetTCMDTrack");
-    Require(muxer.SetSubtitleTrack(&captions), "SetSubtitleTrack");
-}
-
 void RecordPictures(CMp4Muxer& muxer, Progress& progress, uint32_t seed, uint32_t count) {
     const Bytes caption = Hex("6102 02 fc942c fd8080");
     Require(muxer.WriteTimeCode(107892), "WriteTimeCode");
     for (uint32_t i = 0; i < count; ++i) {
-        const Bytes picture = Joined(PictureUnits(seed, i), false);
+        const Bytes picture = streams::AccessUnit(PictureUnits(seed, i));
         const uint64_t time = uint64_t{i} * kPictureTicks;
         Require(muxer.WriteVideoFrame(picture.data(), static_cast<uint32_t>(picture.size()), time,
                                       time),
@@ -136,12 +107,11 @@ void RecordAudio(CMp4Muxer& muxer, Progress& progress, uint32_t seed, uint32_t c
 }
 
 void Record(const std::string& path, Progress& progress, uint32_t seed) {
-    mp4_config_t config{};
-    config.flags = MP4_FLAG_REPAIR_INFO | (seed % 4);  // every combination of the wide fields
-    config.io_mode = MP4_IO_FILE;
+    // Every combination of the wide fields.
+    mp4_config_t config = streams::FileConfig(MP4_FLAG_REPAIR_INFO | (seed % 4));
     CMp4Muxer muxer;
     Require(muxer.Create(std::wstring(path.begin(), path.end()).c_str(), &config), "Create");
-    Declare(muxer);
+    Require(streams::Run(muxer, streams::SetUpEverything()), "the set-up");
     const uint32_t pictures = 20 + seed % 200;
     std::thread audio([&] { RecordAudio(muxer, progress, seed, pictures * 3 / 2); });
     RecordPictures(muxer, progress, seed, pictures);
@@ -173,7 +143,7 @@ void Check(const std::string& path, const Progress& progress, uint32_t seed) {
             const auto number = static_cast<uint32_t>(i);
             const Sample& sample = track.samples[i];
             if (track.handler == "vide") {
-                CheckSample(movie, sample, Joined(PictureUnits(seed, number), true),
+                CheckSample(movie, sample, streams::LengthPrefixed(PictureUnits(seed, number)),
                             int64_t{number} * kPictureTicks, number % kGroup == 0);
                 ++pictures;
             } else if (track.handler == "soun") {

@@ -6,8 +6,6 @@
 
 #include <algorithm>
 #include <array>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 
 // Names given by the linker's --wrap.
@@ -40,8 +38,8 @@ void NoteWrite(int file, off_t position, const void* bytes, ssize_t size) {
     const std::string path = PathOf(file);
     if (size <= 0 || !IsWatched(path)) return;
     const auto* first = static_cast<const uint8_t*>(bytes);
-    g_log->operations.push_back({FileOperation::kWrite, path, static_cast<uint64_t>(position),
-                                 FileBytes(first, first + size)});
+    g_log->operations.push_back(
+        {FileOperation::kWrite, path, static_cast<uint64_t>(position), Bytes(first, first + size)});
 }
 
 void Note(FileOperation::Kind kind, const std::string& path, uint64_t size = 0) {
@@ -60,7 +58,7 @@ ssize_t __wrap_write(int file, const void* bytes, size_t size) {
 }
 
 ssize_t __wrap_writev(int file, const iovec* pieces, int count) {
-    FileBytes whole;
+    Bytes whole;
     for (int i = 0; i < count; ++i) {
         const auto* first = static_cast<const uint8_t*>(pieces[i].iov_base);
         whole.insert(whole.end(), first, first + pieces[i].iov_len);
@@ -97,7 +95,7 @@ int __wrap_remove(const char* path) {
 void FileStates::Apply(const FileOperation& operation, size_t bytes) {
     switch (operation.kind) {
         case FileOperation::kWrite: {
-            FileBytes& file = m_files[operation.path];
+            Bytes& file = m_files[operation.path];
             const size_t count = std::min(bytes, operation.bytes.size());
             const auto position = static_cast<size_t>(operation.position);
             file.resize(std::max(file.size(), position + count));
@@ -117,8 +115,8 @@ void FileStates::Apply(const FileOperation& operation, size_t bytes) {
     }
 }
 
-const FileBytes& FileStates::Of(const std::string& path) const {
-    static const FileBytes kNothing;
+const Bytes& FileStates::Of(const std::string& path) const {
+    static const Bytes kNothing;
     const auto file = m_files.find(path);
     return file == m_files.end() ? kNothing : file->second;
 }
@@ -136,12 +134,7 @@ void WriteLog::Mark() {
     operations.push_back({FileOperation::kMark, {}, 0, {}});
 }
 
-FileBytes ReadWholeFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
-void WriteWholeFile(const std::string& path, const FileBytes& content) {
+void WriteWholeFile(const std::string& path, const Bytes& content) {
     const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     const bool written = file >= 0 && __real_write(file, content.data(), content.size()) ==
                                           static_cast<ssize_t>(content.size());

@@ -11,14 +11,14 @@
 #include <string>
 #include <vector>
 
-using FileBytes = std::vector<uint8_t>;
+#include "movie_reader.h"
 
 struct FileOperation {
     enum Kind { kWrite, kTruncate, kSync, kRemove, kMark };
     Kind kind = kWrite;
     std::string path;       // not of a mark
     uint64_t position = 0;  // of a write; the size of a truncation
-    FileBytes bytes;        // of a write
+    Bytes bytes;            // of a write
 };
 
 /// Files by their paths, as they are at one moment.
@@ -27,12 +27,12 @@ public:
     /// Applies an operation; of a write only the first `bytes` bytes.
     void Apply(const FileOperation& operation, size_t bytes = SIZE_MAX);
     /// The content; empty for a file that is not there.
-    const FileBytes& Of(const std::string& path) const;
-    FileBytes& Of(const std::string& path) { return m_files[path]; }
+    const Bytes& Of(const std::string& path) const;
+    Bytes& Of(const std::string& path) { return m_files[path]; }
     bool Has(const std::string& path) const { return m_files.count(path) != 0; }
 
 private:
-    std::map<std::string, FileBytes> m_files;
+    std::map<std::string, Bytes> m_files;
 };
 
 /// While it exists, operations on files below the folder are recorded. One at a time.
@@ -49,7 +49,6 @@ public:
     std::vector<FileOperation> operations;
 };
 
-FileBytes ReadWholeFile(const std::string& path);
-void WriteWholeFile(const std::string& path, const FileBytes& content);
+void WriteWholeFile(const std::string& path, const Bytes& content);
 
 #endif  // KX_MP4_TESTS_WRITE_LOG_H
