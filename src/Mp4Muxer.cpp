@@ -44,20 +44,6 @@ mp4_status_t Guarded(Operation&& operation) {
     }
 }
 
-/// The same for the write of a sample's bytes, with a log line for what is not an I/O failure.
-template <class Write, class LogUnexpected>
-mp4_status_t WriteBytes(Write&& write, LogUnexpected&& logUnexpected) {
-    try {
-        write();
-        return MP4_STATUS_SUCCESS;
-    } catch (const kx_mp4_exception& e) {
-        return e.error();
-    } catch (...) {
-        logUnexpected();
-        return MP4_STATUS_UNEXPECTED_ERROR;
-    }
-}
-
 bool HasAllCallbacks(const mp4_file_io_func_t& func) {
     return func.init != nullptr && func.uninit != nullptr && func.tell != nullptr &&
            func.seek != nullptr && func.flush != nullptr && func.write != nullptr;
@@ -333,9 +319,8 @@ mp4_status_t CMp4Muxer::WriteHeader() {
     }
     mp4_status_t status = WriteHeaderBoxes();
     if (status != MP4_STATUS_SUCCESS) return status;
+    // The next sample's offset is known by now: a side file that fails here cannot shift the index.
     m_writeHeader = true;
-    // Before the side file, so that a side file that fails here cannot shift the index.
-    m_nCurFileSize = static_cast<int64_t>(m_pWriter->Ftell());
     if (m_infoWriter.IsOpen()) {
         status = m_infoWriter.WriteMdatOffset(static_cast<uint32_t>(m_mdat->GetStartPos()));
         if (status == MP4_STATUS_SUCCESS) status = m_infoWriter.Flush();
@@ -351,15 +336,17 @@ mp4_status_t CMp4Muxer::WriteHeaderBoxes() {
         if (!m_bIsQtFile) m_free->Write();
         if (m_safeWrite) m_moov->Write();
         m_mdat->Write();
+        m_nCurFileSize = static_cast<int64_t>(m_pWriter->Ftell());
         return MP4_STATUS_SUCCESS;
     } catch (const kx_mp4_exception& e) {
         return e.error();
     } catch (const std::exception& e) {
         zv_log_error("exception:%s", kSource, __LINE__, "WriteHeader", e.what());
-        return MP4_STATUS_UNEXPECTED_ERROR;
     } catch (...) {
-        return MP4_STATUS_UNEXPECTED_ERROR;
+        zv_log_error("exception", kSource, __LINE__, "WriteHeader");
     }
+    m_indexLost = true;  // a second header would not stand where the first began
+    return MP4_STATUS_UNEXPECTED_ERROR;
 }
 
 mp4_status_t CMp4Muxer::EnsureHeader() {
@@ -369,6 +356,7 @@ mp4_status_t CMp4Muxer::EnsureHeader() {
 mp4_status_t CMp4Muxer::Close() {
     CMAutoLock lock(m_lockWrite);
     mp4_status_t status = MP4_STATUS_SUCCESS;
+    if (m_indexLost) status = MP4_STATUS_UNEXPECTED_ERROR;
     if (m_pWriter != nullptr && !m_pWriter->IsValid()) status = m_pWriter->get_error_code();
     if (m_infoWriter.IsOpen()) m_infoWriter.Close();
     int64_t start = 0;
@@ -381,21 +369,26 @@ mp4_status_t CMp4Muxer::Close() {
                     static_cast<long long>(GetTimeTick() - start));
     }
     start = GetTimeTick();
-    if (m_pWriter != nullptr) {
-        m_nCurFileSize = static_cast<int64_t>(m_pWriter->Ftell());
-        m_pWriter->Uninit();
-    }
+    const mp4_status_t closed = Guarded([this] { return CloseWriter(); });
+    if (status == MP4_STATUS_SUCCESS) status = closed;
     zv_log_info("Muxer - Close - uninit takes %lld ms", kSource, __LINE__, "Close",
                 static_cast<long long>(GetTimeTick() - start));
     ReleaseBoxes();
     m_writeHeader = false;
+    m_indexLost = false;
     return status;
+}
+
+mp4_status_t CMp4Muxer::CloseWriter() {
+    if (m_pWriter == nullptr) return MP4_STATUS_SUCCESS;
+    m_nCurFileSize = static_cast<int64_t>(m_pWriter->Ftell());
+    m_pWriter->Uninit();
+    return MP4_STATUS_SUCCESS;
 }
 
 /// | ftyp | free | mdat 8 ....... |   becomes   | ftyp | free | mdat n ....... | moov |
 /// True when all of it is in the output.
 bool CMp4Muxer::FinishMovie(mp4_status_t* status) {
-    if (m_indexLost) *status = MP4_STATUS_UNEXPECTED_ERROR;
     // A writer in error drops every write, so there is nothing that could still be finished.
     if (m_indexLost || !m_pWriter->IsValid()) return false;
     const mp4_status_t finished = Guarded([this] {
@@ -691,6 +684,21 @@ mp4_status_t CMp4Muxer::CheckSampleSize(uint64_t bytes, const char* function) {
     return MP4_STATUS_INVALID_PARAMETER;
 }
 
+template <class Write, class LogUnexpected>
+mp4_status_t CMp4Muxer::WriteSample(Write&& write, LogUnexpected&& logUnexpected) {
+    try {
+        write();
+        return MP4_STATUS_SUCCESS;
+    } catch (const kx_mp4_exception& e) {
+        return e.error();  // the writer is in error and takes no more
+    } catch (...) {
+        // A callback threw: nobody knows how much of the sample is in the output.
+        m_indexLost = true;
+        logUnexpected();
+        return MP4_STATUS_UNEXPECTED_ERROR;
+    }
+}
+
 template <class Index, class Record>
 mp4_status_t CMp4Muxer::AddSample(int bytes, Index&& index, Record&& record) {
     m_hasSamples = true;
@@ -770,7 +778,7 @@ mp4_status_t CMp4Muxer::AppendVideoFrame(const uint8_t* buf, uint32_t size,
     if (!HasRoomInFile(sampleSize, "WriteVideoFrame")) return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
 
     const uint64_t fileSizeBefore = m_safeWrite ? m_pWriter->GetFileSize() : 0;
-    status = WriteBytes(
+    status = WriteSample(
         [&] {
             if (prores)
                 m_pWriter->WriteBuf(buf, size);
@@ -909,11 +917,11 @@ mp4_status_t CMp4Muxer::SetAudioTrackFromAdts(const uint8_t* header, bool isAdts
 mp4_status_t CMp4Muxer::AppendAudioFrame(const uint8_t* sample, uint32_t size, uint64_t timestamp) {
     if (!HasRoomInFile(size, "WriteAudioFrame")) return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
     mp4_status_t status =
-        WriteBytes([&] { m_pWriter->WriteBuf(sample, size); },
-                   [&] {
-                       zv_log_error("write buffer exception, buffer size %d", kSource, __LINE__,
-                                    "WriteAudioFrame", static_cast<int>(size));
-                   });
+        WriteSample([&] { m_pWriter->WriteBuf(sample, size); },
+                    [&] {
+                        zv_log_error("write buffer exception, buffer size %d", kSource, __LINE__,
+                                     "WriteAudioFrame", static_cast<int>(size));
+                    });
     if (status != MP4_STATUS_SUCCESS) return status;
     const auto bytes = static_cast<int>(size);
     const auto nTimeStamp = static_cast<int64_t>(timestamp);
@@ -965,7 +973,7 @@ mp4_status_t CMp4Muxer::AppendCaption(const uint8_t* buf, uint32_t size, uint64_
         return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
     }
     uint32_t nWriteLen = 0;
-    status = WriteBytes(
+    status = WriteSample(
         [&] {
             GatheredWrite gathered(m_gatheringWriter);
             // A malformed packet has said so in the log and counts as a sample without bytes.
@@ -1038,7 +1046,9 @@ mp4_status_t CMp4Muxer::WriteTimeCode(int nTimeCode) {
         if (status != MP4_STATUS_SUCCESS) return status;
         if (!HasRoomInFile(kCounterSize, "WriteTimeCode"))
             return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
-        m_pWriter->WriteInt32(static_cast<uint32_t>(nTimeCode));
+        status =
+            WriteSample([&] { m_pWriter->WriteInt32(static_cast<uint32_t>(nTimeCode)); }, [] {});
+        if (status != MP4_STATUS_SUCCESS) return status;
         return AddSample(
             kCounterSize,
             [&] {

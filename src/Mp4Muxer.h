@@ -183,6 +183,7 @@ private:
     mp4_status_t WriteHeaderBoxes();
     mp4_status_t EnsureHeader();
     bool FinishMovie(mp4_status_t* status);
+    mp4_status_t CloseWriter();
     void ReleaseBoxes();
     void RemoveInfoFile();
     /// Writes the header if need be and then the record, when the repair info file is on.
@@ -198,6 +199,9 @@ private:
     mp4_status_t CheckSampleSize(uint64_t bytes, const char* function);
     /// Whether the file can describe a sample of this many bytes; logs when it cannot.
     bool HasRoomInFile(uint64_t bytes, const char* function);
+    /// Writes a sample's bytes; `logUnexpected` reports a failure that is not one of I/O.
+    template <class Write, class LogUnexpected>
+    mp4_status_t WriteSample(Write&& write, LogUnexpected&& logUnexpected);
     /// Takes note of a sample whose bytes are in the output: in the movie box (`index`, false when
     /// it refuses), in the repair info file (`record`), in the next sample's offset.
     template <class Index, class Record>
