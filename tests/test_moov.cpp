@@ -121,4 +121,20 @@ TEST_F(MovieBox, DurationsAreRefreshedInPlace) {
     EXPECT_EQ(mvhd.At("mvhd").U32(24), 1000U);
 }
 
+TEST_F(MovieBox, FastWriteHandsOverOnePiece) {
+    CBufferIO file;
+    file.Init(nullptr);
+    file.WriteInt64(0);
+    CBufferIO header;
+    header.Init(&file);
+    CMp4MoovAtom moov(&header, true, &file);
+    for (CMp4MoovAtom* box : {&moov, m_moov.get()}) {
+        box->SetVideoTrack(&m_video);
+        box->AfterWriteVideoFrame(40, 10, 0, 0, true);
+    }
+    moov.Write();
+    Read();
+    EXPECT_EQ(BytesOf(file), Bytes(8, 0) + BytesOf(m_out));
+}
+
 }  // namespace

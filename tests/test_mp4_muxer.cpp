@@ -1,4 +1,5 @@
 // The muxer as an application sees it: lifecycle, set-up, the frame paths, whole files.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -528,6 +529,37 @@ TEST_F(Muxer, GoldenFiles) {
         ASSERT_EQ(m_muxer.Close(), kSuccess);
         ExpectGolden(name, Text(output.Movie()));
     }
+}
+
+TEST_F(Muxer, CallbacksComeInOrder) {
+    MemoryOutput output;
+    ASSERT_EQ(CreateIn(output), MP4_STATUS_SUCCESS);
+    const auto track = streams::H264Track();
+    ASSERT_EQ(m_muxer.SetVideoTrack(&track), MP4_STATUS_SUCCESS);
+    EXPECT_THAT(output.calls, testing::ElementsAre("init out.mp4 0 0"));
+    const auto writesAndSeeks = [&output] {
+        std::vector<std::string> calls;
+        for (const std::string& call : output.calls)
+            if (call != "tell") calls.push_back(call);
+        output.calls.clear();
+        return calls;
+    };
+    writesAndSeeks();
+    ASSERT_EQ(Video(Hex("00000001 09f0 00000001 658884"), 0), MP4_STATUS_SUCCESS);
+    EXPECT_THAT(
+        writesAndSeeks(),
+        testing::ElementsAre("write 4", "write 4", "write 4", "write 4", "write 4", "write 4",
+                             "write 4", "seek 0 0", "write 4", "seek 28 0",  // ftyp
+                             "write 4", "write 4",                           // free
+                             "write 4", "write 4",                           // mdat
+                             "write 4", "write 2", "write 4", "write 3"));   // the sample
+    ASSERT_EQ(m_muxer.Close(), MP4_STATUS_SUCCESS);
+    auto calls = writesAndSeeks();
+    ASSERT_GT(calls.size(), 5U);
+    EXPECT_EQ(calls.back(), "uninit");
+    calls.resize(5);  // the size of mdat, then moov at the end
+    EXPECT_THAT(calls,
+                testing::ElementsAre("seek 36 0", "write 4", "seek 57 0", "write 4", "write 4"));
 }
 
 }  // namespace
