@@ -100,7 +100,7 @@ protected:
     /// The bytes of an integer as they are written.
     template <size_t Width>
     static std::array<uint8_t, Width> BigEndian(uint64_t nValue) {
-        std::array<uint8_t, Width> bytes;
+        std::array<uint8_t, Width> bytes{};
         for (size_t i = 0; i < Width; ++i)
             bytes[i] = static_cast<uint8_t>(nValue >> (8 * (Width - 1 - i)));
         return bytes;
