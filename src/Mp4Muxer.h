@@ -60,7 +60,8 @@ public:
     mp4_status_t Create(const wchar_t* pFilePath, uint32_t nBlockSize, uint32_t nBufferBlocks,
                         uint8_t uFlag, mp4_io_mode ioMode, mp4_file_io_func_t* pFunc);
 
-    /// Finishes the file: true media data size, index, then the repair info file is removed.
+    /// Finishes the file: true media data size, index, then the repair info file is removed. With
+    /// one beside a file of its own, the movie is pushed to the storage device before.
     ///
     /// Releases everything whatever happens. When the movie could not be finished, the failure's
     /// status is returned and the repair info file stays. Without a single frame the output stays
