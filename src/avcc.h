@@ -25,6 +25,8 @@ public:
 
     /// Throws the int 49 when there is no usable SPS (4 bytes) and PPS.
     void Write() override;
+    /// Works out the size of the box from the parameter sets; SetVosData calls it.
+    void calcSize();
     /// 0 until the parameter sets are given.
     uint32_t GetSize() override { return m_size; }
 
@@ -32,8 +34,6 @@ public:
     void Put(Out& out) const;
 
 private:
-    void calcSize();
-
     std::vector<uint8_t> m_sps;
     std::vector<uint8_t> m_pps;
     uint32_t m_size = 0;

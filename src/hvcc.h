@@ -30,6 +30,8 @@ public:
 
     /// Throws the int 71 when a set is missing or could not be parsed.
     void Write() override;
+    /// Works out the size of the box from the parsed sets; SetVosData calls it.
+    void calcSize();
     /// 0 until the parameter sets are given.
     uint32_t GetSize() override { return m_size; }
 
@@ -43,7 +45,6 @@ private:
         bool parsed = false;
     };
 
-    void calcSize();
     ParameterSet Parse(const uint8_t* set, int16_t size, const char* failure);
 
     ParameterSet m_vps;
