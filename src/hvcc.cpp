@@ -65,7 +65,7 @@ void CMp4HvccAtom::Put(Out& out) const {
 }
 
 void CMp4HvccAtom::calcSize() {
-    m_size = CountBytes([this](auto& out) { Put(out); });
+    m_size = m_pParser != nullptr ? CountBytes([this](auto& out) { Put(out); }) : 0;
 }
 
 void CMp4HvccAtom::Write() {
