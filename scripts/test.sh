@@ -10,7 +10,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 jobs=$(nproc)
 
 "$root/scripts/apt_packages.sh" g++ cmake ninja-build libgtest-dev libgmock-dev libcli11-dev \
-    ffmpeg mediainfo
+    ffmpeg mediainfo pkg-config
 
 launcher=()
 if command -v ccache >/dev/null; then
