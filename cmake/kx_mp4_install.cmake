@@ -30,6 +30,7 @@ set(KX_MP4_PUBLIC_HEADERS
     src/InfoWriter.h
     src/MLock.h
     src/Mp4Muxer.h
+    src/ParameterSets.h
     src/VideoFrameParser.h
     src/defines.h
     src/zv_log.h)

@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "AudioES.h"
-#include "ParseHevc.h"
 #include "ctts.h"
 #include "free.h"
 #include "ftyp.h"
@@ -21,8 +20,6 @@ namespace {
 constexpr const char* kSource = "src/Mp4Muxer";
 constexpr wchar_t kInfoExtension[] = L".info";
 constexpr uint32_t kNalLengthSize = 4;
-constexpr uint8_t kH264Sps = 7;
-constexpr uint8_t kH264Pps = 8;
 constexpr uint32_t kAdtsHeaderSize = 7;
 
 // The caller's caption packets: mark, kind, number, data.
@@ -64,48 +61,6 @@ void LogFlags(const mp4_config_t& config) {
                     "Create");
 }
 
-/// Makes "not given" one thing: no pointer and no size. False for a negative size.
-bool NormaliseParameterSet(const uint8_t** set, int16_t* size) {
-    if (*size < 0) return false;
-    if (*set == nullptr) *size = 0;
-    if (*size == 0) *set = nullptr;
-    return true;
-}
-
-bool NormaliseParameterSets(mp4_video_track_info_t* info) {
-    switch (info->codec) {
-        case MP4_MVC_H264:
-            return NormaliseParameterSet(&info->h264.sps, &info->h264.sps_size) &&
-                   NormaliseParameterSet(&info->h264.pps, &info->h264.pps_size);
-        case MP4_MVC_HEVC:
-            return NormaliseParameterSet(&info->hevc.vps, &info->hevc.vps_size) &&
-                   NormaliseParameterSet(&info->hevc.sps, &info->hevc.sps_size) &&
-                   NormaliseParameterSet(&info->hevc.pps, &info->hevc.pps_size);
-        default:
-            return true;
-    }
-}
-
-bool HasCodecData(const mp4_video_track_info_t& info) {
-    switch (info.codec) {
-        case MP4_MVC_H264:
-            return info.h264.sps_size != 0 && info.h264.pps_size != 0;
-        case MP4_MVC_HEVC:
-            return info.hevc.pps_size != 0 && info.hevc.sps_size != 0 && info.hevc.vps_size != 0;
-        default:
-            return true;
-    }
-}
-
-/// Keeps a copy of a parameter set and points the description at it.
-void KeepParameterSet(const uint8_t* bytes, size_t size, std::vector<uint8_t>* kept,
-                      const uint8_t** set, int16_t* setSize) {
-    if (size == 0) return;
-    kept->assign(bytes, bytes + size);
-    *set = kept->data();
-    *setSize = static_cast<int16_t>(size);
-}
-
 std::unique_ptr<IVideoNalParser> NalParserOf(mp4_video_codec codec) {
     switch (codec) {
         case MP4_MVC_H264:
@@ -123,13 +78,6 @@ uint64_t LengthPrefixedSize(const CVideoFrameParser& frame) {
     for (const VIDEO_SLICE& unit : frame)
         size += kNalLengthSize + static_cast<uint64_t>(unit.cbData);
     return size;
-}
-
-/// Whether an HEVC unit has nuh_layer_id 0 (ITU-T H.265, 7.3.1.2). The sets of other layers
-/// describe what a single-layer track cannot hold.
-bool IsBaseLayer(const VIDEO_SLICE& unit) {
-    constexpr int kHeaderSize = 2;
-    return unit.cbData >= kHeaderSize && (unit.pbData[0] & 0x01) == 0 && unit.pbData[1] >> 3 == 0;
 }
 
 bool HasAdtsHeader(const uint8_t* buf, uint32_t size) {
@@ -526,7 +474,7 @@ mp4_status_t CMp4Muxer::SetVideoTrack(const mp4_video_track_info* pTrackInfo) {
         zv_log_error("please set frame_duration in safe mode", kSource, __LINE__, "SetVideoTrack");
         return MP4_STATUS_INVALID_PARAMETER;
     }
-    if (!NormaliseParameterSets(&info)) {
+    if (!NormaliseParameterSets(info)) {
         zv_log_error("negative parameter set size", kSource, __LINE__, "SetVideoTrack");
         return MP4_STATUS_INVALID_PARAMETER;
     }
@@ -537,7 +485,7 @@ mp4_status_t CMp4Muxer::SetVideoTrack(const mp4_video_track_info* pTrackInfo) {
             return MP4_STATUS_INVALID_CODEC_TYPE;
         }
         m_videoTrack = info;
-        m_videoHasCodecData = HasCodecData(info);
+        m_videoHasCodecData = HasParameterSets(info);
         if (m_videoHasCodecData) {
             if (!m_moov->SetVideoTrack(&info)) return MP4_STATUS_UNEXPECTED_ERROR;
             return RecordInRepairInfo([&] { return m_infoWriter.WriteVideoFormat(&info); });
@@ -547,26 +495,11 @@ mp4_status_t CMp4Muxer::SetVideoTrack(const mp4_video_track_info* pTrackInfo) {
                          "SetVideoTrack");
             return MP4_STATUS_INVALID_PARAMETER;
         }
-        KeepGivenParameterSets();
+        m_parameterSets.KeepGiven(m_videoTrack);
         zv_log_info("no codec data in video track info, try to find it in stream", kSource,
                     __LINE__, "SetVideoTrack");
         return MP4_STATUS_SUCCESS;
     });
-}
-
-/// The sets that were given wait here for those that are to come, past the life of the caller's.
-void CMp4Muxer::KeepGivenParameterSets() {
-    const auto keep = [](const uint8_t*& set, int16_t& size, std::vector<uint8_t>* kept) {
-        KeepParameterSet(set, static_cast<size_t>(size), kept, &set, &size);
-    };
-    if (m_videoTrack.codec == MP4_MVC_H264) {
-        keep(m_videoTrack.h264.sps, m_videoTrack.h264.sps_size, &m_sps);
-        keep(m_videoTrack.h264.pps, m_videoTrack.h264.pps_size, &m_pps);
-    } else {
-        keep(m_videoTrack.hevc.vps, m_videoTrack.hevc.vps_size, &m_vps);
-        keep(m_videoTrack.hevc.sps, m_videoTrack.hevc.sps_size, &m_sps);
-        keep(m_videoTrack.hevc.pps, m_videoTrack.hevc.pps_size, &m_pps);
-    }
 }
 
 mp4_status_t CMp4Muxer::SetAudioTrack(const mp4_audio_track_info_t* pTrackInfo) {
@@ -842,8 +775,8 @@ bool CMp4Muxer::GetVideoCodecData(const CVideoFrameParser& frame) {
         return false;
     }
     for (const VIDEO_SLICE& unit : frame) {
-        TakeParameterSet(unit);
-        if (!HasCodecData(m_videoTrack)) continue;
+        m_parameterSets.Take(unit, *m_pVideoNalParser, m_videoTrack);
+        if (!HasParameterSets(m_videoTrack)) continue;
         m_videoHasCodecData = true;
         zv_log_info("found video codec data in stream, set video track info", kSource, __LINE__,
                     "GetVideoCodecData");
@@ -852,26 +785,6 @@ bool CMp4Muxer::GetVideoCodecData(const CVideoFrameParser& frame) {
         return true;
     }
     return false;
-}
-
-void CMp4Muxer::TakeParameterSet(const VIDEO_SLICE& unit) {
-    // The description has 16 bits for the size.
-    if (unit.cbData <= 0 || unit.cbData > INT16_MAX) return;
-    const auto size = static_cast<size_t>(unit.cbData);
-    const uint8_t type = m_pVideoNalParser->GetTag(unit.pbData, unit.cbData);
-    const auto take = [&](std::vector<uint8_t>* kept, const uint8_t** set, int16_t* setSize) {
-        KeepParameterSet(unit.pbData, size, kept, set, setSize);
-    };
-    if (m_videoTrack.codec == MP4_MVC_H264) {
-        mp4_h264_parameter_set_t& sets = m_videoTrack.h264;
-        if (type == kH264Sps) take(&m_sps, &sets.sps, &sets.sps_size);
-        if (type == kH264Pps) take(&m_pps, &sets.pps, &sets.pps_size);
-    } else if (IsBaseLayer(unit)) {
-        mp4_hevc_parameter_set_t& sets = m_videoTrack.hevc;
-        if (type == NAL_VPS) take(&m_vps, &sets.vps, &sets.vps_size);
-        if (type == NAL_SPS) take(&m_sps, &sets.sps, &sets.sps_size);
-        if (type == NAL_PPS) take(&m_pps, &sets.pps, &sets.pps_size);
-    }
 }
 
 // Audio

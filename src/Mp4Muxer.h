@@ -5,11 +5,11 @@
 
 #include <cstdint>
 #include <memory>
-#include <vector>
 
 #include "BaseIO.h"
 #include "InfoWriter.h"
 #include "MLock.h"
+#include "ParameterSets.h"
 #include "VideoFrameParser.h"
 #include "kx_mp4/kx_mp4.h"
 
@@ -191,9 +191,7 @@ private:
     template <class Record>
     mp4_status_t RecordInRepairInfo(Record&& record);
 
-    void KeepGivenParameterSets();
     bool GetVideoCodecData(const CVideoFrameParser& frame);
-    void TakeParameterSet(const VIDEO_SLICE& unit);
 
     /// What every frame writer asks before it looks at its frame.
     mp4_status_t CheckRecording(int line, const char* function);
@@ -251,10 +249,7 @@ private:
     bool m_hasSamples = false;
     bool m_indexLost = false;
     bool m_compositionOffsets = false;
-    // Parameter sets that are waiting for the rest of their kind.
-    std::vector<uint8_t> m_vps;
-    std::vector<uint8_t> m_sps;
-    std::vector<uint8_t> m_pps;
+    CParameterSetKeeper m_parameterSets;
 };
 
 #endif  // KX_MP4_MP4MUXER_H
