@@ -173,6 +173,7 @@ void RepairRun::Count(const FrameRecord& frame, SampleVerdict verdict, bool inde
     ++track.frames_kept;
     track.bytes_kept += frame.size;
     if (verdict == SampleVerdict::kNothingToCheck) ++track.frames_unchecked;
+    if (frame.pts != frame.dts) ++track.frames_with_offset;
     if (m_media->LooksUnwritten(m_mediaEnd, m_mediaEnd + frame.size)) ++track.frames_doubtful;
 }
 

@@ -142,7 +142,9 @@ TEST_F(RepairTest, CompositionOffsetsComeBackWhenAskedFor) {
     RepairOptions options;
     options.composition_offsets = true;
     ExpectRepaired(RunRepair(options), RepairOutcome::kWhole);
-    EXPECT_FALSE(ReadFile(RunRepair().output_path) == m_finished);
+    const RepairReport flat = RunRepair();
+    EXPECT_FALSE(ReadFile(flat.output_path) == m_finished);
+    EXPECT_GT(flat.tracks[kx_mp4::kRepairVideo].frames_with_offset, 0U);
 }
 
 // Options

@@ -1,6 +1,6 @@
 /// @file
-/// kxmux's own log sink, which takes the place of the library's: the program tells of a failure in
-/// one line of its own, so the library's lines are shown only on request, with KXMUX_LOG=1 in the
+/// The programs' own log sink, which takes the place of the library's: a program tells of a failure
+/// in its own words, so the library's lines are shown only on request, with KX_MP4_LOG=1 in the
 /// environment.
 
 #include <cstdarg>
@@ -13,7 +13,7 @@ namespace {
 
 void Print(const char* level, const char* format, const char* file, int line, const char* function,
            va_list arguments) {
-    static const bool wanted = std::getenv("KXMUX_LOG") != nullptr;
+    static const bool wanted = std::getenv("KX_MP4_LOG") != nullptr;
     if (!wanted) return;
     char text[1024];
     std::vsnprintf(text, sizeof text, format, arguments);

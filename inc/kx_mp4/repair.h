@@ -92,6 +92,9 @@ struct RepairTrackReport {
     /// Kept samples that lie on bytes which look as if they had never been written: zeros up to or
     /// from the edge of a 4 KiB page, as a power cut leaves them.
     uint64_t frames_doubtful = 0;
+    /// Kept video frames whose presentation time is not their decode time. When the application had
+    /// composition offsets on, they need RepairOptions::composition_offsets to be shown in time.
+    uint64_t frames_with_offset = 0;
 };
 
 /// What was found and done.

@@ -92,6 +92,7 @@ std::string TrackAsJson(const RepairTrackReport& track) {
         .Number("frames_without_track", track.frames_without_track)
         .Number("frames_unchecked", track.frames_unchecked)
         .Number("frames_doubtful", track.frames_doubtful)
+        .Number("frames_with_offset", track.frames_with_offset)
         .Close();
 }
 
@@ -126,6 +127,11 @@ std::string ReportAsText(const RepairReport& report, const RepairOptions& option
     if (report.media_bytes_dropped != 0)
         text += "  media data left out at the end: " + std::to_string(report.media_bytes_dropped) +
                 " bytes\n";
+    const uint64_t shifted = report.tracks[kx_mp4::kRepairVideo].frames_with_offset;
+    if (shifted != 0 && !options.composition_offsets)
+        text += "  " + std::to_string(shifted) +
+                " video frames are not shown when they are decoded: if the recording was made with "
+                "composition offsets, repair it with --composition-offsets\n";
     return text;
 }
 
