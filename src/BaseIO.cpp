@@ -1,6 +1,7 @@
 #include "BaseIO.h"
 
 #include <fcntl.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -8,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "GatherList.h"
 #include "zv_log.h"
 
 namespace {
@@ -53,6 +55,8 @@ void IBaseIO::FailRead(int line) {
 }
 
 // IFileIOBase
+
+IFileIOBase::IFileIOBase() = default;
 
 IFileIOBase::~IFileIOBase() {
     IFileIOBase::Uninit();
@@ -101,32 +105,21 @@ void IFileIOBase::WriteAll(const void* pbBuf, uint32_t cbBuf) {
     } while (left != 0);
 }
 
+void IFileIOBase::PrepareGather() {
+    if (m_gathered == nullptr) m_gathered = std::make_unique<GatherList>();
+}
+
 void IFileIOBase::Gather(const void* pbBuf, uint32_t cbBuf) {
-    if (cbBuf == 0) return;
-    const bool copy = cbBuf <= kCopyLimit;
-    if (m_pieces == kMaxPieces || (copy && m_copied + cbBuf > kCopyRoom)) WriteGathered();
-    if (!copy) {
-        m_piece[m_pieces++] = {const_cast<void*>(pbBuf), cbBuf};
-        return;
-    }
-    uint8_t* const place = m_copy.data() + m_copied;
-    std::memcpy(place, pbBuf, cbBuf);
-    m_copied += cbBuf;
-    if (m_pieces != 0) {
-        iovec& last = m_piece[m_pieces - 1];
-        if (static_cast<uint8_t*>(last.iov_base) + last.iov_len == place) {
-            last.iov_len += cbBuf;
-            return;
-        }
-    }
-    m_piece[m_pieces++] = {place, cbBuf};
+    if (cbBuf == 0 || m_gathered->Add(pbBuf, cbBuf)) return;
+    WriteGathered();
+    m_gathered->Add(pbBuf, cbBuf);
 }
 
 void IFileIOBase::WriteGathered() {
-    if (m_pieces == 0) return;
-    iovec* piece = m_piece.data();
-    iovec* const end = piece + m_pieces;
-    m_pieces = m_copied = 0;  // what fails below is not tried again
+    if (m_gathered == nullptr) return;
+    iovec* piece = m_gathered->begin();
+    iovec* const end = m_gathered->end();
+    m_gathered->Clear();  // what fails below is not tried again
     while (piece != end) {
         const ssize_t count = piece + 1 == end
                                   ? write(m_hFile, piece->iov_base, piece->iov_len)
@@ -149,7 +142,7 @@ void IFileIOBase::EndGather() {
 
 void IFileIOBase::CancelGather() {
     m_gathering = false;
-    m_pieces = m_copied = 0;
+    if (m_gathered != nullptr) m_gathered->Clear();
 }
 
 void IFileIOBase::Read(void* pbBuf, uint32_t cbBuf) {

@@ -4,16 +4,17 @@
 #ifndef KX_MP4_BASEIO_H
 #define KX_MP4_BASEIO_H
 
-#include <sys/uio.h>
-
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 
 #include "FourCC.h"
 #include "defines.h"
 #include "kx_mp4/kx_mp4.h"
+
+class GatherList;
 
 /// State of a stream. Note that the usable state is -1.
 typedef enum _IO_STATUS : int32_t {
@@ -132,10 +133,11 @@ private:
 /// The contract on a POSIX file descriptor. Destroying an open writer closes its file.
 ///
 /// What is written between BeginGather and EndGather reaches the file with as few system calls as
-/// the system allows, complete and in order when EndGather returns. Small pieces are copied;
-/// for large ones the caller's bytes must stay as they are until then.
+/// the system allows, complete and in order when EndGather returns. Pieces of at most
+/// GatherList::kSmall bytes are copied; larger ones must stay as they are until then.
 class IFileIOBase : public IBaseIO {
 public:
+    IFileIOBase();
     ~IFileIOBase() override;
 
     /// Opens the stream; block size and count are for outputs that use them.
@@ -148,8 +150,10 @@ public:
     void Flush() override;
     bool IsInBuffer(int64_t, int) override { return true; }
 
+    /// Takes the memory that gathering needs. Without it every write goes to the file at once.
+    void PrepareGather();
     /// Collects what is written from now on.
-    void BeginGather() { m_gathering = true; }
+    void BeginGather() { m_gathering = m_gathered != nullptr; }
     /// Writes what was gathered; fails as a Write fails.
     void EndGather();
     /// Ends gathering and forgets what has not been written.
@@ -162,20 +166,12 @@ protected:
     int m_hFile = -1;  ///< Descriptor; -1 when closed.
 
 private:
-    /// Pieces up to this size are copied, so that neighbours become one piece.
-    static constexpr uint32_t kCopyLimit = 512;
-    static constexpr size_t kCopyRoom = 4096;
-    static constexpr size_t kMaxPieces = 128;
-
     void Gather(const void* pbBuf, uint32_t cbBuf);
     void WriteGathered();
     void WriteAll(const void* pbBuf, uint32_t cbBuf);
 
     bool m_gathering = false;
-    size_t m_pieces = 0;
-    size_t m_copied = 0;
-    std::array<iovec, kMaxPieces> m_piece{};
-    std::array<uint8_t, kCopyRoom> m_copy{};
+    std::unique_ptr<GatherList> m_gathered;
 };
 
 /// Room for a path in the multibyte form that the system takes, with its terminator.

@@ -211,6 +211,7 @@ mp4_status_t CMp4Muxer::OpenWriter(const wchar_t* pFilePath, const mp4_config_t&
 
 mp4_status_t CMp4Muxer::OpenFileWriter(const wchar_t* pFilePath) {
     auto writer = std::make_unique<CFileWriter>();
+    writer->PrepareGather();
     const mp4_status_t status = writer->Init(pFilePath, 0, 0);
     if (status != MP4_STATUS_SUCCESS) {
         zv_log_error("init CFileWriter writer failed", kSource, __LINE__, "Create");

@@ -125,10 +125,11 @@ TEST_F(FileWriter, GathersPiecesOfAllSizesInOrder) {
     ASSERT_EQ(Open(path), MP4_STATUS_SUCCESS);
     // More pieces than one call takes, large and small, and a short write in the middle of one.
     Bytes expected;
-    const Bytes large(3000, 0x5A);
+    const Bytes large(5000, 0x5A);
+    m_writer.PrepareGather();
     m_writer.BeginGather();
     for (int i = 0; i < 400; ++i) {
-        const auto size = static_cast<uint32_t>(i % 3 == 0 ? 3000 : 600);
+        const auto size = static_cast<uint32_t>(i % 3 == 0 ? 5000 : 600);
         m_writer.WriteBuf(large.data(), size);
         m_writer.WriteInt16(static_cast<uint16_t>(i));
         expected = expected + Bytes(size, 0x5A) +
