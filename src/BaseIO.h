@@ -137,6 +137,7 @@ private:
 /// GatherList::kSmall bytes are copied; larger ones must stay as they are until then.
 class IFileIOBase : public IBaseIO {
 public:
+    /// Closed, and without the memory for gathering.
     IFileIOBase();
     ~IFileIOBase() override;
 
