@@ -402,24 +402,9 @@ bool ParsePps(const uint8_t* nal, size_t size, Pps* pps) {
 bool ParameterSets::Add(const uint8_t* nal, size_t size) {
     if (size == 0) return true;
     const uint8_t type = NalUnitType(nal[0]);
-    if (type == kNalSps) {
-        auto sps = std::make_unique<Sps>();
-        if (!ParseSps(nal, size, sps.get())) return false;
-        m_sps[sps->id] = std::move(sps);
-    } else if (type == kNalPps) {
-        auto pps = std::make_unique<Pps>();
-        if (!ParsePps(nal, size, pps.get())) return false;
-        m_pps[pps->id] = std::move(pps);
-    }
+    if (type == kNalSps) return m_sps.Add(ParseSps, nal, size);
+    if (type == kNalPps) return m_pps.Add(ParsePps, nal, size);
     return true;
-}
-
-const Sps* ParameterSets::FindSps(uint32_t id) const {
-    return id < m_sps.size() ? m_sps[id].get() : nullptr;
-}
-
-const Pps* ParameterSets::FindPps(uint32_t id) const {
-    return id < m_pps.size() ? m_pps[id].get() : nullptr;
 }
 
 bool ParseSliceHeader(const uint8_t* nal, size_t size, const ParameterSets& sets,

@@ -11,8 +11,9 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <vector>
+
+#include "ParameterSetTable.h"
 
 namespace kxmux::h264 {
 
@@ -113,12 +114,12 @@ public:
     /// other types are ignored.
     bool Add(const uint8_t* nal, size_t size);
     /// Null when the stream has not sent the set.
-    const Sps* FindSps(uint32_t id) const;
-    const Pps* FindPps(uint32_t id) const;
+    const Sps* FindSps(uint32_t id) const { return m_sps.Find(id); }
+    const Pps* FindPps(uint32_t id) const { return m_pps.Find(id); }
 
 private:
-    std::array<std::unique_ptr<Sps>, 32> m_sps;
-    std::array<std::unique_ptr<Pps>, 256> m_pps;
+    ParameterSetTable<Sps, 32> m_sps;
+    ParameterSetTable<Pps, 256> m_pps;
 };
 
 /// Reads the header of a slice (nal_unit_type 1 or 5, or 2 of a data-partitioned slice). False

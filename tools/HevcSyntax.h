@@ -7,10 +7,10 @@
 #ifndef KXMUX_HEVCSYNTAX_H
 #define KXMUX_HEVCSYNTAX_H
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
+
+#include "ParameterSetTable.h"
 
 namespace kxmux::hevc {
 
@@ -104,12 +104,12 @@ public:
     /// other types and layers are ignored.
     bool Add(const uint8_t* nal, size_t size);
     /// Null when the stream has not sent the set.
-    const Sps* FindSps(uint32_t id) const;
-    const Pps* FindPps(uint32_t id) const;
+    const Sps* FindSps(uint32_t id) const { return m_sps.Find(id); }
+    const Pps* FindPps(uint32_t id) const { return m_pps.Find(id); }
 
 private:
-    std::array<std::unique_ptr<Sps>, 16> m_sps;
-    std::array<std::unique_ptr<Pps>, 64> m_pps;
+    ParameterSetTable<Sps, 16> m_sps;
+    ParameterSetTable<Pps, 64> m_pps;
 };
 
 /// Reads the header of a slice segment. False also when the parameter sets it refers to are not
