@@ -94,7 +94,7 @@ PictureInfo FrameOrderer::ReadInfo() {
 
 AnnexBFeed::AnnexBFeed(const VideoOptions& options)
     : VideoFeed(options), m_source(options.path), m_frames(options.codec, m_source) {
-    if (!AnnexBFeed::Prepare()) {
+    if (!Prepare()) {
         const bool any = m_frames.Dropped() > 0;
         throw Error(0, any ? "no parameter sets in the whole stream" : "no picture in the stream");
     }
@@ -155,16 +155,6 @@ mp4_status_t AnnexBFeed::Declare(CMp4Muxer& muxer) {
     return muxer.SetVideoTrack(&info);
 }
 
-bool AnnexBFeed::Prepare() {
-    if (m_ready) return true;
-    try {
-        m_ready = m_frames.Next(m_frame);
-    } catch (const StreamError& error) {
-        throw Error(m_frames.Index(), error.what());
-    }
-    return m_ready;
-}
-
 mp4_status_t AnnexBFeed::Write(CMp4Muxer& muxer) {
     const auto& bytes = m_frame.unit.Bytes();
     const uint64_t dts = m_frame.times.dts * TicksPerFrame();
@@ -172,7 +162,6 @@ mp4_status_t AnnexBFeed::Write(CMp4Muxer& muxer) {
     const auto size = static_cast<uint32_t>(bytes.size());
     const mp4_status_t status = muxer.WriteVideoFrame(bytes.data(), size, pts, dts);
     if (status == MP4_STATUS_SUCCESS) CountFrame(bytes.size());
-    m_ready = false;
     return status;
 }
 

@@ -67,23 +67,23 @@ private:
     bool m_ended = false;
 };
 
-class AnnexBFeed : public VideoFeed {
+class AnnexBFeed final : public VideoFeed {
 public:
     explicit AnnexBFeed(const VideoOptions& options);
 
     mp4_status_t Declare(CMp4Muxer& muxer) override;
-    bool Prepare() override;
     mp4_status_t Write(CMp4Muxer& muxer) override;
     std::string Note() const override;
 
 private:
+    bool ReadFrame() override { return m_frames.Next(m_frame); }
+    uint64_t FrameToRead() const override { return m_frames.Index(); }
     bool FindReordering() const;
     void FindSize();
 
     FileSource m_source;
     FrameOrderer m_frames;
     FrameOrderer::Frame m_frame;
-    bool m_ready = false;
     bool m_reordered = false;
 };
 

@@ -9,7 +9,7 @@ constexpr uint32_t kSamplesPerFrame = 1024;  // of every AAC frame that ADTS car
 
 AudioFeed::AudioFeed(const std::string& path, bool deferred)
     : TrackFeed(path), m_source(path), m_cutter(m_source), m_deferred(deferred) {
-    if (!AudioFeed::Prepare()) throw Error(0, "the input is empty");
+    if (!Prepare()) throw Error(0, "the input is empty");
     m_header = m_frame.header;
 }
 
@@ -27,16 +27,6 @@ mp4_status_t AudioFeed::Declare(CMp4Muxer& muxer) {
     return muxer.SetAudioTrack(&info);
 }
 
-bool AudioFeed::Prepare() {
-    if (m_ready) return true;
-    try {
-        m_ready = m_cutter.Next(m_frame);
-    } catch (const StreamError& error) {
-        throw Error(Frames(), error.what());
-    }
-    return m_ready;
-}
-
 MediaTime AudioFeed::NextTime() const {
     return {Frames() * kSamplesPerFrame, m_header.sampleRate};
 }
@@ -45,7 +35,6 @@ mp4_status_t AudioFeed::Write(CMp4Muxer& muxer) {
     const auto size = static_cast<uint32_t>(m_frame.size);
     const mp4_status_t status = muxer.WriteAudioFrame(m_frame.data, size, NextTime().ticks);
     if (status == MP4_STATUS_SUCCESS) CountFrame(m_frame.size - kAdtsHeaderSize);
-    m_ready = false;
     return status;
 }
 

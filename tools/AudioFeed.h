@@ -11,14 +11,13 @@
 
 namespace kxmux {
 
-class AudioFeed : public TrackFeed {
+class AudioFeed final : public TrackFeed {
 public:
     /// Opens the input and reads as far as the first frame. `deferred` leaves the configuration
     /// to the muxer, which takes it from the first frame. Throws RecordingError.
     AudioFeed(const std::string& path, bool deferred);
 
     mp4_status_t Declare(CMp4Muxer& muxer) override;
-    bool Prepare() override;
     MediaTime NextTime() const override;
     mp4_status_t Write(CMp4Muxer& muxer) override;
 
@@ -29,12 +28,13 @@ public:
     std::string Note() const;
 
 private:
+    bool ReadFrame() override { return m_cutter.Next(m_frame); }
+
     FileSource m_source;
     AdtsCutter m_cutter;
     AdtsFrame m_frame;
     AdtsHeader m_header;
     bool m_deferred;
-    bool m_ready = false;
 };
 
 }  // namespace kxmux

@@ -11,13 +11,12 @@
 
 namespace kxmux {
 
-class CaptionFeed : public TrackFeed {
+class CaptionFeed final : public TrackFeed {
 public:
     /// Reads the file. `timescale` is the track's, in ticks per second. Throws RecordingError.
     CaptionFeed(const std::string& path, uint32_t timescale);
 
     mp4_status_t Declare(CMp4Muxer& muxer) override;
-    bool Prepare() override { return Frames() < m_packets.size(); }
     MediaTime NextTime() const override { return {Next().timestamp, m_timescale}; }
     mp4_status_t Write(CMp4Muxer& muxer) override;
 
@@ -25,6 +24,7 @@ public:
     uint64_t Left() const { return m_packets.size() - Frames(); }
 
 private:
+    bool ReadFrame() override { return Frames() < m_packets.size(); }
     const CaptionPacket& Next() const { return m_packets[static_cast<size_t>(Frames())]; }
 
     uint32_t m_timescale;

@@ -9,20 +9,20 @@
 
 namespace kxmux {
 
-class ProResFeed : public VideoFeed {
+class ProResFeed final : public VideoFeed {
 public:
     explicit ProResFeed(const VideoOptions& options);
 
     mp4_status_t Declare(CMp4Muxer& muxer) override;
-    bool Prepare() override;
     mp4_status_t Write(CMp4Muxer& muxer) override;
 
 private:
+    bool ReadFrame() override { return m_cutter.Next(m_frame); }
+
     FileSource m_source;
     ProResCutter m_cutter;
     ProResFrame m_frame;
     mp4_prores_format m_format = MP4_PRORES_422;
-    bool m_ready = false;
 };
 
 }  // namespace kxmux

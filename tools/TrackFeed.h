@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "ByteSource.h"
 #include "Mp4Muxer.h"
 
 namespace kxmux {
@@ -43,7 +44,7 @@ public:
     /// Declares the track to the muxer.
     virtual mp4_status_t Declare(CMp4Muxer& muxer) = 0;
     /// Makes the next frame ready; false at the end of the input. Throws RecordingError.
-    virtual bool Prepare() = 0;
+    bool Prepare();
     /// When the prepared frame is decoded.
     virtual MediaTime NextTime() const = 0;
     /// Writes the prepared frame.
@@ -55,9 +56,16 @@ public:
     uint64_t Bytes() const { return m_bytes; }
 
 protected:
+    /// Reads the next frame; false at the end of the input. Throws StreamError.
+    virtual bool ReadFrame() = 0;
+    /// The frame that a failure of ReadFrame is told of.
+    virtual uint64_t FrameToRead() const { return Frames(); }
+
+    /// The prepared frame was written.
     void CountFrame(size_t bytes) {
         ++m_frames;
         m_bytes += bytes;
+        m_ready = false;
     }
     /// A failure of this input at a frame.
     RecordingError Error(uint64_t frame, const std::string& reason) const {
@@ -68,7 +76,17 @@ private:
     std::string m_path;
     uint64_t m_frames = 0;
     uint64_t m_bytes = 0;
+    bool m_ready = false;
 };
+
+inline bool TrackFeed::Prepare() {
+    try {
+        m_ready = m_ready || ReadFrame();
+    } catch (const StreamError& error) {
+        throw Error(FrameToRead(), error.what());
+    }
+    return m_ready;
+}
 
 }  // namespace kxmux
 
