@@ -475,7 +475,7 @@ mp4_status_t CMp4Muxer::SetVideoTrack(const mp4_video_track_info* pTrackInfo) {
         zv_log_error("please set frame_duration in safe mode", kSource, __LINE__, "SetVideoTrack");
         return MP4_STATUS_INVALID_PARAMETER;
     }
-    if (!NormaliseParameterSets(info)) {
+    if (!CParameterSetKeeper::Normalise(info)) {
         zv_log_error("negative parameter set size", kSource, __LINE__, "SetVideoTrack");
         return MP4_STATUS_INVALID_PARAMETER;
     }
@@ -486,7 +486,7 @@ mp4_status_t CMp4Muxer::SetVideoTrack(const mp4_video_track_info* pTrackInfo) {
             return MP4_STATUS_INVALID_CODEC_TYPE;
         }
         m_videoTrack = info;
-        m_videoHasCodecData = HasParameterSets(info);
+        m_videoHasCodecData = CParameterSetKeeper::IsComplete(info);
         if (m_videoHasCodecData) {
             if (!m_moov->SetVideoTrack(&info)) return MP4_STATUS_UNEXPECTED_ERROR;
             return RecordInRepairInfo([&] { return m_infoWriter.WriteVideoFormat(&info); });
@@ -777,7 +777,7 @@ bool CMp4Muxer::GetVideoCodecData(const CVideoFrameParser& frame) {
     }
     for (const VIDEO_SLICE& unit : frame) {
         m_parameterSets.Take(unit, *m_pVideoNalParser, m_videoTrack);
-        if (!HasParameterSets(m_videoTrack)) continue;
+        if (!CParameterSetKeeper::IsComplete(m_videoTrack)) continue;
         m_videoHasCodecData = true;
         zv_log_info("found video codec data in stream, set video track info", kSource, __LINE__,
                     "GetVideoCodecData");

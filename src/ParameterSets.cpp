@@ -1,6 +1,5 @@
 #include "ParameterSets.h"
 
-#include <algorithm>
 #include <cstddef>
 
 #include "ParseHevc.h"
@@ -10,33 +9,31 @@ namespace {
 constexpr uint8_t kH264Sps = 7;  // ITU-T H.264, table 7-1
 constexpr uint8_t kH264Pps = 8;
 
-/// Where a description holds one parameter set.
-struct ParameterSetField {
-    uint8_t nalType;
-    const uint8_t*& bytes;
-    int16_t& size;
-};
-
-/// All that the description's codec needs.
-std::vector<ParameterSetField> FieldsOf(mp4_video_track_info_t& info) {
+/// Calls `visit` with the NAL unit type, the pointer and the size of every set that the
+/// description's codec needs.
+template <class Info, class Visit>
+void ForEachSet(Info& info, Visit&& visit) {
     switch (info.codec) {
         case MP4_MVC_H264:
-            return {{kH264Sps, info.h264.sps, info.h264.sps_size},
-                    {kH264Pps, info.h264.pps, info.h264.pps_size}};
+            visit(kH264Sps, info.h264.sps, info.h264.sps_size);
+            visit(kH264Pps, info.h264.pps, info.h264.pps_size);
+            break;
         case MP4_MVC_HEVC:
-            return {{NAL_VPS, info.hevc.vps, info.hevc.vps_size},
-                    {NAL_SPS, info.hevc.sps, info.hevc.sps_size},
-                    {NAL_PPS, info.hevc.pps, info.hevc.pps_size}};
+            visit(uint8_t{NAL_VPS}, info.hevc.vps, info.hevc.vps_size);
+            visit(uint8_t{NAL_SPS}, info.hevc.sps, info.hevc.sps_size);
+            visit(uint8_t{NAL_PPS}, info.hevc.pps, info.hevc.pps_size);
+            break;
         default:
-            return {};
+            break;
     }
 }
 
-void Keep(const uint8_t* bytes, size_t size, std::vector<uint8_t>& kept,
-          const ParameterSetField& field) {
-    kept.assign(bytes, bytes + size);
-    field.bytes = kept.data();
-    field.size = static_cast<int16_t>(size);
+/// Copies a set; the description then points to the copy.
+void Keep(std::vector<uint8_t>& kept, const uint8_t* from, int count, const uint8_t*& bytes,
+          int16_t& size) {
+    kept.assign(from, from + count);
+    bytes = kept.data();
+    size = static_cast<int16_t>(count);
 }
 
 /// Whether an HEVC unit has nuh_layer_id 0 (ITU-T H.265, 7.3.1.2). The sets of other layers
@@ -48,27 +45,30 @@ bool IsBaseLayer(const VIDEO_SLICE& unit) {
 
 }  // namespace
 
-bool NormaliseParameterSets(mp4_video_track_info_t& info) {
-    for (const ParameterSetField& field : FieldsOf(info)) {
-        if (field.size < 0) return false;
-        if (field.bytes == nullptr) field.size = 0;
-        if (field.size == 0) field.bytes = nullptr;
-    }
-    return true;
+bool CParameterSetKeeper::Normalise(mp4_video_track_info_t& info) {
+    bool possible = true;
+    ForEachSet(info, [&possible](uint8_t, const uint8_t*& bytes, int16_t& size) {
+        possible = possible && size >= 0;
+        if (bytes == nullptr) size = 0;
+        if (size == 0) bytes = nullptr;
+    });
+    return possible;
 }
 
-bool HasParameterSets(mp4_video_track_info_t& info) {
-    const auto fields = FieldsOf(info);
-    return std::all_of(fields.begin(), fields.end(),
-                       [](const ParameterSetField& field) { return field.size != 0; });
+bool CParameterSetKeeper::IsComplete(const mp4_video_track_info_t& info) {
+    bool complete = true;
+    ForEachSet(info, [&complete](uint8_t, const uint8_t*, int16_t size) {
+        complete = complete && size != 0;
+    });
+    return complete;
 }
 
 void CParameterSetKeeper::KeepGiven(mp4_video_track_info_t& info) {
-    size_t i = 0;
-    for (const ParameterSetField& field : FieldsOf(info)) {
-        if (field.size != 0) Keep(field.bytes, static_cast<size_t>(field.size), m_kept[i], field);
-        ++i;
-    }
+    auto kept = m_kept.begin();
+    ForEachSet(info, [&kept](uint8_t, const uint8_t*& bytes, int16_t& size) {
+        if (size != 0) Keep(*kept, bytes, size, bytes, size);
+        ++kept;
+    });
 }
 
 void CParameterSetKeeper::Take(const VIDEO_SLICE& unit, IVideoNalParser& parser,
@@ -77,10 +77,9 @@ void CParameterSetKeeper::Take(const VIDEO_SLICE& unit, IVideoNalParser& parser,
     if (unit.cbData <= 0 || unit.cbData > INT16_MAX) return;
     if (info.codec == MP4_MVC_HEVC && !IsBaseLayer(unit)) return;
     const uint8_t type = parser.GetTag(unit.pbData, unit.cbData);
-    size_t i = 0;
-    for (const ParameterSetField& field : FieldsOf(info)) {
-        if (field.nalType == type)
-            Keep(unit.pbData, static_cast<size_t>(unit.cbData), m_kept[i], field);
-        ++i;
-    }
+    auto kept = m_kept.begin();
+    ForEachSet(info, [&](uint8_t setType, const uint8_t*& bytes, int16_t& size) {
+        if (setType == type) Keep(*kept, unit.pbData, unit.cbData, bytes, size);
+        ++kept;
+    });
 }

@@ -1,6 +1,5 @@
 /// @file
-/// The parameter sets of a video track's description: as far as they are given, the caller's; the
-/// rest is taken from the stream.
+/// The parameter sets of a video track's description, which the caller gives or the stream brings.
 #ifndef KX_MP4_PARAMETERSETS_H
 #define KX_MP4_PARAMETERSETS_H
 
@@ -11,20 +10,19 @@
 #include "VideoFrameParser.h"
 #include "kx_mp4/kx_mp4.h"
 
-/// Makes "not given" one thing: no pointer and no size. False for a negative size.
-bool NormaliseParameterSets(mp4_video_track_info_t& info);
-
-/// Whether every set that the codec needs is there; ProRes needs none.
-bool HasParameterSets(mp4_video_track_info_t& info);
-
 /// Copies of parameter sets that wait for the rest of their kind, past the life of the caller's
 /// memory. A description that was handed over points into here.
 class CParameterSetKeeper {
 public:
+    /// Makes "not given" one thing: no pointer and no size. False for a negative size.
+    static bool Normalise(mp4_video_track_info_t& info);
+    /// Whether every set that the codec needs is there; ProRes needs none.
+    static bool IsComplete(const mp4_video_track_info_t& info);
+
     /// Copies the sets that the description has.
     void KeepGiven(mp4_video_track_info_t& info);
-    /// Puts the NAL unit into the description when it is one of the codec's parameter sets; a later
-    /// one replaces an earlier.
+    /// Puts the NAL unit into the description when it is one of the codec's parameter sets, in the
+    /// place of one that was given or came before.
     void Take(const VIDEO_SLICE& unit, IVideoNalParser& parser, mp4_video_track_info_t& info);
 
 private:
