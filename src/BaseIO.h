@@ -132,9 +132,9 @@ private:
 
 /// The contract on a POSIX file descriptor. Destroying an open writer closes its file.
 ///
-/// What is written between BeginGather and EndGather reaches the file with as few system calls as
-/// the system allows, complete and in order when EndGather returns. Pieces of at most
-/// GatherList::kSmall bytes are copied; larger ones must stay as they are until then.
+/// What is written between BeginGather and EndGather reaches the file with few system calls,
+/// usually one, complete and in order when EndGather returns. Pieces of at most 512 bytes are
+/// copied; larger ones must stay as they are until then.
 class IFileIOBase : public IBaseIO {
 public:
     /// Closed, and without the memory for gathering.

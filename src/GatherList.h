@@ -13,7 +13,7 @@
 /// Pieces as writev takes them. Not thread safe.
 class GatherList {
 public:
-    /// Adds a piece. The memory of a piece of at most kSmall bytes may be used again at once, that
+    /// Adds a piece. The memory of a piece of at most 512 bytes may be used again at once, that
     /// of a larger one has to stay as it is until Clear.
     /// @return false when there is no room: the list has to be written and cleared before.
     bool Add(const void* bytes, uint32_t size) {
@@ -38,12 +38,12 @@ public:
     iovec* begin() { return m_piece.data(); }
     iovec* end() { return m_piece.data() + m_pieces; }
 
-    static constexpr uint32_t kSmall = 512;
-
 private:
+    static constexpr uint32_t kSmall = 512;  // as the file writer promises
+
     // The system spends about 60 ns on every further piece, in which a slice of a kilobyte is
     // copied three times over; past 4 KiB a copy costs more than the piece. Room is kept for the
-    // lengths of pieces that are not copied any more, so that copying never adds a system call.
+    // lengths of pieces that are not copied any more, so that copying seldom adds a system call.
     static constexpr uint32_t kCopyLimit = 4096;
     static constexpr size_t kCopyRoom = size_t{64} << 10;
     static constexpr size_t kRoomForSmall = 4096;

@@ -156,6 +156,22 @@ TEST_F(FileWriter, GathersPiecesOfAllSizesInOrder) {
     EXPECT_EQ(m_writer.get_error_code(), MP4_STATUS_NO_SPACE_LEFT);
 }
 
+TEST_F(FileWriter, GathersMoreSmallPiecesThanItHasRoomToCopy) {
+    const std::string path = m_folder.Path("out");
+    ASSERT_EQ(Open(path), MP4_STATUS_SUCCESS);
+    m_writer.PrepareGather();
+    m_writer.BeginGather();
+    Bytes expected;
+    for (int i = 0; i < 200; ++i) {
+        // The memory of a small piece is the caller's again at once.
+        const Bytes piece(512, static_cast<uint8_t>(i));
+        m_writer.WriteBuf(piece.data(), 512);
+        expected = expected + piece;
+    }
+    m_writer.EndGather();
+    EXPECT_TRUE(ReadFile(path) == expected);
+}
+
 TEST(BufferIo, GrowsByDoublingAndRoundsUpToKibibytes) {
     CBufferIO buffer;
     buffer.WriteInt32(1);  // not initialised: dropped
