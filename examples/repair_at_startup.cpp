@@ -28,6 +28,8 @@ void RepairOne(const std::string& recording) {
     kx_mp4::RepairOptions options;
     // No second copy of hours of video; the repair info file goes when the recording is finished.
     options.in_place = true;
+    // The application knows what the repair info file does not say: whether it had them on.
+    options.composition_offsets = false;
     options.progress = [](const kx_mp4::RepairProgress& progress) {
         std::printf("  %llu of %llu bytes\n", static_cast<unsigned long long>(progress.done),
                     static_cast<unsigned long long>(progress.total));

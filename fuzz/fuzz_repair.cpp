@@ -63,7 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     kx_mp4::RepairOptions options;
     options.info_path = info.Path();
-    options.composition_offsets = (data[0] & 1) != 0;
+    if ((data[0] & 2) == 0) options.composition_offsets = (data[0] & 1) != 0;
     options.in_place = true;
     options.keep_info = true;
     options.dry_run = true;

@@ -13,6 +13,7 @@ constexpr uint32_t kLengthField = 4;
 constexpr uint32_t kAtomHeader = 8;
 constexpr uint32_t kLine21Atom = 10;  // header and one byte pair
 constexpr uint8_t kForbiddenZeroBit = 0x80;
+constexpr const char* kWrongSyncMark = "its sync mark contradicts its NAL units";
 
 constexpr uint32_t CodeOf(FourCC code) {
     uint32_t value = 0;
@@ -71,7 +72,8 @@ SampleVerdict SampleCheck::CheckVideo(const FrameRecord& frame, uint64_t positio
 // what a page of zeros looks like.
 SampleVerdict SampleCheck::CheckNalUnits(const FrameRecord& frame, uint64_t position) {
     const uint64_t end = position + frame.size;
-    bool sync = false;
+    bool key = false;
+    bool randomAccess = false;
     bool lastWasEmpty = false;
     bool hasUnit = false;
     while (position != end) {
@@ -87,17 +89,27 @@ SampleVerdict SampleCheck::CheckNalUnits(const FrameRecord& frame, uint64_t posi
         if (!m_media.Read(position, head.data(), std::min<size_t>(length, head.size())))
             return Fail("its media data cannot be read");
         if ((head[0] & kForbiddenZeroBit) != 0) return Fail("a NAL unit header is impossible");
-        sync = sync || IsSync(head.data(), static_cast<int>(length));
+        const auto size = static_cast<int>(length);
+        key = key || m_nal->IsKeyFrame(head.data(), size);
+        randomAccess = randomAccess || m_nal->IsRandomAccess(head.data(), size);
         hasUnit = true;
         position += length;
     }
     if (!hasUnit) return Fail("it holds no NAL unit");
-    if (sync != frame.sync) return Fail("its sync mark contradicts its NAL units");
+    if (randomAccess && !key) return CheckRandomAccessMark(frame.sync);
+    if (key != frame.sync) return Fail(kWrongSyncMark);
     return SampleVerdict::kHolds;
 }
 
-bool SampleCheck::IsSync(const uint8_t* head, int size) {
-    return m_anyRandomAccess ? m_nal->IsRandomAccess(head, size) : m_nal->IsKeyFrame(head, size);
+// The muxer marks HEVC pictures of type CRA and BLA as sync with composition offsets only, so each
+// of them tells which kind of recording this is.
+SampleVerdict SampleCheck::CheckRandomAccessMark(bool sync) {
+    if (sync == m_compositionOffsets) {
+        m_offsetsConfirmed = true;
+        return SampleVerdict::kHolds;
+    }
+    m_offsetsContradicted = !m_offsetsConfirmed;
+    return Fail(kWrongSyncMark);
 }
 
 // SMPTE RDD 36, 5.1: the frame's size and the identifier 'icpf'. An encoder may pad the frame.

@@ -23,9 +23,9 @@ enum class SampleVerdict {
 /// Knows the formats that are in force and checks sample after sample.
 class SampleCheck {
 public:
-    /// `anyRandomAccess`: of HEVC, every random-access picture is marked as sync, not only IDR.
-    SampleCheck(MediaReader& media, bool anyRandomAccess)
-        : m_media(media), m_anyRandomAccess(anyRandomAccess) {}
+    /// `compositionOffsets`: whether the recording is taken to have them.
+    SampleCheck(MediaReader& media, bool compositionOffsets)
+        : m_media(media), m_compositionOffsets(compositionOffsets) {}
 
     void SetVideoCodec(mp4_video_codec codec);
     void SetCaptionCodec(mp4_subtitle_codec codec) { m_captionCodec = codec; }
@@ -35,6 +35,12 @@ public:
     /// Why the last sample does not hold.
     const std::string& Problem() const { return m_problem; }
 
+    /// Whether a sample has shown that the recording has composition offsets, or has none, as it
+    /// was taken to.
+    bool OffsetsConfirmed() const { return m_offsetsConfirmed; }
+    /// Whether the first sample that shows it has shown the opposite, and so was refuted.
+    bool OffsetsContradicted() const { return m_offsetsContradicted; }
+
 private:
     SampleVerdict Fail(const std::string& problem);
     SampleVerdict CheckVideo(const FrameRecord& frame, uint64_t position);
@@ -42,11 +48,13 @@ private:
     SampleVerdict CheckProRes(uint32_t size, uint64_t position);
     SampleVerdict CheckCaption(uint32_t size, uint64_t position);
     SampleVerdict CheckTimecode(int32_t timecode, uint64_t position);
-    bool IsSync(const uint8_t* head, int size);
+    SampleVerdict CheckRandomAccessMark(bool sync);
     bool ReadInt(uint64_t position, uint32_t& value);
 
     MediaReader& m_media;
-    bool m_anyRandomAccess;
+    bool m_compositionOffsets;
+    bool m_offsetsConfirmed = false;
+    bool m_offsetsContradicted = false;
     mp4_video_codec m_videoCodec = MP4_MVC_UNKNOWN;
     std::unique_ptr<IVideoNalParser> m_nal;
     mp4_subtitle_codec m_captionCodec = MP4_SUBTITLE_CODEC_UNKNOWN;

@@ -47,7 +47,10 @@ class RepairRun {
 public:
     RepairRun(const RepairOptions& options, RepairReport& report);
 
-    void Run();
+    /// Checks the records and makes the index in memory; nothing is written. False when the
+    /// recording shows that report.composition_offsets has to be the opposite.
+    bool Check();
+    void Write();
 
 private:
     void CheckRecords();
@@ -74,7 +77,8 @@ private:
     std::optional<MovieReplay> m_movie;
     uint64_t m_mediaEnd = 0;
     uint64_t m_told = 0;
-    std::string m_problem;  // of the record that ended the repair
+    uint64_t m_shiftedFrames = 0;  // kept, with a presentation time of their own
+    std::string m_problem;         // of the record that ended the repair
 };
 
 RepairRun::RepairRun(const RepairOptions& options, RepairReport& report)
@@ -91,7 +95,7 @@ void RepairRun::Tell(RepairStep step, uint64_t done, uint64_t total) {
         throw RepairRefused("it was cancelled");
 }
 
-void RepairRun::Run() {
+bool RepairRun::Check() {
     uint8_t flags = 0;
     uint32_t mdatPosition = 0;
     if (!m_info.ReadHead(flags, mdatPosition))
@@ -100,13 +104,17 @@ void RepairRun::Run() {
     m_report.quicktime = m_layout.quicktime;
     m_mediaEnd = m_layout.mediaBegin;
     m_media.emplace(m_recording, m_layout.mediaLimit);
-    m_check.emplace(*m_media, m_options.composition_offsets);
-    m_movie.emplace(m_output, m_layout, flags, m_options.composition_offsets);
+    m_check.emplace(*m_media, m_report.composition_offsets);
+    m_movie.emplace(m_output, m_layout, flags, m_report.composition_offsets);
 
     CheckRecords();
+    if (m_check->OffsetsContradicted()) return false;
     Conclude();
     TryIndex();
-    if (m_options.dry_run) return;
+    return true;
+}
+
+void RepairRun::Write() {
     if (m_options.in_place)
         WriteInPlace();
     else
@@ -173,7 +181,7 @@ void RepairRun::Count(const FrameRecord& frame, SampleVerdict verdict, bool inde
     ++track.frames_kept;
     track.bytes_kept += frame.size;
     if (verdict == SampleVerdict::kNothingToCheck) ++track.frames_unchecked;
-    if (frame.pts != frame.dts) ++track.frames_with_offset;
+    if (frame.pts != frame.dts) ++m_shiftedFrames;
     if (m_media->LooksUnwritten(m_mediaEnd, m_mediaEnd + frame.size)) ++track.frames_doubtful;
 }
 
@@ -194,6 +202,8 @@ void RepairRun::Conclude() {
     }
     m_report.media_bytes_kept = m_mediaEnd - m_layout.mediaBegin;
     m_report.media_bytes_dropped = m_layout.mediaLimit - m_mediaEnd;
+    if (!m_options.composition_offsets && !m_check->OffsetsConfirmed())
+        m_report.frames_of_unclear_time = m_shiftedFrames;
     uint64_t doubtful = 0;
     for (const RepairTrackReport& track : m_report.tracks)
         doubtful += track.frames_doubtful;
@@ -240,7 +250,8 @@ void RepairRun::WriteInPlace() {
     m_movie->WriteIndex(m_mediaEnd);
     m_output.Flush();
     m_report.output_path = m_report.recording_path;
-    if (!m_options.keep_info) std::remove(m_report.info_path.c_str());
+    if (!m_options.keep_info && m_report.frames_of_unclear_time == 0)
+        std::remove(m_report.info_path.c_str());
 }
 
 void RepairRun::RefuseInput(const std::string& path) {
@@ -278,11 +289,21 @@ std::string DefaultRepairOutput(const std::string& recording_path) {
 }
 
 RepairReport Repair(const std::string& recording_path, const RepairOptions& options) {
-    RepairReport report;
-    report.recording_path = recording_path;
-    report.info_path = options.info_path.empty() ? recording_path + ".info" : options.info_path;
+    RepairReport blank;
+    blank.recording_path = recording_path;
+    blank.info_path = options.info_path.empty() ? recording_path + ".info" : options.info_path;
+    blank.composition_offsets = options.composition_offsets.value_or(false);
+    RepairReport report = blank;
     try {
-        RepairRun(options, report).Run();
+        std::optional<RepairRun> run;
+        run.emplace(options, report);
+        if (!run->Check()) {
+            report = blank;
+            report.composition_offsets = !blank.composition_offsets;
+            run.emplace(options, report);
+            if (!run->Check()) throw RepairRefused("the recording changes while it is read");
+        }
+        if (!options.dry_run) run->Write();
         return report;
     } catch (const RepairRefused& refusal) {
         report.reason = refusal.what();

@@ -3,7 +3,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <cmath>
@@ -11,13 +10,15 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <tuple>
 #include <utility>
 #include <vector>
 
+#include "program_runner.h"
 #include "scratch_folder.h"
+
+using namespace program_runner;
 
 namespace {
 
@@ -27,37 +28,6 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::StartsWith;
-
-using Lines = std::vector<std::string>;
-
-struct Outcome {
-    int code = -1;  // of the exit
-    std::string out;
-    std::string errors;
-};
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
-}
-
-Outcome Execute(const std::string& command) {
-    const ScratchFolder folder;
-    const std::string out = folder.Path("out");
-    const std::string errors = folder.Path("errors");
-    const int status = std::system((command + " >" + out + " 2>" + errors).c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadFile(out), ReadFile(errors)};
-}
-
-Lines SplitLines(const std::string& text) {
-    Lines lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);)
-        lines.push_back(line);
-    return lines;
-}
 
 /// Runs a reader that must find nothing to complain of, and returns the lines it prints.
 Lines Read(const std::string& command) {
@@ -85,10 +55,6 @@ Lines DecodedFrames(const std::string& input, const std::string& stream) {
 
 Outcome Kxmux(const std::string& arguments) {
     return Execute(std::string("'") + KXMUX_PATH + "' " + arguments);
-}
-
-std::string Sample(const std::string& name) {
-    return std::string(KXMUX_SAMPLES "/") + name;
 }
 
 bool HaveReaders() {

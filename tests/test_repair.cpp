@@ -4,6 +4,7 @@
 #include <array>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 
 #include "InfoWriter.h"
 #include "kx_mp4/repair.h"
@@ -134,17 +135,63 @@ TEST_F(RepairTest, DeclaredTracksWithoutFramesMakeAnEmptyMovie) {
     }
 }
 
-TEST_F(RepairTest, CompositionOffsetsComeBackWhenAskedFor) {
+// Composition offsets, which the repair info file does not tell of
+
+Call SetOffsets(bool enable) {
+    return {[enable](CMp4Muxer& muxer) { return muxer.SetCompositionOffsets(enable); }};
+}
+
+TEST_F(RepairTest, CompositionOffsetsComeBackWhenAskedForAlsoAfterARepairInPlace) {
     auto calls = CallsOf({});
-    calls.insert(calls.begin(),
-                 {[](CMp4Muxer& muxer) { return muxer.SetCompositionOffsets(true); }});
+    calls.insert(calls.begin(), SetOffsets(true));
     RecordCalls(calls);
     RepairOptions options;
+    options.in_place = true;
+    const RepairReport flat = RunRepair(options);
+    EXPECT_EQ(flat.outcome, RepairOutcome::kWhole);
+    EXPECT_EQ(flat.frames_of_unclear_time, 8U);
+    EXPECT_FALSE(ReadFile(m_path) == m_finished);
+    ASSERT_TRUE(std::filesystem::exists(Info()));
     options.composition_offsets = true;
-    ExpectRepaired(RunRepair(options), RepairOutcome::kWhole);
-    const RepairReport flat = RunRepair();
-    EXPECT_FALSE(ReadFile(flat.output_path) == m_finished);
-    EXPECT_GT(flat.tracks[kx_mp4::kRepairVideo].frames_with_offset, 0U);
+    const RepairReport report = RunRepair(options);
+    ExpectRepaired(report, RepairOutcome::kWhole);
+    EXPECT_EQ(report.frames_of_unclear_time, 0U);
+    EXPECT_FALSE(std::filesystem::exists(Info()));
+}
+
+TEST_F(RepairTest, RandomAccessPicturesShowWhetherThereAreOffsets) {
+    Scenario scenario;
+    scenario.codec = MP4_MVC_HEVC;
+    auto calls = CallsOf(scenario);
+    for (uint64_t time = 90000; time < 96000; time += 3000)
+        calls.push_back({[time](CMp4Muxer& muxer) {
+                             const Bytes cra = Hex("000001 2a01 af08");
+                             return muxer.WriteVideoFrame(cra.data(), 7, time + 6000, time);
+                         },
+                         CallKind::kVideo});
+    calls.insert(calls.begin(), SetOffsets(false));
+    for (const bool offsets : {false, true}) {
+        calls.front() = SetOffsets(offsets);
+        for (const std::optional<bool> said : {std::optional<bool>(), {false}, {true}}) {
+            RecordCalls(calls);
+            RepairOptions options;
+            options.in_place = true;
+            options.composition_offsets = said;
+            const RepairReport report = RunRepair(options);
+            ExpectRepaired(report, RepairOutcome::kWhole);
+            EXPECT_EQ(report.tracks[kx_mp4::kRepairVideo].frames_kept, 10U);
+            EXPECT_EQ(report.composition_offsets, offsets);
+            EXPECT_EQ(report.frames_of_unclear_time, 0U);
+            EXPECT_FALSE(std::filesystem::exists(Info()));
+        }
+        // What one picture has shown, another cannot take back.
+        RecordCalls(calls);
+        Edit(Info(), [](Bytes& info) { info[info.size() - 5] ^= 1; });
+        const RepairReport report = RunRepair();
+        EXPECT_EQ(report.outcome, RepairOutcome::kLoss);
+        EXPECT_EQ(report.tracks[kx_mp4::kRepairVideo].frames_kept, 9U);
+        EXPECT_EQ(report.composition_offsets, offsets);
+    }
 }
 
 // Options
@@ -152,6 +199,7 @@ TEST_F(RepairTest, CompositionOffsetsComeBackWhenAskedFor) {
 TEST_F(RepairTest, InPlaceNeedsNoCopyAndRemovesTheInfoFile) {
     RepairOptions options;
     options.in_place = true;
+    options.composition_offsets = false;
     for (const bool keepInfo : {true, false}) {
         Record({});
         options.keep_info = keepInfo;
@@ -345,6 +393,7 @@ TEST_F(RepairTest, FinishedFileStaysAsItIs) {
     WriteWholeFile(m_path, m_finished);
     RepairOptions options;
     options.in_place = true;
+    options.composition_offsets = false;
     // With its own info file, as Close leaves it when it is stopped before the removal.
     EXPECT_EQ(RunRepair(options).outcome, RepairOutcome::kWhole);
     EXPECT_TRUE(ReadFile(m_path) == m_finished);

@@ -18,6 +18,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "kx_mp4/export.h"
@@ -58,12 +59,14 @@ struct RepairOptions {
     bool in_place = false;
     /// Only check and report; nothing is written.
     bool dry_run = false;
-    /// Keep the repair info file after a repair in place. A copy never removes it: the recording
-    /// that it belongs to is still without an index.
+    /// Keep the repair info file after a repair in place. It is also kept when the times of frames
+    /// are unclear. A copy never removes it: the recording that it belongs to is still without an
+    /// index.
     bool keep_info = false;
-    /// The recording was made with CMp4Muxer::SetCompositionOffsets(true); the repair info file
-    /// does not say so.
-    bool composition_offsets = false;
+    /// What the recording was made with by CMp4Muxer::SetCompositionOffsets; the repair info file
+    /// does not say it. Not set: unknown, see RepairReport::frames_of_unclear_time. HEVC pictures
+    /// of type CRA and BLA show it by their sync marks, and are believed before this is.
+    std::optional<bool> composition_offsets;
     /// Called on the repairing thread; may be empty. Returning false ends the repair as failed,
     /// with nothing changed when the step is kCheck or kCopy. Exceptions pass through Repair.
     std::function<bool(const RepairProgress&)> progress;
@@ -92,9 +95,6 @@ struct RepairTrackReport {
     /// Kept samples that lie on bytes which look as if they had never been written: zeros up to or
     /// from the edge of a 4 KiB page, as a power cut leaves them.
     uint64_t frames_doubtful = 0;
-    /// Kept video frames whose presentation time is not their decode time. When the application had
-    /// composition offsets on, they need RepairOptions::composition_offsets to be shown in time.
-    uint64_t frames_with_offset = 0;
 };
 
 /// What was found and done.
@@ -112,6 +112,12 @@ struct RepairReport {
     /// Bytes of media data behind the last kept sample: of dropped frames, of a frame that was cut
     /// off, or of frames whose record is missing.
     uint64_t media_bytes_dropped = 0;
+    bool composition_offsets = false;  ///< Whether the index has composition offsets.
+    /// Kept video frames whose presentation time is not their decode time, when neither the options
+    /// nor the recording say whether it had composition offsets. The index is made without them,
+    /// and can be made again with RepairOptions::composition_offsets set, also after a repair in
+    /// place.
+    uint64_t frames_of_unclear_time = 0;
     uint64_t output_bytes = 0;  ///< Size of the repaired file, also when `dry_run`.
 };
 

@@ -92,7 +92,6 @@ std::string TrackAsJson(const RepairTrackReport& track) {
         .Number("frames_without_track", track.frames_without_track)
         .Number("frames_unchecked", track.frames_unchecked)
         .Number("frames_doubtful", track.frames_doubtful)
-        .Number("frames_with_offset", track.frames_with_offset)
         .Close();
 }
 
@@ -105,6 +104,14 @@ std::string TrackAsText(const char* name, const RepairTrackReport& track) {
     if (track.frames_doubtful != 0)
         line += ", " + std::to_string(track.frames_doubtful) + " DOUBTFUL";
     return line + "\n";
+}
+
+std::string UnclearTimesAsText(const RepairReport& report) {
+    return "  " + std::to_string(report.frames_of_unclear_time) +
+           " video frames have a presentation time of their own, which the index leaves out: if "
+           "the recording was made with composition offsets, as kxmux does, repair it again with "
+           "--composition-offsets; if not, --no-composition-offsets says so (" +
+           report.info_path + " is kept until then)\n";
 }
 
 std::string Headline(const RepairReport& report, const RepairOptions& options) {
@@ -127,11 +134,8 @@ std::string ReportAsText(const RepairReport& report, const RepairOptions& option
     if (report.media_bytes_dropped != 0)
         text += "  media data left out at the end: " + std::to_string(report.media_bytes_dropped) +
                 " bytes\n";
-    const uint64_t shifted = report.tracks[kx_mp4::kRepairVideo].frames_with_offset;
-    if (shifted != 0 && !options.composition_offsets)
-        text += "  " + std::to_string(shifted) +
-                " video frames are not shown when they are decoded: if the recording was made with "
-                "composition offsets, repair it with --composition-offsets\n";
+    if (report.outcome != RepairOutcome::kFailed && report.frames_of_unclear_time != 0)
+        text += UnclearTimesAsText(report);
     return text;
 }
 
@@ -152,6 +156,8 @@ std::string ReportAsJson(const RepairReport& report, const RepairOptions& option
                .Raw("tracks", tracks.Close())
                .Number("media_bytes_kept", report.media_bytes_kept)
                .Number("media_bytes_dropped", report.media_bytes_dropped)
+               .Bool("composition_offsets", report.composition_offsets)
+               .Number("frames_of_unclear_time", report.frames_of_unclear_time)
                .Number("output_bytes", report.output_bytes)
                .Close() +
            "\n";

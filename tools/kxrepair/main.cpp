@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -35,8 +36,11 @@ void Declare(CLI::App& app, Arguments& arguments) {
     app.add_flag("--json", arguments.json, "Report on standard output as JSON");
     app.add_flag("--keep-info", options.keep_info,
                  "Keep the repair info file after a repair in place");
-    app.add_flag("--composition-offsets", options.composition_offsets,
-                 "The recording was made with composition offsets");
+    app.add_flag_function(
+        "--composition-offsets,!--no-composition-offsets",
+        [&options](int64_t count) { options.composition_offsets = count > 0; },
+        "The recording was made with composition offsets, or without (default: as far as the "
+        "recording shows it)");
     app.footer(
         "Exit status: 0 the file is whole, 1 repaired with loss at the end or with frames that "
         "could not be verified, 2 not repaired.");
