@@ -53,7 +53,6 @@ public:
     explicit InfoReader(const std::string& path);
 
     const PosixFile& File() const { return m_file; }
-    uint64_t Size() const { return m_size; }
     /// Position of the record that was read last.
     uint64_t RecordPosition() const { return m_recordPosition; }
 

@@ -1,5 +1,5 @@
 /// @file
-/// Sequential reading of the media data, and the check of each sample's own marks.
+/// Sequential reading of the media data, and whether bytes of it look as if never written.
 #ifndef KX_MP4_REPAIR_MEDIAREADER_H
 #define KX_MP4_REPAIR_MEDIAREADER_H
 

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <utility>
 
 #include "RepairRefused.h"
 #include "defines.h"
@@ -28,16 +27,8 @@ PosixFile::PosixFile(const std::string& path, int flags)
         throw RepairRefused("cannot open '" + path + "': " + kx_mp4_exception::error_str(errno));
 }
 
-PosixFile::PosixFile(PosixFile&& other) noexcept : m_file(std::exchange(other.m_file, -1)) {}
-
-PosixFile& PosixFile::operator=(PosixFile&& other) noexcept {
-    std::swap(m_file, other.m_file);
-    return *this;
-}
-
-void PosixFile::Close() noexcept {
-    if (m_file >= 0) close(m_file);
-    m_file = -1;
+PosixFile::~PosixFile() {
+    close(m_file);
 }
 
 uint64_t PosixFile::Size() const {

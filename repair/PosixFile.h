@@ -12,14 +12,12 @@ namespace kx_mp4 {
 /// Closes its descriptor. Failures of the operations throw kx_mp4_exception with the error number.
 class PosixFile {
 public:
-    PosixFile() = default;
     /// Opens the file; throws RepairRefused, which names it, when that fails.
     PosixFile(const std::string& path, int flags);
-    ~PosixFile() { Close(); }
-    PosixFile(PosixFile&& other) noexcept;
-    PosixFile& operator=(PosixFile&& other) noexcept;
+    ~PosixFile();
+    PosixFile(const PosixFile&) = delete;
+    PosixFile& operator=(const PosixFile&) = delete;
 
-    bool IsOpen() const { return m_file >= 0; }
     int Descriptor() const { return m_file; }
     uint64_t Size() const;
     /// Whether the path is a name of this file.
@@ -29,10 +27,9 @@ public:
     void WriteAt(uint64_t position, const void* buffer, size_t size);
     void Truncate(uint64_t size);
     void Sync();
-    void Close() noexcept;
 
 private:
-    int m_file = -1;
+    int m_file;
 };
 
 }  // namespace kx_mp4
