@@ -54,9 +54,11 @@ TEST_F(Kxrepair, MakesTheFinishedFileAndIsSilentUnlessTheLogIsAskedFor) {
                                     HasSubstr("video: 75 frames kept"),
                                     Not(HasSubstr("--composition-offsets"))));
         EXPECT_TRUE(ReadFile(m_folder.Path("cut.repaired.mp4")) == m_whole);
-        const Outcome inPlace = Repair("--in-place", "KX_MP4_LOG=1");
+        const Outcome inPlace = Repair("--in-place --no-composition-offsets", "KX_MP4_LOG=1");
         EXPECT_EQ(inPlace.code, 0);
         EXPECT_THAT(inPlace.errors, HasSubstr("write without track data"));  // there is no audio
+        EXPECT_EQ(inPlace.out.find("made with composition offsets") != std::string::npos,
+                  std::string(sample) == "reordered.hevc");
         EXPECT_TRUE(ReadFile(Path()) == m_whole);
         EXPECT_FALSE(HasInfo());
     }

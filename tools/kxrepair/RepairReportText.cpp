@@ -134,8 +134,12 @@ std::string ReportAsText(const RepairReport& report, const RepairOptions& option
     if (report.media_bytes_dropped != 0)
         text += "  media data left out at the end: " + std::to_string(report.media_bytes_dropped) +
                 " bytes\n";
-    if (report.outcome != RepairOutcome::kFailed && report.frames_of_unclear_time != 0)
-        text += UnclearTimesAsText(report);
+    if (report.outcome == RepairOutcome::kFailed) return text;
+    if (report.frames_of_unclear_time != 0) text += UnclearTimesAsText(report);
+    const bool said = options.composition_offsets.value_or(report.composition_offsets);
+    if (said != report.composition_offsets)
+        text += std::string("  against the option, the recording shows that it was made ") +
+                (report.composition_offsets ? "with" : "without") + " composition offsets\n";
     return text;
 }
 
