@@ -28,7 +28,7 @@ void RepairOne(const std::string& recording) {
     kx_mp4::RepairOptions options;
     // No second copy of hours of video; the repair info file goes when the recording is finished.
     options.in_place = true;
-    // The application knows what the repair info file does not say: whether it had them on.
+    // The repair info file does not say whether composition offsets were on; the application knows.
     options.composition_offsets = false;
     options.progress = [](const kx_mp4::RepairProgress& progress) {
         std::printf("  %llu of %llu bytes\n", static_cast<unsigned long long>(progress.done),

@@ -34,7 +34,9 @@ enum class RepairOutcome {
 
 /// The steps of a repair, in order.
 enum class RepairStep {
-    kCheck,  ///< Records are checked against the media data.
+    /// Records are checked against the media data. Begins again, once, when the recording shows
+    /// that RepairOptions::composition_offsets is not what it was made with.
+    kCheck,
     kCopy,   ///< The media data goes to the output; not with RepairOptions::in_place.
     kIndex,  ///< The index is written.
 };
