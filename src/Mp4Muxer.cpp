@@ -387,6 +387,10 @@ bool CMp4Muxer::IsOpen() {
     return m_pWriter != nullptr && m_pWriter->IsValid();
 }
 
+bool CMp4Muxer::IsRepairInfoActive() {
+    return m_infoWriter.IsOpen();
+}
+
 int64_t CMp4Muxer::GetCurFileSize() {
     return m_nCurFileSize;
 }

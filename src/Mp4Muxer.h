@@ -70,6 +70,8 @@ public:
 
     /// Whether a file is open and its writer has not failed.
     bool IsOpen();
+    /// Whether a repair info file was asked for and everything so far is in it.
+    bool IsRepairInfoActive();
     /// Bytes: while open the offset of the next sample, after Close the final size.
     int64_t GetCurFileSize();
     /// Pushes what was written, of output and repair info file, to the storage device.
