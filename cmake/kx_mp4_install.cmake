@@ -6,6 +6,7 @@
 #   lib/cmake/kx_mp4/         find_package(kx_mp4 CONFIG)                     development
 #   lib/pkgconfig/            kx_mp4.pc, kx_mp4_repair.pc                     development
 #   share/man/man1/           manual pages of the programs                    tools
+#   share/doc/kx_mp4/         README.md, docs/, examples/                     development
 include(CMakePackageConfigHelpers)
 
 set(KX_MP4_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/kx_mp4)
@@ -78,5 +79,17 @@ foreach(program kxmux kxrepair kxmap)
         install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
         install(FILES ${PROJECT_SOURCE_DIR}/docs/man/${program}.1
                 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+    endif()
+endforeach()
+
+set(KX_MP4_DOCUMENTS ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md
+                     ${PROJECT_SOURCE_DIR}/docs ${PROJECT_SOURCE_DIR}/examples)
+foreach(document ${KX_MP4_DOCUMENTS})
+    if(IS_DIRECTORY ${document})
+        install(DIRECTORY ${document} DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
+                FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.cpp" PATTERN "*.h"
+                PATTERN man EXCLUDE)
+    elseif(EXISTS ${document})
+        install(FILES ${document} DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
     endif()
 endforeach()

@@ -1,5 +1,5 @@
 # cpack: Debian packages of the three components. The preset "package" sets what they need:
-#   cmake --preset package && cmake --build --preset package && (cd build-package && cpack)
+#   cmake --preset package && cmake --build --preset package && (cd build/package && cpack)
 set(KX_MP4_PACKAGE_CONTACT "the kx_mp4 authors <kx-mp4@example.org>" CACHE STRING
     "Maintainer of the packages, Name <address>")
 set(CPACK_GENERATOR DEB)

@@ -3,20 +3,17 @@
 # Usage: scripts/bench.sh [--quick] [DIRECTORY FOR THE RECORDINGS]
 set -euo pipefail
 
-root=$(cd "$(dirname "$0")/.." && pwd)
-build=${KX_MP4_BENCH_BUILD:-$root/build-bench}
+cd "$(dirname "$0")/.."
 
-"$root/scripts/apt_packages.sh" cmake ninja-build g++ pkg-config libbenchmark-dev libcli11-dev \
-    libavformat-dev
-
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKX_MP4_BUILD_BENCHMARKS=ON \
-    -DKX_MP4_BUILD_TOOLS=OFF -DKX_MP4_BUILD_EXAMPLES=OFF -DBUILD_TESTING=OFF
-cmake --build "$build"
+scripts/require.sh "${CXX:-c++}" cmake ninja pkg-config benchmark/benchmark.h CLI/CLI.hpp \
+    libavformat/avformat.h
+cmake --preset bench
+cmake --build --preset bench
 
 micro=()
 [[ " $* " != *" --quick "* ]] || micro=(--benchmark_min_time=0.01)
-for program in "$build"/bench/bench_*; do
+for program in build/bench/bench/bench_*; do
     [[ -x $program && -f $program ]] || continue
     "$program" "${micro[@]}"
 done
-"$build/bench/compare" "$@"
+build/bench/bench/compare "$@"

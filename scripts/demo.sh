@@ -3,18 +3,20 @@
 # ffprobe, a reader by others, sees in them. Installs what is missing where there is apt-get.
 #
 # Usage: scripts/demo.sh [OUTPUT_DIRECTORY]      (default: out)
+# KXMUX in the environment is a kxmux that is built already.
 set -eu
 root=$(cd "$(dirname "$0")/.." && pwd)
 out=${1:-$root/out}
 
 build() {
-    cmake -S "$root" -B "$root/build-release" -G Ninja -DCMAKE_BUILD_TYPE=Release \
-        -DBUILD_TESTING=OFF -DKX_MP4_BUILD_EXAMPLES=OFF >/dev/null
-    cmake --build "$root/build-release" --target kxmux
+    "$root/scripts/require.sh" "${CXX:-c++}" cmake ninja CLI/CLI.hpp
+    (cd "$root" && cmake --preset programs >/dev/null && cmake --build --preset programs --target kxmux)
+    KXMUX=$(find "$root/build/programs" -name kxmux -type f)
 }
 
 record() {  # name of the output, its video
-    "$root/build-release/tools/kxmux" -o "$out/$1" --fps 25 \
+    rm -f "$out/$1"
+    "$KXMUX" -o "$out/$1" --fps 25 \
         --video "$root/samples/$2" --audio "$root/samples/audio.aac" \
         --captions "$root/samples/captions.scc" --timecode 01:00:00:00 \
         --meta "title=Sample of $2"
@@ -25,8 +27,8 @@ record() {  # name of the output, its video
     echo
 }
 
-"$root/scripts/apt_packages.sh" g++ cmake ninja-build ffmpeg libcli11-dev
-build
+"$root/scripts/require.sh" ffprobe
+[ -n "${KXMUX:-}" ] || build
 mkdir -p "$out"
 record demo.mp4 h264.h264
 record demo.mov prores422.prores

@@ -2,13 +2,13 @@
 # Builds the reference of the public interface with Doxygen and fails on a warning, such as an
 # undocumented public entity, and on a link in the documents that leads nowhere. Installs Doxygen
 # where it is missing.
-# Usage: scripts/docs.sh [OUTPUT DIRECTORY]      (default: build-doxygen)
+# Usage: scripts/docs.sh [OUTPUT DIRECTORY]      (default: build/doxygen)
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
-output=${1:-$root/build-doxygen}
+output=${1:-$root/build/doxygen}
 
-"$root/scripts/apt_packages.sh" doxygen python3
+"$root/scripts/require.sh" doxygen python3
 
 version=$(sed -n 's/^project(kx_mp4 VERSION \([0-9.]*\).*/\1/p' "$root/CMakeLists.txt")
 # The headers that the installation puts beside those of inc/kx_mp4.

@@ -5,38 +5,25 @@
 # Usage: scripts/test.sh [CTEST_ARGUMENT...]      such as -R Muxer, for the first of the two runs
 # Builds in build/sanitize and build/tsan.
 set -euo pipefail
-
-root=$(cd "$(dirname "$0")/.." && pwd)
+cd "$(dirname "$0")/.."
 jobs=$(nproc)
 
-"$root/scripts/apt_packages.sh" g++ cmake ninja-build libgtest-dev libgmock-dev libcli11-dev \
-    ffmpeg mediainfo pkg-config
-
-launcher=()
+scripts/require.sh "${CXX:-c++}" cmake ninja gtest/gtest.h gmock/gmock.h CLI/CLI.hpp \
+    ffmpeg ffprobe mediainfo pkg-config
 if command -v ccache >/dev/null; then
-    launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+    export CMAKE_CXX_COMPILER_LAUNCHER=ccache
 fi
 
-# configure NAME SANITIZERS [ARGUMENT...]
-configure() {
-    local build=$root/build/$1 sanitizers=$2
-    shift 2
-    cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
-        -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g1" -DKX_MP4_SANITIZE="$sanitizers" "${launcher[@]}" "$@"
-}
+cmake --preset sanitize
+cmake --build --preset sanitize --parallel "$jobs"
+ctest --preset sanitize --parallel "$jobs" "$@"
 
-configure sanitize address,undefined
-cmake --build "$root/build/sanitize" --parallel "$jobs"
-ctest --test-dir "$root/build/sanitize" --parallel "$jobs" --output-on-failure --timeout 300 \
-    --no-tests=error "$@"
-
-configure tsan thread -DKX_MP4_BUILD_TOOLS=OFF -DKX_MP4_BUILD_EXAMPLES=OFF
-cmake --build "$root/build/tsan" --parallel "$jobs" --target kx_mp4_thread_tests
+cmake --preset tsan
+cmake --build --preset tsan --parallel "$jobs" --target kx_mp4_thread_tests
 # The sanitizer needs its addresses where they are without randomisation; some systems place
 # others there.
 fixed=()
 if setarch "$(uname -m)" -R true 2>/dev/null; then
     fixed=(setarch "$(uname -m)" -R)
 fi
-"${fixed[@]}" ctest --test-dir "$root/build/tsan" -R '^Threads' --output-on-failure --timeout 300 \
-    --no-tests=error
+"${fixed[@]}" ctest --preset tsan

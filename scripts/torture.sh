@@ -9,7 +9,7 @@
 set -u
 
 count=${1:?usage: scripts/torture.sh COUNT [BUILD_DIRECTORY]}
-build=${2:-$(dirname "$0")/../build}
+build=${2:-$(dirname "$0")/../build/release}
 recorder=$build/tests/torture_recorder
 kxrepair=$build/tools/kxrepair/kxrepair
 folder=$(mktemp -d)

@@ -54,6 +54,14 @@ test "$(pkg-config --modversion kx_mp4)" = "$VERSION"
     $(pkg-config --static --cflags --libs kx_mp4_repair kx_mp4)
 LD_LIBRARY_PATH=$prefix/$LIBDIR record "$scratch/recorder" pkg-config
 
+step "the program of README.md"
+sed -n '/^<!-- examples.record.cpp -->$/,/^<!-- end -->$/p' "$source/README.md" |
+    sed '/^<!--/d; /^```/d' >"$scratch/record.cpp"
+# shellcheck disable=SC2046,SC2086
+"$CXX" -std=c++17 -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror $flags \
+    -o "$scratch/record" "$scratch/record.cpp" $(pkg-config --cflags --libs --static kx_mp4)
+LD_LIBRARY_PATH=$prefix/$LIBDIR "$scratch/record" "$scratch/record.mp4" | grep -q ' bytes$'
+
 step "add_subdirectory"
 configure add_subdirectory -DKX_MP4_SOURCE_DIR="$source"
 "$CMAKE" --build "$scratch/add_subdirectory" --parallel 2
