@@ -32,6 +32,7 @@ set(KX_MP4_PUBLIC_HEADERS
     src/MLock.h
     src/Mp4Muxer.h
     src/ParameterSets.h
+    src/TimestampWatch.h
     src/VideoFrameParser.h
     src/defines.h
     src/zv_log.h)

@@ -169,6 +169,8 @@ void CMp4Muxer::ResetFileState() {
     m_hasSamples = false;
     m_indexLost = false;
     m_compositionOffsets = false;
+    m_droppedVideoFrames = 0;
+    m_times = {};
 }
 
 mp4_status_t CMp4Muxer::OpenRepairInfo(const wchar_t* pFilePath, uint32_t flags) {
@@ -308,6 +310,7 @@ mp4_status_t CMp4Muxer::Close() {
     if (m_indexLost) status = MP4_STATUS_UNEXPECTED_ERROR;
     if (m_pWriter != nullptr && !m_pWriter->IsValid()) status = m_pWriter->get_error_code();
     if (m_infoWriter.IsOpen()) m_infoWriter.Close();
+    ReportDroppedFrames(__LINE__, "Close");
     int64_t start = 0;
     if (!m_writeHeader) {
         zv_log_info("no data, ignore finish call", kSource, __LINE__, "Close");
@@ -492,6 +495,7 @@ mp4_status_t CMp4Muxer::SetVideoTrack(const mp4_video_track_info* pTrackInfo) {
         m_videoTrack = info;
         m_videoHasCodecData = CParameterSetKeeper::IsComplete(info);
         if (m_videoHasCodecData) {
+            ReportDroppedFrames(__LINE__, "SetVideoTrack");
             if (!m_moov->SetVideoTrack(&info)) return MP4_STATUS_UNEXPECTED_ERROR;
             return RecordInRepairInfo([&] { return m_infoWriter.WriteVideoFormat(&info); });
         }
@@ -678,19 +682,47 @@ mp4_status_t CMp4Muxer::WriteVideoFrame(const uint8_t* buf, uint32_t size, uint6
         if (status != MP4_STATUS_SUCCESS) return status;
         status = EnsureHeader();
         if (status != MP4_STATUS_SUCCESS) return status;
-        if (!m_videoHasCodecData && !GetVideoCodecData(frame)) {
-            zv_log_warn("no codec data, drop frame", kSource, __LINE__, "WriteVideoFrame");
-            return MP4_STATUS_SUCCESS;
+        if (!m_videoHasCodecData) {
+            m_times.VideoWaits();
+            if (!GetVideoCodecData(frame)) return DropVideoFrame();
+            ReportDroppedFrames(__LINE__, "WriteVideoFrame");
         }
-        if (m_compositionOffsets &&
-            !CMp4CttsAtom::OffsetFits(static_cast<int64_t>(pts), static_cast<int64_t>(dts))) {
-            zv_log_error("composition offset from %llu to %llu does not fit 32 bits", kSource,
-                         __LINE__, "WriteVideoFrame", static_cast<unsigned long long>(dts),
-                         static_cast<unsigned long long>(pts));
-            return MP4_STATUS_INVALID_PARAMETER;
-        }
+        status = CheckVideoTimes(static_cast<int64_t>(pts), static_cast<int64_t>(dts));
+        if (status != MP4_STATUS_SUCCESS) return status;
         return AppendVideoFrame(buf, size, frame, pts, dts);
     });
+}
+
+mp4_status_t CMp4Muxer::DropVideoFrame() {
+    if (m_droppedVideoFrames == 0)
+        zv_log_warn("no codec data, drop frame", kSource, __LINE__, "WriteVideoFrame");
+    ++m_droppedVideoFrames;
+    return MP4_STATUS_SUCCESS;
+}
+
+void CMp4Muxer::ReportDroppedFrames(int line, const char* function) {
+    if (m_droppedVideoFrames == 0) return;
+    zv_log_warn("no codec data, %llu frames dropped", kSource, line, function,
+                static_cast<unsigned long long>(m_droppedVideoFrames));
+    m_droppedVideoFrames = 0;
+}
+
+mp4_status_t CMp4Muxer::CheckVideoTimes(int64_t pts, int64_t dts) {
+    if (!m_compositionOffsets) return MP4_STATUS_SUCCESS;
+    if (!CMp4CttsAtom::OffsetFits(pts, dts)) {
+        zv_log_error("composition offset from %llu to %llu does not fit 32 bits", kSource, __LINE__,
+                     "WriteVideoFrame", static_cast<unsigned long long>(dts),
+                     static_cast<unsigned long long>(pts));
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    if (m_times.VideoGoesBack(dts)) {
+        // Offsets count from the decode times, which the sample table adds up from the steps.
+        zv_log_error("decode time goes back from %lld to %lld, the frame is refused", kSource,
+                     __LINE__, "WriteVideoFrame", static_cast<long long>(m_times.LastVideo()),
+                     static_cast<long long>(dts));
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    return MP4_STATUS_SUCCESS;
 }
 
 mp4_status_t CMp4Muxer::CheckVideoFrame(bool parsed) {
@@ -731,10 +763,16 @@ mp4_status_t CMp4Muxer::AppendVideoFrame(const uint8_t* buf, uint32_t size,
     const auto bytes = static_cast<int>(sampleSize);
     const auto nPts = static_cast<int64_t>(pts);
     const auto nDts = static_cast<int64_t>(dts);
-    return AddSample(
+    bool indexed = false;
+    status = AddSample(
         bytes,
-        [&] { return m_moov->AfterWriteVideoFrame(m_nCurFileSize, bytes, nPts, nDts, keyFrame); },
+        [&] {
+            return indexed =
+                       m_moov->AfterWriteVideoFrame(m_nCurFileSize, bytes, nPts, nDts, keyFrame);
+        },
         [&] { return m_infoWriter.WriteVideoFrame(bytes, nPts, nDts, keyFrame); });
+    if (indexed) m_times.OnVideo(nPts, nDts, m_videoTrack.timescale, m_compositionOffsets);
+    return status;
 }
 
 /// Each NAL unit behind its length (ISO/IEC 14496-15, 5.3.3.1.2 and 8.3.3.1.2).
@@ -843,9 +881,12 @@ mp4_status_t CMp4Muxer::AppendAudioFrame(const uint8_t* sample, uint32_t size, u
     if (status != MP4_STATUS_SUCCESS) return status;
     const auto bytes = static_cast<int>(size);
     const auto nTimeStamp = static_cast<int64_t>(timestamp);
+    bool indexed = false;
     status = AddSample(
-        bytes, [&] { return m_moov->AfterWriteAudioFrame(m_nCurFileSize, bytes, nTimeStamp); },
+        bytes,
+        [&] { return indexed = m_moov->AfterWriteAudioFrame(m_nCurFileSize, bytes, nTimeStamp); },
         [&] { return m_infoWriter.WriteAudioFrame(bytes, nTimeStamp); });
+    if (indexed) m_times.OnAudio(nTimeStamp, m_audioTrack.timescale);
     if (status == MP4_STATUS_NO_SPACE_LEFT_IN_HEADER)
         zv_log_error("call AfterWriteAudioFrame failed", kSource, __LINE__, "WriteAudioFrame");
     return status;
@@ -905,13 +946,16 @@ mp4_status_t CMp4Muxer::AppendCaption(const uint8_t* buf, uint32_t size, uint64_
     if (status != MP4_STATUS_SUCCESS) return status;
     const auto bytes = static_cast<int>(nWriteLen);
     const auto nTimeStamp = static_cast<int64_t>(timestamp);
-    return AddSample(
+    bool indexed = false;
+    status = AddSample(
         bytes,
         [&] {
             m_moov->AfterWriteSubtitleFrame(m_nCurFileSize, bytes, nTimeStamp);
-            return true;
+            return indexed = true;
         },
         [&] { return m_infoWriter.WriteSubtitleFrame(bytes, nTimeStamp); });
+    if (indexed) m_times.OnCaption(nTimeStamp, m_subtitleTrack.timescale);
+    return status;
 }
 
 bool CMp4Muxer::WriteCC608(const uint8_t* p_frame, uint32_t frame_len, uint32_t* p_write_len) {

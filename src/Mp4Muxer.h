@@ -10,6 +10,7 @@
 #include "InfoWriter.h"
 #include "MLock.h"
 #include "ParameterSets.h"
+#include "TimestampWatch.h"
 #include "VideoFrameParser.h"
 #include "kx_mp4/kx_mp4.h"
 
@@ -138,14 +139,18 @@ public:
     /// @param buf   The frame, read during the call.
     /// @param size  Bytes.
     /// @param pts  Presentation time in the track's ticks; see SetCompositionOffsets.
-    /// @param dts  Decode time in the track's ticks.
+    /// @param dts  Decode time in the track's ticks. One that goes back, or forward by more than an
+    ///             hour, is recorded as it is and logged; with composition offsets a decode time
+    ///             that goes back is refused.
     /// @return #MP4_STATUS_SUCCESS also for an empty frame (logged) and for a frame dropped while
     ///         the parameter sets are looked for; #MP4_STATUS_INVALID_VIDEO_STREAM without a start
     ///         code; #MP4_STATUS_INVALID_VIDEO_TRACK without a declared track;
     ///         #MP4_STATUS_INVALID_PARAMETER for a frame of 2 GiB or more or a composition offset
-    ///         that does not fit 32 bits; #MP4_STATUS_NO_SPACE_LEFT_IN_HEADER when the file cannot
-    ///         describe another sample; the status of a failed repair info file (the frame is
-    ///         recorded all the same, and so is every later one).
+    ///         that does not fit 32 bits, or with composition offsets a decode time before that of
+    ///         the last frame (nothing of the frame is written);
+    ///         #MP4_STATUS_NO_SPACE_LEFT_IN_HEADER when the file cannot describe another sample;
+    ///         the status of a failed repair info file (the frame is recorded all the same, and so
+    ///         is every later one).
     mp4_status_t WriteVideoFrame(const uint8_t* buf, uint32_t size, uint64_t pts, uint64_t dts);
     /// Appends one AAC frame. A 7-byte ADTS header in front of it is recognised and stripped.
     ///
@@ -209,6 +214,11 @@ private:
     mp4_status_t AddSample(int bytes, Index&& index, Record&& record);
 
     mp4_status_t CheckVideoFrame(bool parsed);
+    /// Whether a picture of these times can be described; refused before anything is written.
+    mp4_status_t CheckVideoTimes(int64_t pts, int64_t dts);
+    mp4_status_t DropVideoFrame();
+    /// The search for parameter sets has ended.
+    void ReportDroppedFrames(int line, const char* function);
     mp4_status_t AppendVideoFrame(const uint8_t* buf, uint32_t size, const CVideoFrameParser& frame,
                                   uint64_t pts, uint64_t dts);
     void WriteNalUnits(const CVideoFrameParser& frame);
@@ -252,6 +262,8 @@ private:
     bool m_indexLost = false;
     bool m_compositionOffsets = false;
     CParameterSetKeeper m_parameterSets;
+    uint64_t m_droppedVideoFrames = 0;  // while parameter sets are looked for
+    kx_mp4::TimestampWatch m_times;
 };
 
 #endif  // KX_MP4_MP4MUXER_H

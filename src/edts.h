@@ -12,6 +12,8 @@ public:
     explicit CMp4EdtsAtom(IBaseIO* pWriter) : CMp4ContainerAtom(pWriter), m_elst(pWriter) {}
 
     void SetUse64bitTime() { m_elst.SetUse64bitTime(); }
+    /// See CMp4DurationAtom.
+    void SetFixedHeaderMode(bool mode) { m_elst.SetFixedHeaderMode(mode); }
     void Update() { m_elst.Update(); }
     void SetDuration(int64_t nDuration) { m_elst.SetDuration(nDuration); }
     void SetMediaTime(int64_t mediaTime) { m_elst.SetMediaTime(mediaTime); }

@@ -1,7 +1,7 @@
 #ifndef KX_MP4_ELST_H
 #define KX_MP4_ELST_H
 
-#include "Atom.h"
+#include "DurationAtom.h"
 
 /// Edit List Box, 'elst' - ISO/IEC 14496-12, 8.6.6 - inside 'edts' - leaf
 ///
@@ -12,35 +12,34 @@
 /// | 24 / 32      | 4           | media rate 1.0                                     |
 ///
 /// One edit spans the whole track; a track that starts later than the movie gets no empty edit.
-class CMp4ElstAtom : public CMp4LeafAtom<CMp4ElstAtom> {
+class CMp4ElstAtom : public CMp4DurationAtom<CMp4ElstAtom> {
 public:
-    using CMp4LeafAtom::CMp4LeafAtom;
+    static constexpr const char* kSource = "src/elst";
+    static constexpr const char* kNotWritten = "logic error, start position is 0";
+    static constexpr int DurationOffset(bool) { return 16; }
 
-    void SetUse64bitTime() { m_b64bitTime = true; }
-    /// Milliseconds.
-    void SetDuration(int64_t nDuration) { m_nTotallDuration = nDuration; }
+    using CMp4DurationAtom::CMp4DurationAtom;
+
     /// Composition time of the first picture shown, in media ticks from the first decode time.
     void SetMediaTime(int64_t mediaTime) { m_mediaTime = mediaTime; }
-
-    void Write() override;
-    /// Rewrites the segment duration in the file and leaves the writer behind it.
-    void Update();
+    /// A media time is a signed number.
+    bool NeedsVersion1() const {
+        return CMp4DurationAtom::NeedsVersion1() || m_mediaTime > int64_t{INT32_MAX};
+    }
 
     template <class Out>
     void Put(Out& out) const {
         constexpr uint32_t kEntryCount = 1;
         constexpr uint32_t kNormalRate = 0x00010000;  // 16 bits integer, 16 bits fraction
-        PutFullBoxHeader(out, "elst", m_b64bitTime ? 1 : 0);
+        const bool wide = Is64bit();
+        PutFullBoxHeader(out, "elst", wide ? 1 : 0);
         out.WriteInt32(kEntryCount);
-        PutTime(out, m_b64bitTime, m_nTotallDuration);
-        PutTime(out, m_b64bitTime, m_mediaTime);
+        PutTime(out, wide, WrittenDuration());
+        PutTime(out, wide, m_mediaTime);
         out.WriteInt32(kNormalRate);
     }
 
 private:
-    bool m_b64bitTime = false;
-    int64_t m_nTotallDuration = 0;
-    uint64_t m_startPos = 0;
     int64_t m_mediaTime = 0;
 };
 

@@ -13,6 +13,8 @@ public:
     explicit CMp4MdiaAtom(IBaseIO* pWriter) : CMp4Atom(pWriter), m_mdhd(pWriter) {}
 
     void SetUse64bitTime() { m_mdhd.SetUse64bitTime(); }
+    /// See CMp4DurationAtom.
+    void SetFixedHeaderMode(bool mode) { m_mdhd.SetFixedHeaderMode(mode); }
     /// Ticks per second.
     void SetTimeScale(int32_t nTimeScale) { m_mdhd.SetTimeScale(nTimeScale); }
     int32_t GetTimeScale() const { return m_mdhd.GetTimeScale(); }

@@ -32,7 +32,13 @@ CMp4MoovAtom::CMp4MoovAtom(IBaseIO* pWriter, bool fastWrite, IBaseIO* pFileWrite
       m_trackTC(pWriter),
       m_trakSubtitle(pWriter),
       m_fastWrite(fastWrite),
-      m_pFileWriter(pFileWriter) {}
+      m_pFileWriter(pFileWriter) {
+    const uint32_t movieTimeScale = m_mvhd.GetTimeScale();
+    m_trakVideo.setMoovTimeScale(movieTimeScale);
+    m_trakAudio.setMoovTimeScale(movieTimeScale);
+    m_trackTC.setMoovTimeScale(movieTimeScale);
+    m_trakSubtitle.setMoovTimeScale(movieTimeScale);
+}
 
 // Configuration
 
@@ -131,10 +137,16 @@ void CMp4MoovAtom::AfterWriteTimeCode(int64_t nOffSet) {
 // Queries
 
 int64_t CMp4MoovAtom::MovieDuration() {
-    return std::max(m_trakVideo.GetDurationMS(), m_trakAudio.GetDurationMS());
+    return std::max(m_trakVideo.PresentedDurationMS(), m_trakAudio.PresentedDurationMS());
+}
+
+void CMp4MoovAtom::SettleNominalDurations() {
+    m_trakVideo.SettleNominalDuration();
+    m_trakAudio.SettleNominalDuration();
 }
 
 uint64_t CMp4MoovAtom::GetDurationMS() {
+    SettleNominalDurations();
     return static_cast<uint64_t>(MovieDuration());
 }
 
@@ -142,11 +154,17 @@ int64_t CMp4MoovAtom::TimecodeDuration() {
     const uint32_t videoTimeScale = m_trakVideo.GetTimeScale();
     if (videoTimeScale == 0) return 0;
     const uint64_t product =
-        static_cast<uint64_t>(m_trakVideo.GetDuration()) * m_trackTC.GetTimeScale();
+        static_cast<uint64_t>(m_trakVideo.PresentedDuration()) * m_trackTC.GetTimeScale();
     return static_cast<int64_t>(product) / int64_t{videoTimeScale};
 }
 
+void CMp4MoovAtom::SetDerivedDurations() {
+    m_mvhd.SetDuration(MovieDuration());
+    m_trackTC.SetDuration(TimecodeDuration());
+}
+
 uint32_t CMp4MoovAtom::GetSize() {
+    SetDerivedDurations();
     return kBoxHeaderSize + m_mvhd.GetSize() + SizeOf(m_trakVideo) + SizeOf(m_trakAudio) +
            SizeOf(m_trakSubtitle) + SizeOf(m_trackTC) + m_udta.GetSize() +
            (m_has_meta ? m_meta.GetSize() : 0);
@@ -162,7 +180,8 @@ void CMp4MoovAtom::Write() {
         start = 0;
     }
     PutBoxHeader(*m_pWriter, "moov");
-    m_mvhd.SetDuration(MovieDuration());
+    SettleNominalDurations();
+    SetDerivedDurations();
     m_mvhd.Write();
     WriteTracks();
     if (m_has_meta) m_meta.Write();
@@ -178,18 +197,10 @@ void CMp4MoovAtom::Write() {
 }
 
 void CMp4MoovAtom::WriteTracks() {
-    const uint32_t movieTimeScale = m_mvhd.GetTimeScale();
-    m_trakVideo.setMoovTimeScale(movieTimeScale);
     m_trakVideo.Write();
-    m_trakAudio.setMoovTimeScale(movieTimeScale);
     m_trakAudio.Write();
-    if (m_trackTC.valid()) {
-        m_trackTC.setMoovTimeScale(movieTimeScale);
-        m_trackTC.SetDuration(TimecodeDuration());
-        m_trackTC.Write();
-    }
+    if (m_trackTC.valid()) m_trackTC.Write();
     if (m_trakSubtitle.valid()) {
-        m_trakSubtitle.setMoovTimeScale(movieTimeScale);
         m_trakSubtitle.SetResolution(m_trakVideo.GetWidth(), m_trakVideo.GetHeight());
         m_trakSubtitle.Write();
     }
@@ -209,13 +220,11 @@ void CMp4MoovAtom::VerifySize(int64_t start) {
 
 void CMp4MoovAtom::Update() {
     const int64_t position = WriterPos();
-    m_mvhd.SetDuration(MovieDuration());
+    SettleNominalDurations();
+    SetDerivedDurations();
     m_mvhd.Update();
     m_trakAudio.Update();
     m_trakVideo.Update();
-    if (m_trackTC.valid()) {
-        m_trackTC.SetDuration(TimecodeDuration());
-        m_trackTC.Update();
-    }
+    if (m_trackTC.valid()) m_trackTC.Update();
     m_pWriter->Seek(position, SEEK_SET);
 }

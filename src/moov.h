@@ -77,6 +77,9 @@ private:
     bool OpensChunk(const CMp4TrakAtom& track);
     int64_t MovieDuration();
     int64_t TimecodeDuration();
+    void SettleNominalDurations();
+    /// Brings the durations that are derived from the tracks up to date; sizes follow from them.
+    void SetDerivedDurations();
     void WriteTracks();
     void VerifySize(int64_t start);
     uint32_t SizeOf(CMp4TrakAtom& track) { return track.valid() ? track.GetSize() : 0; }

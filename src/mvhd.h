@@ -1,7 +1,7 @@
 #ifndef KX_MP4_MVHD_H
 #define KX_MP4_MVHD_H
 
-#include "Atom.h"
+#include "DurationAtom.h"
 
 /// Movie Header Box, 'mvhd' - ISO/IEC 14496-12, 8.2.2 - inside 'moov' - leaf
 ///
@@ -14,30 +14,28 @@
 /// | 44 / 56      | 36          | unity matrix                                 |
 /// | 80 / 92      | 24          | pre-defined                                  |
 /// | 104 / 116    | 4           | next track ID                                |
-class CMp4MvhdAtom : public CMp4LeafAtom<CMp4MvhdAtom> {
+class CMp4MvhdAtom : public CMp4DurationAtom<CMp4MvhdAtom> {
 public:
-    using CMp4LeafAtom::CMp4LeafAtom;
+    static constexpr const char* kSource = "src/mvhd";
+    static constexpr const char* kNotWritten = "logic error";
+    static constexpr int DurationOffset(bool wide) { return wide ? 32 : 24; }
 
-    void SetUse64bitTime() { m_b64bitTime = true; }
+    using CMp4DurationAtom::CMp4DurationAtom;
+
     void SetMaxTrakId(int32_t nId) { m_nMaxTrakID = nId; }
-    /// Movie duration in milliseconds.
-    void SetDuration(int64_t nTotallDuration) { m_nTotallDuration = nTotallDuration; }
     /// Ticks per second of all durations at the movie's level.
     uint32_t GetTimeScale() const { return kMovieTimeScale; }
-
-    void Write() override;
-    /// Rewrites the duration in the file and leaves the writer behind it.
-    void Update();
 
     template <class Out>
     void Put(Out& out) const {
         constexpr uint32_t kNormalRate = 0x00010000;  // 16.16
         constexpr uint16_t kFullVolume = 0x0100;      // 8.8
-        PutFullBoxHeader(out, "mvhd", m_b64bitTime ? 1 : 0);
-        PutTime(out, m_b64bitTime, 0);
-        PutTime(out, m_b64bitTime, 0);
+        const bool wide = Is64bit();
+        PutFullBoxHeader(out, "mvhd", wide ? 1 : 0);
+        PutTime(out, wide, 0);
+        PutTime(out, wide, 0);
         out.WriteInt32(kMovieTimeScale);
-        PutTime(out, m_b64bitTime, m_nTotallDuration);
+        PutTime(out, wide, WrittenDuration());
         out.WriteInt32(kNormalRate);
         out.WriteInt16(kFullVolume);
         out.WriteInt16(0);
@@ -51,10 +49,7 @@ public:
 private:
     static constexpr uint32_t kMovieTimeScale = 1000;
 
-    bool m_b64bitTime = false;
     int32_t m_nMaxTrakID = 1;
-    int64_t m_nTotallDuration = 0;
-    uint32_t m_startPos = 0;
 };
 
 #endif  // KX_MP4_MVHD_H

@@ -1,7 +1,7 @@
 #ifndef KX_MP4_TKHD_H
 #define KX_MP4_TKHD_H
 
-#include "Atom.h"
+#include "DurationAtom.h"
 
 /// Track Header Box, 'tkhd' - ISO/IEC 14496-12, 8.3.2 - inside 'trak' - leaf
 ///
@@ -15,39 +15,37 @@
 /// | 44 / 56      | 2, 2        | volume: 1.0 of a track without a width; reserved        |
 /// | 48 / 60      | 36          | unity matrix                                            |
 /// | 84 / 96      | 4, 4        | width, height, pixels in 16.16                          |
-class CMp4TkhdAtom : public CMp4LeafAtom<CMp4TkhdAtom> {
+class CMp4TkhdAtom : public CMp4DurationAtom<CMp4TkhdAtom> {
 public:
-    using CMp4LeafAtom::CMp4LeafAtom;
+    static constexpr const char* kSource = "src/tkhd";
+    static constexpr const char* kNotWritten = "logic error";
+    static constexpr int DurationOffset(bool wide) { return wide ? 36 : 28; }
 
-    void SetUse64bitTime() { m_b64bitTime = true; }
+    using CMp4DurationAtom::CMp4DurationAtom;
+
     void SetTrakId(int32_t id) { m_nTrakId = id; }
     /// Pixels.
     void SetResolution(int32_t nWidth, int32_t nHeight) {
         m_nWidth = nWidth;
         m_nHeight = nHeight;
     }
-    /// Milliseconds.
-    void SetDuration(int64_t nDuration) { m_nTotallDuration = nDuration; }
     /// Makes this the header of a timecode track.
     void SetUseTCFlag() { m_bTC = true; }
     /// Tracks of one group other than 0 are alternatives to each other.
     void SetAlternateGroup(int16_t nAlternate) { m_nAlternateGroup = nAlternate; }
-
-    void Write() override;
-    /// Rewrites the duration in the file and leaves the writer behind it.
-    void Update();
 
     template <class Out>
     void Put(Out& out) const {
         constexpr uint32_t kEnabled = 1;
         constexpr uint32_t kInMovie = 2;
         constexpr uint16_t kFullVolume = 0x0100;  // 8.8
-        PutFullBoxHeader(out, "tkhd", m_b64bitTime ? 1 : 0, m_bTC ? kInMovie : kEnabled | kInMovie);
-        PutTime(out, m_b64bitTime, 0);
-        PutTime(out, m_b64bitTime, 0);
+        const bool wide = Is64bit();
+        PutFullBoxHeader(out, "tkhd", wide ? 1 : 0, m_bTC ? kInMovie : kEnabled | kInMovie);
+        PutTime(out, wide, 0);
+        PutTime(out, wide, 0);
         out.WriteInt32(Low32(m_nTrakId));
         out.WriteInt32(0);
-        PutTime(out, m_b64bitTime, m_nTotallDuration);
+        PutTime(out, wide, WrittenDuration());
         out.WriteInt64(0);
         out.WriteInt16(0);
         out.WriteInt16(Low16(m_nAlternateGroup));
@@ -59,14 +57,11 @@ public:
     }
 
 private:
-    bool m_b64bitTime = false;
-    int64_t m_nTotallDuration = 0;
     int32_t m_nTrakId = 0;
     int32_t m_nWidth = 0;
     int32_t m_nHeight = 0;
     int16_t m_nAlternateGroup = 0;
     bool m_bTC = false;
-    uint32_t m_startPos = 0;
 };
 
 #endif  // KX_MP4_TKHD_H

@@ -24,6 +24,11 @@ int64_t Difference(int64_t a, int64_t b) {
     return static_cast<int64_t>(static_cast<uint64_t>(a) - static_cast<uint64_t>(b));
 }
 
+/// Takes the step from one timestamp to the next. One that goes back is no duration.
+void UpdateStep(uint32_t& step, int64_t from, int64_t to) {
+    if (to >= from) step = Low32(Difference(to, from));
+}
+
 /// a + b, wrapping.
 int64_t Sum(int64_t a, int64_t b) {
     return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
@@ -47,22 +52,33 @@ void CMp4TrakAtom::SetUse64bitTime() {
     Media().SetUse64bitTime();
 }
 
+void CMp4TrakAtom::SetFixedHeaderMode(bool mode) {
+    m_fixedHeaderMode = mode;
+    m_tkhd.SetFixedHeaderMode(mode);
+    m_edts.SetFixedHeaderMode(mode);
+    Media().SetFixedHeaderMode(mode);
+}
+
 void CMp4TrakAtom::AdvanceClock(int64_t timestamp) {
-    m_lastFrameDuration = Low32(Difference(timestamp, m_nLastTs));
+    UpdateStep(m_lastFrameDuration, m_nLastTs, timestamp);
     m_nLastTs = timestamp;
 }
 
-uint32_t CMp4TrakAtom::NominalDuration() {
-    if (m_frameDuration == 0) m_frameDuration = m_lastFrameDuration;
-    return m_frameDuration;
+void CMp4TrakAtom::SettleNominalDuration() {
+    m_frameDuration = LastSampleDuration(m_lastFrameDuration);
+}
+
+int64_t CMp4TrakAtom::PresentedDuration() {
+    return Sum(Difference(m_nLastTs, m_nStartTs), LastSampleDuration(m_lastFrameDuration));
 }
 
 int64_t CMp4TrakAtom::GetDuration() {
-    return Sum(Difference(m_nLastTs, m_nStartTs), NominalDuration());
+    SettleNominalDuration();
+    return PresentedDuration();
 }
 
-int64_t CMp4TrakAtom::GetDurationMS() {
-    return Scale(GetDuration(), kMillisecondsPerSecond, GetTimeScale());
+int64_t CMp4TrakAtom::PresentedDurationMS() {
+    return Scale(PresentedDuration(), kMillisecondsPerSecond, GetTimeScale());
 }
 
 double CMp4TrakAtom::GetBitrate() {
@@ -74,7 +90,7 @@ double CMp4TrakAtom::GetBitrate() {
 }
 
 int64_t CMp4TrakAtom::HeaderDuration() {
-    const int64_t duration = GetDuration();
+    const int64_t duration = PresentedDuration();
     return GetTimeScale() == m_moovTimeScale ? duration
                                              : Scale(duration, m_moovTimeScale, GetTimeScale());
 }
@@ -84,6 +100,7 @@ void CMp4TrakAtom::SetHeaderTimes() {
     m_tkhd.SetDuration(duration);
     m_edts.SetDuration(duration);
     m_edts.SetMediaTime(GetMediaStart());
+    Media().SetDuration(GetMediaDuration());
 }
 
 void CMp4TrakAtom::Write() {
@@ -91,6 +108,7 @@ void CMp4TrakAtom::Write() {
         zv_log_error("write without track data", "src/trak", __LINE__, "Write");
         return;
     }
+    SettleNominalDuration();
     WriteContainer("trak", [this] {
         SetHeaderTimes();
         m_tkhd.Write();
@@ -102,16 +120,17 @@ void CMp4TrakAtom::Write() {
 
 uint32_t CMp4TrakAtom::GetSize() {
     if (!IsWritten()) return 0;
+    SetHeaderTimes();
     return kBoxHeaderSize + m_tkhd.GetSize() + m_edts.GetSize() + GetRefTrackSize() +
            Media().GetSize();
 }
 
 void CMp4TrakAtom::WriteMdia() {
-    Media().SetDuration(GetMediaDuration());
     Media().Write();
 }
 
 void CMp4TrakAtom::Update() {
+    SettleNominalDuration();
     SetHeaderTimes();
     m_tkhd.Update();
     m_edts.Update();
@@ -182,24 +201,24 @@ void CMp4VideoTrakAtom::ExtendSpan(int64_t nPts, int64_t nDts) {
         m_span = {nDts, nDts, nPts, nPts, 0};
         return;
     }
-    m_span.lastStep = Low32(Difference(nDts, m_span.lastDts));
+    UpdateStep(m_span.lastStep, m_span.lastDts, nDts);
     m_span.lastDts = nDts;
     m_span.firstPts = std::min(m_span.firstPts, nPts);
     m_span.lastPts = std::max(m_span.lastPts, nPts);
 }
 
-uint32_t CMp4VideoTrakAtom::LastSampleDuration() const {
-    return m_frameDuration != 0 ? m_frameDuration : m_span.lastStep;
+void CMp4VideoTrakAtom::SettleNominalDuration() {
+    if (!HasCompositionOffsets()) CMp4TrakAtom::SettleNominalDuration();
 }
 
-int64_t CMp4VideoTrakAtom::GetDuration() {
-    if (!HasCompositionOffsets()) return CMp4TrakAtom::GetDuration();
-    return Sum(Difference(m_span.lastPts, m_span.firstPts), LastSampleDuration());
+int64_t CMp4VideoTrakAtom::PresentedDuration() {
+    if (!HasCompositionOffsets()) return CMp4TrakAtom::PresentedDuration();
+    return Sum(Difference(m_span.lastPts, m_span.firstPts), LastSampleDuration(m_span.lastStep));
 }
 
 int64_t CMp4VideoTrakAtom::GetMediaDuration() {
-    if (!HasCompositionOffsets()) return GetDuration();
-    return Sum(Difference(m_span.lastDts, m_span.firstDts), LastSampleDuration());
+    if (!HasCompositionOffsets()) return PresentedDuration();
+    return Sum(Difference(m_span.lastDts, m_span.firstDts), LastSampleDuration(m_span.lastStep));
 }
 
 int64_t CMp4VideoTrakAtom::GetMediaStart() {
@@ -212,7 +231,6 @@ int64_t CMp4VideoTrakAtom::GetMediaStart() {
 void CMp4VideoTrakAtom::Update() {
     CMp4TrakAtom::Update();
     SampleTable().Update();
-    m_mdia.SetDuration(GetMediaDuration());
     m_mdia.Update();
 }
 
@@ -252,7 +270,6 @@ bool CMp4AudioTrakAtom::AfterWriteAudioFrame(int64_t nOffset, int cbFrame, int64
 void CMp4AudioTrakAtom::Update() {
     CMp4TrakAtom::Update();
     SampleTable().Update();
-    m_mdia.SetDuration(GetDuration());
     m_mdia.Update();
 }
 
@@ -282,17 +299,20 @@ void CMp4TCTrakAtom::AfterWriteTimeCode(int64_t nOffset, bool bNewChunk) {
     ++m_nSamples;
 }
 
+int32_t CMp4TCTrakAtom::SampleDuration() {
+    return static_cast<int32_t>(Low32(AtMost32Bits(PresentedDuration())));
+}
+
 void CMp4TCTrakAtom::WriteMdia() {
-    SampleTable().SetDuration(static_cast<int32_t>(Low32(GetDuration())));
+    SampleTable().SetDuration(SampleDuration());
     CMp4TrakAtom::WriteMdia();
 }
 
 void CMp4TCTrakAtom::Update() {
     CMp4TrakAtom::Update();
-    m_mdia.SetDuration(GetDuration());
     m_mdia.Update();
     if (m_nLastUpdateSamples >= m_nSamples) return;
-    SampleTable().Update(static_cast<int32_t>(Low32(GetDuration())));
+    SampleTable().Update(SampleDuration());
     m_nLastUpdateSamples = m_nSamples;
 }
 

@@ -37,17 +37,21 @@ public:
     /// KiB per second; 0 without a duration.
     virtual double GetBitrate();
     /// A track of the fixed-header mode is written even before its first sample.
-    virtual void SetFixedHeaderMode(bool mode) { m_fixedHeaderMode = mode; }
+    virtual void SetFixedHeaderMode(bool mode);
 
-    /// Ticks per second of the movie; comes before Write.
+    /// Ticks per second of the movie; comes before Write and GetSize.
     void setMoovTimeScale(uint32_t timescale) { m_moovTimeScale = timescale; }
     void SetTrakID(int32_t iTrakID);
     int32_t GetTrakID() const { return m_iTrakID; }
+    /// PresentedDuration, after SettleNominalDuration.
+    int64_t GetDuration();
+    /// Makes the last step the nominal duration when none is known; later steps do not change it.
+    virtual void SettleNominalDuration();
     /// What is presented, in ticks of the media: last minus first timestamp, and the last sample
-    /// with its nominal duration, or without one with the last step.
-    virtual int64_t GetDuration();
-    /// GetDuration in milliseconds; 0 without a timescale.
-    int64_t GetDurationMS();
+    /// with its nominal duration, or without one with the last step that did not go back.
+    virtual int64_t PresentedDuration();
+    /// PresentedDuration in milliseconds; 0 without a timescale.
+    int64_t PresentedDurationMS();
     /// Nominal duration of a sample in ticks; 0 when not known.
     void setFrameDuration(uint32_t frameDuration) { m_frameDuration = frameDuration; }
 
@@ -59,7 +63,7 @@ protected:
     /// Size of the track reference, 0 without one.
     virtual uint32_t GetRefTrackSize() { return 0; }
     /// Duration of all samples as they are decoded, in ticks.
-    virtual int64_t GetMediaDuration() { return GetDuration(); }
+    virtual int64_t GetMediaDuration() { return PresentedDuration(); }
     /// Where the presentation starts on the media's timeline, in ticks.
     virtual int64_t GetMediaStart() { return 0; }
 
@@ -67,8 +71,10 @@ protected:
     void AdvanceClock(int64_t timestamp);
     bool HasSamples() { return m_iTrakID > 0 && GetSampleNumbers() > 0; }
     bool IsWritten() { return m_fixedHeaderMode || HasSamples(); }
-    /// The nominal duration of the last sample. The first call settles it when none is known.
-    uint32_t NominalDuration();
+    /// The nominal duration, or this step when none is known.
+    uint32_t LastSampleDuration(uint32_t lastStep) const {
+        return m_frameDuration != 0 ? m_frameDuration : lastStep;
+    }
 
     int32_t m_iTrakID = 0;
     CMp4TkhdAtom m_tkhd;
@@ -82,6 +88,7 @@ protected:
 
 private:
     int64_t HeaderDuration();
+    /// Brings the headers up to date; their sizes follow from the times.
     void SetHeaderTimes();
 };
 
@@ -94,7 +101,8 @@ public:
     uint32_t GetTimeScale() override { return m_info.timescale; }
     void Update() override;
     uint64_t GetDataSize() override { return m_mdia.GetDataSize(); }
-    int64_t GetDuration() override;
+    void SettleNominalDuration() override;
+    int64_t PresentedDuration() override;
 
     int32_t GetWidth() const { return m_info.width; }
     int32_t GetHeight() const { return m_info.height; }
@@ -130,7 +138,6 @@ private:
     CMp4VideoStblAtom& SampleTable() { return m_mdia.MediaInformation().SampleTable(); }
     bool HasCompositionOffsets() { return SampleTable().HasCompositionOffsets(); }
     void ExtendSpan(int64_t nPts, int64_t nDts);
-    uint32_t LastSampleDuration() const;
 
     mp4_video_track_info_t m_info{};
     CMp4VideoMdiaAtom m_mdia;
@@ -197,6 +204,8 @@ protected:
 
 private:
     CMp4TMCDStblAtom& SampleTable() { return m_mdia.MediaInformation().SampleTable(); }
+    /// Of the only sample, which lasts as long as the track: 'stts' has 32 bits in every version.
+    int32_t SampleDuration();
 
     CMp4TCMdiaAtom m_mdia;
     mp4_time_code_track_info_t m_info{};
@@ -204,7 +213,7 @@ private:
     int64_t m_nLastUpdateSamples = 0;
 };
 
-/// The closed-caption track. Its times and offsets are always 32-bit.
+/// The closed-caption track. Its offsets are always 32-bit.
 class CMp4SubtitleTrakAtom : public CMp4TrakAtom {
 public:
     explicit CMp4SubtitleTrakAtom(IBaseIO* pWriter);

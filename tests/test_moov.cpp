@@ -1,6 +1,8 @@
 // The movie box: track IDs, chunks, durations, its parts and their order, refreshing in place.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <memory>
 
 #include "log_capture.h"
@@ -99,6 +101,65 @@ TEST_F(MovieBox, DurationIsTheLongerOfVideoAndSound) {
     m_moov->AfterWriteAudioFrame(72, 4, 48000 * 20);
     EXPECT_EQ(m_moov->GetDurationMS(), 20021U);
     EXPECT_EQ(Read().At("mvhd").U32(24), 20021U);
+}
+
+TEST_F(MovieBox, EachHeaderTakesVersion1WhenItsValueNeedsIt) {
+    constexpr int64_t kStep = (int64_t{1} << 31) - 1500;  // twice, and the last sample: 2^32
+    for (const uint32_t timescale : {90000U, 1000U}) {
+        m_moov = std::make_unique<CMp4MoovAtom>(&m_out, false, nullptr);
+        mp4_video_track_info_t video = m_video;
+        mp4_audio_track_info_t audio = m_audio;
+        video.timescale = audio.timescale = timescale;
+        video.frame_duration = audio.frame_duration = 3000;
+        const mp4_subtitle_track_info_t captions = {MP4_SUBTITLE_CODEC_CC608, timescale};
+        m_moov->SetVideoTrack(&video);
+        m_moov->SetAudioTrack(&audio);
+        m_moov->SetTCMDTrack(&m_timecode);
+        m_moov->SetSubtitleTrack(&captions);
+        m_moov->AfterWriteTimeCode(40);
+        for (const int64_t last : {int64_t{0}, kStep, 2 * kStep}) {
+            m_moov->AfterWriteVideoFrame(44, 10, last, last, true);
+            m_moov->AfterWriteAudioFrame(54, 4, last);
+            m_moov->AfterWriteSubtitleFrame(58, 4, last);
+            const uint32_t predicted = m_moov->GetSize();
+            const Box& moov = Read();
+            // The first time the sample tables have yet to place the last sample's duration.
+            EXPECT_TRUE(last == 0 || predicted == moov.size) << predicted;
+            if (last != 2 * kStep) continue;
+            const auto expect = [](const Box& box, std::array<uint64_t, 2> at, uint64_t value) {
+                const bool wide = value > UINT32_MAX;
+                EXPECT_EQ(box.U8(8), wide ? 1 : 0) << box.type;
+                EXPECT_EQ(box.Uint(at[wide ? 1 : 0], wide ? 8 : 4), value) << box.type;
+            };
+            const uint64_t ticks = uint64_t{1} << 32;
+            expect(moov.At("mvhd"), {24, 32}, ticks * 1000 / timescale);
+            for (const Track& track : m_movie->Tracks()) {
+                uint64_t duration = ticks;
+                if (track.handler == "clcp") duration = uint64_t{3} * kStep;
+                if (track.handler == "tmcd") duration = ticks * 30000 / timescale;
+                const uint64_t shown = duration * 1000 / track.timescale;
+                expect(track.box->At("mdia/mdhd"), {24, 32}, duration);
+                expect(track.box->At("tkhd"), {28, 36}, shown);
+                expect(track.box->At("edts/elst"), {16, 16}, shown);
+                if (track.handler != "tmcd") continue;
+                EXPECT_EQ(static_cast<uint32_t>(track.lastDuration),
+                          std::min<uint64_t>(duration, UINT32_MAX));
+            }
+        }
+    }
+    EXPECT_TRUE(m_log.Complaints().empty()) << m_log.Complaints()[0];
+}
+
+TEST_F(MovieBox, AskingForTheSizeSettlesNothing) {
+    mp4_video_track_info_t video = m_video;
+    video.frame_duration = 0;
+    m_moov->SetVideoTrack(&video);
+    for (const int64_t time : {0, 3000, 9000}) {
+        m_moov->AfterWriteVideoFrame(44, 10, time, time, true);
+        m_moov->GetSize();
+    }
+    Read();
+    EXPECT_EQ(m_movie->TrackOf("vide").duration, 15000U) << "the last step counts once more";
 }
 
 TEST_F(MovieBox, DurationsAreRefreshedInPlace) {

@@ -348,7 +348,8 @@ TEST_F(Muxer, ParameterSetsAreCollectedFromSeveralFrames) {
                 << "with the sets inside";
         }
         EXPECT_EQ(configurations[0], configurations[1]);
-        EXPECT_EQ(m_log.Count("warn", "no codec data, drop frame", "WriteVideoFrame"), 3);
+        EXPECT_EQ(m_log.Count("warn", "no codec data, drop frame", "WriteVideoFrame"), 1);
+        EXPECT_EQ(m_log.Count("warn", "no codec data, 3 frames dropped", "WriteVideoFrame"), 1);
     }
 }
 
@@ -423,6 +424,9 @@ TEST_F(Muxer, AdtsHeadersAreTakenOffAndConfigureTheTrack) {
 TEST_F(Muxer, CompositionOffsetsOfReorderedPictures) {
     // Decoded 0 1 2 3 4, shown 0 3 1 2 4: one picture of delay.
     const uint64_t kShown[] = {1, 4, 2, 3, 5};
+    constexpr const char* kLostOffsets =
+        "presentation time 3000 differs from decode time 0, but only decode times are recorded: "
+        "call SetCompositionOffsets before the first frame";
     for (const bool enabled : {true, false}) {
         MemoryOutput output;
         ASSERT_EQ(CreateIn(output), kSuccess);
@@ -436,9 +440,13 @@ TEST_F(Muxer, CompositionOffsetsOfReorderedPictures) {
                       kSuccess);
         EXPECT_EQ(m_muxer.SetCompositionOffsets(!enabled), kInvalid);
         if (enabled) {
+            output.calls.clear();
             EXPECT_EQ(m_muxer.WriteVideoFrame(picture.data(), size, uint64_t{1} << 40, 15000),
                       kInvalid);
+            EXPECT_EQ(m_muxer.WriteVideoFrame(picture.data(), size, 15000, 11999), kInvalid);
+            EXPECT_TRUE(output.calls.empty()) << "nothing of them is written";
         }
+        EXPECT_EQ(m_log.Count("warn", kLostOffsets, "WriteVideoFrame"), enabled ? 0 : 1);
         ASSERT_EQ(m_muxer.Close(), kSuccess);
         const MovieReader movie = output.Movie();
         const Track& found = movie.TrackOf("vide");
@@ -468,6 +476,92 @@ TEST_F(Muxer, TimestampsOfEveryKindGiveAFileThatCanBeRead) {
     const MovieReader movie = m_output.Movie();
     EXPECT_EQ(movie.TrackOf("vide").samples.size(), std::size(kTimes));
     EXPECT_EQ(movie.TrackOf("vide").samples[1].dts, -1000) << "stored as it is";
+}
+
+TEST_F(Muxer, OddTimesAreLoggedOncePerTrackAndRun) {
+    ASSERT_EQ(CreateIn(m_output), kSuccess);
+    const auto video = streams::H264Track();
+    const auto audio = streams::AacTrack();
+    const mp4_subtitle_track_info_t captions{MP4_SUBTITLE_CODEC_CC708, 0};
+    ASSERT_EQ(m_muxer.SetVideoTrack(&video), kSuccess);
+    ASSERT_EQ(m_muxer.SetAudioTrack(&audio), kSuccess);
+    ASSERT_EQ(m_muxer.SetSubtitleTrack(&captions), kSuccess);
+    const Bytes packet = Hex("6101 03 966955");
+    const struct {
+        std::string name;
+        std::string function;
+        uint64_t timescale;
+        std::function<mp4_status_t(uint64_t)> write;
+    } kTracks[] = {
+        {"video", "WriteVideoFrame", video.timescale,
+         [&](uint64_t time) { return Video(test_pattern::Picture(0), time); }},
+        {"audio", "WriteAudioFrame", audio.timescale,
+         [&](uint64_t time) { return Audio(test_pattern::kSilence, time); }},
+        {"caption", "WriteSubtitleFrame", 1000,
+         [&](uint64_t time) { return m_muxer.WriteSubtitleFrame(packet.data(), 6, time); }},
+    };
+    for (const auto& track : kTracks) {
+        m_log.Clear();
+        const uint64_t hour = 3600 * track.timescale;
+        const uint64_t jump = 100 + 2 * hour + 1;
+        // The first time, however late, is none; nor is an hour, nor a time that stands still.
+        for (const uint64_t time :
+             {uint64_t{100}, 100 + hour, jump, jump + 9, jump + 9, uint64_t{7}, uint64_t{6},
+              uint64_t{5}, uint64_t{9}, uint64_t{8}})
+            EXPECT_EQ(track.write(time), kSuccess);
+        for (uint64_t time = 1000; time > 0; --time)
+            EXPECT_EQ(track.write(time * 2 * hour), kSuccess);
+        const auto line = [&](const char* what, uint64_t from, uint64_t to) {
+            return "warn " + track.function + ": " + track.name + " decode time " + what +
+                   " from " + std::to_string(from) + " to " + std::to_string(to);
+        };
+        EXPECT_THAT(m_log.Complaints(),
+                    testing::ElementsAre(line("jumps", 100 + hour, jump) + ", by more than an hour",
+                                         line("goes back", jump + 9, 7), line("goes back", 9, 8)));
+    }
+    ASSERT_EQ(m_muxer.Close(), kSuccess);
+    EXPECT_EQ(m_output.Movie().TrackOf("vide").samples.size(), 1010U) << "stored as they are";
+}
+
+TEST_F(Muxer, TellsHowFarApartTheStartsAreWhenVideoHadToWait) {
+    const Bytes packet = Hex("6101 03 966955");
+    for (const char* const other : {"audio", "caption", ""}) {
+        m_log.Clear();
+        MemoryOutput output;
+        ASSERT_EQ(CreateIn(output), kSuccess);
+        const auto video = streams::Deferred(streams::H264Track());
+        const auto audio = streams::AacTrack();
+        const mp4_subtitle_track_info_t captions{MP4_SUBTITLE_CODEC_CC708, 1000};
+        ASSERT_EQ(m_muxer.SetVideoTrack(&video), kSuccess);
+        ASSERT_EQ(m_muxer.SetAudioTrack(&audio), kSuccess);
+        ASSERT_EQ(m_muxer.SetSubtitleTrack(&captions), kSuccess);
+        const Bytes slice = streams::AccessUnit({Hex("419a02")});
+        for (uint64_t second = 1; second < 4; ++second) {
+            mp4_status_t status = kSuccess;
+            if (other[0] == 'a') status = Audio(test_pattern::kSilence, second * 48000);
+            if (other[0] == 'c')
+                status = m_muxer.WriteSubtitleFrame(packet.data(), 6, second * 1000);
+            EXPECT_EQ(status, kSuccess);
+            EXPECT_EQ(Video(slice, second * 90000), kSuccess);
+        }
+        const bool found = other[0] != '\0';
+        if (found) {
+            EXPECT_EQ(Video(test_pattern::Picture(0), 360090), kSuccess);
+            EXPECT_EQ(Video(test_pattern::Picture(1), 363090), kSuccess);
+        }
+        ASSERT_EQ(m_muxer.Close(), kSuccess);
+        std::vector<std::string> expected = {"warn WriteVideoFrame: no codec data, drop frame",
+                                             "warn Close: no codec data, 3 frames dropped"};
+        if (found)
+            expected = {expected[0], "warn WriteVideoFrame: no codec data, 3 frames dropped",
+                        "warn WriteVideoFrame: video waited for its parameter sets: the first "
+                        "picture is at 4001 ms, the first " +
+                            std::string(other) + " sample at 1000 ms, 3001 ms apart"};
+        auto complaints = m_log.Complaints();
+        complaints.resize(std::min(complaints.size(), expected.size()));
+        EXPECT_EQ(complaints, expected);
+        EXPECT_EQ(m_log.Count("warn", expected.back().substr(expected.back().find(": ") + 2)), 1);
+    }
 }
 
 // Whole files

@@ -21,6 +21,7 @@ namespace {
 
 constexpr uint32_t kBothWide = MP4_FLAG_64BIT_SIZE | MP4_FLAG_64BIT_TIME;
 constexpr size_t kFirstSample = 44;
+constexpr uint64_t kPast32Bits = uint64_t{5} << 32;
 
 void Append(Bytes& bytes, const Bytes& more) {
     bytes.insert(bytes.end(), more.begin(), more.end());
@@ -114,10 +115,11 @@ TEST_F(RepairTest, UnusualCallsShiftNothing) {
     // Two start codes in a row leave an empty unit, which the muxer stores.
     calls.push_back({[](CMp4Muxer& muxer) {
                          const Bytes frame = Hex("000001 000001 419a02");
-                         return muxer.WriteVideoFrame(frame.data(), 9, 90000, 90000);
+                         return muxer.WriteVideoFrame(frame.data(), 9, kPast32Bits, kPast32Bits);
                      },
                      CallKind::kVideo});
     RecordCalls(calls);
+    EXPECT_GT(MovieReader(m_finished).TrackOf("vide").duration, uint64_t{4} << 32);
     const RepairReport report = RunRepair();
     ExpectRepaired(report, RepairOutcome::kWhole);
     EXPECT_EQ(report.tracks[kx_mp4::kRepairAudio].frames_without_track, 16U);

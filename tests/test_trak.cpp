@@ -1,10 +1,13 @@
 // Tracks: headers, edit list, references, media boxes and the timing of a track as a whole.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <memory>
 
 #include "log_capture.h"
 #include "movie_reader.h"
+#include "mvhd.h"
 #include "streams.h"
 #include "trak.h"
 
@@ -44,27 +47,72 @@ protected:
     std::unique_ptr<MovieReader> m_movie;
 };
 
-TEST_F(TrackBoxes, HeadersAreRewrittenInPlace) {
-    const auto check = [this](auto&& box, const char* header, uint64_t position, bool wide) {
-        m_log.Clear();
-        box.Update();
-        EXPECT_GE(m_log.Complaints().size(), 1U) << "nothing was written yet";
-        if (wide) box.SetUse64bitTime();
-        box.SetDuration(kPast32Bits + 2);
-        Read(box);
-        const int width = wide ? 8 : 4;
-        EXPECT_EQ(m_movie->At(header).U8(8), wide ? 1 : 0) << "version of " << header;
-        EXPECT_EQ(m_movie->At(header).Uint(position, width), wide ? uint64_t{kPast32Bits + 2} : 2U);
-        box.SetDuration(99);
-        box.Update();
-        ReadAgain();
-        EXPECT_EQ(m_movie->At(header).Uint(position, width), 99U) << header;
+TEST_F(TrackBoxes, HeadersTakeVersion1WhenAskedForOrNeededAndAreRewrittenInPlace) {
+    const struct {
+        bool asked;
+        int64_t written;
+        bool wide;
+        uint64_t read;
+    } kTable[] = {
+        {false, 0, false, 0},
+        {false, -2, false, 0xFFFFFFFE},
+        {false, UINT32_MAX, false, UINT32_MAX},
+        {false, int64_t{UINT32_MAX} + 1, true, uint64_t{1} << 32},
+        {true, 7, true, 7},
     };
-    for (const bool wide : {false, true}) {
-        check(CMp4TkhdAtom(&m_out), "tkhd", wide ? 36 : 28, wide);
-        check(CMp4EdtsAtom(&m_out), "edts/elst", 16, wide);
-        check(CMp4MdhdAtom(&m_out), "mdhd", wide ? 32 : 24, wide);
+    const auto check = [&](auto box, const char* header, const std::array<uint64_t, 2>& positions) {
+        for (const auto& row : kTable) {
+            SCOPED_TRACE(std::string(header) + " " + std::to_string(row.written));
+            auto fresh = box();
+            m_log.Clear();
+            fresh.Update();
+            EXPECT_EQ(m_log.Complaints().size(), 1U) << "nothing was written yet";
+            if (row.asked) fresh.SetUse64bitTime();
+            fresh.SetDuration(row.written);
+            Read(fresh);
+            const uint64_t size = m_out.GetSize();
+            const auto durationRead = [&] {
+                ReadAgain();
+                EXPECT_EQ(m_movie->At(header).U8(8), row.wide ? 1 : 0);
+                EXPECT_EQ(fresh.GetSize() + 8, size) << "the form stays";
+                return m_movie->At(header).Uint(positions[row.wide ? 1 : 0], row.wide ? 8 : 4);
+            };
+            EXPECT_EQ(durationRead(), row.read);
+            for (const int64_t rewritten : {int64_t{99}, kPast32Bits + 2, kPast32Bits + 3}) {
+                fresh.SetDuration(rewritten);
+                fresh.Update();
+                EXPECT_EQ(durationRead(), row.wide ? static_cast<uint64_t>(rewritten)
+                                                   : std::min<uint64_t>(rewritten, UINT32_MAX));
+                EXPECT_EQ(m_out.GetSize(), size);
+            }
+            EXPECT_EQ(m_log.Complaints().size(), row.wide ? 1U : 2U) << "told once";
+        }
+    };
+    check([this] { return CMp4MvhdAtom(&m_out); }, "mvhd", {24, 32});
+    check([this] { return CMp4TkhdAtom(&m_out); }, "tkhd", {28, 36});
+    check([this] { return CMp4EdtsAtom(&m_out); }, "edts/elst", {16, 16});
+    check([this] { return CMp4MdhdAtom(&m_out); }, "mdhd", {24, 32});
+
+    CMp4ElstAtom elst(&m_out);
+    for (const int64_t start : {int64_t{INT32_MAX}, int64_t{INT32_MAX} + 1}) {
+        elst.SetMediaTime(start);
+        const Box& box = Read(elst);
+        const bool wide = start > INT32_MAX;
+        EXPECT_EQ(box.U8(8), wide ? 1 : 0) << "the media time is signed";
+        EXPECT_EQ(box.Uint(wide ? 24 : 20, wide ? 8 : 4), static_cast<uint64_t>(start));
     }
+}
+
+TEST_F(TrackBoxes, NoDurationMovesATrackWithRoomReserved) {
+    auto track = VideoTrack(streams::H264Track());
+    track->SetFixedHeaderMode(true);
+    Read(*track);
+    const uint64_t size = m_out.GetSize();
+    track->AfterWriteVideoFrame(40, 10, 0, 0, true, true);
+    track->AfterWriteVideoFrame(40, 10, kPast32Bits * 90, kPast32Bits * 90, true, true);
+    track->CMp4TrakAtom::Update();
+    EXPECT_EQ(m_out.GetSize(), size);
+    EXPECT_EQ(ReadAgain().At("tkhd").U32(28), UINT32_MAX);
 }
 
 TEST_F(TrackBoxes, References) {
@@ -95,8 +143,9 @@ TEST_F(TrackBoxes, DurationCountsTheLastSample) {
         {90000, 3000, {0, 3000, 6000}, true, 9000, 100},
         {90000, 0, {0, 3000, 7000}, true, 11000, 122},  // the last step counts once more
         {90000, 3000, {9000, 12000}, true, 6000, 66},
-        {90000, 3000, {9000, 12000}, false, 15000, 166},  // counted from 0
-        {0, 40, {0, 40}, true, 80, 80},                   // 1000 stands for 0
+        {90000, 3000, {9000, 12000}, false, 15000, 166},      // counted from 0
+        {90000, 0, {0, 3000, 9000, 6000}, true, 12000, 133},  // a step back is no duration
+        {0, 40, {0, 40}, true, 80, 80},                       // 1000 stands for 0
         {30000, 1001, {0}, true, 1001, 33},
         {4000000000U, 1000000, {0, 1000000}, true, 2000000, 0},
     };

@@ -200,7 +200,9 @@ typedef struct mp4_safe_write_config {
 
 /// Option bits of mp4_config_t::flags. Bits without a name here are ignored.
 enum mp4_config_flag : uint32_t {
-    MP4_FLAG_64BIT_TIME = 1,         ///< 64-bit time fields in the movie, video and audio headers.
+    /// 64-bit time fields in the movie, video and audio headers. Without it each header takes them
+    /// when its value needs them.
+    MP4_FLAG_64BIT_TIME = 1,
     MP4_FLAG_64BIT_SIZE = 2,         ///< 64-bit media data size and chunk offsets (past 4 GiB).
     MP4_FLAG_SAFE_MODE = 8,          ///< Obsolete; only logs a warning.
     MP4_FLAG_REPAIR_INFO = 16,       ///< Keep a repair info file at the output path + ".info".
