@@ -1,5 +1,6 @@
 #include "TimestampWatch.h"
 
+#include "Rescale.h"
 #include "zv_log.h"
 
 namespace kx_mp4 {
@@ -8,19 +9,11 @@ namespace {
 
 constexpr const char* kSource = "src/TimestampWatch";
 constexpr uint32_t kDefaultTimeScale = 1000;
+constexpr uint32_t kMillisecondsPerSecond = 1000;
 
 /// How far `later` lies behind `earlier`; exact for any two numbers in this order.
 uint64_t Distance(int64_t earlier, int64_t later) {
     return static_cast<uint64_t>(later) - static_cast<uint64_t>(earlier);
-}
-
-/// Hostile times may wrap, but never trap.
-int64_t Milliseconds(int64_t ticks, uint32_t timescale) {
-    constexpr int64_t kPerSecond = 1000;
-    if (timescale == 0) return 0;
-    const auto whole = static_cast<uint64_t>(ticks / int64_t{timescale}) * uint64_t{kPerSecond};
-    const int64_t rest = ticks % int64_t{timescale} * kPerSecond / int64_t{timescale};
-    return static_cast<int64_t>(whole + static_cast<uint64_t>(rest));
 }
 
 }  // namespace
@@ -76,8 +69,8 @@ void TimestampWatch::OnCaption(int64_t time, uint32_t timescale) {
 void TimestampWatch::CompareStarts(int64_t pts, uint32_t timescale) const {
     const Track& other = m_audio.started ? m_audio : m_caption;
     if (!other.started) return;
-    const int64_t picture = Milliseconds(pts, timescale);
-    const int64_t start = Milliseconds(other.first, other.timescale);
+    const int64_t picture = Rescale(pts, kMillisecondsPerSecond, timescale);
+    const int64_t start = Rescale(other.first, kMillisecondsPerSecond, other.timescale);
     if (picture == start) return;
     const uint64_t apart = picture > start ? Distance(start, picture) : Distance(picture, start);
     zv_log_warn(

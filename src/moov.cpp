@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 
+#include "Rescale.h"
 #include "zv_log.h"
 
 namespace {
@@ -151,11 +152,8 @@ uint64_t CMp4MoovAtom::GetDurationMS() {
 }
 
 int64_t CMp4MoovAtom::TimecodeDuration() {
-    const uint32_t videoTimeScale = m_trakVideo.GetTimeScale();
-    if (videoTimeScale == 0) return 0;
-    const uint64_t product =
-        static_cast<uint64_t>(m_trakVideo.PresentedDuration()) * m_trackTC.GetTimeScale();
-    return static_cast<int64_t>(product) / int64_t{videoTimeScale};
+    return kx_mp4::Rescale(m_trakVideo.PresentedDuration(), m_trackTC.GetTimeScale(),
+                           m_trakVideo.GetTimeScale());
 }
 
 void CMp4MoovAtom::SetDerivedDurations() {

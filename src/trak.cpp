@@ -4,20 +4,13 @@
 #include <memory>
 
 #include "AudioES.h"
+#include "Rescale.h"
 #include "zv_log.h"
 
 namespace {
 
 constexpr uint32_t kDefaultTimeScale = 1000;
 constexpr uint32_t kMillisecondsPerSecond = 1000;
-
-/// value * numerator / denominator; 0 for a denominator of 0. Hostile values may wrap, as in any
-/// 64-bit field, but never trap.
-int64_t Scale(int64_t value, uint32_t numerator, uint32_t denominator) {
-    if (denominator == 0) return 0;
-    const uint64_t product = static_cast<uint64_t>(value) * numerator;
-    return static_cast<int64_t>(product) / static_cast<int64_t>(denominator);
-}
 
 /// a - b, wrapping.
 int64_t Difference(int64_t a, int64_t b) {
@@ -78,7 +71,7 @@ int64_t CMp4TrakAtom::GetDuration() {
 }
 
 int64_t CMp4TrakAtom::PresentedDurationMS() {
-    return Scale(PresentedDuration(), kMillisecondsPerSecond, GetTimeScale());
+    return kx_mp4::Rescale(PresentedDuration(), kMillisecondsPerSecond, GetTimeScale());
 }
 
 double CMp4TrakAtom::GetBitrate() {
@@ -91,8 +84,9 @@ double CMp4TrakAtom::GetBitrate() {
 
 int64_t CMp4TrakAtom::HeaderDuration() {
     const int64_t duration = PresentedDuration();
-    return GetTimeScale() == m_moovTimeScale ? duration
-                                             : Scale(duration, m_moovTimeScale, GetTimeScale());
+    return GetTimeScale() == m_moovTimeScale
+               ? duration
+               : kx_mp4::Rescale(duration, m_moovTimeScale, GetTimeScale());
 }
 
 void CMp4TrakAtom::SetHeaderTimes() {

@@ -5,6 +5,7 @@
 #include <array>
 #include <memory>
 
+#include "Rescale.h"
 #include "log_capture.h"
 #include "movie_reader.h"
 #include "mvhd.h"
@@ -13,7 +14,7 @@
 
 namespace {
 
-constexpr int64_t kPast32Bits = int64_t{5} << 32;
+constexpr uint64_t kPast32Bits = uint64_t{5} << 32;
 
 class TrackBoxes : public ::testing::Test {
 protected:
@@ -78,11 +79,11 @@ TEST_F(TrackBoxes, HeadersTakeVersion1WhenAskedForOrNeededAndAreRewrittenInPlace
                 return m_movie->At(header).Uint(positions[row.wide ? 1 : 0], row.wide ? 8 : 4);
             };
             EXPECT_EQ(durationRead(), row.read);
-            for (const int64_t rewritten : {int64_t{99}, kPast32Bits + 2, kPast32Bits + 3}) {
-                fresh.SetDuration(rewritten);
+            for (const uint64_t rewritten : {uint64_t{99}, kPast32Bits + 2, kPast32Bits + 3}) {
+                fresh.SetDuration(static_cast<int64_t>(rewritten));
                 fresh.Update();
-                EXPECT_EQ(durationRead(), row.wide ? static_cast<uint64_t>(rewritten)
-                                                   : std::min<uint64_t>(rewritten, UINT32_MAX));
+                EXPECT_EQ(durationRead(),
+                          row.wide ? rewritten : std::min<uint64_t>(rewritten, UINT32_MAX));
                 EXPECT_EQ(m_out.GetSize(), size);
             }
             EXPECT_EQ(m_log.Complaints().size(), row.wide ? 1U : 2U) << "told once";
@@ -104,12 +105,13 @@ TEST_F(TrackBoxes, HeadersTakeVersion1WhenAskedForOrNeededAndAreRewrittenInPlace
 }
 
 TEST_F(TrackBoxes, NoDurationMovesATrackWithRoomReserved) {
+    constexpr int64_t kFarTime = int64_t{kPast32Bits} * 90;  // in milliseconds past 32 bits
     auto track = VideoTrack(streams::H264Track());
     track->SetFixedHeaderMode(true);
     Read(*track);
     const uint64_t size = m_out.GetSize();
     track->AfterWriteVideoFrame(40, 10, 0, 0, true, true);
-    track->AfterWriteVideoFrame(40, 10, kPast32Bits * 90, kPast32Bits * 90, true, true);
+    track->AfterWriteVideoFrame(40, 10, kFarTime, kFarTime, true, true);
     track->CMp4TrakAtom::Update();
     EXPECT_EQ(m_out.GetSize(), size);
     EXPECT_EQ(ReadAgain().At("tkhd").U32(28), UINT32_MAX);
@@ -129,6 +131,25 @@ TEST_F(TrackBoxes, References) {
         type.SetRefTrack(id);
     EXPECT_EQ(Read(type).size, 8U + 4 * 8) << "past eight they are ignored";
     EXPECT_EQ(Read(type).U32(4), 0U) << "only one type has a code";
+}
+
+TEST(Rescale, IsExactWhereverTheResultFits) {
+    constexpr int64_t kTwoDays = int64_t{48 * 3600} * 10000000;
+    const struct {
+        int64_t value;
+        uint32_t numerator, denominator;
+        int64_t result;
+    } kTable[] = {
+        {100, 1000, 0, 0},
+        {7, 1000, 90000, 0},
+        {-90089, 1000, 90000, -1000},
+        {kTwoDays, 10000000, 10000000, kTwoDays},
+        {kTwoDays + 9, 4000000000, 4000000000, kTwoDays + 9},
+        {INT64_MAX, 1000, 1000, INT64_MAX},
+        {INT64_MIN, 1, 1, INT64_MIN},
+    };
+    for (const auto& row : kTable)
+        EXPECT_EQ(kx_mp4::Rescale(row.value, row.numerator, row.denominator), row.result);
 }
 
 TEST_F(TrackBoxes, DurationCountsTheLastSample) {
