@@ -29,12 +29,13 @@ public:
     void OnCaption(int64_t time, uint32_t timescale);
 
 private:
+    /// What is remembered of a track.
     struct Track {
-        bool started = false;
-        bool inRun = false;
-        int64_t first = 0;  // ticks, as `last`
-        int64_t last = 0;
-        uint32_t timescale = 0;
+        bool started = false;    ///< Whether a sample was recorded.
+        bool inRun = false;      ///< Whether the last step was an odd one.
+        int64_t first = 0;       ///< Time of the first sample, ticks.
+        int64_t last = 0;        ///< Time of the last sample, ticks.
+        uint32_t timescale = 0;  ///< Ticks per second of the first sample's time.
     };
 
     static void Take(Track& track, int64_t time, uint32_t timescale, const char* name,

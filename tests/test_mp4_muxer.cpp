@@ -460,22 +460,31 @@ TEST_F(Muxer, CompositionOffsetsOfReorderedPictures) {
 }
 
 TEST_F(Muxer, TimestampsOfEveryKindGiveAFileThatCanBeRead) {
-    ASSERT_EQ(CreateIn(m_output, MP4_FLAG_64BIT_TIME), kSuccess);
-    const auto video = streams::H264Track();
-    const auto audio = streams::AacTrack();
-    ASSERT_EQ(m_muxer.SetVideoTrack(&video), kSuccess);
-    ASSERT_EQ(m_muxer.SetAudioTrack(&audio), kSuccess);
     const uint64_t kTimes[] = {
         5000, 4000, 4000, uint64_t{1} << 33, UINT64_MAX, 0, uint64_t{1} << 63, 7};
-    for (const uint64_t time : kTimes) {
-        EXPECT_EQ(Video(test_pattern::Picture(0), time), kSuccess);
-        EXPECT_EQ(Audio(test_pattern::kSilence, time), kSuccess);
-        m_muxer.GetDurationMS();
+    const auto video = streams::H264Track();
+    const auto audio = streams::AacTrack();
+    for (const uint32_t flags : {0U, uint32_t{MP4_FLAG_64BIT_TIME}}) {
+        for (size_t count = 1; count <= std::size(kTimes); ++count) {
+            MemoryOutput output;
+            ASSERT_EQ(CreateIn(output, flags), kSuccess);
+            ASSERT_EQ(m_muxer.SetVideoTrack(&video), kSuccess);
+            ASSERT_EQ(m_muxer.SetAudioTrack(&audio), kSuccess);
+            for (size_t i = 0; i < count; ++i) {
+                EXPECT_EQ(Video(test_pattern::Picture(0), kTimes[i]), kSuccess);
+                EXPECT_EQ(Audio(test_pattern::kSilence, kTimes[i]), kSuccess);
+                m_muxer.GetDurationMS();
+                m_muxer.GetMoovSize();
+            }
+            ASSERT_EQ(m_muxer.Close(), kSuccess);
+            const MovieReader movie = output.Movie();
+            ASSERT_EQ(movie.TrackOf("vide").samples.size(), count);
+            if (count == 1) continue;
+            EXPECT_EQ(movie.TrackOf("vide").samples[1].dts, -1000) << "stored as it is";
+        }
     }
-    ASSERT_EQ(m_muxer.Close(), kSuccess);
-    const MovieReader movie = m_output.Movie();
-    EXPECT_EQ(movie.TrackOf("vide").samples.size(), std::size(kTimes));
-    EXPECT_EQ(movie.TrackOf("vide").samples[1].dts, -1000) << "stored as it is";
+    for (const std::string& line : m_log.Complaints())
+        EXPECT_EQ(line.find("size"), std::string::npos) << line;
 }
 
 TEST_F(Muxer, OddTimesAreLoggedOncePerTrackAndRun) {
@@ -509,7 +518,7 @@ TEST_F(Muxer, OddTimesAreLoggedOncePerTrackAndRun) {
              {uint64_t{100}, 100 + hour, jump, jump + 9, jump + 9, uint64_t{7}, uint64_t{6},
               uint64_t{5}, uint64_t{9}, uint64_t{8}})
             EXPECT_EQ(track.write(time), kSuccess);
-        for (uint64_t time = 1000; time > 0; --time)
+        for (uint64_t time = 100; time > 0; --time)
             EXPECT_EQ(track.write(time * 2 * hour), kSuccess);
         const auto line = [&](const char* what, uint64_t from, uint64_t to) {
             return "warn " + track.function + ": " + track.name + " decode time " + what +
@@ -520,7 +529,7 @@ TEST_F(Muxer, OddTimesAreLoggedOncePerTrackAndRun) {
                                          line("goes back", jump + 9, 7), line("goes back", 9, 8)));
     }
     ASSERT_EQ(m_muxer.Close(), kSuccess);
-    EXPECT_EQ(m_output.Movie().TrackOf("vide").samples.size(), 1010U) << "stored as they are";
+    EXPECT_EQ(m_output.Movie().TrackOf("vide").samples.size(), 110U) << "stored as they are";
 }
 
 TEST_F(Muxer, TellsHowFarApartTheStartsAreWhenVideoHadToWait) {
