@@ -27,8 +27,10 @@ set(KX_MP4_PUBLIC_HEADERS
     inc/kx_mp4/export.h
     inc/kx_mp4/kx_mp4.h
     src/BaseIO.h
+    src/FileLock.h
     src/FourCC.h
     src/InfoWriter.h
+    src/InlineArray.h
     src/MLock.h
     src/Mp4Muxer.h
     src/ParameterSets.h

@@ -3,14 +3,14 @@
 #include <cstddef>
 #include <iterator>
 
+#include "AdtsHeader.h"
+
 namespace {
 
 constexpr int kAacLc = 2;
 constexpr int kEscapeObjectType = 31;  // announces 6 more bits, for which 2 bytes have no room
 
-// ISO/IEC 14496-3, table 1.18.
-constexpr int kSampleRates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
-                                22050, 16000, 12000, 11025, 8000,  7350};
+using kx_mp4::kAacSampleRates;
 
 // ISO/IEC 14496-3, table 4.82: the lowest rate that uses the tables of the index of its place; a
 // rate below all of them uses those of 8000 Hz.
@@ -18,8 +18,8 @@ constexpr int kLowestRates[] = {92017, 75132, 55426, 46009, 37566, 27713,
                                 23004, 18783, 13856, 11502, 9391};
 
 int SampleRateIndex(int sampleRate) {
-    for (size_t index = 0; index < std::size(kSampleRates); ++index) {
-        if (kSampleRates[index] == sampleRate) return static_cast<int>(index);
+    for (size_t index = 0; index < std::size(kAacSampleRates); ++index) {
+        if (kAacSampleRates[index] == sampleRate) return static_cast<int>(index);
     }
     int index = 0;
     for (const int lowest : kLowestRates) {
@@ -32,8 +32,8 @@ int SampleRateIndex(int sampleRate) {
 }  // namespace
 
 int get_sample_by_index(int index) {
-    if (index < 0 || index >= static_cast<int>(std::size(kSampleRates))) return 0;
-    return kSampleRates[index];
+    if (index < 0 || index >= static_cast<int>(std::size(kAacSampleRates))) return 0;
+    return kAacSampleRates[index];
 }
 
 int SampleRateOfField(uint16_t field) {

@@ -1,6 +1,7 @@
 #include "BaseIO.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -8,9 +9,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
+#include "FileLock.h"
 #include "GatherList.h"
+#include "Retry.h"
 #include "zv_log.h"
+
+using kx_mp4::FileLock;
+using kx_mp4::Retry;
 
 namespace {
 
@@ -33,6 +40,8 @@ void IBaseIO::ReadBuf(void* pbBuf, uint32_t cbBuf) {
 int IBaseIO::EnterError() {
     m_status = IO_IN_ERROR;
     m_err_code = errno;  // before anything is printed: printing may change it
+    // A callback may leave anything there; a failure never reads as success.
+    if (kx_mp4_exception::convert_error(m_err_code) == MP4_STATUS_SUCCESS) m_err_code = EIO;
     return m_err_code;
 }
 
@@ -65,10 +74,14 @@ IFileIOBase::~IFileIOBase() {
 bool IFileIOBase::Uninit() {
     m_status = IO_UNINIT;
     CancelGather();
-    if (m_hFile != -1) {
-        close(m_hFile);
-        m_hFile = -1;
+    if (m_hFile == -1) return true;
+    // A descriptor is gone also when closing it was interrupted.
+    m_closedWell = close(m_hFile) == 0 || errno == EINTR;
+    if (!m_closedWell) {
+        m_err_code = errno;
+        zv_log_error("closing the file failed, error:%d", kSource, __LINE__, "Uninit", m_err_code);
     }
+    m_hFile = -1;
     return true;
 }
 
@@ -84,7 +97,7 @@ void IFileIOBase::Seek(int64_t offset, int origin) {
 
 void IFileIOBase::Flush() {
     WriteGathered();
-    if (fsync(m_hFile) != 0) FailWrite(__LINE__);
+    if (Retry([this] { return fsync(m_hFile); }) != 0) FailWrite(__LINE__);
 }
 
 void IFileIOBase::Write(const void* pbBuf, uint32_t cbBuf) {
@@ -98,7 +111,7 @@ void IFileIOBase::WriteAll(const void* pbBuf, uint32_t cbBuf) {
     const auto* next = static_cast<const uint8_t*>(pbBuf);
     uint32_t left = cbBuf;
     do {
-        const ssize_t written = write(m_hFile, next, left);
+        const ssize_t written = Retry([&] { return write(m_hFile, next, left); });
         if (written < 0 || (written == 0 && left != 0)) FailWrite(__LINE__);
         next += written;
         left -= static_cast<uint32_t>(written);
@@ -121,9 +134,10 @@ void IFileIOBase::WriteGathered() {
     iovec* const end = m_gathered->end();
     m_gathered->Clear();  // what fails below is not tried again
     while (piece != end) {
-        const ssize_t count = piece + 1 == end
-                                  ? write(m_hFile, piece->iov_base, piece->iov_len)
-                                  : writev(m_hFile, piece, static_cast<int>(end - piece));
+        const ssize_t count = Retry([&] {
+            return piece + 1 == end ? write(m_hFile, piece->iov_base, piece->iov_len)
+                                    : writev(m_hFile, piece, static_cast<int>(end - piece));
+        });
         if (count <= 0) FailWrite(__LINE__);
         auto written = static_cast<size_t>(count);
         while (piece != end && written >= piece->iov_len)
@@ -149,7 +163,7 @@ void IFileIOBase::Read(void* pbBuf, uint32_t cbBuf) {
     auto* next = static_cast<uint8_t*>(pbBuf);
     uint32_t left = cbBuf;
     while (left != 0) {
-        const ssize_t count = read(m_hFile, next, left);
+        const ssize_t count = Retry([&] { return read(m_hFile, next, left); });
         if (count <= 0) FailRead(__LINE__);
         next += count;
         left -= static_cast<uint32_t>(count);
@@ -178,16 +192,59 @@ mp4_status_t CFileWriter::Init(const wchar_t* pFilePath, uint32_t, uint32_t) {
     NarrowPath path;
     const mp4_status_t status = ConvertPath(pFilePath, path);
     if (status != MP4_STATUS_SUCCESS) return status;
-    const int file = open(path.data(), O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK, 0644);
-    if (file < 0) {
+    return Open(path.data(), O_TRUNC);
+}
+
+mp4_status_t CFileWriter::Open(const char* path, int flags) {
+    m_hFile = Retry(
+        [&] { return open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC | flags, 0644); });
+    if (m_hFile < 0) {
         const int code = errno;
-        zv_log_error("open file '%s' failed, error:%d", kSource, __LINE__, "Init", path.data(),
-                     code);
+        zv_log_error("open file '%s' failed, error:%d", kSource, __LINE__, "Init", path, code);
         return kx_mp4_exception::convert_error(code);
     }
-    m_hFile = file;
     m_status = IO_VALID;
     return MP4_STATUS_SUCCESS;
+}
+
+mp4_status_t CFileWriter::InitLocked(const char* path, FileLock& lock) {
+    for (;;) {
+        const mp4_status_t status = Open(path, 0);
+        if (status != MP4_STATUS_SUCCESS) return status;
+        const int code = lock.Take(m_hFile);
+        if (code == EWOULDBLOCK) {
+            zv_log_error("file '%s' is in use by another recording or a repair", kSource, __LINE__,
+                         "Init", path);
+            Uninit();
+            return MP4_STATUS_DEVICE_OR_RESOURCE_BUSY;
+        }
+        if (code != 0)
+            zv_log_warn(
+                "file '%s' cannot be locked (error:%d), a repair would not see that it is "
+                "in use",
+                kSource, __LINE__, "Init", path, code);
+        if (IsNamed(path)) break;
+        Uninit();  // who held the lock has removed the file meanwhile
+    }
+    return Empty(path);
+}
+
+bool CFileWriter::IsNamed(const char* path) const {
+    struct stat opened {};
+    struct stat named {};
+    return fstat(m_hFile, &opened) != 0 ||
+           (stat(path, &named) == 0 && opened.st_ino == named.st_ino &&
+            opened.st_dev == named.st_dev);
+}
+
+mp4_status_t CFileWriter::Empty(const char* path) {
+    struct stat opened {};
+    if (fstat(m_hFile, &opened) != 0 || !S_ISREG(opened.st_mode)) return MP4_STATUS_SUCCESS;
+    if (Retry([this] { return ftruncate(m_hFile, 0); }) == 0) return MP4_STATUS_SUCCESS;
+    const int code = errno;
+    zv_log_error("file '%s' cannot be emptied, error:%d", kSource, __LINE__, "Init", path, code);
+    Uninit();
+    return kx_mp4_exception::convert_error(code);
 }
 
 // CBufferIO
@@ -293,9 +350,9 @@ mp4_status_t ExternalWriter::Init(const wchar_t* pFilePath, uint32_t nBlockSize,
 bool ExternalWriter::Uninit() {
     m_status = IO_UNINIT;
     if (m_pFunc == nullptr) return false;
-    m_pFunc->uninit(m_handle);
-    m_handle = nullptr;
-    m_pFunc = nullptr;
+    // Forgotten before the call, so that it is the only one even when it throws.
+    const mp4_file_io_func_t& func = *std::exchange(m_pFunc, nullptr);
+    func.uninit(std::exchange(m_handle, nullptr));
     return true;
 }
 
@@ -316,5 +373,6 @@ void ExternalWriter::Read(void* pbBuf, uint32_t cbBuf) {
 }
 
 void ExternalWriter::Write(const void* pbBuf, uint32_t cbBuf) {
-    if (m_pFunc != nullptr && m_pFunc->write(m_handle, pbBuf, cbBuf) != 1) FailWrite(__LINE__);
+    if (m_pFunc != nullptr && cbBuf != 0 && m_pFunc->write(m_handle, pbBuf, cbBuf) != 1)
+        FailWrite(__LINE__);
 }

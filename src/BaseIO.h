@@ -16,6 +16,10 @@
 
 class GatherList;
 
+namespace kx_mp4 {
+class FileLock;
+}  // namespace kx_mp4
+
 /// State of a stream. Note that the usable state is -1.
 typedef enum _IO_STATUS : int32_t {
     IO_VALID = -1,   ///< Usable.
@@ -146,6 +150,9 @@ public:
                               uint32_t nBufferBlocks) = 0;
 
     bool Uninit() override;
+    /// Whether closing the file, the last moment at which some file systems tell of bytes that were
+    /// lost, found no failure. The failure is in get_error_code.
+    bool ClosedWell() const { return m_closedWell; }
     uint64_t Ftell() override;
     void Seek(int64_t offset, int origin) override;
     void Flush() override;
@@ -171,6 +178,7 @@ private:
     void WriteGathered();
     void WriteAll(const void* pbBuf, uint32_t cbBuf);
 
+    bool m_closedWell = true;
     bool m_gathering = false;
     std::unique_ptr<GatherList> m_gathered;
 };
@@ -191,6 +199,17 @@ public:
     ///         #MP4_STATUS_FILE_NAME_TOO_LONG past 1022 bytes, or the status of a failed open.
     mp4_status_t Init(const wchar_t* pFilePath, uint32_t nBlockSize,
                       uint32_t nBufferBlocks) override;
+
+    /// The same for a path in the system's own bytes, and nobody else's file: it is emptied only
+    /// when the lock could be taken. Where files cannot be locked, a warning is logged.
+    /// @return #MP4_STATUS_DEVICE_OR_RESOURCE_BUSY when somebody holds the lock, or the status of
+    ///         a failed open.
+    mp4_status_t InitLocked(const char* path, kx_mp4::FileLock& lock);
+
+private:
+    mp4_status_t Open(const char* path, int flags);
+    bool IsNamed(const char* path) const;
+    mp4_status_t Empty(const char* path);
 };
 
 /// A growable memory stream. Flush empties it into its sink, FlushEx copies it there.

@@ -11,9 +11,11 @@
 #ifndef KX_MP4_INFOWRITER_H
 #define KX_MP4_INFOWRITER_H
 
+#include <atomic>
 #include <cstdint>
 
 #include "BaseIO.h"
+#include "FileLock.h"
 #include "kx_mp4/kx_mp4.h"
 
 /// Type byte of a record in the repair info file. "string" is a C string with its terminator.
@@ -85,15 +87,27 @@ static_assert(sizeof(MP4_INFO_SUBTITLE_FRAME_INFO) == 12);
 /// Writes the repair info file. A failed operation closes the file for the rest of the recording
 /// and returns the failure's status; the recording itself is not touched by it.
 ///
-/// Not thread safe; used under the muxer's lock.
+/// Every record is one write, so that a process that is killed never leaves a torn one. The file is
+/// locked from Create on: who repairs recordings sees that this one is still running.
+///
+/// Not thread safe, except IsActive; used under the muxer's lock.
 class CInfoWriter {
 public:
     /// Creates or truncates the file; `nBlockSize` is not used.
     mp4_status_t Create(const wchar_t* pFilePath, uint32_t nBlockSize);
+    /// The same for a path in the system's own bytes. Counters and failure start anew.
+    mp4_status_t Create(const char* path);
     /// Pushes the file to the storage device.
     mp4_status_t Flush();
-    /// Closes the file; it stays on disk.
+    /// Closes the file; it stays on disk and locked.
     void Close();
+    /// Gives the lock back. Nothing is written any more, and the recording has been finished or
+    /// given up.
+    void Unlock() { m_lock.Release(); }
+    /// IsOpen for any thread at any time.
+    bool IsActive() const { return m_active; }
+    /// The status of the operation that failed and closed the file; success without one.
+    mp4_status_t Failure() const { return m_failure; }
     /// Whether there is a file that has not failed.
     bool IsOpen() const { return m_writer.IsValid(); }
     /// Sets how many video frame records lie between two flushes; refuses less than 10.
@@ -103,7 +117,8 @@ public:
     mp4_status_t WriteFlag(uint8_t byFlag);
     /// Writes the position of the media data box, low 32 bits.
     mp4_status_t WriteMdatOffset(uint32_t nPos);
-    /// `key_namespace` may be null. A `size` of 0 of an item that is not a string is recorded as 4.
+    /// `key_namespace` may be null, of others at most four bytes are read. A `size` of 0 of an item
+    /// that is not a string is recorded as 4.
     mp4_status_t WriteMetadata(const char* pKey, const char* pData, uint32_t size,
                                mp4_meta_data_type_t type, const char* key_namespace);
     /// Records a track's description, as it was given or found in the stream.
@@ -127,11 +142,16 @@ public:
 private:
     template <class Body>
     mp4_status_t Record(Body&& writeBody);
+    mp4_status_t Fail(mp4_status_t status);
     void WriteString(const char* text, uint32_t size);
     void WriteParameterSet(const uint8_t* set, int16_t size);
     void WriteTimedFrame(uint8_t type, int cbFrame, int64_t nTimeStamp);
 
     CFileWriter m_writer;
+    CBufferIO m_record;  // the one that is being put together
+    kx_mp4::FileLock m_lock;
+    std::atomic<bool> m_active{false};
+    mp4_status_t m_failure = MP4_STATUS_SUCCESS;
     uint32_t m_video_num = 0;
     uint32_t m_video_flush_num = 0;
     uint32_t m_flush_interval = 900;  // about 30 s of video

@@ -1,5 +1,10 @@
 #include "Mp4Muxer.h"
 
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -7,7 +12,9 @@
 #include <iterator>
 #include <utility>
 
+#include "AdtsHeader.h"
 #include "AudioES.h"
+#include "FileLock.h"
 #include "ctts.h"
 #include "free.h"
 #include "ftyp.h"
@@ -15,12 +22,13 @@
 #include "moov.h"
 #include "zv_log.h"
 
+using kx_mp4::AdtsHeader;
+
 namespace {
 
 constexpr const char* kSource = "src/Mp4Muxer";
 constexpr wchar_t kInfoExtension[] = L".info";
 constexpr uint32_t kNalLengthSize = 4;
-constexpr uint32_t kAdtsHeaderSize = 7;
 
 // The caller's caption packets: mark, kind, number, data.
 constexpr uint32_t kCaptionHeaderSize = 3;
@@ -61,6 +69,15 @@ void LogFlags(const mp4_config_t& config) {
                     "Create");
 }
 
+/// The path as seen from the root, so that it means the same file for good. Throws when the working
+/// directory has no name.
+std::string AbsolutePath(const char* path) {
+    if (path[0] == '/') return path;
+    std::array<char, PATH_MAX> folder{};
+    if (getcwd(folder.data(), folder.size()) == nullptr) throw kx_mp4_exception(errno);
+    return std::string(folder.data()) + "/" + path;
+}
+
 std::unique_ptr<IVideoNalParser> NalParserOf(mp4_video_codec codec) {
     switch (codec) {
         case MP4_MVC_H264:
@@ -80,8 +97,9 @@ uint64_t LengthPrefixedSize(const CVideoFrameParser& frame) {
     return size;
 }
 
-bool HasAdtsHeader(const uint8_t* buf, uint32_t size) {
-    return size > kAdtsHeaderSize && buf[0] == 0xFF && (buf[1] & 0xF0) == 0xF0;
+/// Sample sizes are signed 32-bit numbers on their way to the tables.
+bool IsSampleSize(uint64_t bytes) {
+    return bytes <= INT32_MAX;
 }
 
 /// Upper bound of what a caption packet of this many bytes becomes.
@@ -118,6 +136,10 @@ private:
 CMp4Muxer::CMp4Muxer() = default;
 
 CMp4Muxer::~CMp4Muxer() {
+    Guarded([this] {
+        if (m_pWriter != nullptr) m_pWriter->Uninit();
+        return MP4_STATUS_SUCCESS;
+    });
     m_pVideoNalParser = nullptr;
 }
 
@@ -141,11 +163,7 @@ mp4_status_t CMp4Muxer::Create(const wchar_t* pFilePath, mp4_config_t* config) {
         ResetFileState();
         LogFlags(*config);
         m_fastHeaderWrite = WantsFastHeaderWrite(*config);
-        if ((config->flags & MP4_FLAG_REPAIR_INFO) != 0) {
-            const mp4_status_t opened = OpenRepairInfo(pFilePath, config->flags);
-            if (opened != MP4_STATUS_SUCCESS) return opened;
-        }
-        const mp4_status_t opened = OpenWriter(pFilePath, *config);
+        const mp4_status_t opened = OpenFiles(pFilePath, *config);
         if (opened == MP4_STATUS_SUCCESS) CreateBoxes(config->flags);
         return opened;
     });
@@ -156,6 +174,8 @@ mp4_status_t CMp4Muxer::Create(const wchar_t* pFilePath, mp4_config_t* config) {
 void CMp4Muxer::ResetFileState() {
     m_videoFrameNum = m_lastWriteVideoFrameNum = 0;
     m_strInfoFilePath[0] = m_pwszFilePath[0] = L'\0';
+    m_infoPath.clear();
+    m_infoFailure = MP4_STATUS_SUCCESS;
     m_nCurFileSize = 0;
     m_videoTrack = {};
     m_videoHasCodecData = true;
@@ -171,14 +191,38 @@ void CMp4Muxer::ResetFileState() {
     m_compositionOffsets = false;
     m_droppedVideoFrames = 0;
     m_times = {};
+    m_adtsWarned = false;
 }
 
-mp4_status_t CMp4Muxer::OpenRepairInfo(const wchar_t* pFilePath, uint32_t flags) {
+/// The repair info file comes last: it may hold all that is left of an earlier recording.
+mp4_status_t CMp4Muxer::OpenFiles(const wchar_t* pFilePath, const mp4_config_t& config) {
+    const bool repairInfo = (config.flags & MP4_FLAG_REPAIR_INFO) != 0;
+    if (repairInfo) {
+        const mp4_status_t named = NameRepairInfo(pFilePath);
+        if (named != MP4_STATUS_SUCCESS) return named;
+    }
+    const mp4_status_t opened = OpenWriter(pFilePath, config);
+    if (opened != MP4_STATUS_SUCCESS || !repairInfo) return opened;
+    return OpenRepairInfo(config.flags);
+}
+
+mp4_status_t CMp4Muxer::NameRepairInfo(const wchar_t* pFilePath) {
     if (std::wcslen(pFilePath) + std::size(kInfoExtension) > std::size(m_strInfoFilePath))
         return MP4_STATUS_INVALID_PARAMETER;
     std::wcscpy(m_strInfoFilePath, pFilePath);
     std::wcscat(m_strInfoFilePath, kInfoExtension);
-    mp4_status_t status = m_infoWriter.Create(m_strInfoFilePath, 0);
+    NarrowPath path;
+    const mp4_status_t status = ConvertPath(m_strInfoFilePath, path);
+    if (status != MP4_STATUS_SUCCESS) return status;
+    m_infoPath = AbsolutePath(path.data());
+    if (!kx_mp4::FileLock::IsHeld(m_infoPath.c_str())) return MP4_STATUS_SUCCESS;
+    zv_log_error("'%s' belongs to a recording that is running, or to a repair", kSource, __LINE__,
+                 "Create", m_infoPath.c_str());
+    return MP4_STATUS_DEVICE_OR_RESOURCE_BUSY;
+}
+
+mp4_status_t CMp4Muxer::OpenRepairInfo(uint32_t flags) {
+    mp4_status_t status = m_infoWriter.Create(m_infoPath.c_str());
     if (status != MP4_STATUS_SUCCESS) return status;
     status = m_infoWriter.WriteFlag(static_cast<uint8_t>(flags & 0xFF));
     if (status == MP4_STATUS_SUCCESS) return status;
@@ -270,12 +314,10 @@ mp4_status_t CMp4Muxer::WriteHeader() {
     }
     mp4_status_t status = WriteHeaderBoxes();
     if (status != MP4_STATUS_SUCCESS) return status;
-    // The next sample's offset is known by now: a side file that fails here cannot shift the index.
     m_writeHeader = true;
     if (m_infoWriter.IsOpen()) {
-        status = m_infoWriter.WriteMdatOffset(static_cast<uint32_t>(m_mdat->GetStartPos()));
-        if (status == MP4_STATUS_SUCCESS) status = m_infoWriter.Flush();
-        if (status != MP4_STATUS_SUCCESS) return status;
+        m_infoFailure = m_infoWriter.WriteMdatOffset(static_cast<uint32_t>(m_mdat->GetStartPos()));
+        if (m_infoFailure == MP4_STATUS_SUCCESS) m_infoFailure = m_infoWriter.Flush();
     }
     zv_log_info("write header cost time %llums", kSource, __LINE__, "WriteHeader", Elapsed(start));
     return MP4_STATUS_SUCCESS;
@@ -326,16 +368,32 @@ mp4_status_t CMp4Muxer::Close() {
     zv_log_info("Muxer - Close - uninit takes %lld ms", kSource, __LINE__, "Close",
                 static_cast<long long>(GetTimeTick() - start));
     ReleaseBoxes();
+    m_infoWriter.Unlock();
     m_writeHeader = false;
     m_indexLost = false;
     return status;
 }
 
+/// The output is released whatever the question for its size does.
 mp4_status_t CMp4Muxer::CloseWriter() {
     if (m_pWriter == nullptr) return MP4_STATUS_SUCCESS;
-    m_nCurFileSize = static_cast<int64_t>(m_pWriter->Ftell());
+    const mp4_status_t asked = Guarded([this] {
+        m_nCurFileSize = static_cast<int64_t>(m_pWriter->Ftell());
+        return MP4_STATUS_SUCCESS;
+    });
     m_pWriter->Uninit();
-    return MP4_STATUS_SUCCESS;
+    if (m_gatheringWriter != nullptr && !m_gatheringWriter->ClosedWell())
+        return m_gatheringWriter->get_error_code();
+    return asked;
+}
+
+/// The repair info file may only go when what it stands for is on the device.
+void CMp4Muxer::PushMovie() {
+    if (m_infoPath.empty() || m_gatheringWriter == nullptr) return;
+    const int64_t start = GetTimeTick();
+    m_gatheringWriter->Flush();
+    zv_log_info("Muxer - Close - flush takes %lld ms", kSource, __LINE__, "Close",
+                static_cast<long long>(GetTimeTick() - start));
 }
 
 /// | ftyp | free | mdat 8 ....... |   becomes   | ftyp | free | mdat n ....... | moov |
@@ -358,9 +416,7 @@ bool CMp4Muxer::FinishMovie(mp4_status_t* status) {
         now = GetTimeTick();
         zv_log_info("Muxer - Close - moov write takes %lld ms", kSource, __LINE__, "Close",
                     static_cast<long long>(now - start));
-        // The repair info file may only go when what it stands for is on the device.
-        const bool repairInfo = m_strInfoFilePath[0] != L'\0';
-        if (repairInfo && m_gatheringWriter != nullptr) m_gatheringWriter->Flush();
+        PushMovie();
         return MP4_STATUS_SUCCESS;
     });
     if (finished == MP4_STATUS_SUCCESS) return true;
@@ -379,9 +435,7 @@ void CMp4Muxer::ReleaseBoxes() {
 }
 
 void CMp4Muxer::RemoveInfoFile() {
-    NarrowPath path;
-    if (m_strInfoFilePath[0] != L'\0' && ConvertPath(m_strInfoFilePath, path) == MP4_STATUS_SUCCESS)
-        std::remove(path.data());
+    if (!m_infoPath.empty()) std::remove(m_infoPath.c_str());
 }
 
 // Queries
@@ -390,8 +444,8 @@ bool CMp4Muxer::IsOpen() {
     return m_pWriter != nullptr && m_pWriter->IsValid();
 }
 
-bool CMp4Muxer::IsRepairInfoActive() {
-    return m_infoWriter.IsOpen();
+bool CMp4Muxer::IsRepairInfoActive() const {
+    return m_infoWriter.IsActive();
 }
 
 int64_t CMp4Muxer::GetCurFileSize() {
@@ -414,8 +468,8 @@ mp4_status_t CMp4Muxer::Flush() {
         m_pWriter->Flush();
         return MP4_STATUS_SUCCESS;
     });
-    if (status != MP4_STATUS_SUCCESS || !m_infoWriter.IsOpen()) return status;
-    return m_infoWriter.Flush();
+    if (status != MP4_STATUS_SUCCESS || m_infoPath.empty()) return status;
+    return m_infoWriter.IsOpen() ? m_infoWriter.Flush() : m_infoWriter.Failure();
 }
 
 uint64_t CMp4Muxer::GetDurationMS() {
@@ -450,11 +504,18 @@ template <class Record>
 mp4_status_t CMp4Muxer::RecordInRepairInfo(Record&& record) {
     if (!m_infoWriter.IsOpen()) return MP4_STATUS_SUCCESS;
     const mp4_status_t status = EnsureHeader();
-    return status != MP4_STATUS_SUCCESS ? status : record();
+    if (status == MP4_STATUS_SUCCESS && m_infoWriter.IsOpen()) m_infoFailure = record();
+    return status;
+}
+
+mp4_status_t CMp4Muxer::WithRepairInfo(mp4_status_t status) {
+    const mp4_status_t info = std::exchange(m_infoFailure, MP4_STATUS_SUCCESS);
+    return status != MP4_STATUS_SUCCESS ? status : info;
 }
 
 mp4_status_t CMp4Muxer::SetCompositionOffsets(bool enable) {
-    if (!IsOpen()) return NotOpenAnswer(__LINE__, "SetCompositionOffsets");
+    const mp4_status_t ready = CheckRecording(__LINE__, "SetCompositionOffsets");
+    if (ready != MP4_STATUS_SUCCESS) return ready;
     if (m_hasSamples) {
         zv_log_error("composition offsets can only be set before the first frame", kSource,
                      __LINE__, "SetCompositionOffsets");
@@ -466,7 +527,8 @@ mp4_status_t CMp4Muxer::SetCompositionOffsets(bool enable) {
 }
 
 mp4_status_t CMp4Muxer::SetVideoTrack(const mp4_video_track_info* pTrackInfo) {
-    if (!IsOpen()) return NotOpenAnswer(__LINE__, "SetVideoTrack");
+    const mp4_status_t ready = CheckRecording(__LINE__, "SetVideoTrack");
+    if (ready != MP4_STATUS_SUCCESS) return ready;
     if (pTrackInfo == nullptr) return MP4_STATUS_INVALID_PARAMETER;
     mp4_video_track_info_t info = *pTrackInfo;
     if (info.timescale == 0) {
@@ -487,22 +549,26 @@ mp4_status_t CMp4Muxer::SetVideoTrack(const mp4_video_track_info* pTrackInfo) {
         return MP4_STATUS_INVALID_PARAMETER;
     }
     return Guarded([&] {
-        m_pVideoNalParser = NalParserOf(info.codec);
-        if (m_pVideoNalParser == nullptr && info.codec != MP4_MVC_PRORES) {
+        // Nothing of an earlier declaration changes before this one is taken.
+        std::unique_ptr<IVideoNalParser> parser = NalParserOf(info.codec);
+        if (parser == nullptr && info.codec != MP4_MVC_PRORES) {
             zv_log_error("invalid codec type %d", kSource, __LINE__, "SetVideoTrack", info.codec);
             return MP4_STATUS_INVALID_CODEC_TYPE;
         }
-        m_videoTrack = info;
-        m_videoHasCodecData = CParameterSetKeeper::IsComplete(info);
-        if (m_videoHasCodecData) {
-            ReportDroppedFrames(__LINE__, "SetVideoTrack");
-            if (!m_moov->SetVideoTrack(&info)) return MP4_STATUS_UNEXPECTED_ERROR;
-            return RecordInRepairInfo([&] { return m_infoWriter.WriteVideoFormat(&info); });
-        }
-        if (m_safeWrite) {
+        const bool complete = CParameterSetKeeper::IsComplete(info);
+        if (m_safeWrite && !complete) {
             zv_log_error("please provide video codec data in safe mode", kSource, __LINE__,
                          "SetVideoTrack");
             return MP4_STATUS_INVALID_PARAMETER;
+        }
+        if (complete && !m_moov->SetVideoTrack(&info)) return MP4_STATUS_UNEXPECTED_ERROR;
+        m_pVideoNalParser = std::move(parser);
+        m_videoTrack = info;
+        m_videoHasCodecData = complete;
+        if (complete) {
+            ReportDroppedFrames(__LINE__, "SetVideoTrack");
+            return WithRepairInfo(
+                RecordInRepairInfo([&] { return m_infoWriter.WriteVideoFormat(&info); }));
         }
         m_parameterSets.KeepGiven(m_videoTrack);
         zv_log_info("no codec data in video track info, try to find it in stream", kSource,
@@ -512,7 +578,8 @@ mp4_status_t CMp4Muxer::SetVideoTrack(const mp4_video_track_info* pTrackInfo) {
 }
 
 mp4_status_t CMp4Muxer::SetAudioTrack(const mp4_audio_track_info_t* pTrackInfo) {
-    if (!IsOpen()) return NotOpenAnswer(__LINE__, "SetAudioTrack");
+    const mp4_status_t ready = CheckRecording(__LINE__, "SetAudioTrack");
+    if (ready != MP4_STATUS_SUCCESS) return ready;
     if (pTrackInfo == nullptr) return MP4_STATUS_INVALID_PARAMETER;
     const mp4_audio_track_info_t& info = *pTrackInfo;
     if (info.timescale == 0) {
@@ -523,7 +590,7 @@ mp4_status_t CMp4Muxer::SetAudioTrack(const mp4_audio_track_info_t* pTrackInfo) 
         zv_log_error("please set frame_duration in safe mode", kSource, __LINE__, "SetAudioTrack");
         return MP4_STATUS_INVALID_PARAMETER;
     }
-    m_audioHasCodecData = true;
+    // Nothing of an earlier declaration changes before this one is taken.
     const bool complete = info.channels != 0 && info.sample_rate != 0;
     switch (info.codec) {
         case MP4_MAC_AAC:
@@ -535,22 +602,23 @@ mp4_status_t CMp4Muxer::SetAudioTrack(const mp4_audio_track_info_t* pTrackInfo) 
             if (complete) break;
             zv_log_info("audio codec is adts, wait audio stream to get meta data", kSource,
                         __LINE__, "SetAudioTrack");
-            m_audioHasCodecData = false;
             break;
         default:
             zv_log_error("invalid audio codec %d", kSource, __LINE__, "SetAudioTrack", info.codec);
             return MP4_STATUS_INVALID_PARAMETER;
     }
-    m_audioTrack = info;
-    if (!m_audioHasCodecData) {
-        if (!m_safeWrite) return MP4_STATUS_SUCCESS;
+    if (m_safeWrite && !complete) {
         zv_log_error("please provide audio codec data in safe mode", kSource, __LINE__,
                      "SetAudioTrack");
         return MP4_STATUS_INVALID_PARAMETER;
     }
+    m_audioTrack = info;
+    m_audioHasCodecData = complete;
+    if (!complete) return MP4_STATUS_SUCCESS;
     return Guarded([&] {
         m_moov->SetAudioTrack(&info);
-        return RecordInRepairInfo([&] { return m_infoWriter.WriteAudioFormat(&info); });
+        return WithRepairInfo(
+            RecordInRepairInfo([&] { return m_infoWriter.WriteAudioFormat(&info); }));
     });
 }
 
@@ -559,27 +627,32 @@ mp4_status_t CMp4Muxer::SetSubtitleTrack(const mp4_subtitle_track_info_t* pTrack
         zv_log_error("subtitle not supported in safe mode", kSource, __LINE__, "SetSubtitleTrack");
         return MP4_STATUS_UNSUPPORTED;
     }
-    if (!IsOpen()) return NotOpenAnswer(__LINE__, "SetSubtitleTrack");
+    const mp4_status_t ready = CheckRecording(__LINE__, "SetSubtitleTrack");
+    if (ready != MP4_STATUS_SUCCESS) return ready;
     if (pTrackInfo == nullptr) return MP4_STATUS_INVALID_PARAMETER;
     m_subtitleTrack = *pTrackInfo;
     return Guarded([&] {
         m_moov->SetSubtitleTrack(pTrackInfo);
-        return RecordInRepairInfo([&] { return m_infoWriter.WriteSubtitleFormat(pTrackInfo); });
+        return WithRepairInfo(
+            RecordInRepairInfo([&] { return m_infoWriter.WriteSubtitleFormat(pTrackInfo); }));
     });
 }
 
 mp4_status_t CMp4Muxer::SetTCMDTrack(const mp4_time_code_track_info_t* pTrackInfo) {
-    if (!IsOpen()) return NotOpenAnswer(__LINE__, "SetTCMDTrack");
+    const mp4_status_t ready = CheckRecording(__LINE__, "SetTCMDTrack");
+    if (ready != MP4_STATUS_SUCCESS) return ready;
     if (pTrackInfo == nullptr) return MP4_STATUS_INVALID_PARAMETER;
     return Guarded([&] {
         m_moov->SetTCMDTrack(pTrackInfo);
-        return RecordInRepairInfo([&] { return m_infoWriter.WriteTimeCodeFormat(pTrackInfo); });
+        return WithRepairInfo(
+            RecordInRepairInfo([&] { return m_infoWriter.WriteTimeCodeFormat(pTrackInfo); }));
     });
 }
 
 mp4_status_t CMp4Muxer::SetMetadata(const char* pKey, const char* pData, uint32_t size,
                                     mp4_meta_data_type_t type, const char* key_namespace) {
-    if (!IsOpen()) return NotOpenAnswer(__LINE__, "SetMetadata");
+    const mp4_status_t ready = CheckRecording(__LINE__, "SetMetadata");
+    if (ready != MP4_STATUS_SUCCESS) return ready;
     if (pKey == nullptr || pData == nullptr) {
         zv_log_error("invalid meta data", kSource, __LINE__, "SetMetadata");
         return MP4_STATUS_INVALID_PARAMETER;
@@ -594,8 +667,8 @@ mp4_status_t CMp4Muxer::SetMetadata(const char* pKey, const char* pData, uint32_
             zv_log_error("set meta key %s failed", kSource, __LINE__, "SetMetadata", pKey);
             return MP4_STATUS_INVALID_PARAMETER;
         }
-        return RecordInRepairInfo(
-            [&] { return m_infoWriter.WriteMetadata(pKey, pData, size, type, key_namespace); });
+        return WithRepairInfo(RecordInRepairInfo(
+            [&] { return m_infoWriter.WriteMetadata(pKey, pData, size, type, key_namespace); }));
     });
 }
 
@@ -619,8 +692,7 @@ bool CMp4Muxer::HasRoomInFile(uint64_t bytes, const char* function) {
 }
 
 mp4_status_t CMp4Muxer::CheckSampleSize(uint64_t bytes, const char* function) {
-    // Sample sizes are signed 32-bit numbers on their way to the tables.
-    if (bytes <= INT32_MAX) return MP4_STATUS_SUCCESS;
+    if (IsSampleSize(bytes)) return MP4_STATUS_SUCCESS;
     zv_log_error("a sample of %llu bytes is too large, the limit is 2 GiB", kSource, __LINE__,
                  function, static_cast<unsigned long long>(bytes));
     return MP4_STATUS_INVALID_PARAMETER;
@@ -657,40 +729,47 @@ mp4_status_t CMp4Muxer::AddSample(int bytes, Index&& index, Record&& record) {
     // A refused sample's bytes stay where they are, between those of the samples around it: the
     // next offset and the repair info file have to count them.
     m_nCurFileSize += bytes;
-    const mp4_status_t recorded = m_infoWriter.IsOpen() ? record() : MP4_STATUS_SUCCESS;
-    return indexed ? recorded : MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
+    if (m_infoWriter.IsOpen()) m_infoFailure = record();
+    return indexed ? MP4_STATUS_SUCCESS : MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
 }
 
 // Video
 
 mp4_status_t CMp4Muxer::WriteVideoFrame(const uint8_t* buf, uint32_t size, uint64_t pts,
                                         uint64_t dts) {
-    // Splitting needs no lock, so that it does not hold up the other tracks. The array keeps its
-    // memory from frame to frame, one for every thread that writes video.
-    thread_local CVideoFrameParser frame;
     return Guarded([&] {
+        // Splitting needs no lock, so that it does not hold up the other tracks.
+        CVideoFrameParser frame;
         const bool parsed = m_videoTrack.codec != MP4_MVC_PRORES && buf != nullptr &&
-                            frame.Parse(buf, static_cast<int>(size));
+                            IsSampleSize(size) && frame.Parse(buf, static_cast<int>(size));
         CMAutoLock lock(m_lockWrite);
-        mp4_status_t status = CheckRecording(__LINE__, "WriteVideoFrame");
-        if (status != MP4_STATUS_SUCCESS) return status;
-        if (buf == nullptr || size == 0) {
-            zv_log_error("write video frame with empty data", kSource, __LINE__, "WriteVideoFrame");
-            return MP4_STATUS_SUCCESS;
-        }
-        status = CheckVideoFrame(parsed);
-        if (status != MP4_STATUS_SUCCESS) return status;
-        status = EnsureHeader();
-        if (status != MP4_STATUS_SUCCESS) return status;
-        if (!m_videoHasCodecData) {
-            m_times.VideoWaits();
-            if (!GetVideoCodecData(frame)) return DropVideoFrame();
-            ReportDroppedFrames(__LINE__, "WriteVideoFrame");
-        }
-        status = CheckVideoTimes(static_cast<int64_t>(pts), static_cast<int64_t>(dts));
-        if (status != MP4_STATUS_SUCCESS) return status;
-        return AppendVideoFrame(buf, size, frame, pts, dts);
+        return WithRepairInfo(RecordVideoFrame(buf, size, frame, parsed, pts, dts));
     });
+}
+
+mp4_status_t CMp4Muxer::RecordVideoFrame(const uint8_t* buf, uint32_t size,
+                                         const CVideoFrameParser& frame, bool parsed, uint64_t pts,
+                                         uint64_t dts) {
+    mp4_status_t status = CheckRecording(__LINE__, "WriteVideoFrame");
+    if (status != MP4_STATUS_SUCCESS) return status;
+    if (buf == nullptr || size == 0) {
+        zv_log_error("write video frame with empty data", kSource, __LINE__, "WriteVideoFrame");
+        return MP4_STATUS_SUCCESS;
+    }
+    status = CheckSampleSize(size, "WriteVideoFrame");
+    if (status != MP4_STATUS_SUCCESS) return status;
+    status = CheckVideoFrame(parsed);
+    if (status != MP4_STATUS_SUCCESS) return status;
+    status = EnsureHeader();
+    if (status != MP4_STATUS_SUCCESS) return status;
+    if (!m_videoHasCodecData) {
+        m_times.VideoWaits();
+        if (!GetVideoCodecData(frame)) return DropVideoFrame();
+        ReportDroppedFrames(__LINE__, "WriteVideoFrame");
+    }
+    status = CheckVideoTimes(static_cast<int64_t>(pts), static_cast<int64_t>(dts));
+    if (status != MP4_STATUS_SUCCESS) return status;
+    return AppendVideoFrame(buf, size, frame, pts, dts);
 }
 
 mp4_status_t CMp4Muxer::DropVideoFrame() {
@@ -839,31 +918,49 @@ mp4_status_t CMp4Muxer::WriteAudioFrame(const uint8_t* buf, uint32_t size, uint6
     }
     return Guarded([&] {
         CMAutoLock lock(m_lockWrite);
-        mp4_status_t status = CheckRecording(__LINE__, "WriteAudioFrame");
-        if (status != MP4_STATUS_SUCCESS) return status;
-        status = CheckSampleSize(size, "WriteAudioFrame");
-        if (status != MP4_STATUS_SUCCESS) return status;
-        const bool isAdts = HasAdtsHeader(buf, size);
-        if (!m_audioHasCodecData && m_audioTrack.codec == MP4_MAC_ADTS) {
-            status = SetAudioTrackFromAdts(buf, isAdts);
-            if (status != MP4_STATUS_SUCCESS) return status;
-        }
-        const uint32_t headerSize = isAdts ? kAdtsHeaderSize : 0;
-        status = EnsureHeader();
-        if (status != MP4_STATUS_SUCCESS) return status;
-        return AppendAudioFrame(buf + headerSize, size - headerSize, timestamp);
+        return WithRepairInfo(RecordAudioFrame(buf, size, timestamp));
     });
 }
 
-mp4_status_t CMp4Muxer::SetAudioTrackFromAdts(const uint8_t* header, bool isAdts) {
+mp4_status_t CMp4Muxer::RecordAudioFrame(const uint8_t* buf, uint32_t size, uint64_t timestamp) {
+    mp4_status_t status = CheckRecording(__LINE__, "WriteAudioFrame");
+    if (status != MP4_STATUS_SUCCESS) return status;
+    status = CheckSampleSize(size, "WriteAudioFrame");
+    if (status != MP4_STATUS_SUCCESS) return status;
+    const bool isAdts = AdtsHeader::IsThere(buf, size);
+    if (!m_audioHasCodecData && m_audioTrack.codec == MP4_MAC_ADTS) {
+        status = SetAudioTrackFromAdts(buf, isAdts);
+        if (status != MP4_STATUS_SUCCESS) return status;
+    }
+    const uint32_t headerSize = isAdts ? AdtsBytesToStrip(buf, size) : 0;
+    status = EnsureHeader();
+    if (status != MP4_STATUS_SUCCESS) return status;
+    return AppendAudioFrame(buf + headerSize, size - headerSize, timestamp);
+}
+
+/// A header with CRC goes whole where its length says that this is one frame. Anything else is more
+/// or less than one frame: only the 7 bytes go that every header has, and the rest stays as it is.
+uint32_t CMp4Muxer::AdtsBytesToStrip(const uint8_t* buf, uint32_t size) {
+    const AdtsHeader header = AdtsHeader::Read(buf);
+    const bool oneFrame = header.frameSize == size;
+    if ((!oneFrame || header.blocks > 1) && !std::exchange(m_adtsWarned, true)) {
+        zv_log_warn(
+            "ADTS frame of %u bytes and %u raw data blocks in a buffer of %u bytes: a call "
+            "takes one frame of one block; stored as it is, said once",
+            kSource, __LINE__, "WriteAudioFrame", header.frameSize, header.blocks, size);
+    }
+    return oneFrame && size > header.Size() ? header.Size() : AdtsHeader::kSize;
+}
+
+mp4_status_t CMp4Muxer::SetAudioTrackFromAdts(const uint8_t* buf, bool isAdts) {
     if (!isAdts) {
         zv_log_error("invalid ADTS stream, please check it.", kSource, __LINE__, "WriteAudioFrame");
         return MP4_STATUS_INVALID_ADTS_STREAM;
     }
-    // ISO/IEC 14496-3, 1.A.2.2.1: profile 2 bits, frequency index 4, private 1, channels 3
-    m_audioTrack.profile = static_cast<uint8_t>((header[2] >> 6) + 1);
-    m_audioTrack.sample_rate = Low16(get_sample_by_index(header[2] >> 2 & 0x0F));
-    m_audioTrack.channels = Low16((header[2] & 1) * 4 + (header[3] >> 6));
+    const AdtsHeader header = AdtsHeader::Read(buf);
+    m_audioTrack.profile = header.objectType;
+    m_audioTrack.sample_rate = Low16(header.SampleRate());
+    m_audioTrack.channels = header.channels;
     zv_log_info("ADTS stream, get and set audio track", kSource, __LINE__, "WriteAudioFrame");
     m_moov->SetAudioTrack(&m_audioTrack);
     m_audioHasCodecData = true;
@@ -902,17 +999,21 @@ mp4_status_t CMp4Muxer::WriteSubtitleFrame(const uint8_t* buf, uint32_t size, ui
     }
     return Guarded([&] {
         CMAutoLock lock(m_lockWrite);
-        mp4_status_t status = CheckRecording(__LINE__, "WriteSubtitleFrame");
-        if (status != MP4_STATUS_SUCCESS) return status;
-        if (buf == nullptr || size == 0) {
-            zv_log_warn("write subtitle frame with empty data", kSource, __LINE__,
-                        "WriteSubtitleFrame");
-            return MP4_STATUS_SUCCESS;
-        }
-        status = EnsureHeader();
-        if (status != MP4_STATUS_SUCCESS) return status;
-        return AppendCaption(buf, size, timestamp);
+        return WithRepairInfo(RecordCaption(buf, size, timestamp));
     });
+}
+
+mp4_status_t CMp4Muxer::RecordCaption(const uint8_t* buf, uint32_t size, uint64_t timestamp) {
+    mp4_status_t status = CheckRecording(__LINE__, "WriteSubtitleFrame");
+    if (status != MP4_STATUS_SUCCESS) return status;
+    if (buf == nullptr || size == 0) {
+        zv_log_warn("write subtitle frame with empty data", kSource, __LINE__,
+                    "WriteSubtitleFrame");
+        return MP4_STATUS_SUCCESS;
+    }
+    status = EnsureHeader();
+    if (status != MP4_STATUS_SUCCESS) return status;
+    return AppendCaption(buf, size, timestamp);
 }
 
 mp4_status_t CMp4Muxer::AppendCaption(const uint8_t* buf, uint32_t size, uint64_t timestamp) {
@@ -1000,23 +1101,25 @@ bool CMp4Muxer::WriteCC708(const uint8_t* p_frame, uint32_t frame_len, uint32_t*
 
 mp4_status_t CMp4Muxer::WriteTimeCode(int nTimeCode) {
     return Guarded([&] {
-        constexpr int kCounterSize = 4;
         CMAutoLock lock(m_lockWrite);
-        mp4_status_t status = CheckRecording(__LINE__, "WriteTimeCode");
-        if (status != MP4_STATUS_SUCCESS) return status;
-        status = EnsureHeader();
-        if (status != MP4_STATUS_SUCCESS) return status;
-        if (!HasRoomInFile(kCounterSize, "WriteTimeCode"))
-            return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
-        status =
-            WriteSample([&] { m_pWriter->WriteInt32(static_cast<uint32_t>(nTimeCode)); }, [] {});
-        if (status != MP4_STATUS_SUCCESS) return status;
-        return AddSample(
-            kCounterSize,
-            [&] {
-                m_moov->AfterWriteTimeCode(m_nCurFileSize);
-                return true;
-            },
-            [&] { return m_infoWriter.WriteTimeCode(nTimeCode); });
+        return WithRepairInfo(RecordTimeCode(nTimeCode));
     });
+}
+
+mp4_status_t CMp4Muxer::RecordTimeCode(int nTimeCode) {
+    constexpr int kCounterSize = 4;
+    mp4_status_t status = CheckRecording(__LINE__, "WriteTimeCode");
+    if (status != MP4_STATUS_SUCCESS) return status;
+    status = EnsureHeader();
+    if (status != MP4_STATUS_SUCCESS) return status;
+    if (!HasRoomInFile(kCounterSize, "WriteTimeCode")) return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
+    status = WriteSample([&] { m_pWriter->WriteInt32(static_cast<uint32_t>(nTimeCode)); }, [] {});
+    if (status != MP4_STATUS_SUCCESS) return status;
+    return AddSample(
+        kCounterSize,
+        [&] {
+            m_moov->AfterWriteTimeCode(m_nCurFileSize);
+            return true;
+        },
+        [&] { return m_infoWriter.WriteTimeCode(nTimeCode); });
 }

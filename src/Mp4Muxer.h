@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "BaseIO.h"
 #include "InfoWriter.h"
@@ -33,12 +34,16 @@ class CMp4MoovAtom;
 ///
 /// Every operation catches what is thrown inside. Statuses that any of them can return:
 /// #MP4_STATUS_FILE_NOT_OPEN without a file; after a failed write, seek or sync the status of that
-/// failure, from every later call; #MP4_STATUS_UNEXPECTED_ERROR.
+/// failure, from every later call; #MP4_STATUS_UNEXPECTED_ERROR. When the repair info file fails,
+/// the call in which it does answers with its status, but has done its work all the same: the movie
+/// is not touched by it, later calls succeed, and IsRepairInfoActive tells.
 class KX_MP4_EXPORT CMp4Muxer {
 public:
     /// Without a file.
     CMp4Muxer();
-    /// Does NOT finish the file: call Close first, or the output has no index.
+    /// Does NOT finish the file: call Close first, or the output has no index. An output that is
+    /// still open is released (`uninit`, so a buffered output writes what it holds), and the repair
+    /// info file stays.
     ~CMp4Muxer();
     CMp4Muxer(const CMp4Muxer&) = delete;
     CMp4Muxer& operator=(const CMp4Muxer&) = delete;
@@ -54,8 +59,11 @@ public:
     ///         cannot be converted or is too long for ".info" to be added;
     ///         #MP4_STATUS_FILE_NAME_TOO_LONG for any other path that is too long;
     ///         #MP4_STATUS_UNSUPPORTED for I/O modes other than file and external;
-    ///         #MP4_STATUS_DEVICE_OR_RESOURCE_BUSY when a file is open, which is not touched;
-    ///         the status of a failed open.
+    ///         #MP4_STATUS_DEVICE_OR_RESOURCE_BUSY when a file is open, which is not touched, and
+    ///         when the repair info file of that name belongs to a recording that is running;
+    ///         the status of a failed open. The repair info file is touched last: what an earlier
+    ///         recording left there is still there when anything else was refused. It keeps its
+    ///         place when the working directory or the locale changes later.
     mp4_status_t Create(const wchar_t* pFilePath, mp4_config_t* config);
     /// The same with a configuration of these values. Block size and count are not used.
     mp4_status_t Create(const wchar_t* pFilePath, uint32_t nBlockSize, uint32_t nBufferBlocks,
@@ -71,11 +79,13 @@ public:
 
     /// Whether a file is open and its writer has not failed.
     bool IsOpen();
-    /// Whether a repair info file was asked for and everything so far is in it.
-    bool IsRepairInfoActive();
+    /// Whether a repair info file was asked for and everything so far is in it. For any thread at
+    /// any time.
+    bool IsRepairInfoActive() const;
     /// Bytes: while open the offset of the next sample, after Close the final size.
     int64_t GetCurFileSize();
     /// Pushes what was written, of output and repair info file, to the storage device.
+    /// @return Also the status with which a repair info file that was asked for has failed before.
     mp4_status_t Flush();
     /// The longer of the video and the audio duration so far in milliseconds; 0 when not open.
     uint64_t GetDurationMS();
@@ -149,10 +159,13 @@ public:
     ///         that does not fit 32 bits, or with composition offsets a decode time before that of
     ///         the last frame (nothing of the frame is written);
     ///         #MP4_STATUS_NO_SPACE_LEFT_IN_HEADER when the file cannot describe another sample;
-    ///         the status of a failed repair info file (the frame is recorded all the same, and so
-    ///         is every later one).
+    ///         the status of a repair info file that fails in this call (the frame is recorded all
+    ///         the same, and so is every later one).
     mp4_status_t WriteVideoFrame(const uint8_t* buf, uint32_t size, uint64_t pts, uint64_t dts);
-    /// Appends one AAC frame. A 7-byte ADTS header in front of it is recognised and stripped.
+    /// Appends one AAC frame. An ADTS header in front of it is recognised and stripped, with its
+    /// CRC where the length in it is that of the buffer. A buffer with another length (several
+    /// frames, or half a one) loses 7 bytes and is stored as it is, which is logged once: most
+    /// players cannot play such a sample.
     ///
     /// @param buf   The frame, read during the call.
     /// @param size  Bytes.
@@ -180,7 +193,9 @@ private:
     class GatheredWrite;
 
     void ResetFileState();
-    mp4_status_t OpenRepairInfo(const wchar_t* pFilePath, uint32_t flags);
+    mp4_status_t OpenFiles(const wchar_t* pFilePath, const mp4_config_t& config);
+    mp4_status_t NameRepairInfo(const wchar_t* pFilePath);
+    mp4_status_t OpenRepairInfo(uint32_t flags);
     mp4_status_t OpenWriter(const wchar_t* pFilePath, const mp4_config_t& config);
     mp4_status_t OpenFileWriter(const wchar_t* pFilePath);
     mp4_status_t OpenExternalWriter(const wchar_t* pFilePath, mp4_file_io_func_t* pFunc);
@@ -192,11 +207,15 @@ private:
     mp4_status_t EnsureHeader();
     bool FinishMovie(mp4_status_t* status);
     mp4_status_t CloseWriter();
+    void PushMovie();
     void ReleaseBoxes();
     void RemoveInfoFile();
-    /// Writes the header if need be and then the record, when the repair info file is on.
+    /// When the repair info file is on: writes the header if need be, then the record. Only the
+    /// header's failure is returned; the record's is kept for WithRepairInfo.
     template <class Record>
     mp4_status_t RecordInRepairInfo(Record&& record);
+    /// What an operation answers: its own failure or else, once, that of the repair info file.
+    mp4_status_t WithRepairInfo(mp4_status_t status);
 
     bool GetVideoCodecData(const CVideoFrameParser& frame);
 
@@ -213,6 +232,8 @@ private:
     template <class Index, class Record>
     mp4_status_t AddSample(int bytes, Index&& index, Record&& record);
 
+    mp4_status_t RecordVideoFrame(const uint8_t* buf, uint32_t size, const CVideoFrameParser& frame,
+                                  bool parsed, uint64_t pts, uint64_t dts);
     mp4_status_t CheckVideoFrame(bool parsed);
     /// Whether a picture of these times can be described; refused before anything is written.
     mp4_status_t CheckVideoTimes(int64_t pts, int64_t dts);
@@ -225,12 +246,16 @@ private:
     bool HasSyncSlice(const CVideoFrameParser& frame) const;
     void UpdateReservedHeader(uint64_t sizeBefore);
 
-    mp4_status_t SetAudioTrackFromAdts(const uint8_t* header, bool isAdts);
+    mp4_status_t RecordAudioFrame(const uint8_t* buf, uint32_t size, uint64_t timestamp);
+    uint32_t AdtsBytesToStrip(const uint8_t* buf, uint32_t size);
+    mp4_status_t SetAudioTrackFromAdts(const uint8_t* buf, bool isAdts);
     mp4_status_t AppendAudioFrame(const uint8_t* sample, uint32_t size, uint64_t timestamp);
 
+    mp4_status_t RecordCaption(const uint8_t* buf, uint32_t size, uint64_t timestamp);
     mp4_status_t AppendCaption(const uint8_t* buf, uint32_t size, uint64_t timestamp);
     bool WriteCC608(const uint8_t* p_frame, uint32_t frame_len, uint32_t* p_write_len);
     bool WriteCC708(const uint8_t* p_frame, uint32_t frame_len, uint32_t* p_write_len);
+    mp4_status_t RecordTimeCode(int nTimeCode);
 
     std::unique_ptr<IBaseIO> m_pWriter;
     bool m_safeWrite = false;
@@ -239,6 +264,8 @@ private:
     uint32_t m_lastWriteVideoFrameNum = 0;
     CInfoWriter m_infoWriter;
     wchar_t m_strInfoFilePath[1024] = {};
+    std::string m_infoPath;  // the same for the system, absolute; empty without a repair info file
+    mp4_status_t m_infoFailure = MP4_STATUS_SUCCESS;  // of the side file, until it has been told
     wchar_t m_pwszFilePath[1024] = {};
     int64_t m_nCurFileSize = 0;
     mp4_video_track_info_t m_videoTrack{};
@@ -261,6 +288,7 @@ private:
     bool m_hasSamples = false;
     bool m_indexLost = false;
     bool m_compositionOffsets = false;
+    bool m_adtsWarned = false;  // about frames that are not one frame each
     CParameterSetKeeper m_parameterSets;
     uint64_t m_droppedVideoFrames = 0;  // while parameter sets are looked for
     kx_mp4::TimestampWatch m_times;

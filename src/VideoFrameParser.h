@@ -5,7 +5,8 @@
 #define KX_MP4_VIDEOFRAMEPARSER_H
 
 #include <cstdint>
-#include <vector>
+
+#include "InlineArray.h"
 
 /// One NAL unit inside the caller's buffer, from its header byte up to the next start code.
 typedef struct _VIDEO_SLICE {
@@ -13,11 +14,12 @@ typedef struct _VIDEO_SLICE {
     const uint8_t* pbData;  ///< The NAL header; borrowed.
 } VIDEO_SLICE;
 
-/// NAL units in the order of the stream.
-typedef std::vector<VIDEO_SLICE> VIDEO_SLICE_ARRAY;
+/// NAL units in the order of the stream. A picture of 32 slices with what goes before it fits
+/// inside.
+typedef kx_mp4::InlineArray<VIDEO_SLICE, 48> VIDEO_SLICE_ARRAY;
 
 /// The NAL units of the access unit that was parsed last. They are valid as long as the caller's
-/// buffer is; nothing is copied, and the array keeps its memory from one Parse to the next.
+/// buffer is; nothing is copied, and usually nothing is allocated.
 class CVideoFrameParser : public VIDEO_SLICE_ARRAY {
 public:
     CVideoFrameParser() = default;

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "BaseIO.h"
+#include "Retry.h"
 
 namespace {
 
@@ -94,7 +95,7 @@ void BufferedFile::Seek(int64_t offset, int whence) {
 
 void BufferedFile::Flush() {
     if (m_error != 0 || !Push()) return;
-    if (fsync(m_file) != 0) Fail(errno);
+    if (kx_mp4::Retry([this] { return fsync(m_file); }) != 0) Fail(errno);
 }
 
 bool BufferedFile::Write(const uint8_t* data, uint32_t size) {
@@ -148,9 +149,9 @@ bool BufferedFile::PushWith(const uint8_t* data, uint32_t size) {
     while (m_filled + static_cast<uint64_t>(size) != 0) {
         const std::array<iovec, 2> pieces = {
             {{m_buffer.get(), m_filled}, {const_cast<uint8_t*>(data), size}}};
-        const ssize_t count =
-            pwritev(m_file, pieces.data(), size == 0 ? 1 : 2, static_cast<off_t>(m_start));
-        if (count < 0 && errno == EINTR) continue;
+        const ssize_t count = kx_mp4::Retry([&] {
+            return pwritev(m_file, pieces.data(), size == 0 ? 1 : 2, static_cast<off_t>(m_start));
+        });
         if (count <= 0) return Fail(count < 0 ? errno : EIO);
         const auto written = static_cast<uint64_t>(count);
         const uint64_t buffered = written < m_filled ? written : m_filled;
@@ -191,8 +192,9 @@ bool OpenBuffered(kx_mp4_handle* handle, const wchar_t* path, uint32_t capacity)
     if (ConvertPath(path, narrow) != MP4_STATUS_SUCCESS) return false;
     Block buffer(static_cast<uint8_t*>(std::aligned_alloc(kAlignment, capacity)));
     if (!buffer) return false;
-    const int file =
-        open(narrow.data(), O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0644);
+    const int file = kx_mp4::Retry([&] {
+        return open(narrow.data(), O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0644);
+    });
     if (file < 0) return false;
     *handle = new (std::nothrow) BufferedFile(file, std::move(buffer), capacity);
     if (*handle == nullptr) {

@@ -3,6 +3,7 @@
 
 #include <list>
 #include <string>
+#include <string_view>
 
 #include "Atom.h"
 
@@ -15,6 +16,9 @@ class CMp4KeysAtom : public CMp4DirectAtom<CMp4KeysAtom> {
 public:
     using CMp4DirectAtom::CMp4DirectAtom;
 
+    /// What a caller gives as namespace: at most four bytes, fewer where a zero ends them, none for
+    /// null. Nothing is read behind them.
+    static std::string_view NamespaceOf(const char* key_namespace);
     /// Appends a key and returns its index, from 1. Keys are never merged. `key_namespace` is four
     /// bytes, a shorter one is padded with zeros; null means "mdta".
     int AddKey(const char* name, const char* key_namespace);

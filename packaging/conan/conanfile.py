@@ -29,7 +29,7 @@ class KxMp4Conan(ConanFile):
         self.version = re.search(r"project\(kx_mp4 VERSION ([0-9.]+)", project).group(1)
 
     def export_sources(self):
-        for part in ("CMakeLists.txt", "LICENSE", "cmake/*", "inc/*", "repair/*", "src/*"):
+        for part in ("CMakeLists.txt", "LICENSE", "cmake/*", "codec/*", "docs/*", "examples/*", "inc/*", "repair/*", "src/*"):
             copy(self, part, src=self._root, dst=self.export_sources_folder)
 
     def validate(self):
