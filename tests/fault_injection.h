@@ -1,19 +1,27 @@
 /// @file
-/// System calls that fail on demand. The test program is linked so that the library's calls of
-/// write, writev, lseek and fsync come through here.
+/// System calls and memory that fail on demand. The test programs are linked so that the library's
+/// calls of open, write, writev, pwritev, lseek, fsync, ftruncate, close, malloc, realloc and
+/// aligned_alloc come through here; operator new does by itself.
 #ifndef KX_MP4_TESTS_FAULT_INJECTION_H
 #define KX_MP4_TESTS_FAULT_INJECTION_H
 
-/// While it exists, the `failingCall`-th of the calls (from 1, all four kinds counted together)
-/// fails once with the error number. A `failure` of kShortWrite lets that call, if it is a write
-/// of more than one byte, write only half.
+/// While it exists, the `failingCall`-th of the calls (from 1, all kinds counted together) fails
+/// with the error number, once or from then on. One at a time.
 class FaultInjection {
 public:
+    /// A `failure`: that call, if it is a write of more than one byte, writes only half.
     static constexpr int kShortWrite = -1;
-    /// Calls are counted and none fails.
+    /// A `failure`: calls are counted and none fails.
     static constexpr int kNone = 0;
 
-    FaultInjection(int failingCall, int failure);
+    enum class Of {
+        kFiles,     ///< System calls on any file.
+        kSideFile,  ///< System calls on files whose name ends in ".info".
+        kOutput,    ///< System calls on other files.
+        kMemory,    ///< Allocations.
+    };
+
+    FaultInjection(int failingCall, int failure, Of of = Of::kFiles, bool forGood = false);
     ~FaultInjection();
     FaultInjection(const FaultInjection&) = delete;
     FaultInjection& operator=(const FaultInjection&) = delete;
@@ -21,6 +29,20 @@ public:
     int Calls() const;
     /// Whether the failing call was reached.
     bool Hit() const;
+};
+
+/// While it exists, the thread that made it is left alone: for what a test does in between.
+class FaultPause {
+public:
+    FaultPause() { ++s_depth; }
+    ~FaultPause() { --s_depth; }
+    FaultPause(const FaultPause&) = delete;
+    FaultPause& operator=(const FaultPause&) = delete;
+
+    static bool IsOn() { return s_depth != 0; }
+
+private:
+    static inline thread_local int s_depth = 0;
 };
 
 #endif  // KX_MP4_TESTS_FAULT_INJECTION_H

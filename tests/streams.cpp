@@ -95,12 +95,31 @@ Bytes LengthPrefixed(const std::vector<Bytes>& units) {
     return sample;
 }
 
-std::vector<Bytes> PictureUnits(uint32_t number) {
+std::vector<Bytes> PictureUnits(uint32_t number, mp4_video_codec codec) {
     using namespace test_pattern;
     const uint32_t inGroup = number % kKeyFrameDistance;
+    const auto low = static_cast<uint8_t>(number);
+    if (codec == MP4_MVC_PRORES) return {{0x69, 0x63, 0x70, 0x66, low}};
+    if (codec == MP4_MVC_HEVC) {
+        if (inGroup != 0) return {{0x02, 0x01, 0xD0, low}};
+        return {kHevcVps, kHevcSps, kHevcPps, {0x26, 0x01, 0xAF, low}};
+    }
     if (inGroup != 0) return {RepeatSlice(inGroup)};
     const uint32_t group = number / kKeyFrameDistance;
     return {kSps, kPps, KeySlice(group, static_cast<uint8_t>(16 + group * 40 % 220))};
+}
+
+std::string Name(const Recipe& recipe) {
+    static constexpr const char* kNames[] = {"H.264", "HEVC", "ProRes"};
+    return std::string(kNames[recipe.codec]) + (recipe.deferred ? " deferred" : "");
+}
+
+std::vector<Step> SetUpEverything(const Recipe& recipe) {
+    const mp4_video_track_info_t tracks[] = {H264Track(), HevcTrack(), ProResTrack(MP4_PRORES_422)};
+    const mp4_video_track_info_t& video = tracks[recipe.codec];
+    const bool deferred = recipe.deferred && recipe.codec != MP4_MVC_PRORES;
+    return SetUpEverything(deferred ? Deferred(video) : video,
+                           recipe.deferred ? AdtsTrack() : AacTrack());
 }
 
 std::vector<Step> SetUpEverything(const mp4_video_track_info_t& video,
@@ -124,42 +143,56 @@ std::vector<Step> SetUpEverything(const mp4_video_track_info_t& video,
             metadata("org.example.raw", "\0\1\2", 3, MP4_META_DATA_TYPE_RAW, nullptr)};
 }
 
-std::vector<Step> WriteEverything(uint32_t pictures) {
+std::vector<Step> WriteEverything(uint32_t pictures, const Recipe& recipe) {
     std::vector<Step> steps;
+    const bool prores = recipe.codec == MP4_MVC_PRORES;
+    const Bytes silence = recipe.deferred ? test_pattern::AdtsSilence() : test_pattern::kSilence;
     for (uint32_t i = 0; i < pictures; ++i) {
         const std::string number = std::to_string(i);
+        const auto time = [i](uint32_t ticks) { return int64_t{i} * ticks; };
+        const auto units = PictureUnits(i, recipe.codec);
         steps.push_back(
-            {"WriteVideoFrame " + number, [picture = test_pattern::Picture(i), i](CMp4Muxer& m) {
-                 const uint64_t time = uint64_t{i} * kPictureTicks;
-                 const auto size = static_cast<uint32_t>(picture.size());
-                 return m.WriteVideoFrame(picture.data(), size, time, time);
-             }});
-        steps.push_back({"WriteAudioFrame " + number, [i](CMp4Muxer& m) {
-                             const uint64_t time = uint64_t{i} * kAacTicks;
-                             return m.WriteAudioFrame(test_pattern::kSilence.data(), 4, time);
-                         }});
+            {"WriteVideoFrame " + number,
+             [frame = prores ? units[0] : AccessUnit(units), i](CMp4Muxer& m) {
+                 const uint64_t at = uint64_t{i} * kPictureTicks;
+                 return m.WriteVideoFrame(frame.data(), static_cast<uint32_t>(frame.size()), at,
+                                          at);
+             },
+             Expected{"vide", prores ? units[0] : LengthPrefixed(units), time(kPictureTicks),
+                      prores || i % test_pattern::kKeyFrameDistance == 0}});
+        steps.push_back({"WriteAudioFrame " + number,
+                         [i, silence](CMp4Muxer& m) {
+                             return m.WriteAudioFrame(silence.data(),
+                                                      static_cast<uint32_t>(silence.size()),
+                                                      uint64_t{i} * kAacTicks);
+                         },
+                         Expected{"soun", test_pattern::kSilence, time(kAacTicks), true}});
         if (i == 0)
-            steps.push_back(
-                {"WriteTimeCode", [](CMp4Muxer& m) { return m.WriteTimeCode(kTimecode); }});
+            steps.push_back({"WriteTimeCode",
+                             [](CMp4Muxer& m) { return m.WriteTimeCode(kTimecode); },
+                             Expected{"tmcd", Hex("0001a574"), 0, true}});
         if (i % 3 == 0)
-            steps.push_back({"WriteSubtitleFrame " + number, [i](CMp4Muxer& m) {
-                                 const uint64_t time = uint64_t{i} / 3 * kCaptionTicks;
-                                 return m.WriteSubtitleFrame(kCaption.data(), 9, time);
-                             }});
+            steps.push_back({"WriteSubtitleFrame " + number,
+                             [i](CMp4Muxer& m) {
+                                 return m.WriteSubtitleFrame(kCaption.data(), 9,
+                                                             uint64_t{i} / 3 * kCaptionTicks);
+                             },
+                             Expected{"clcp", kCaptionSample, time(kCaptionTicks) / 3, true}});
     }
     return steps;
 }
 
-std::vector<Expected> ExpectEverything(uint32_t pictures) {
+std::vector<Step> Everything(uint32_t pictures, const Recipe& recipe) {
+    auto steps = SetUpEverything(recipe);
+    for (Step& step : WriteEverything(pictures, recipe))
+        steps.push_back(std::move(step));
+    return steps;
+}
+
+std::vector<Expected> ExpectEverything(uint32_t pictures, const Recipe& recipe) {
     std::vector<Expected> samples;
-    for (uint32_t i = 0; i < pictures; ++i) {
-        samples.push_back({"vide", LengthPrefixed(PictureUnits(i)), int64_t{i} * kPictureTicks,
-                           i % test_pattern::kKeyFrameDistance == 0});
-        samples.push_back({"soun", test_pattern::kSilence, int64_t{i} * kAacTicks, true});
-        if (i == 0) samples.push_back({"tmcd", Hex("0001a574"), 0, true});
-        if (i % 3 == 0)
-            samples.push_back({"clcp", kCaptionSample, int64_t{i} / 3 * kCaptionTicks, true});
-    }
+    for (const Step& step : WriteEverything(pictures, recipe))
+        samples.push_back(*step.sample);
     return samples;
 }
 

@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -45,14 +46,15 @@ mp4_time_code_track_info_t TimecodeTrack();
 Bytes AccessUnit(const std::vector<Bytes>& units);
 /// The same units each behind its length, as the file holds them.
 Bytes LengthPrefixed(const std::vector<Bytes>& units);
-/// The units of the test pattern's picture.
-std::vector<Bytes> PictureUnits(uint32_t number);
+/// The units of the test pattern's picture; of HEVC and ProRes bytes of the right form only.
+std::vector<Bytes> PictureUnits(uint32_t number, mp4_video_codec codec = MP4_MVC_H264);
 
-/// A call of the muxer. What it refers to lives as long as the program.
-struct Step {
-    std::string name;
-    std::function<mp4_status_t(CMp4Muxer&)> run;
+/// What a recording of everything is made of.
+struct Recipe {
+    mp4_video_codec codec = MP4_MVC_H264;
+    bool deferred = false;  ///< Parameter sets and AAC configuration come with the frames.
 };
+std::string Name(const Recipe& recipe);
 
 /// A sample that a recording must hold, in the order of the media data.
 struct Expected {
@@ -62,13 +64,23 @@ struct Expected {
     bool sync = true;
 };
 
+/// A call of the muxer. What it refers to lives as long as the program.
+struct Step {
+    std::string name;
+    std::function<mp4_status_t(CMp4Muxer&)> run;
+    std::optional<Expected> sample = {};  ///< What it adds to the recording.
+};
+
 /// Declares all four tracks and metadata of every kind.
 std::vector<Step> SetUpEverything(const mp4_video_track_info_t& video = H264Track(),
                                   const mp4_audio_track_info_t& audio = AacTrack(),
                                   mp4_subtitle_codec captions = MP4_SUBTITLE_CODEC_CC608);
+std::vector<Step> SetUpEverything(const Recipe& recipe);
 /// Writes this many pictures with sound, captions at every third, timecode at the first.
-std::vector<Step> WriteEverything(uint32_t pictures);
-std::vector<Expected> ExpectEverything(uint32_t pictures);
+std::vector<Step> WriteEverything(uint32_t pictures, const Recipe& recipe = {});
+/// Set-up and frames.
+std::vector<Step> Everything(uint32_t pictures, const Recipe& recipe = {});
+std::vector<Expected> ExpectEverything(uint32_t pictures, const Recipe& recipe = {});
 
 mp4_config_t FileConfig(uint32_t flags);
 mp4_config_t CallbackConfig(uint32_t flags, mp4_file_io_func_t* functions);

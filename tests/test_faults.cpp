@@ -5,10 +5,12 @@
 #include <cerrno>
 #include <filesystem>
 #include <iterator>
+#include <map>
 #include <stdexcept>
 
 #include "Mp4Muxer.h"
 #include "fault_injection.h"
+#include "kx_mp4/buffered_io.h"
 #include "log_capture.h"
 #include "memory_output.h"
 #include "movie_reader.h"
@@ -21,17 +23,16 @@ namespace {
 
 constexpr uint32_t kPictures = 4;
 
-std::vector<streams::Step> Recording(uint32_t pictures) {
-    auto calls = streams::SetUpEverything();
-    for (auto& call : streams::WriteEverything(pictures))
-        calls.push_back(std::move(call));
-    return calls;
-}
+using streams::Recipe;
+using Of = FaultInjection::Of;
+
+const Recipe kRecipes[] = {{MP4_MVC_H264, false}, {MP4_MVC_H264, true},    {MP4_MVC_HEVC, false},
+                           {MP4_MVC_HEVC, true},  {MP4_MVC_PRORES, false}, {MP4_MVC_PRORES, true}};
 
 /// Every operation that answers with a status and needs a file, with arguments that are fine and
 /// with null everything.
 std::vector<streams::Step> EveryCall() {
-    auto calls = Recording(1);
+    auto calls = streams::Everything(1);
     using Muxer = CMp4Muxer;
     const std::pair<const char*, mp4_status_t (*)(Muxer&)> kOthers[] = {
         {"SetVideoTrack null", [](Muxer& m) { return m.SetVideoTrack(nullptr); }},
@@ -103,16 +104,31 @@ TEST_F(Faults, EveryCallTwiceAndInReverseOrder) {
     }
 }
 
-TEST_F(Faults, ADestroyedMuxerLeavesNothingOpen) {
+// No index is written, but everything that was handed over reaches the output.
+TEST_F(Faults, ADestroyedMuxerReleasesItsOutput) {
     const int64_t before = OpenDescriptors();
-    {
-        CMp4Muxer muxer;
-        auto config = streams::FileConfig(MP4_FLAG_REPAIR_INFO);
-        ASSERT_EQ(muxer.Create(m_folder.Wide("out.mp4").c_str(), &config), MP4_STATUS_SUCCESS);
-        ASSERT_EQ(streams::Run(muxer, Recording(2)), MP4_STATUS_SUCCESS);
+    MemoryOutput memory;
+    for (const auto& config :
+         {streams::FileConfig(MP4_FLAG_REPAIR_INFO),
+          streams::CallbackConfig(MP4_FLAG_REPAIR_INFO, memory.Functions()),
+          streams::CallbackConfig(MP4_FLAG_REPAIR_INFO, kx_mp4_buffered_io(1U << 20))}) {
+        {
+            CMp4Muxer muxer;
+            auto writable = config;
+            ASSERT_EQ(muxer.Create(m_folder.Wide("out.mp4").c_str(), &writable),
+                      MP4_STATUS_SUCCESS);
+            ASSERT_EQ(streams::Run(muxer, streams::Everything(2)), MP4_STATUS_SUCCESS);
+        }
+        EXPECT_EQ(OpenDescriptors(), before);
+        const Bytes output = config.func == memory.Functions() ? memory.Content()
+                                                               : ReadFile(m_folder.Path("out.mp4"));
+        const auto expected = streams::ExpectEverything(2);
+        const RepairInfo info(ReadFile(m_folder.Path("out.mp4.info")));
+        const InfoWalk walk = ExpectWalks(info, output, 8, expected);
+        EXPECT_EQ(walk.frames, expected.size());
+        EXPECT_EQ(walk.end, output.size());
     }
-    EXPECT_EQ(OpenDescriptors(), before);
-    EXPECT_TRUE(std::filesystem::exists(m_folder.Path("out.mp4.info"))) << "for the repair";
+    EXPECT_EQ(std::count(memory.calls.begin(), memory.calls.end(), "uninit"), 1);
 }
 
 /// Runs a whole recording whose output fails somewhere. Checks that the failure is reported once
@@ -128,7 +144,7 @@ bool FailsCleanly(const std::wstring& path, mp4_config_t config, mp4_status_t fa
         return false;
     }
     bool failed = false;
-    for (const auto& call : Recording(kPictures)) {
+    for (const auto& call : streams::Everything(kPictures)) {
         const mp4_status_t status = call.run(muxer);
         if (failed || status != MP4_STATUS_SUCCESS) {
             EXPECT_EQ(status, failure) << where << " " << call.name;
@@ -173,37 +189,178 @@ TEST_F(Faults, EveryWriteCallbackFails) {
     }
 }
 
-TEST_F(Faults, EverySystemCallFails) {
-    const std::pair<int, mp4_status_t> kFailures[] = {{ENOSPC, MP4_STATUS_NO_SPACE_LEFT},
-                                                      {EINTR, MP4_STATUS_UNEXPECTED_ERROR}};
-    for (const auto& [code, status] : kFailures) {
-        const int64_t before = OpenDescriptors();
+TEST_F(Faults, EverySystemCallOfTheOutputFails) {
+    const auto path = m_folder.Wide("out.mp4");
+    const auto expected = streams::ExpectEverything(kPictures);
+    auto* const buffered = kx_mp4_buffered_io(4096);
+    for (const bool forGood : {false, true}) {
+        for (const auto& config :
+             {streams::FileConfig(0), streams::FileConfig(MP4_FLAG_REPAIR_INFO),
+              streams::CallbackConfig(0, buffered)}) {
+            const int64_t before = OpenDescriptors();
+            int failingCall = 0;
+            for (bool reached = true; reached;) {
+                const FaultInjection fault(++failingCall, ENOSPC, Of::kOutput, forGood);
+                const std::string where = "call " + std::to_string(failingCall);
+                const mp4_status_t failure = config.func != nullptr && failingCall == 1
+                                                 ? MP4_STATUS_INVALID_PARAMETER  // `init` refused
+                                                 : MP4_STATUS_NO_SPACE_LEFT;
+                const bool whole = FailsCleanly(path, config, failure, where);
+                reached = fault.Hit();
+                // The buffered output reports what it does when it is closed to nobody; all that
+                // was written is with the system by then.
+                EXPECT_TRUE(whole != reached || config.func != nullptr) << where;
+            }
+            EXPECT_GT(failingCall, config.func == nullptr ? 30 : 5);
+            EXPECT_EQ(OpenDescriptors(), before);
+            streams::ExpectHolds(MovieReader(ReadFile(m_folder.Path("out.mp4"))), expected);
+        }
+    }
+}
+
+TEST_F(Faults, AnInterruptedCallIsMadeAgain) {
+    const auto path = m_folder.Wide("out.mp4");
+    auto* const buffered = kx_mp4_buffered_io(4096);
+    for (const auto& config : {streams::FileConfig(MP4_FLAG_REPAIR_INFO),
+                               streams::CallbackConfig(MP4_FLAG_REPAIR_INFO, buffered)}) {
         int failingCall = 0;
-        for (bool whole = false; !whole;) {
-            const FaultInjection fault(++failingCall, code);
-            whole = FailsCleanly(m_folder.Wide("out.mp4"), streams::FileConfig(0), status,
-                                 "call " + std::to_string(failingCall));
-            EXPECT_EQ(fault.Hit(), !whole) << failingCall;
+        for (bool hit = true; hit;) {
+            const FaultInjection fault(++failingCall, EINTR);
+            ASSERT_EQ(streams::RecordEverything(path, config, kPictures), MP4_STATUS_SUCCESS)
+                << failingCall;
+            hit = fault.Hit();
         }
         EXPECT_GT(failingCall, 30);
-        EXPECT_EQ(OpenDescriptors(), before);
-        streams::ExpectHolds(MovieReader(ReadFile(m_folder.Path("out.mp4"))),
-                             streams::ExpectEverything(kPictures));
+    }
+}
+
+// Whatever fails in the side file, the movie holds everything, the call in which it failed says so
+// once, and Flush says so from then on.
+TEST_F(Faults, EverySystemCallOfTheSideFileFails) {
+    for (const Recipe& recipe : kRecipes) {
+        for (const bool forGood : {false, true}) {
+            int failingCall = 0;
+            int dead = 0;
+            for (bool hit = true; hit;) {
+                std::filesystem::remove(m_folder.Path("out.mp4.info"));
+                const FaultInjection fault(++failingCall, ENOSPC, Of::kSideFile, forGood);
+                const std::string where = Name(recipe) + ", call " + std::to_string(failingCall);
+                MemoryOutput output;
+                auto config = streams::CallbackConfig(MP4_FLAG_REPAIR_INFO, output.Functions());
+                CMp4Muxer muxer;
+                const mp4_status_t created =
+                    muxer.Create(m_folder.Wide("out.mp4").c_str(), &config);
+                EXPECT_EQ(muxer.IsRepairInfoActive(), created == MP4_STATUS_SUCCESS);
+                if (created != MP4_STATUS_SUCCESS) {
+                    EXPECT_EQ(created, MP4_STATUS_NO_SPACE_LEFT) << where;
+                    EXPECT_FALSE(output.open);
+                    continue;
+                }
+                int failures = 0;
+                for (const auto& step : streams::Everything(kPictures, recipe)) {
+                    const mp4_status_t status = step.run(muxer);
+                    if (status == MP4_STATUS_SUCCESS) continue;
+                    EXPECT_EQ(status, MP4_STATUS_NO_SPACE_LEFT) << where << " " << step.name;
+                    ++failures;
+                }
+                EXPECT_LE(failures, 1) << where;
+                EXPECT_EQ(muxer.IsRepairInfoActive(), failures == 0) << where;
+                const bool flushed = muxer.Flush() == MP4_STATUS_SUCCESS;
+                EXPECT_EQ(muxer.IsRepairInfoActive(), flushed) << where;
+                dead += failures;
+                EXPECT_EQ(muxer.Close(), MP4_STATUS_SUCCESS) << where;
+                hit = fault.Hit();
+                streams::ExpectHolds(output.Movie(), streams::ExpectEverything(kPictures, recipe));
+            }
+            // Head, push, seven descriptions and items, eleven samples.
+            EXPECT_GE(dead, 20) << Name(recipe);
+        }
+    }
+}
+
+/// Whether a recording holds every sample whose call was acknowledged; others may be there too.
+void ExpectHoldsAcknowledged(const MovieReader& movie,
+                             const std::vector<streams::Expected>& acknowledged,
+                             const std::string& where) {
+    std::map<std::string, size_t> next;
+    const std::vector<Track>& tracks = movie.Tracks();
+    for (const streams::Expected& sample : acknowledged) {
+        const auto track = std::find_if(tracks.begin(), tracks.end(), [&](const Track& candidate) {
+            return candidate.handler == sample.handler;
+        });
+        ASSERT_NE(track, tracks.end()) << where << " " << sample.handler;
+        // Pictures that come while the parameter sets are looked for are dropped, as they may be.
+        const bool searching = sample.handler == "vide" && next[sample.handler] == 0 &&
+                               movie.SampleBytes(track->samples[0]) != sample.bytes;
+        if (searching) continue;
+        size_t& index = next[sample.handler];
+        while (index < track->samples.size() &&
+               movie.SampleBytes(track->samples[index]) != sample.bytes)
+            ++index;
+        ASSERT_LT(index++, track->samples.size()) << where << " " << sample.handler;
+    }
+}
+
+// At every allocation in turn, once and for good: what was acknowledged is in the index, or, when
+// the index is lost, in the side file.
+TEST_F(Faults, MemoryIsRefused) {
+    const auto path = m_folder.Wide("out.mp4");
+    for (const bool forGood : {false, true}) {
+        for (const Recipe& recipe : {kRecipes[1], kRecipes[3]}) {
+            const auto steps = streams::Everything(40, recipe);
+            int failingCall = 0;
+            for (bool hit = true; hit;) {
+                std::vector<streams::Expected> acknowledged;
+                acknowledged.reserve(steps.size());
+                const std::string where = Name(recipe) + ", " + std::to_string(++failingCall);
+                mp4_status_t closed = MP4_STATUS_SUCCESS;
+                bool created = false;
+                {
+                    CMp4Muxer muxer;
+                    auto config = streams::FileConfig(MP4_FLAG_REPAIR_INFO);
+                    const FaultInjection fault(failingCall, ENOMEM, Of::kMemory, forGood);
+                    created = muxer.Create(path.c_str(), &config) == MP4_STATUS_SUCCESS;
+                    for (const auto& step : steps) {
+                        const mp4_status_t status = step.run(muxer);
+                        const FaultPause ours;
+                        if (status == MP4_STATUS_SUCCESS && step.sample)
+                            acknowledged.push_back(*step.sample);
+                    }
+                    closed = muxer.Close();
+                    hit = fault.Hit();
+                }
+                if (!created) {
+                    EXPECT_TRUE(acknowledged.empty()) << where;
+                } else if (closed == MP4_STATUS_SUCCESS) {
+                    ExpectHoldsAcknowledged(MovieReader(ReadFile(m_folder.Path("out.mp4"))),
+                                            acknowledged, where);
+                } else {
+                    EXPECT_EQ(closed, MP4_STATUS_UNEXPECTED_ERROR) << where;
+                    const RepairInfo info(ReadFile(m_folder.Path("out.mp4.info")));
+                    size_t frames = 0;
+                    for (const InfoRecord& record : info.records)
+                        frames += record.size != 0 ? 1 : 0;
+                    EXPECT_GE(frames, acknowledged.size()) << where;
+                }
+            }
+            EXPECT_GT(failingCall, 20);
+        }
     }
 }
 
 TEST_F(Faults, ShortWritesAreCompleted) {
     const auto path = m_folder.Wide("out.mp4");
     Bytes whole;
-    bool hit = true;
-    for (int failingCall = 0; hit; ++failingCall) {  // no call is the 0th
+    int failingCall = 0;
+    for (bool hit = true; hit; ++failingCall) {  // no call is the 0th
         const FaultInjection fault(failingCall, FaultInjection::kShortWrite);
         const auto config = streams::FileConfig(MP4_FLAG_REPAIR_INFO);
         ASSERT_EQ(streams::RecordEverything(path, config, kPictures), MP4_STATUS_SUCCESS);
-        hit = fault.Hit();
+        hit = failingCall == 0 || fault.Hit();
         if (failingCall == 0) whole = ReadFile(m_folder.Path("out.mp4"));
         ASSERT_EQ(ReadFile(m_folder.Path("out.mp4")), whole) << failingCall;
     }
+    EXPECT_GT(failingCall, 40);
 }
 
 // How much of a frame is in the output is then unknown: no later frame may be indexed behind it.
@@ -224,12 +381,18 @@ TEST_F(Faults, CallbacksThatThrowEndTheRecording) {
         CMp4Muxer muxer;
         ASSERT_EQ(muxer.Create(L"out.mp4", &config), MP4_STATUS_SUCCESS);
         bool failed = false;
-        for (const auto& call : Recording(kPictures)) {
+        auto calls = streams::Everything(kPictures);
+        for (auto& call : streams::SetUpEverything())
+            calls.push_back(std::move(call));  // set-up writes nothing behind unknown bytes either
+        const uint64_t lost = UINT64_MAX;
+        uint64_t size = lost;
+        for (const auto& call : calls) {
             const mp4_status_t status = call.run(muxer);
             failed = failed || status != MP4_STATUS_SUCCESS;
-            if (failed && call.name.find("Write") == 0) {
-                EXPECT_EQ(status, MP4_STATUS_UNEXPECTED_ERROR) << limit << " " << call.name;
-            }
+            if (!failed) continue;
+            EXPECT_EQ(status, MP4_STATUS_UNEXPECTED_ERROR) << limit << " " << call.name;
+            if (size == lost) size = output.Size();
+            EXPECT_EQ(output.Size(), size) << limit << " " << call.name;
         }
         const mp4_status_t closed = muxer.Close();
         whole = closed == MP4_STATUS_SUCCESS;
@@ -237,6 +400,69 @@ TEST_F(Faults, CallbacksThatThrowEndTheRecording) {
         EXPECT_FALSE(output.open);
     }
     EXPECT_GT(limit, 200);
+}
+
+// `tell` or `uninit` may throw as well: the output is released, once.
+TEST_F(Faults, UninitFollowsEveryInitOnce) {
+    static bool s_tellThrows = false;
+    static int s_uninits = 0;
+    for (const bool tellThrows : {false, true}) {
+        for (const bool close : {false, true}) {
+            MemoryOutput output;
+            mp4_file_io_func_t functions = *output.Functions();
+            functions.tell = [](kx_mp4_handle) -> uint64_t {
+                if (s_tellThrows) throw std::runtime_error("tell");
+                return 44;
+            };
+            functions.uninit = [](kx_mp4_handle) -> bool {
+                ++s_uninits;
+                throw std::runtime_error("uninit");
+            };
+            s_tellThrows = false;
+            s_uninits = 0;
+            {
+                CMp4Muxer muxer;
+                auto config = streams::CallbackConfig(0, &functions);
+                ASSERT_EQ(muxer.Create(L"out.mp4", &config), MP4_STATUS_SUCCESS);
+                s_tellThrows = tellThrows;
+                if (close) {
+                    EXPECT_EQ(muxer.Close(), MP4_STATUS_UNEXPECTED_ERROR);
+                }
+            }
+            EXPECT_EQ(s_uninits, 1) << tellThrows << close;
+        }
+    }
+}
+
+// The error number that a callback leaves never reads as success.
+TEST_F(Faults, ACallbackCannotMakeAFailureSuccess) {
+    MemoryOutput output;
+    output.failingWrite = 1;
+    output.failureErrno = 1000;
+    FailsCleanly(L"out.mp4", streams::CallbackConfig(0, output.Functions()),
+                 MP4_STATUS_UNEXPECTED_ERROR, "code 1000");
+}
+
+TEST_F(Faults, ACallbackMayRecordIntoAnotherMuxer) {
+    static CMp4Muxer* s_inner = nullptr;
+    static mp4_file_io_func_t s_functions;
+    MemoryOutput inside;
+    CMp4Muxer inner;
+    auto config = streams::CallbackConfig(0, inside.Functions());
+    ASSERT_EQ(inner.Create(L"inside.mp4", &config), MP4_STATUS_SUCCESS);
+    ASSERT_EQ(streams::Run(inner, streams::SetUpEverything()), MP4_STATUS_SUCCESS);
+    s_inner = &inner;
+    MemoryOutput outside;
+    mp4_file_io_func_t functions = s_functions = *outside.Functions();
+    functions.write = [](kx_mp4_handle handle, const void* bytes, uint32_t size) {
+        const Bytes picture = test_pattern::Picture(1);
+        s_inner->WriteVideoFrame(picture.data(), static_cast<uint32_t>(picture.size()), 0, 0);
+        return s_functions.write(handle, bytes, size);
+    };
+    auto around = streams::CallbackConfig(0, &functions);
+    EXPECT_EQ(streams::RecordEverything(L"outside.mp4", around, kPictures), MP4_STATUS_SUCCESS);
+    streams::ExpectHolds(outside.Movie(), streams::ExpectEverything(kPictures));
+    EXPECT_EQ(inner.Close(), MP4_STATUS_SUCCESS);
 }
 
 }  // namespace
