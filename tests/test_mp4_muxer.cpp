@@ -398,6 +398,10 @@ TEST_F(Muxer, AdtsHeadersAreTakenOffAndConfigureTheTrack) {
         {adts, "2110 0000 0000 0000", "", 0, ""},
         {adts, "fff15080 0000fc", "", 0, ""},
         {raw, "fff15080 0000fc", "fff15080 0000fc", 48000, "1188"},
+        // With a CRC, of a buffer that is the frame, that is more, and that holds two blocks.
+        {adts, "fff05080 017ffc abcd 2110", "2110", 44100, "1210"},
+        {adts, "fff05080 015ffc abcd 2110", "abcd 2110", 44100, "1210"},
+        {adts, "fff05080 017ffd abcd 2110", "2110", 44100, "1210"},
         {raw, "fff95080 0000fc 21", "21", 48000, "1188"},
         {raw, "ffe15080 0000fc 21", "ffe15080 0000fc 21", 48000, "1188"},
     };
@@ -410,6 +414,14 @@ TEST_F(Muxer, AdtsHeadersAreTakenOffAndConfigureTheTrack) {
         if (good) {
             EXPECT_EQ(Audio(Hex("2120"), 1024), kSuccess) << "raw once it is configured";
         }
+        const bool oneFrame = row.frame.substr(9, 8) == "017ffc a";
+        const bool odd = row.frame.substr(0, 4) == "fff0" && !oneFrame;
+        int warnings = 0;
+        for (const auto& line : m_log.Lines())
+            warnings += line.text.find("a call takes one frame") != std::string::npos ? 1 : 0;
+        EXPECT_TRUE(!odd || warnings == 1) << row.frame;
+        EXPECT_TRUE(!oneFrame || warnings == 0) << row.frame;
+        m_log.Clear();
         ASSERT_EQ(m_muxer.Close(), kSuccess);
         if (!good) continue;
         const MovieReader movie = output.Movie();
@@ -632,6 +644,35 @@ TEST_F(Muxer, GoldenFiles) {
         ASSERT_EQ(m_muxer.Close(), kSuccess);
         ExpectGolden(name, Text(output.Movie()));
     }
+}
+
+// A frame of 2 GiB or more is refused before a byte of it is read, and a refused declaration leaves
+// the one before it in place.
+TEST_F(Muxer, WhatIsRefusedChangesNothing) {
+    MemoryOutput output;
+    ASSERT_EQ(CreateIn(output), kSuccess);
+    const auto h264 = streams::H264Track();
+    const auto adts = streams::AdtsTrack();
+    ASSERT_EQ(m_muxer.SetVideoTrack(&h264), kSuccess);
+    ASSERT_EQ(m_muxer.SetAudioTrack(&adts), kSuccess);
+    auto badVideo = h264;
+    badVideo.codec = streams::Forged<mp4_video_codec>(9);
+    EXPECT_EQ(m_muxer.SetVideoTrack(&badVideo), MP4_STATUS_INVALID_CODEC_TYPE);
+    auto noRate = streams::AacTrack();
+    noRate.sample_rate = 0;
+    auto badAudio = adts;
+    badAudio.codec = MP4_MAC_UNKNOWN;
+    for (const auto& track : {noRate, badAudio})
+        EXPECT_EQ(m_muxer.SetAudioTrack(&track), MP4_STATUS_INVALID_PARAMETER);
+    const uint8_t byte = 0;
+    for (const uint32_t size : {0x80000000U, UINT32_MAX}) {
+        EXPECT_EQ(m_muxer.WriteVideoFrame(&byte, size, 0, 0), MP4_STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(m_muxer.WriteAudioFrame(&byte, size, 0), MP4_STATUS_INVALID_PARAMETER);
+    }
+    EXPECT_EQ(Video(test_pattern::Picture(0), 0), kSuccess);
+    EXPECT_EQ(Audio(test_pattern::AdtsSilence(), 0), kSuccess);
+    ASSERT_EQ(m_muxer.Close(), kSuccess);
+    EXPECT_EQ(output.Movie().Tracks().size(), 2U);
 }
 
 TEST_F(Muxer, CallbacksComeInOrder) {

@@ -13,6 +13,7 @@
 
 #include "StartCode.h"
 #include "VideoFrameParser.h"
+#include "fault_injection.h"
 
 namespace {
 
@@ -159,22 +160,28 @@ TEST(VideoFrameParser, KnowsBothStartCodesAndWhatIsNone) {
     EXPECT_EQ(Split({1, 2, 3, 4, 5, 6}), Slices{});
 }
 
-TEST(VideoFrameParser, RefusesNoFrameForgetsTheOneBeforeAndKeepsItsMemory) {
-    Bytes frame;
-    for (int i = 0; i < 32; ++i)
-        frame.insert(frame.end(), {0, 0, 1, 0x41, 0x9A});
-    const auto size = static_cast<int>(frame.size());
+TEST(VideoFrameParser, RefusesNoFrameAndForgetsTheOneBefore) {
     CVideoFrameParser parser;
-    ASSERT_TRUE(parser.Parse(frame.data(), size));
-    const VIDEO_SLICE* const memory = parser.data();
-    EXPECT_FALSE(parser.Parse(nullptr, size));
-    EXPECT_TRUE(parser.empty());
-    for (const int none : {-1, 0, INT32_MIN}) {
-        ASSERT_TRUE(parser.Parse(frame.data(), size));
-        EXPECT_EQ(parser.size(), 32U);
-        EXPECT_EQ(parser.data(), memory);
-        EXPECT_FALSE(parser.Parse(frame.data(), none));
+    Split({0, 0, 1, 0x65});  // the first search of a program chooses among several
+    for (const size_t units : {1U, 47U, 48U, 49U, 500U}) {  // 48 have room inside
+        Bytes frame;
+        for (size_t i = 0; i < units; ++i)
+            frame.insert(frame.end(), {0, 0, 1, 0x41, static_cast<uint8_t>(i % 200 + 4)});
+        const auto size = static_cast<int>(frame.size());
+        const FaultInjection count(0, FaultInjection::kNone, FaultInjection::Of::kMemory);
+        const bool parsed = parser.Parse(frame.data(), size);
+        EXPECT_EQ(count.Calls() == 0, units <= 48) << units;
+        ASSERT_TRUE(parsed);
+        ASSERT_EQ(parser.size(), units);
+        for (size_t i = 0; i < units; ++i)
+            EXPECT_EQ(parser[i].pbData - frame.data(), static_cast<int64_t>(5 * i + 3));
+        EXPECT_FALSE(parser.Parse(nullptr, size));
         EXPECT_TRUE(parser.empty());
+        for (const int none : {-1, 0, INT32_MIN}) {
+            ASSERT_TRUE(parser.Parse(frame.data(), size));
+            EXPECT_FALSE(parser.Parse(frame.data(), none));
+            EXPECT_TRUE(parser.empty());
+        }
     }
 }
 
