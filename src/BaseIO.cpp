@@ -218,11 +218,12 @@ mp4_status_t CFileWriter::InitLocked(const char* path, FileLock& lock) {
             Uninit();
             return MP4_STATUS_DEVICE_OR_RESOURCE_BUSY;
         }
-        if (code != 0)
+        if (code != 0) {
             zv_log_warn(
                 "file '%s' cannot be locked (error:%d), a repair would not see that it is "
                 "in use",
                 kSource, __LINE__, "Init", path, code);
+        }
         if (IsNamed(path)) break;
         Uninit();  // who held the lock has removed the file meanwhile
     }

@@ -21,7 +21,8 @@ public:
     using iterator = T*;
     using const_iterator = const T*;
 
-    InlineArray() = default;  // m_inline stays as it is: it may be large, and is made for each call
+    // The room stays as it is: it may be large, and there may be one for each frame.
+    InlineArray() = default;  // NOLINT(cppcoreguidelines-pro-type-member-init)
     InlineArray(const InlineArray&) = delete;
     InlineArray& operator=(const InlineArray&) = delete;
 
