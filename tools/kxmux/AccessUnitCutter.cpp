@@ -156,6 +156,8 @@ bool AccessUnitCutter::Next(AccessUnit& unit) {
             throw StreamError("longer than " + std::to_string(kMaxSize >> 20) + " MiB");
         }
     }
+    const bool unitsOfNext = split || (!hasPicture && unit.NalCount() > 0);
+    m_cutOff = m_cutOff || unitsOfNext || m_reader.EndsInStartCode();
     return hasPicture;
 }
 

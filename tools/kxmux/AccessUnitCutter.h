@@ -75,6 +75,9 @@ public:
     /// Replaces the unit with the next access unit; false at the end of the input. Units without a
     /// coded picture at the end of the stream are dropped. Throws StreamError.
     bool Next(AccessUnit& unit);
+    /// Whether the input ended within an access unit: behind its last picture stand units of the
+    /// next one, or a start code alone.
+    bool IsCutOff() const { return m_cutOff; }
     /// Bytes in front of the first start code.
     size_t SkippedBytes() const { return m_reader.SkippedBytes(); }
 
@@ -83,6 +86,7 @@ private:
     std::unique_ptr<PictureBoundary> m_boundary;
     AccessUnit m_next;
     bool m_nextHasPicture = false;
+    bool m_cutOff = false;
 };
 
 }  // namespace kxmux

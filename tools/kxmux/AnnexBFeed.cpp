@@ -6,6 +6,7 @@
 
 #include "H264Syntax.h"
 #include "HevcSyntax.h"
+#include "StreamRate.h"
 
 namespace kxmux {
 namespace {
@@ -44,27 +45,46 @@ bool ParameterSetCopies::Complete(mp4_video_codec codec) const {
 }
 
 bool FrameOrderer::Next(Frame& frame) {
-    while (!m_order.Pop(&frame.times)) {
+    OrderedTimes times;
+    while (!m_order.Pop(&times)) {
+        if (m_failure) std::rethrow_exception(std::exchange(m_failure, nullptr));
         if (m_ended) return false;
-        if (ReadPicture()) continue;
-        m_ended = true;
-        if (!m_order.Finish()) throw StreamError(m_order.Error());
+        ReadOrEnd();
     }
-    std::swap(frame.unit, m_held.front());
+    std::swap(frame, m_held.front());
+    frame.times = times;
     m_held.pop_front();
     return true;
 }
 
+/// Reads one picture. At the end of the input, whatever ends it, the frames that are held become
+/// ready.
+void FrameOrderer::ReadOrEnd() {
+    try {
+        if (ReadPicture()) return;
+    } catch (const StreamError&) {
+        m_failure = std::current_exception();
+    } catch (const Interrupted&) {
+        m_failure = std::current_exception();
+    }
+    m_ended = true;
+    if (m_order.Finish() || m_failure) return;
+    m_failure = std::make_exception_ptr(StreamError(m_order.Error()));
+}
+
 /// Reads one picture and gives it to the order; false at the end of the input.
 bool FrameOrderer::ReadPicture() {
-    if (!ReadDecodable()) return false;
+    if (!ReadDecodable()) {
+        if (m_cutter.IsCutOff()) throw StreamError("cut off before its picture");
+        return false;
+    }
     const PictureInfo info = ReadInfo();
     m_maxReorder = std::max(m_maxReorder, info.max_reorder);
     if (!m_order.Push(info)) throw StreamError(m_order.Error());
     if (info.second_field && !m_held.empty()) {
-        m_held.back().Append(m_unit);
+        m_held.back().unit.Append(m_unit);
     } else {
-        m_held.push_back(std::move(m_unit));
+        m_held.push_back({std::move(m_unit), {}, info.width, info.height});
         ++m_index;
     }
     return true;
@@ -92,43 +112,35 @@ PictureInfo FrameOrderer::ReadInfo() {
     return info;
 }
 
-AnnexBFeed::AnnexBFeed(const VideoOptions& options)
-    : VideoFeed(options), m_source(options.path), m_frames(options.codec, m_source) {
-    if (!Prepare()) {
-        const bool any = m_frames.Dropped() > 0;
-        throw Error(0, any ? "no parameter sets in the whole stream" : "no picture in the stream");
-    }
-    FindSize();
-    m_reordered = FindReordering();
+AnnexBFeed::AnnexBFeed(const VideoOptions& options, Input& input)
+    : VideoFeed(options), m_input(input), m_frames(options.codec, input) {
+    RequireFirst("no picture with its parameter sets in the stream");
+    ReadParameterSets();
+    m_usesOrder = NeedsOrder();
 }
 
-void AnnexBFeed::FindSize() {
-    const auto& set = m_frames.ParameterSets().sps;
-    uint32_t width = 0;
-    uint32_t height = 0;
-    h264::Sps h264Sps;
-    hevc::Sps hevcSps;
-    if (Options().codec == MP4_MVC_H264 && h264::ParseSps(set.data(), set.size(), &h264Sps)) {
-        width = h264Sps.width;
-        height = h264Sps.height;
-    }
-    if (Options().codec == MP4_MVC_HEVC && hevc::ParseSps(set.data(), set.size(), &hevcSps)) {
-        width = hevcSps.width;
-        height = hevcSps.height;
-    }
-    SetSize(width, height);
+bool AnnexBFeed::ReadFrame() {
+    if (!m_frames.Next(m_frame)) return false;
+    NoteSize(m_frame.times.dts, m_frame.width, m_frame.height);
+    return true;
 }
 
-/// Whether any frame is presented in another place than it is decoded in. The muxer has to be told
-/// before the first frame, so a stream that may reorder is read ahead up to the first frame that
-/// is; an input that cannot be read twice is taken at its word.
-bool AnnexBFeed::FindReordering() const {
-    if (m_frames.IsReordered()) return true;
-    if (m_frames.MaxReorder() == 0) return false;
-    if (m_source.Size() == 0) return true;
+void AnnexBFeed::ReadParameterSets() {
+    const ParameterSetCopies& sets = m_frames.ParameterSets();
+    const bool isHevc = Options().codec == MP4_MVC_HEVC;
+    SetRate(isHevc ? HevcFrameRate(sets.vps, sets.sps) : H264FrameRate(sets.sps));
+    SetSize(m_frame.width, m_frame.height);
+}
+
+/// Whether frames get the presentation times of their order. Not so where the stream is allowed to
+/// reorder and never does: it needs no delay then. One that can be read twice is read ahead up to
+/// the first frame that is reordered; a pipe is taken at its word.
+bool AnnexBFeed::NeedsOrder() const {
+    const bool delayed = m_frames.MaxReorder() > 0;
+    if (!delayed || m_frames.IsReordered() || !m_input.CanReopen()) return true;
     try {
-        FileSource source(Path());
-        FrameOrderer ahead(Options().codec, source);
+        InputSet set;
+        FrameOrderer ahead(Options().codec, set.Open(Path()));
         FrameOrderer::Frame frame;
         while (!ahead.IsReordered() && ahead.Next(frame)) {
         }
@@ -140,10 +152,10 @@ bool AnnexBFeed::FindReordering() const {
 }
 
 mp4_status_t AnnexBFeed::Declare(CMp4Muxer& muxer) {
-    if (m_reordered && Options().compositionOffsets) {
-        const mp4_status_t status = muxer.SetCompositionOffsets(true);
-        if (status != MP4_STATUS_SUCCESS) return status;
-    }
+    // Whatever the first parameter sets say: later ones may allow reordering, and the muxer has to
+    // be told before the first frame. Without reordering it makes no difference.
+    const mp4_status_t status = muxer.SetCompositionOffsets(Options().compositionOffsets);
+    if (status != MP4_STATUS_SUCCESS) return status;
     mp4_video_track_info_t info = BaseInfo();
     const ParameterSetCopies& sets = m_frames.ParameterSets();
     if (!Options().deferred && info.codec == MP4_MVC_H264) {
@@ -155,14 +167,11 @@ mp4_status_t AnnexBFeed::Declare(CMp4Muxer& muxer) {
     return muxer.SetVideoTrack(&info);
 }
 
-mp4_status_t AnnexBFeed::Write(CMp4Muxer& muxer) {
+mp4_status_t AnnexBFeed::Write(CMp4Muxer& muxer) const {
     const auto& bytes = m_frame.unit.Bytes();
     const uint64_t dts = m_frame.times.dts * TicksPerFrame();
-    const uint64_t pts = m_reordered ? m_frame.times.pts * TicksPerFrame() : dts;
-    const auto size = static_cast<uint32_t>(bytes.size());
-    const mp4_status_t status = muxer.WriteVideoFrame(bytes.data(), size, pts, dts);
-    if (status == MP4_STATUS_SUCCESS) CountFrame(bytes.size());
-    return status;
+    const uint64_t pts = m_usesOrder ? m_frame.times.pts * TicksPerFrame() : dts;
+    return muxer.WriteVideoFrame(bytes.data(), static_cast<uint32_t>(bytes.size()), pts, dts);
 }
 
 std::string AnnexBFeed::Note() const {
@@ -170,7 +179,7 @@ std::string AnnexBFeed::Note() const {
     const auto add = [&note](const std::string& text) {
         note += (note.empty() ? "" : "; ") + text;
     };
-    if (m_reordered) {
+    if (m_frames.IsReordered()) {
         add(Options().compositionOffsets ? "frames are reordered, composition offsets written"
                                          : "frames are reordered, shown in decode order as asked");
     }

@@ -4,6 +4,7 @@
 #define KXMUX_ANNEXBFEED_H
 
 #include <deque>
+#include <exception>
 #include <memory>
 #include <string>
 #include <vector>
@@ -31,13 +32,16 @@ public:
     struct Frame {
         AccessUnit unit;
         OrderedTimes times;
+        uint32_t width = 0;
+        uint32_t height = 0;
     };
 
     /// Borrows the source.
     FrameOrderer(mp4_video_codec codec, ByteSource& source)
         : m_codec(codec), m_cutter(codec, source), m_reader(PictureOrderReader::Create(codec)) {}
 
-    /// Replaces the frame by the next one; false at the end. Throws StreamError.
+    /// Replaces the frame by the next one; false at the end. Throws StreamError and Interrupted,
+    /// after the frames that were complete before.
     bool Next(Frame& frame);
     /// The index of the picture that a StreamError of Next is about.
     uint64_t Index() const { return m_index; }
@@ -50,6 +54,7 @@ public:
     size_t SkippedBytes() const { return m_cutter.SkippedBytes(); }
 
 private:
+    void ReadOrEnd();
     bool ReadPicture();
     bool ReadDecodable();
     PictureInfo ReadInfo();
@@ -59,32 +64,33 @@ private:
     std::unique_ptr<PictureOrderReader> m_reader;
     PresentationOrder m_order;
     ParameterSetCopies m_sets;
-    std::deque<AccessUnit> m_held;
+    std::deque<Frame> m_held;  // whose times are not known yet
     AccessUnit m_unit;
     uint64_t m_index = 0;
     uint64_t m_dropped = 0;
     uint32_t m_maxReorder = 0;
     bool m_ended = false;
+    std::exception_ptr m_failure;  // that ended it
 };
 
 class AnnexBFeed final : public VideoFeed {
 public:
-    explicit AnnexBFeed(const VideoOptions& options);
+    AnnexBFeed(const VideoOptions& options, Input& input);
 
     mp4_status_t Declare(CMp4Muxer& muxer) override;
-    mp4_status_t Write(CMp4Muxer& muxer) override;
+    mp4_status_t Write(CMp4Muxer& muxer) const override;
     std::string Note() const override;
 
 private:
-    bool ReadFrame() override { return m_frames.Next(m_frame); }
+    bool ReadFrame() override;
     uint64_t FrameToRead() const override { return m_frames.Index(); }
-    bool FindReordering() const;
-    void FindSize();
+    bool NeedsOrder() const;
+    void ReadParameterSets();
 
-    FileSource m_source;
+    const Input& m_input;
     FrameOrderer m_frames;
     FrameOrderer::Frame m_frame;
-    bool m_reordered = false;
+    bool m_usesOrder = true;
 };
 
 }  // namespace kxmux

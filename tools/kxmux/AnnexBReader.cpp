@@ -22,6 +22,7 @@ bool AnnexBReader::Next(NalUnit& nal) {
         size_t size = end;
         while (size > 0 && m_reader.Data()[size - 1] == 0)
             --size;
+        m_emptyUnit = size == 0;
         if (size > 0) {
             nal = {m_reader.Data(), size};
             m_unread = end;

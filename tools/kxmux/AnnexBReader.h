@@ -31,6 +31,8 @@ public:
     /// Finds the next NAL unit, which is valid until the next call; empty units are passed over.
     /// False at the end of the input. Throws StreamError.
     bool Next(NalUnit& nal);
+    /// Whether the input ended in a start code without a unit behind it.
+    bool EndsInStartCode() const { return m_emptyUnit; }
     /// Bytes before the first start code that are not zero bytes of it.
     size_t SkippedBytes() const { return m_skipped; }
 
@@ -42,6 +44,7 @@ private:
     size_t m_unread = 0;  // bytes of the window that belong to the unit handed out last
     size_t m_skipped = 0;
     bool m_started = false;
+    bool m_emptyUnit = false;  // behind the last start code
 };
 
 }  // namespace kxmux

@@ -1,10 +1,10 @@
 #include "Arguments.h"
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
-#include <cctype>
 #include <charconv>
 #include <map>
+
+#include "InputFormat.h"
 
 namespace kxmux {
 namespace {
@@ -26,6 +26,22 @@ const std::map<std::string, mp4_prores_format>& ProResFormats() {
         {"proxy", MP4_PRORES_422_proxy}, {"lt", MP4_PRORES_422_LT}, {"422", MP4_PRORES_422},
         {"hq", MP4_PRORES_422_HQ},       {"4444", MP4_PRORES_4444}, {"xq", MP4_PRORES_4444_XQ}};
     return formats;
+}
+
+const std::map<std::string, Container>& Containers() {
+    static const std::map<std::string, Container> containers = {{"mp4", Container::kMp4},
+                                                                {"mov", Container::kQuickTime}};
+    return containers;
+}
+
+/// What to write in place of a rate that was not understood.
+std::string AdviceOnRate(const std::string& text) {
+    static const std::map<std::string, std::string> ratios = {
+        {"23.976", "24000/1001"}, {"23.98", "24000/1001"}, {"29.97", "30000/1001"},
+        {"47.952", "48000/1001"}, {"59.94", "60000/1001"}, {"119.88", "120000/1001"}};
+    const auto known = ratios.find(text);
+    if (known != ratios.end()) return "write it as " + known->second;
+    return "not N or N/D, such as 25 or 30000/1001";
 }
 
 }  // namespace
@@ -51,46 +67,62 @@ bool ParsePictureSize(std::string_view text, PictureSize* size) {
     return true;
 }
 
-mp4_video_codec CodecOfExtension(std::string_view path) {
-    static const std::map<std::string, mp4_video_codec> extensions = {
-        {"h264", MP4_MVC_H264}, {"264", MP4_MVC_H264},      {"avc", MP4_MVC_H264},
-        {"h265", MP4_MVC_HEVC}, {"265", MP4_MVC_HEVC},      {"hevc", MP4_MVC_HEVC},
-        {"hvc", MP4_MVC_HEVC},  {"prores", MP4_MVC_PRORES}, {"icpf", MP4_MVC_PRORES}};
-    const size_t dot = path.rfind('.');
-    if (dot == std::string_view::npos) return MP4_MVC_UNKNOWN;
-    std::string extension(path.substr(dot + 1));
-    std::transform(extension.begin(), extension.end(), extension.begin(),
-                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
-    const auto found = extensions.find(extension);
-    return found == extensions.end() ? MP4_MVC_UNKNOWN : found->second;
+void Arguments::AddTo(CLI::App& app) {
+    AddInputs(app);
+    AddDescription(app);
+    AddOutput(app);
+    app.footer(
+        "Ctrl-C ends the recording properly. Exit status: 0 the recording is complete, 1 it "
+        "is not or could not be made, 2 the command line is wrong, 130 or 143 it was ended "
+        "by Ctrl-C or SIGTERM.");
 }
 
-void Arguments::AddTo(CLI::App& app) {
-    app.add_option("-o,--output", m_output,
-                   "The recording; a QuickTime movie when the path contains \"mov\" anywhere")
-        ->required();
-    app.add_option("--video", m_video, "Raw H.264 or HEVC (Annex B) or ProRes stream")->required();
-    app.add_option("--fps", m_fps, "Frames per second, N or N/D: 25, 30000/1001")->required();
-    app.add_option("--audio", m_audio, "AAC stream in ADTS");
+void Arguments::AddInputs(CLI::App& app) {
+    app.add_option("--video", m_video,
+                   "Video: " + AcceptedVideo() + "; - is standard input, here and below");
+    app.add_option("--audio", m_audio, "Sound: " + AcceptedAudio());
     app.add_option("--captions", m_captions, "Scenarist closed captions (.scc)");
+}
+
+void Arguments::AddDescription(CLI::App& app) {
+    auto* const video = app.get_option("--video");
+    app.add_option("--fps", m_fps,
+                   "Frames per second of the video, N or N/D: 25, 30000/1001; stream for the rate "
+                   "that the stream tells")
+        ->needs(video);
     app.add_option("--timecode", m_timecode,
                    "Timecode of the first frame, HH:MM:SS:FF; a semicolon before the frames means "
-                   "drop frame");
-    app.add_option("--size", m_size, "Picture size WxH instead of the stream's own");
+                   "drop frame")
+        ->needs(video);
+    app.add_option("--size", m_size, "Picture size WxH instead of the stream's own")->needs(video);
     app.add_option("--video-codec", m_codec, "Instead of what the extension says")
-        ->check(CLI::IsMember(Codecs()));
+        ->check(CLI::IsMember(Codecs()))
+        ->needs(video);
     app.add_option("--prores-format", m_proresFormat,
                    "ProRes flavour; 422 or 4444 by the frames' chroma format when not given")
-        ->check(CLI::IsMember(ProResFormats()));
+        ->check(CLI::IsMember(ProResFormats()))
+        ->needs(video);
     app.add_option("--meta", m_metadata, "Metadata item KEY=VALUE; repeatable")
         ->allow_extra_args(false);
-    app.add_flag("--64bit", m_64bit, "64-bit sizes and times");
-    app.add_flag("--repair", m_repair, "Keep a repair info file beside the output while recording");
     app.add_flag("--deferred", m_deferred,
                  "Declare the tracks without configuration, to be found in the stream");
     app.add_flag("--no-composition-offsets", m_noCompositionOffsets,
                  "Show reordered frames at their decode times");
-    auto* callbacks = app.add_flag("--callback-io", m_callbackIo, "Write through callbacks");
+}
+
+void Arguments::AddOutput(CLI::App& app) {
+    app.add_option("-o,--output", m_output, "The recording, a file")->required();
+    app.add_option("--format", m_format,
+                   "MP4 file or QuickTime movie; by the extension when not given: .mov and .qt "
+                   "are movies")
+        ->check(CLI::IsMember(Containers()));
+    app.add_flag("--overwrite", m_overwrite, "Replace an output that is there already");
+    auto* const noRepair = app.add_flag(
+        "--no-repair", m_noRepair,
+        "Keep no repair info file (OUTPUT.info, for kxrepair) beside the output while recording");
+    app.add_flag("--repair", "Keep one, which is the default")->excludes(noRepair);
+    app.add_flag("--64bit", m_64bit, "64-bit sizes and times");
+    auto* const callbacks = app.add_flag("--callback-io", m_callbackIo, "Write through callbacks");
     app.add_flag("--buffered", m_buffered, "Write through the library's buffered file output")
         ->excludes(callbacks);
 }
@@ -99,33 +131,58 @@ mp4_video_codec Arguments::VideoCodec() const {
     if (!m_codec.empty()) return Codecs().at(m_codec);
     const mp4_video_codec codec = CodecOfExtension(m_video);
     if (codec == MP4_MVC_UNKNOWN) {
-        throw CLI::ValidationError("--video", m_video +
-                                                  ": unknown extension; say which codec it is with "
-                                                  "--video-codec h264|hevc|prores");
+        throw CLI::ValidationError(
+            "--video", m_video + ": unknown extension; accepted: " + AcceptedVideo() +
+                           "; or say which codec it is with --video-codec h264|hevc|prores");
     }
     return codec;
 }
 
-RecordingOptions Arguments::Options() const {
-    RecordingOptions options;
-    options.output = m_output;
-    options.video.path = m_video;
-    options.video.codec = VideoCodec();
-    options.video.deferred = m_deferred;
-    options.video.compositionOffsets = !m_noCompositionOffsets;
-    if (!m_proresFormat.empty()) options.video.proResFormat = ProResFormats().at(m_proresFormat);
-    if (!ParseFrameRate(m_fps, &options.video.rate)) {
-        throw CLI::ValidationError("--fps", m_fps + ": not N or N/D, such as 25 or 30000/1001");
+VideoOptions Arguments::Video() const {
+    VideoOptions video;
+    video.path = m_video;
+    video.codec = VideoCodec();
+    video.deferred = m_deferred;
+    video.compositionOffsets = !m_noCompositionOffsets;
+    if (!m_proresFormat.empty()) video.proResFormat = ProResFormats().at(m_proresFormat);
+    if (m_fps.empty()) {
+        throw CLI::ValidationError("--fps",
+                                   "is required with --video: N or N/D, or stream for the "
+                                   "rate that the stream tells");
     }
-    if (!m_size.empty() && !ParsePictureSize(m_size, &options.video.size.emplace())) {
+    if (m_fps != "stream" && !ParseFrameRate(m_fps, &video.rate.emplace())) {
+        throw CLI::ValidationError("--fps", m_fps + ": " + AdviceOnRate(m_fps));
+    }
+    if (!m_size.empty() && !ParsePictureSize(m_size, &video.size.emplace())) {
         throw CLI::ValidationError("--size", m_size + ": not WxH, such as 1920x1080");
     }
-    if (!m_timecode.empty()) {
-        std::string error;
-        options.timecodeText = m_timecode;
-        if (!options.timecode.emplace().Parse(m_timecode, options.video.rate, &error)) {
-            throw CLI::ValidationError("--timecode", error);
-        }
+    return video;
+}
+
+OutputOptions Arguments::Output() const {
+    OutputOptions output;
+    output.path = m_output;
+    if (!m_format.empty()) output.container = Containers().at(m_format);
+    if (m_callbackIo) output.mode = OutputMode::kCallbacks;
+    if (m_buffered) output.mode = OutputMode::kBuffered;
+    output.overwrite = m_overwrite;
+    output.repairInfo = !m_noRepair;
+    return output;
+}
+
+RecordingOptions Arguments::Options() const {
+    RecordingOptions options;
+    if (m_video.empty() && m_audio.empty()) {
+        throw CLI::ValidationError("inputs", "nothing to record; give --video or --audio or both");
+    }
+    options.output = Output();
+    if (!m_video.empty()) options.video = Video();
+    options.video.deferred = m_deferred;
+    options.timecode = m_timecode;
+    std::string error;
+    const bool checkable = !m_timecode.empty() && options.video.rate;
+    if (checkable && !Timecode().Parse(m_timecode, *options.video.rate, &error)) {
+        throw CLI::ValidationError("--timecode", error);
     }
     for (const std::string& item : m_metadata) {
         const size_t equals = item.find('=');
@@ -136,10 +193,7 @@ RecordingOptions Arguments::Options() const {
     }
     options.audio = m_audio;
     options.captions = m_captions;
-    if (m_callbackIo) options.mode = OutputMode::kCallbacks;
-    if (m_buffered) options.mode = OutputMode::kBuffered;
     options.use64bit = m_64bit;
-    options.repairInfo = m_repair;
     return options;
 }
 

@@ -19,8 +19,6 @@ namespace kxmux {
 bool ParseFrameRate(std::string_view text, FrameRate* rate);
 /// "WxH", both from 1 to 65535. False for anything else.
 bool ParsePictureSize(std::string_view text, PictureSize* size);
-/// The codec that the extension of a path stands for; #MP4_MVC_UNKNOWN without one that is known.
-mp4_video_codec CodecOfExtension(std::string_view path);
 
 /// The arguments as they are given.
 class Arguments {
@@ -31,9 +29,15 @@ public:
     RecordingOptions Options() const;
 
 private:
+    void AddInputs(CLI::App& app);
+    void AddDescription(CLI::App& app);
+    void AddOutput(CLI::App& app);
+    VideoOptions Video() const;
+    OutputOptions Output() const;
     mp4_video_codec VideoCodec() const;
 
     std::string m_output;
+    std::string m_format;
     std::string m_video;
     std::string m_audio;
     std::string m_captions;
@@ -44,7 +48,8 @@ private:
     std::string m_timecode;
     std::vector<std::string> m_metadata;
     bool m_64bit = false;
-    bool m_repair = false;
+    bool m_noRepair = false;
+    bool m_overwrite = false;
     bool m_deferred = false;
     bool m_callbackIo = false;
     bool m_buffered = false;

@@ -1,5 +1,7 @@
 #include "AudioFeed.h"
 
+#include "InputFormat.h"
+
 namespace kxmux {
 namespace {
 
@@ -7,9 +9,10 @@ constexpr uint32_t kSamplesPerFrame = 1024;  // of every AAC frame that ADTS car
 
 }  // namespace
 
-AudioFeed::AudioFeed(const std::string& path, bool deferred)
-    : TrackFeed(path), m_source(path), m_cutter(m_source), m_deferred(deferred) {
-    if (!Prepare()) throw Error(0, "the input is empty");
+AudioFeed::AudioFeed(Input& input, bool deferred)
+    : TrackFeed(input.Path()), m_cutter(input), m_deferred(deferred) {
+    RequireAdts(input.Head(kHeadSize));
+    RequireFirst("the input is empty");
     m_header = m_frame.header;
 }
 
@@ -31,11 +34,9 @@ MediaTime AudioFeed::NextTime() const {
     return {Frames() * kSamplesPerFrame, m_header.sampleRate};
 }
 
-mp4_status_t AudioFeed::Write(CMp4Muxer& muxer) {
+mp4_status_t AudioFeed::Write(CMp4Muxer& muxer) const {
     const auto size = static_cast<uint32_t>(m_frame.size);
-    const mp4_status_t status = muxer.WriteAudioFrame(m_frame.data, size, NextTime().ticks);
-    if (status == MP4_STATUS_SUCCESS) CountFrame(m_frame.size - kAdtsHeaderSize);
-    return status;
+    return muxer.WriteAudioFrame(m_frame.data, size, NextTime().ticks);
 }
 
 std::string AudioFeed::Describe() const {

@@ -6,20 +6,20 @@
 #include <string>
 
 #include "AdtsCutter.h"
-#include "ByteSource.h"
 #include "TrackFeed.h"
 
 namespace kxmux {
 
 class AudioFeed final : public TrackFeed {
 public:
-    /// Opens the input and reads as far as the first frame. `deferred` leaves the configuration
-    /// to the muxer, which takes it from the first frame. Throws RecordingError.
-    AudioFeed(const std::string& path, bool deferred);
+    /// Borrows the input and reads as far as the first frame. `deferred` leaves the configuration
+    /// to the muxer, which takes it from the first frame. Throws RecordingError, StreamError and
+    /// Interrupted.
+    AudioFeed(Input& input, bool deferred);
 
     mp4_status_t Declare(CMp4Muxer& muxer) override;
     MediaTime NextTime() const override;
-    mp4_status_t Write(CMp4Muxer& muxer) override;
+    mp4_status_t Write(CMp4Muxer& muxer) const override;
 
     MediaTime Duration() const { return NextTime(); }
     /// Sampling frequency and channels in words.
@@ -30,7 +30,6 @@ public:
 private:
     bool ReadFrame() override { return m_cutter.Next(m_frame); }
 
-    FileSource m_source;
     AdtsCutter m_cutter;
     AdtsFrame m_frame;
     AdtsHeader m_header;

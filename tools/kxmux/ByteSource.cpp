@@ -1,38 +1,8 @@
 #include "ByteSource.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 
 namespace kxmux {
-
-FileSource::FileSource(const std::string& path)
-    : m_descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-    if (m_descriptor < 0) throw StreamError(std::string("cannot be opened: ") + strerror(errno));
-}
-
-FileSource::~FileSource() {
-    ::close(m_descriptor);
-}
-
-size_t FileSource::Read(uint8_t* to, size_t size) {
-    ssize_t count = 0;
-    do {
-        count = ::read(m_descriptor, to, size);
-    } while (count < 0 && errno == EINTR);
-    if (count < 0) throw StreamError(std::string("cannot be read: ") + strerror(errno));
-    return static_cast<size_t>(count);
-}
-
-uint64_t FileSource::Size() const {
-    struct stat status {};
-    const bool isFile = ::fstat(m_descriptor, &status) == 0 && S_ISREG(status.st_mode);
-    return isFile ? static_cast<uint64_t>(status.st_size) : 0;
-}
 
 PieceReader::PieceReader(ByteSource& source, size_t pieceSize)
     : m_source(source), m_pieceSize(std::max<size_t>(pieceSize, 1)) {}

@@ -30,21 +30,6 @@ public:
     virtual size_t Read(uint8_t* to, size_t size) = 0;
 };
 
-/// A file, pipe or device.
-class FileSource : public ByteSource {
-public:
-    /// Throws StreamError when the file cannot be opened.
-    explicit FileSource(const std::string& path);
-    ~FileSource() override;
-    size_t Read(uint8_t* to, size_t size) override;
-
-    /// Bytes, or 0 when that is not known beforehand (pipes).
-    uint64_t Size() const;
-
-private:
-    int m_descriptor;
-};
-
 /// A window over a source: the bytes that were read and not yet dropped, in one piece of memory.
 class PieceReader {
 public:

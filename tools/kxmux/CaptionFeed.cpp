@@ -1,17 +1,27 @@
 #include "CaptionFeed.h"
 
-#include <cerrno>
-#include <cstring>
-#include <fstream>
+#include <sstream>
 
 namespace kxmux {
+namespace {
 
-CaptionFeed::CaptionFeed(const std::string& path, uint32_t timescale)
-    : TrackFeed(path), m_timescale(timescale) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) throw RecordingError(path + ": cannot be opened: " + strerror(errno));
+std::string ReadAll(Input& input) {
+    // A day of captions, two bytes a frame in four digits and a space, has 26 MB.
+    constexpr size_t kMaxSize = size_t{64} << 20;
+    PieceReader reader(input);
+    while (reader.FillMore()) {
+        if (reader.Size() > kMaxSize) throw StreamError("too long for a caption file");
+    }
+    return {reader.Data(), reader.Data() + reader.Size()};
+}
+
+}  // namespace
+
+CaptionFeed::CaptionFeed(Input& input, uint32_t timescale)
+    : TrackFeed(input.Path()), m_timescale(timescale) {
+    std::istringstream text(ReadAll(input));
     SccFile captions;
-    if (!captions.Read(file)) throw RecordingError(path + ": " + captions.Error());
+    if (!captions.Read(text)) throw StreamError(captions.Error());
     m_packets = captions.Packets(timescale);
 }
 
@@ -20,13 +30,10 @@ mp4_status_t CaptionFeed::Declare(CMp4Muxer& muxer) {
     return muxer.SetSubtitleTrack(&info);
 }
 
-mp4_status_t CaptionFeed::Write(CMp4Muxer& muxer) {
+mp4_status_t CaptionFeed::Write(CMp4Muxer& muxer) const {
     const CaptionPacket& packet = Next();
     const auto size = static_cast<uint32_t>(packet.bytes.size());
-    const mp4_status_t status =
-        muxer.WriteSubtitleFrame(packet.bytes.data(), size, packet.timestamp);
-    if (status == MP4_STATUS_SUCCESS) CountFrame(packet.bytes.size());
-    return status;
+    return muxer.WriteSubtitleFrame(packet.bytes.data(), size, packet.timestamp);
 }
 
 }  // namespace kxmux

@@ -13,12 +13,13 @@ namespace kxmux {
 
 class CaptionFeed final : public TrackFeed {
 public:
-    /// Reads the file. `timescale` is the track's, in ticks per second. Throws RecordingError.
-    CaptionFeed(const std::string& path, uint32_t timescale);
+    /// Reads all of the input. `timescale` is the track's, in ticks per second. Throws
+    /// RecordingError, StreamError and Interrupted.
+    CaptionFeed(Input& input, uint32_t timescale);
 
     mp4_status_t Declare(CMp4Muxer& muxer) override;
     MediaTime NextTime() const override { return {Next().timestamp, m_timescale}; }
-    mp4_status_t Write(CMp4Muxer& muxer) override;
+    mp4_status_t Write(CMp4Muxer& muxer) const override;
 
     /// Packets that were not written.
     uint64_t Left() const { return m_packets.size() - Frames(); }

@@ -14,6 +14,7 @@ struct FrameRate {
 
     /// Frames that a timecode counts per second: the rate rounded to the nearest integer.
     uint32_t Nominal() const { return static_cast<uint32_t>((uint64_t{num} + den / 2) / den); }
+    double Hertz() const { return static_cast<double>(num) / den; }
     /// Whether both are the same ratio, 60000/2002 and 30000/1001 for example.
     bool IsSame(const FrameRate& other) const {
         return uint64_t{num} * other.den == uint64_t{other.num} * den;

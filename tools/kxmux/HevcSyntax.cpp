@@ -1,5 +1,8 @@
 #include "HevcSyntax.h"
 
+#include <algorithm>
+#include <vector>
+
 #include "BitReader.h"
 
 namespace kxmux::hevc {
@@ -8,6 +11,7 @@ namespace {
 constexpr uint32_t kMaxSpsId = 15;
 constexpr uint32_t kMaxPpsId = 63;
 constexpr uint32_t kMaxDpbSize = 16;
+constexpr uint32_t kMaxSubLayersMinus1 = 6;
 // Sides beyond this belong to no level.
 constexpr uint32_t kMaxSide = 65535;
 
@@ -67,23 +71,13 @@ bool ReadSubLayerOrdering(BitReader& bits, Sps& sps) {
     return true;
 }
 
-}  // namespace
-
-bool ParseNalHeader(const uint8_t* nal, size_t size, NalHeader* header) {
-    if (size < 2 || (nal[0] & 0x80) != 0 || (nal[1] & 7) == 0) return false;
-    header->type = (nal[0] >> 1) & 0x3F;
-    header->layer_id = static_cast<uint8_t>((nal[0] & 1) << 5 | nal[1] >> 3);
-    header->temporal_id = static_cast<uint8_t>((nal[1] & 7) - 1);
-    return true;
-}
-
-bool ParseSps(const uint8_t* nal, size_t size, Sps* sps) {
-    BitReader bits(nal, size);
+/// The set up to the sub-layer ordering; the reader stands behind it.
+bool ReadSps(BitReader& bits, const uint8_t* nal, size_t size, Sps* sps) {
     if (!ReadBaseHeader(bits, nal, size, kNalSps)) return false;
     Sps out;
     out.vps_id = static_cast<uint8_t>(bits.U(4));
     const uint32_t maxSubLayersMinus1 = bits.U(3);
-    if (maxSubLayersMinus1 > 6) return false;
+    if (maxSubLayersMinus1 > kMaxSubLayersMinus1) return false;
     out.max_sub_layers = static_cast<uint8_t>(maxSubLayersMinus1 + 1);
     bits.Skip(1);  // sps_temporal_id_nesting_flag
     SkipProfileTierLevel(bits, maxSubLayersMinus1);
@@ -101,6 +95,157 @@ bool ParseSps(const uint8_t* nal, size_t size, Sps* sps) {
     if (!ReadSubLayerOrdering(bits, out)) return false;
     *sps = out;
     return true;
+}
+
+void SkipUe(BitReader& bits, int count) {
+    for (int i = 0; i < count; ++i)
+        bits.Ue();
+}
+
+/// scaling_list_data(), 7.3.4.
+void SkipScalingLists(BitReader& bits) {
+    for (int sizeId = 0; sizeId < 4; ++sizeId) {
+        for (int matrix = 0; matrix < 6 && bits.Ok(); matrix += sizeId == 3 ? 3 : 1) {
+            const bool coded = bits.Flag();
+            if (!coded) bits.Ue();  // scaling_list_pred_matrix_id_delta
+            const int coefficients = std::min(64, 1 << (4 + 2 * sizeId));
+            if (coded) SkipUe(bits, coefficients + (sizeId > 1 ? 1 : 0));
+        }
+    }
+}
+
+/// st_ref_pic_set(), 7.3.7: the differences of picture order count to the pictures before, nearest
+/// first, and then to those after, nearest first.
+using RefPicSet = std::vector<int64_t>;
+
+RefPicSet ReadRefPicSet(BitReader& bits) {
+    const uint32_t negative = bits.Ue(kMaxDpbSize);
+    const uint32_t positive = bits.Ue(kMaxDpbSize - std::min(negative, kMaxDpbSize));
+    RefPicSet set;
+    int64_t difference = 0;
+    for (uint32_t i = 0; i < negative + positive && bits.Ok(); ++i) {
+        if (i == negative) difference = 0;
+        const int64_t step = int64_t{bits.Ue()} + 1;
+        difference += i < negative ? -step : step;
+        bits.Skip(1);  // used_by_curr_pic
+        set.push_back(difference);
+    }
+    return set;
+}
+
+/// A set that is told by its differences to the one before, equations 7-61 and 7-62.
+RefPicSet ReadPredictedRefPicSet(BitReader& bits, const RefPicSet& from) {
+    const bool negative = bits.Flag();
+    const int64_t distance = int64_t{bits.Ue()} + 1;
+    const int64_t delta = negative ? -distance : distance;
+    RefPicSet set;
+    for (size_t i = 0; i <= from.size() && bits.Ok(); ++i) {
+        const bool kept = bits.Flag() || bits.Flag();  // used_by_curr_pic, use_delta
+        const int64_t difference = delta + (i < from.size() ? from[i] : 0);
+        if (kept && difference != 0) set.push_back(difference);
+    }
+    std::sort(set.begin(), set.end(), [](int64_t a, int64_t b) {
+        if ((a < 0) != (b < 0)) return a < 0;
+        return a < 0 ? a > b : a < b;
+    });
+    return set;
+}
+
+bool SkipRefPicSets(BitReader& bits) {
+    constexpr uint32_t kMaxSets = 64;
+    const uint32_t count = bits.Ue(kMaxSets);
+    RefPicSet set;
+    for (uint32_t i = 0; i < count && bits.Ok(); ++i) {
+        const bool predicted = i > 0 && bits.Flag();
+        set = predicted ? ReadPredictedRefPicSet(bits, set) : ReadRefPicSet(bits);
+        if (set.size() > kMaxDpbSize) return false;
+    }
+    return bits.Ok();
+}
+
+/// log2_min_luma_coding_block_size_minus3 to strong_intra_smoothing_enabled_flag.
+bool SkipSpsTools(BitReader& bits, const Sps& sps) {
+    SkipUe(bits, 6);  // sizes of coding and transform blocks
+    const bool scalingEnabled = bits.Flag();
+    if (scalingEnabled && bits.Flag()) SkipScalingLists(bits);
+    bits.Skip(2);  // amp_enabled, sample_adaptive_offset_enabled
+    if (bits.Flag()) {
+        bits.Skip(8);  // bit depths of PCM
+        SkipUe(bits, 2);
+        bits.Skip(1);
+    }
+    if (!SkipRefPicSets(bits)) return false;
+    if (bits.Flag()) {
+        const uint32_t count = bits.Ue(32);
+        for (uint32_t i = 0; i < count && bits.Ok(); ++i)
+            bits.Skip(sps.log2_max_pic_order_cnt_lsb + 1u);
+    }
+    bits.Skip(2);  // sps_temporal_mvp_enabled, strong_intra_smoothing_enabled
+    return bits.Ok();
+}
+
+/// vui_parameters() up to vui_timing_info_present_flag, E.2.1.
+void SkipVuiBeforeTiming(BitReader& bits) {
+    constexpr uint32_t kExtendedSar = 255;
+    if (bits.Flag() && bits.U(8) == kExtendedSar) bits.Skip(32);
+    if (bits.Flag()) bits.Skip(1);  // overscan
+    if (bits.Flag()) {
+        bits.Skip(4);                    // video_format, video_full_range_flag
+        if (bits.Flag()) bits.Skip(24);  // colour description
+    }
+    if (bits.Flag()) SkipUe(bits, 2);  // chroma sample location
+    bits.Skip(3);                      // neutral_chroma_indication, field_seq, frame_field_info
+    if (bits.Flag()) SkipUe(bits, 4);  // default display window
+}
+
+bool ReadTiming(BitReader& bits, Timing* timing) {
+    if (!bits.Flag()) return false;
+    timing->num_units_in_tick = bits.U(32);
+    timing->time_scale = bits.U(32);
+    return bits.Ok();
+}
+
+}  // namespace
+
+bool ParseNalHeader(const uint8_t* nal, size_t size, NalHeader* header) {
+    if (size < 2 || (nal[0] & 0x80) != 0 || (nal[1] & 7) == 0) return false;
+    header->type = (nal[0] >> 1) & 0x3F;
+    header->layer_id = static_cast<uint8_t>((nal[0] & 1) << 5 | nal[1] >> 3);
+    header->temporal_id = static_cast<uint8_t>((nal[1] & 7) - 1);
+    return true;
+}
+
+bool ParseSps(const uint8_t* nal, size_t size, Sps* sps) {
+    BitReader bits(nal, size);
+    return ReadSps(bits, nal, size, sps);
+}
+
+bool ParseSpsTiming(const uint8_t* nal, size_t size, Timing* timing) {
+    BitReader bits(nal, size);
+    Sps sps;
+    if (!ReadSps(bits, nal, size, &sps) || !SkipSpsTools(bits, sps)) return false;
+    if (!bits.Flag()) return false;  // vui_parameters_present_flag
+    SkipVuiBeforeTiming(bits);
+    return ReadTiming(bits, timing);
+}
+
+bool ParseVpsTiming(const uint8_t* nal, size_t size, Timing* timing) {
+    BitReader bits(nal, size);
+    if (!ReadBaseHeader(bits, nal, size, kNalVps)) return false;
+    bits.Skip(4 + 2 + 6);  // vps_video_parameter_set_id to vps_max_layers_minus1
+    const uint32_t maxSubLayersMinus1 = bits.U(3);
+    if (maxSubLayersMinus1 > kMaxSubLayersMinus1) return false;
+    bits.Skip(1 + 16);  // vps_temporal_id_nesting_flag, vps_reserved_0xffff_16bits
+    SkipProfileTierLevel(bits, maxSubLayersMinus1);
+    Sps ordering;
+    ordering.max_sub_layers = static_cast<uint8_t>(maxSubLayersMinus1 + 1);
+    if (!ReadSubLayerOrdering(bits, ordering)) return false;
+    constexpr uint32_t kMaxLayerSetsMinus1 = 1023;
+    const uint32_t layerIds = bits.U(6) + 1;
+    const uint32_t layerSetsMinus1 = bits.Ue(kMaxLayerSetsMinus1);
+    if (!bits.Ok()) return false;
+    bits.Skip(size_t{layerSetsMinus1} * layerIds);  // layer_id_included_flag
+    return ReadTiming(bits, timing);
 }
 
 bool ParsePps(const uint8_t* nal, size_t size, Pps* pps) {

@@ -97,6 +97,17 @@ struct SliceHeader {
 bool ParseSps(const uint8_t* nal, size_t size, Sps* sps);
 bool ParsePps(const uint8_t* nal, size_t size, Pps* pps);
 
+/// How long a picture lasts: num_units_in_tick / time_scale seconds.
+struct Timing {
+    uint32_t num_units_in_tick = 0;
+    uint32_t time_scale = 0;
+};
+
+/// The timing in the VUI of a sequence parameter set, E.2.1; false when there is none.
+bool ParseSpsTiming(const uint8_t* nal, size_t size, Timing* timing);
+/// The timing in a video parameter set, 7.3.2.1; false when there is none.
+bool ParseVpsTiming(const uint8_t* nal, size_t size, Timing* timing);
+
 /// The parameter sets of the base layer that a stream has sent so far.
 class ParameterSets {
 public:

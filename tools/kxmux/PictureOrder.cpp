@@ -69,6 +69,8 @@ public:
         info->second_field = IsSecondField(slice);
         info->first_field = slice.field_pic && !info->second_field;
         info->max_reorder = sps->MaxReorderFrames();
+        info->width = sps->width;
+        info->height = sps->height;
         m_firstField.reset();
         if (info->first_field) m_firstField = slice;
         return true;
@@ -231,6 +233,8 @@ public:
         info->random_access = nal.IsIrap();
         info->shown = slice.pic_output && !(nal.IsRasl() && m_skipsRasl);
         info->max_reorder = sps->max_num_reorder_pics;
+        info->width = sps->width;
+        info->height = sps->height;
         return true;
     }
 
@@ -293,9 +297,9 @@ bool PresentationOrder::Push(const PictureInfo& info) {
 }
 
 bool PresentationOrder::Finish() {
-    if (!m_error.empty() || !CloseOpenFrame()) return false;
+    const bool closed = m_error.empty() && CloseOpenFrame();
     RankAll();
-    return true;
+    return closed;
 }
 
 bool PresentationOrder::Pop(OrderedTimes* times) {

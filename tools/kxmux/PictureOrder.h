@@ -43,6 +43,8 @@ struct PictureInfo {
     bool shown = true;
     /// The most frames that precede any frame in decode order and follow it in presentation order.
     uint32_t max_reorder = 0;
+    uint32_t width = 0;   ///< Luma samples that are shown.
+    uint32_t height = 0;  ///< Luma samples that are shown.
 };
 
 /// Reads the picture order count of one access unit after the other (ITU-T H.264 8.2.1, H.265
@@ -99,7 +101,7 @@ public:
     /// @return False when the pictures contradict what the stream declares; Error() then names the
     ///         frame, counted from 0 in decode order, and the reason in one line.
     bool Push(const PictureInfo& info);
-    /// Ends the stream: every rank becomes known.
+    /// Ends the stream, also after a failure: the rank of every frame that was taken becomes known.
     bool Finish();
     /// Takes the times of the next frame in decode order; false when they are not known yet.
     bool Pop(OrderedTimes* times);

@@ -1,6 +1,7 @@
 #include "ProResCutter.h"
 
 #include <cstring>
+#include <iterator>
 #include <string>
 
 namespace kxmux {
@@ -13,6 +14,7 @@ constexpr size_t kHeaderSize = 8;
 constexpr size_t kWidth = 16;
 constexpr size_t kHeight = 18;
 constexpr size_t kChromaFormat = 20;
+constexpr size_t kFrameRateCode = 21;
 constexpr size_t kSmallestHeader = 20;
 constexpr size_t kSmallestFrame = kHeaderSize + kSmallestHeader;
 constexpr uint32_t kChroma422 = 2;
@@ -23,6 +25,15 @@ uint16_t Read16(const uint8_t* at) {
 }
 uint32_t Read32(const uint8_t* at) {
     return uint32_t{Read16(at)} << 16 | Read16(at + 2);
+}
+
+/// frame_rate_code, RDD 36 6.1.1.
+std::optional<FrameRate> RateOfCode(uint8_t code) {
+    constexpr FrameRate kRates[] = {{24000, 1001}, {24, 1},        {25, 1},       {30000, 1001},
+                                    {30, 1},       {50, 1},        {60000, 1001}, {60, 1},
+                                    {100, 1},      {120000, 1001}, {120, 1}};
+    if (code == 0 || code > std::size(kRates)) return {};
+    return kRates[code - 1];
 }
 
 }  // namespace
@@ -54,7 +65,12 @@ bool ProResCutter::Next(ProResFrame& frame) {
                           std::to_string(size) + " bytes");
     }
     data = m_reader.Data();
-    frame = {data, size, Read16(data + kWidth), Read16(data + kHeight), chroma == kChroma444};
+    frame = {data,
+             size,
+             Read16(data + kWidth),
+             Read16(data + kHeight),
+             chroma == kChroma444,
+             RateOfCode(data[kFrameRateCode] & 0x0F)};
     m_unread = size;
     return true;
 }

@@ -5,8 +5,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 
 #include "ByteSource.h"
+#include "FrameRate.h"
 
 namespace kxmux {
 
@@ -14,9 +16,10 @@ namespace kxmux {
 struct ProResFrame {
     const uint8_t* data = nullptr;
     size_t size = 0;
-    uint16_t width = 0;   ///< Luma samples.
-    uint16_t height = 0;  ///< Luma samples.
-    bool is444 = false;   ///< chroma_format 4:4:4 rather than 4:2:2
+    uint16_t width = 0;             ///< Luma samples.
+    uint16_t height = 0;            ///< Luma samples.
+    bool is444 = false;             ///< chroma_format 4:4:4 rather than 4:2:2
+    std::optional<FrameRate> rate;  ///< frame_rate_code; nothing when it says none.
 };
 
 class ProResCutter {

@@ -2,11 +2,18 @@
 
 namespace kxmux {
 
-ProResFeed::ProResFeed(const VideoOptions& options)
-    : VideoFeed(options), m_source(options.path), m_cutter(m_source) {
-    if (!Prepare()) throw Error(0, "the input is empty");
+ProResFeed::ProResFeed(const VideoOptions& options, Input& input)
+    : VideoFeed(options), m_cutter(input) {
+    RequireFirst("the input is empty");
+    SetRate(m_frame.rate);
     SetSize(m_frame.width, m_frame.height);
     m_format = options.proResFormat.value_or(m_frame.is444 ? MP4_PRORES_4444 : MP4_PRORES_422);
+}
+
+bool ProResFeed::ReadFrame() {
+    if (!m_cutter.Next(m_frame)) return false;
+    NoteSize(Frames(), m_frame.width, m_frame.height);
+    return true;
 }
 
 mp4_status_t ProResFeed::Declare(CMp4Muxer& muxer) {
@@ -15,12 +22,10 @@ mp4_status_t ProResFeed::Declare(CMp4Muxer& muxer) {
     return muxer.SetVideoTrack(&info);
 }
 
-mp4_status_t ProResFeed::Write(CMp4Muxer& muxer) {
+mp4_status_t ProResFeed::Write(CMp4Muxer& muxer) const {
     const uint64_t time = NextTime().ticks;
     const auto size = static_cast<uint32_t>(m_frame.size);
-    const mp4_status_t status = muxer.WriteVideoFrame(m_frame.data, size, time, time);
-    if (status == MP4_STATUS_SUCCESS) CountFrame(m_frame.size);
-    return status;
+    return muxer.WriteVideoFrame(m_frame.data, size, time, time);
 }
 
 }  // namespace kxmux

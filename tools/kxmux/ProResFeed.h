@@ -3,7 +3,6 @@
 #ifndef KXMUX_PRORESFEED_H
 #define KXMUX_PRORESFEED_H
 
-#include "ByteSource.h"
 #include "ProResCutter.h"
 #include "VideoFeed.h"
 
@@ -11,15 +10,14 @@ namespace kxmux {
 
 class ProResFeed final : public VideoFeed {
 public:
-    explicit ProResFeed(const VideoOptions& options);
+    ProResFeed(const VideoOptions& options, Input& input);
 
     mp4_status_t Declare(CMp4Muxer& muxer) override;
-    mp4_status_t Write(CMp4Muxer& muxer) override;
+    mp4_status_t Write(CMp4Muxer& muxer) const override;
 
 private:
-    bool ReadFrame() override { return m_cutter.Next(m_frame); }
+    bool ReadFrame() override;
 
-    FileSource m_source;
     ProResCutter m_cutter;
     ProResFrame m_frame;
     mp4_prores_format m_format = MP4_PRORES_422;

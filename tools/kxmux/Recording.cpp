@@ -1,11 +1,8 @@
 #include "Recording.h"
 
-#include <sys/stat.h>
-
 #include <cstdio>
 
-#include "FileCallbacks.h"
-#include "WidePath.h"
+#include "StopSignal.h"
 #include "kx_mp4/buffered_io.h"
 
 namespace kxmux {
@@ -13,19 +10,6 @@ namespace {
 
 /// Inputs that together are larger may not fit 32-bit offsets with what the boxes add.
 constexpr uint64_t kMax32bitInput = 0xFF000000;
-
-bool IsSameFile(const std::string& a, const std::string& b) {
-    struct stat statusA {};
-    struct stat statusB {};
-    return ::stat(a.c_str(), &statusA) == 0 && ::stat(b.c_str(), &statusB) == 0 &&
-           statusA.st_dev == statusB.st_dev && statusA.st_ino == statusB.st_ino;
-}
-
-uint64_t FileSize(const std::string& path) {
-    struct stat status {};
-    const bool isFile = ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
-    return isFile ? static_cast<uint64_t>(status.st_size) : 0;
-}
 
 /// Opens an input; its faults are told under its name.
 template <class Open>
@@ -57,99 +41,134 @@ std::string NoteLine(const std::string& note) {
 
 }  // namespace
 
-Recording::Recording(RecordingOptions options) : m_options(std::move(options)) {}
+Recording::Recording(RecordingOptions options)
+    : m_options(std::move(options)), m_output(m_options.output) {}
 
-void Recording::Run(const std::function<void(const Progress&)>& report) {
+RecordingResult Recording::Run(const Observer& observer) {
+    m_observer = observer;
     OpenInputs();
-    CheckOutput();
+    m_output.Check(m_inputs);
+    OpenFeeds();
+    ReadTimecode();
+    WarnBeforehand();
     Create();
     try {
         Declare();
-        WriteFrames(report);
-    } catch (const RecordingError& error) {
+        WriteFrames();
+    } catch (const std::exception& error) {
         throw RecordingError(error.what() + HowItWasLeft());
     }
     Finish();
+    if (m_interrupted) return RecordingResult::kInterrupted;
+    return m_flawed ? RecordingResult::kFlawed : RecordingResult::kComplete;
 }
 
+/// Opens all before any is read: a program that writes to two named pipes opens one after the
+/// other, and waits at each for its reader.
 void Recording::OpenInputs() {
-    const auto& video = m_options.video;
-    m_video = OpenInput(video.path, [&] { return VideoFeed::Open(video); });
-    m_feeds.push_back(m_video.get());
-    if (!m_options.audio.empty()) {
-        m_audio = OpenInput(m_options.audio, [&] {
-            return std::make_unique<AudioFeed>(m_options.audio, video.deferred);
+    const auto open = [this](const std::string& path) -> Input* {
+        if (path.empty()) return nullptr;
+        return OpenInput(path, [&] { return &m_inputs.Open(path); });
+    };
+    m_videoInput = open(m_options.video.path);
+    m_audioInput = open(m_options.audio);
+    m_captionInput = open(m_options.captions);
+}
+
+void Recording::OpenFeeds() {
+    if (m_videoInput != nullptr) {
+        m_video = OpenInput(m_videoInput->Path(),
+                            [&] { return VideoFeed::Open(m_options.video, *m_videoInput); });
+        m_feeds.push_back(m_video.get());
+    }
+    if (m_audioInput != nullptr) {
+        m_audio = OpenInput(m_audioInput->Path(), [&] {
+            return std::make_unique<AudioFeed>(*m_audioInput, m_options.video.deferred);
         });
         m_feeds.push_back(m_audio.get());
     }
-    if (!m_options.captions.empty()) {
-        const uint32_t timescale = TicksOf(video.rate).timescale;
-        m_captions = std::make_unique<CaptionFeed>(m_options.captions, timescale);
+    if (m_captionInput != nullptr) {
+        const uint32_t timescale = m_video ? m_video->Timescale() : SccFile::kTimescale;
+        m_captions = OpenInput(m_captionInput->Path(), [&] {
+            return std::make_unique<CaptionFeed>(*m_captionInput, timescale);
+        });
         m_feeds.push_back(m_captions.get());
-    }
-    for (const TrackFeed* feed : m_feeds) {
-        m_inputSize += FileSize(feed->Path());
     }
 }
 
-void Recording::CheckOutput() const {
-    for (const TrackFeed* feed : m_feeds) {
-        if (IsSameFile(feed->Path(), m_options.output)) {
-            throw RecordingError(m_options.output + ": is an input and would be overwritten");
-        }
+void Recording::ReadTimecode() {
+    if (m_options.timecode.empty()) return;
+    std::string error;
+    if (!m_timecode.emplace().Parse(m_options.timecode, m_video->Rate(), &error)) {
+        throw RecordingError("--timecode: " + error);
+    }
+}
+
+void Recording::WarnBeforehand() {
+    if (m_video && m_options.video.codec == MP4_MVC_PRORES && !m_output.IsQuickTime()) {
+        m_observer.warning(m_output.Path() +
+                           ": few players take ProRes in an MP4 file; --format mov makes a "
+                           "QuickTime movie");
+    }
+    if (m_options.output.mode == OutputMode::kBuffered && m_output.HasRepairInfo()) {
+        m_observer.warning(m_output.RepairInfoPath() + ": with --buffered, the newest " +
+                           std::to_string(KX_MP4_BUFFERED_IO_SIZE >> 10) +
+                           " KiB of the recording are not protected");
     }
 }
 
 uint32_t Recording::Flags() const {
     uint32_t flags = 0;
     if (m_options.use64bit) flags |= MP4_FLAG_64BIT_TIME | MP4_FLAG_64BIT_SIZE;
-    if (m_inputSize > kMax32bitInput) flags |= MP4_FLAG_64BIT_SIZE;
-    if (m_options.repairInfo) flags |= MP4_FLAG_REPAIR_INFO;
+    // An MP4 file grows past 4 GiB by itself, a QuickTime movie has to be prepared for it.
+    const bool mayGrow = m_output.IsQuickTime() && m_inputs.HasPipe();
+    if (m_inputs.Size() > kMax32bitInput || mayGrow) flags |= MP4_FLAG_64BIT_SIZE;
     return flags;
 }
 
 void Recording::Create() {
-    const auto path = WidenPath(m_options.output);
-    if (!path) throw RecordingError(m_options.output + ": no locale can spell this path");
-    m_widePath = *path;
-
-    mp4_config_t config = {};
-    config.flags = Flags();
-    if (m_options.mode != OutputMode::kFile) config.io_mode = MP4_IO_EXTERNAL;
-    if (m_options.mode == OutputMode::kCallbacks) config.func = FileCallbacks();
-    if (m_options.mode == OutputMode::kBuffered) config.func = kx_mp4_buffered_io();
-    Require(m_muxer.Create(m_widePath.c_str(), &config), m_options.output + ": cannot be created");
+    m_output.Create(m_muxer, Flags());
+    m_guarded = m_output.HasRepairInfo();
+    StopSignal::SetFarewell("kxmux: " + m_output.Path() + ": is unfinished, it has no index; " +
+                            m_output.RepairHint() + "\n");
 }
 
 void Recording::Declare() {
     for (TrackFeed* feed : m_feeds) {
         Require(feed->Declare(m_muxer), feed->Path() + ": the track is refused");
     }
-    if (m_options.timecode) {
-        const mp4_time_code_track_info_t info = m_options.timecode->TrackInfo();
-        Require(m_muxer.SetTCMDTrack(&info), m_options.output + ": the timecode track is refused");
+    if (m_timecode) {
+        const mp4_time_code_track_info_t info = m_timecode->TrackInfo();
+        Require(m_muxer.SetTCMDTrack(&info), m_output.Path() + ": the timecode track is refused");
     }
     for (const auto& [key, value] : m_options.metadata) {
         Require(
             m_muxer.SetMetadata(key.c_str(), value.c_str(), 0, MP4_META_DATA_TYPE_STRING, nullptr),
-            m_options.output + ": metadata '" + key + "' is refused");
+            m_output.Path() + ": metadata '" + key + "' is refused");
     }
 }
 
-void Recording::WriteFrames(const std::function<void(const Progress&)>& report) {
-    if (m_options.timecode) {
-        Require(m_muxer.WriteTimeCode(m_options.timecode->FrameCount()),
-                m_options.output + ": timecode");
+void Recording::WriteFrames() {
+    if (m_timecode) {
+        Require(m_muxer.WriteTimeCode(m_timecode->FrameCount()), m_output.Path() + ": timecode");
     }
     while (TrackFeed* feed = Earliest()) {
-        const uint64_t frame = feed->Frames();
+        if (Stopped()) break;
         const mp4_status_t status = feed->Write(m_muxer);
-        if (status != MP4_STATUS_SUCCESS) {
-            Require(status,
-                    m_options.output + ": frame " + std::to_string(frame) + " of " + feed->Path());
+        if (!IsDone(status)) {
+            Require(status, m_output.Path() + ": frame " + std::to_string(feed->Frames()) + " of " +
+                                feed->Path());
         }
-        report(Now());
+        feed->Advance();
+        m_observer.progress(Now());
     }
+    m_interrupted = StopSignal::Number() != 0;
+    TellFaults();
+}
+
+/// Whether to stop here: files stay where they are, but what pipes have sent exists nowhere else.
+bool Recording::Stopped() {
+    return StopSignal::Number() != 0 && !m_inputs.HasPipe();
 }
 
 /// The input whose next frame comes first; null when video and audio are at their end. Captions
@@ -158,7 +177,10 @@ TrackFeed* Recording::Earliest() {
     TrackFeed* earliest = nullptr;
     bool onlyCaptions = true;
     for (TrackFeed* feed : m_feeds) {
-        if (!feed->Prepare()) continue;
+        const bool ready = feed->Prepare();
+        for (const std::string& warning : feed->TakeWarnings())
+            m_observer.warning(warning);
+        if (!ready) continue;
         onlyCaptions = onlyCaptions && feed == m_captions.get();
         if (earliest == nullptr || IsEarlier(feed->NextTime(), earliest->NextTime())) {
             earliest = feed;
@@ -167,50 +189,79 @@ TrackFeed* Recording::Earliest() {
     return onlyCaptions ? nullptr : earliest;
 }
 
+void Recording::TellFaults() {
+    for (const TrackFeed* feed : m_feeds) {
+        if (feed->Fault().empty()) continue;
+        m_flawed = true;
+        m_observer.warning(feed->Fault() + "; its track ends there");
+    }
+}
+
+const TrackFeed& Recording::LeadingFeed() const {
+    return *m_feeds.front();
+}
+
 Progress Recording::Now() {
-    return {m_video->NextTime().Seconds(), m_video->Frames(), m_muxer.GetCurFileSize()};
+    const TrackFeed& feed = LeadingFeed();
+    return {feed.NextTime().Seconds(), feed.Frames(), m_muxer.GetCurFileSize()};
 }
 
 void Recording::Finish() {
     m_durationMs = m_muxer.GetDurationMS();
     m_videoBitrate = m_muxer.GetVideoBitrate();
     m_audioBitrate = m_muxer.GetAudioBitrate();
-    const mp4_status_t status = m_muxer.Close();
+    const mp4_status_t status = m_output.Close(m_muxer);
+    StopSignal::SetFarewell("");
     if (status != MP4_STATUS_SUCCESS) {
-        const std::string kept =
-            m_options.repairInfo ? "; " + m_options.output + ".info is kept for its repair" : "";
-        throw RecordingError(m_options.output + ": cannot be closed: " + mp4_status_string(status) +
-                             "; " + m_options.output + " is unfinished, it has no index" + kept);
+        throw RecordingError(m_output.Path() + ": cannot be closed: " + mp4_status_string(status) +
+                             "; " + m_output.Path() + " is unfinished, it has no index; " +
+                             m_output.RepairHint());
     }
+    m_size = m_muxer.GetCurFileSize();
+    for (const TrackFeed* feed : m_feeds) {
+        if (feed->Frames() > 0) return;
+    }
+    m_output.Discard();
+    if (m_interrupted) throw Interrupted();
+    throw RecordingError(m_output.Path() + ": nothing was recorded");
 }
 
 /// Closes the output after a failure and says what is in it.
 std::string Recording::HowItWasLeft() {
-    const std::string& output = m_options.output;
-    if (m_muxer.Close() == MP4_STATUS_SUCCESS) {
-        return "; " + output + " is unfinished, it holds " + std::to_string(m_video->Frames()) +
-               " video frames from before";
-    }
-    const std::string kept =
-        m_options.repairInfo ? "; " + output + ".info is kept for its repair" : "";
-    return "; " + output + " is unfinished, it has no index" + kept;
+    const std::string left = "; " + m_output.Path() + " is unfinished, it ";
+    const mp4_status_t status = m_output.Close(m_muxer);
+    StopSignal::SetFarewell("");
+    if (status != MP4_STATUS_SUCCESS) return left + "has no index; " + m_output.RepairHint();
+    m_output.Discard();
+    return left + "holds " + std::to_string(LeadingFeed().Frames()) + " frames of " +
+           LeadingFeed().Path() + " from before";
 }
 
-void Recording::Require(mp4_status_t status, const std::string& subject) const {
-    if (status != MP4_STATUS_SUCCESS)
-        throw RecordingError(subject + ": " + mp4_status_string(status));
+/// Whether a call has done its work: the failure of the repair info file alone stops nothing.
+bool Recording::IsDone(mp4_status_t status) {
+    if (status == MP4_STATUS_SUCCESS) return true;
+    if (!m_guarded || m_muxer.IsRepairInfoActive() || !m_muxer.IsOpen()) return false;
+    m_guarded = false;
+    m_flawed = true;
+    m_observer.warning(m_output.RepairInfoPath() + ": cannot be written: " +
+                       mp4_status_string(status) + "; the recording goes on unprotected");
+    return true;
+}
+
+void Recording::Require(mp4_status_t status, const std::string& subject) {
+    if (!IsDone(status)) throw RecordingError(subject + ": " + mp4_status_string(status));
 }
 
 std::string Recording::Summary() const {
-    // The muxer decides by the same test.
-    const bool quickTime = m_widePath.find(L"mov") != std::wstring::npos;
-    const uint64_t size = FileSize(m_options.output);
-    std::string text = m_options.output + ": " + (quickTime ? "QuickTime movie" : "MP4 file") +
+    std::string text = m_output.Path() + ": " +
+                       (m_output.IsQuickTime() ? "QuickTime movie" : "MP4 file") +
                        Format(", %.3f s, ", static_cast<double>(m_durationMs) / 1000) +
-                       std::to_string(size) + " bytes\n";
-    text += TrackLine("video     ", m_video->Describe(), m_video->Frames(), m_video->Duration(),
-                      m_videoBitrate);
-    text += NoteLine(m_video->Note());
+                       std::to_string(m_size) + " bytes\n";
+    if (m_video) {
+        text += TrackLine("video     ", m_video->Describe(), m_video->Frames(), m_video->Duration(),
+                          m_videoBitrate);
+        text += NoteLine(m_video->Note());
+    }
     if (m_audio) {
         text += TrackLine("audio     ", m_audio->Describe(), m_audio->Frames(), m_audio->Duration(),
                           m_audioBitrate);
@@ -223,7 +274,11 @@ std::string Recording::Summary() const {
                              " caption packets after the end of picture and sound left out");
         }
     }
-    if (m_options.timecode) text += "  timecode  from " + m_options.timecodeText + "\n";
+    if (m_timecode) text += "  timecode  from " + m_options.timecode + "\n";
+    if (m_output.HasRepairInfo() && !m_guarded) {
+        text += NoteLine("from the failure of its repair info file on it was not protected");
+    }
+    if (m_interrupted) text += NoteLine("ended by a signal");
     return text;
 }
 

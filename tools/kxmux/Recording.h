@@ -13,72 +13,95 @@
 
 #include "AudioFeed.h"
 #include "CaptionFeed.h"
+#include "InputSet.h"
 #include "Mp4Muxer.h"
+#include "Output.h"
 #include "Timecode.h"
 #include "VideoFeed.h"
 
 namespace kxmux {
 
-/// How the bytes reach the output.
-enum class OutputMode {
-    kFile,       ///< the library's own file
-    kCallbacks,  ///< callbacks over a plain file
-    kBuffered,   ///< the library's buffered file, which is callbacks too
-};
-
+/// At least one of video and audio is given.
 struct RecordingOptions {
-    std::string output;
-    VideoOptions video;
+    OutputOptions output;
+    VideoOptions video;    ///< empty path: no video
     std::string audio;     ///< empty: no audio
     std::string captions;  ///< empty: no captions
-    std::optional<Timecode> timecode;
-    std::string timecodeText;
+    std::string timecode;  ///< of the first frame; empty: none
     std::vector<std::pair<std::string, std::string>> metadata;
-    OutputMode mode = OutputMode::kFile;
     bool use64bit = false;
-    bool repairInfo = false;
 };
 
 /// What a line of progress shows.
 struct Progress {
     double seconds = 0;
-    uint64_t videoFrames = 0;
+    uint64_t frames = 0;  ///< of the video, of the audio where there is no video
     int64_t bytes = 0;
+};
+
+/// Who is told what happens while it happens.
+struct Observer {
+    std::function<void(const Progress&)> progress;    ///< after every frame
+    std::function<void(const std::string&)> warning;  ///< one line each
+};
+
+/// What became of a recording that was closed.
+enum class RecordingResult {
+    kComplete,
+    kFlawed,       ///< a warning told what is missing
+    kInterrupted,  ///< the user ended it
 };
 
 class Recording {
 public:
     explicit Recording(RecordingOptions options);
 
-    /// Records everything and closes the file. `report` is called after every frame.
+    /// Records everything and closes the file. An input that fails ends there, with a warning, and
+    /// so does the repair info file; the rest is recorded.
     /// Throws RecordingError; what was recorded before a failure is then closed as well as it can
-    /// be, and the error says how the output was left.
-    void Run(const std::function<void(const Progress&)>& report);
+    /// be, and the error says how the output was left. Throws Interrupted when the user ends it
+    /// before the first frame; no file is left then.
+    RecordingResult Run(const Observer& observer);
     /// A few lines about the closed file: tracks, frames, durations, size, bitrates.
     std::string Summary() const;
 
 private:
     void OpenInputs();
-    void CheckOutput() const;
+    void OpenFeeds();
+    void ReadTimecode();
+    void WarnBeforehand();
     void Create();
     void Declare();
-    void WriteFrames(const std::function<void(const Progress&)>& report);
+    void WriteFrames();
     TrackFeed* Earliest();
+    bool Stopped();
+    void TellFaults();
     void Finish();
     uint32_t Flags() const;
-    void Require(mp4_status_t status, const std::string& subject) const;
+    bool IsDone(mp4_status_t status);
+    void Require(mp4_status_t status, const std::string& subject);
     std::string HowItWasLeft();
+    const TrackFeed& LeadingFeed() const;
     Progress Now();
 
     RecordingOptions m_options;
-    std::wstring m_widePath;
+    Output m_output;
+    InputSet m_inputs;
+    Input* m_videoInput = nullptr;
+    Input* m_audioInput = nullptr;
+    Input* m_captionInput = nullptr;
     std::unique_ptr<VideoFeed> m_video;
     std::unique_ptr<AudioFeed> m_audio;
     std::unique_ptr<CaptionFeed> m_captions;
     std::vector<TrackFeed*> m_feeds;
+    std::optional<Timecode> m_timecode;
+    Observer m_observer;
     CMp4Muxer m_muxer;
-    uint64_t m_inputSize = 0;
+    bool m_guarded = false;  // the repair info file is complete so far
+    bool m_flawed = false;
+    bool m_interrupted = false;
     uint64_t m_durationMs = 0;
+    int64_t m_size = 0;
     double m_videoBitrate = 0;  // KiB per second
     double m_audioBitrate = 0;
 };

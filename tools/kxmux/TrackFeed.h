@@ -6,9 +6,12 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
-#include "ByteSource.h"
+#include "InputSet.h"
 #include "Mp4Muxer.h"
+#include "StopSignal.h"
 
 namespace kxmux {
 
@@ -34,6 +37,8 @@ inline bool IsEarlier(const MediaTime& a, const MediaTime& b) {
     return a.ticks % a.timescale * b.timescale < b.ticks % b.timescale * a.timescale;
 }
 
+/// Frames of one input. An input that fails ends there: what it held before is recorded, and the
+/// other inputs go on.
 class TrackFeed {
 public:
     explicit TrackFeed(std::string path) : m_path(std::move(path)) {}
@@ -43,49 +48,68 @@ public:
 
     /// Declares the track to the muxer.
     virtual mp4_status_t Declare(CMp4Muxer& muxer) = 0;
-    /// Makes the next frame ready; false at the end of the input. Throws RecordingError.
+    /// Makes the next frame ready; false when there is none any more.
     bool Prepare();
     /// When the prepared frame is decoded.
     virtual MediaTime NextTime() const = 0;
-    /// Writes the prepared frame.
-    virtual mp4_status_t Write(CMp4Muxer& muxer) = 0;
+    /// Hands the prepared frame to the muxer.
+    virtual mp4_status_t Write(CMp4Muxer& muxer) const = 0;
+    /// The prepared frame is recorded.
+    void Advance() {
+        ++m_frames;
+        m_ready = false;
+    }
 
     const std::string& Path() const { return m_path; }
-    /// Frames that were written; the index, counted from 0, of the one that comes next.
+    /// Frames that were recorded; the index, counted from 0, of the one that comes next.
     uint64_t Frames() const { return m_frames; }
-    uint64_t Bytes() const { return m_bytes; }
+    /// Why the input ended early, as one line; empty when it did not.
+    const std::string& Fault() const { return m_fault; }
+    /// What the user should know at once, as one line each; it is told once.
+    std::vector<std::string> TakeWarnings() { return std::exchange(m_warnings, {}); }
 
 protected:
-    /// Reads the next frame; false at the end of the input. Throws StreamError.
+    /// Reads the next frame; false at the end of the input. Throws StreamError and Interrupted.
     virtual bool ReadFrame() = 0;
     /// The frame that a failure of ReadFrame is told of.
     virtual uint64_t FrameToRead() const { return Frames(); }
 
-    /// The prepared frame was written.
-    void CountFrame(size_t bytes) {
-        ++m_frames;
-        m_bytes += bytes;
-        m_ready = false;
-    }
+    /// Makes the first frame ready. Throws RecordingError, with this reason when the input ends
+    /// before, and Interrupted.
+    void RequireFirst(const std::string& reason);
     /// A failure of this input at a frame.
     RecordingError Error(uint64_t frame, const std::string& reason) const {
         return RecordingError(m_path + ": frame " + std::to_string(frame) + ": " + reason);
     }
+    void Warn(const std::string& text) { m_warnings.push_back(m_path + ": " + text); }
 
 private:
     std::string m_path;
     uint64_t m_frames = 0;
-    uint64_t m_bytes = 0;
     bool m_ready = false;
+    bool m_ended = false;
+    bool m_interrupted = false;
+    std::string m_fault;
+    std::vector<std::string> m_warnings;
 };
 
 inline bool TrackFeed::Prepare() {
+    if (m_ready || m_ended) return m_ready;
     try {
-        m_ready = m_ready || ReadFrame();
+        m_ready = ReadFrame();
     } catch (const StreamError& error) {
-        throw Error(FrameToRead(), error.what());
+        m_fault = Error(FrameToRead(), error.what()).what();
+    } catch (const Interrupted&) {
+        m_interrupted = true;
     }
+    m_ended = !m_ready;
     return m_ready;
+}
+
+inline void TrackFeed::RequireFirst(const std::string& reason) {
+    if (Prepare()) return;
+    if (m_interrupted) throw Interrupted();
+    throw m_fault.empty() ? Error(0, reason) : RecordingError(m_fault);
 }
 
 }  // namespace kxmux

@@ -22,7 +22,7 @@ struct PictureSize {
 struct VideoOptions {
     std::string path;
     mp4_video_codec codec = MP4_MVC_UNKNOWN;
-    FrameRate rate;
+    std::optional<FrameRate> rate;    ///< Else the stream's own.
     std::optional<PictureSize> size;  ///< Else the stream's own.
     /// Declare the track without parameter sets, so that the muxer finds them in the stream.
     bool deferred = false;
@@ -34,24 +34,29 @@ struct VideoOptions {
 
 class VideoFeed : public TrackFeed {
 public:
-    /// Opens the input and reads as far as the first frame. Throws RecordingError.
-    static std::unique_ptr<VideoFeed> Open(const VideoOptions& options);
+    /// Borrows the input and reads as far as the first frame. Throws RecordingError, StreamError
+    /// and Interrupted.
+    static std::unique_ptr<VideoFeed> Open(const VideoOptions& options, Input& input);
 
     MediaTime NextTime() const override { return TimeOf(Frames()); }
     MediaTime Duration() const { return NextTime(); }
-    PictureSize Size() const { return m_size; }
+    const FrameRate& Rate() const { return m_rate; }
+    uint32_t Timescale() const { return m_ticks.timescale; }
     /// Codec, size and frame rate in words.
     std::string Describe() const;
     /// What the user should know about how the input was read; empty when there is nothing.
     virtual std::string Note() const { return {}; }
 
 protected:
-    explicit VideoFeed(const VideoOptions& options)
-        : TrackFeed(options.path), m_options(options), m_ticks(TicksOf(options.rate)) {}
+    explicit VideoFeed(const VideoOptions& options) : TrackFeed(options.path), m_options(options) {}
 
     const VideoOptions& Options() const { return m_options; }
     uint32_t TicksPerFrame() const { return m_ticks.perFrame; }
     MediaTime TimeOf(uint64_t frame) const { return {frame * m_ticks.perFrame, m_ticks.timescale}; }
+    /// Sets the rate, the user's before the one that the stream tells.
+    void SetRate(const std::optional<FrameRate>& streamRate);
+    /// Tells when the stream's picture size is another than before, once.
+    void NoteSize(uint64_t frame, uint32_t width, uint32_t height);
     /// Sets the size, the user's before the stream's, and refuses one that no track can have.
     void SetSize(uint32_t width, uint32_t height);
     /// The description without its parameter sets.
@@ -59,8 +64,12 @@ protected:
 
 private:
     VideoOptions m_options;
+    FrameRate m_rate;
     FrameTicks m_ticks;
     PictureSize m_size;
+    uint32_t m_streamWidth = 0;
+    uint32_t m_streamHeight = 0;
+    bool m_sizeChanged = false;
 };
 
 }  // namespace kxmux
