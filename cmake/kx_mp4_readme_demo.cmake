@@ -13,4 +13,4 @@ string(FIND "${printed}" "\n\n" end)
 string(SUBSTRING "${printed}" 0 ${end} first)
 string(REPLACE "${OUTPUT}/" "out/" first "${first}\n")
 kx_mp4_check_readme_block("<!-- scripts/demo.sh -->\n```\n" "```\n<!-- end -->" "${first}"
-    "cmake -DUPDATE=ON -DKXMUX=build/sanitize/tools/kxmux -DOUTPUT=out -P cmake/kx_mp4_readme_demo.cmake")
+    "cmake -DUPDATE=ON -DKXMUX=build/sanitize/tools/kxmux/kxmux -DOUTPUT=out -P cmake/kx_mp4_readme_demo.cmake")

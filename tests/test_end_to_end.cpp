@@ -23,10 +23,11 @@ using namespace program_runner;
 namespace {
 
 using ::testing::AllOf;
+using ::testing::Each;
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::Not;
 using ::testing::StartsWith;
 
 /// Runs a reader that must find nothing to complain of, and returns the lines it prints.
@@ -120,7 +121,8 @@ TEST_P(Recordings, HoldWhatTheStreamsHoldAtItsTimes) {
         Kxmux("-o " + file + " --fps 30000/1001 --video " + Sample(stream.file) + " --audio " +
               Sample("audio.aac") + " " + flags);
     ASSERT_EQ(outcome.code, 0) << outcome.errors;
-    EXPECT_THAT(outcome.errors, IsEmpty());
+    // The streams say 25, and ProRes belongs into a QuickTime movie.
+    EXPECT_THAT(SplitLines(outcome.errors), Each(StartsWith("kxmux: warning: ")));
     EXPECT_THAT(outcome.out, HasSubstr("75 frames, 2.502 s"));
 
     EXPECT_THAT(Probe("stream=codec_name,width,height,nb_frames", "-select_streams v " + file),
@@ -158,11 +160,12 @@ INSTANTIATE_TEST_SUITE_P(All, Recordings,
 
 TEST_F(EndToEnd, TheWayToTheFileChangesNoByte) {
     for (const Stream& stream : kStreams) {
-        const std::string inputs = " --fps 25 --timecode 01:00:00:00 --meta title=T --video " +
-                                   Sample(stream.file) + " --audio " + Sample("audio.aac");
+        const std::string inputs =
+            " --overwrite --fps 25 --timecode 01:00:00:00 --meta title=T --video " +
+            Sample(stream.file) + " --audio " + Sample("audio.aac");
         ASSERT_EQ(Kxmux("-o " + Path("plain.mp4") + inputs).code, 0);
         const std::string plain = ReadFile(Path("plain.mp4"));
-        for (const char* flag : {"--callback-io", "--buffered", "--repair"}) {
+        for (const char* flag : {"--callback-io", "--buffered", "--no-repair"}) {
             const Outcome outcome = Kxmux("-o " + Path("other.mp4") + inputs + " " + flag);
             ASSERT_EQ(outcome.code, 0) << outcome.errors;
             EXPECT_TRUE(ReadFile(Path("other.mp4")) == plain) << stream.file << " " << flag;
@@ -173,8 +176,8 @@ TEST_F(EndToEnd, TheWayToTheFileChangesNoByte) {
 
 TEST_F(EndToEnd, ConfigurationFoundInTheStreamIsTheSameAsTheDeclaredOne) {
     for (const Stream& stream : kStreams) {
-        const std::string inputs =
-            " --fps 25 --video " + Sample(stream.file) + " --audio " + Sample("audio.aac");
+        const std::string inputs = " --overwrite --fps 25 --video " + Sample(stream.file) +
+                                   " --audio " + Sample("audio.aac");
         ASSERT_EQ(Kxmux("-o " + Path("declared.mp4") + inputs).code, 0);
         ASSERT_EQ(Kxmux("-o " + Path("found.mp4") + inputs + " --deferred").code, 0);
         EXPECT_TRUE(ReadFile(Path("found.mp4")) == ReadFile(Path("declared.mp4"))) << stream.file;
@@ -266,58 +269,301 @@ constexpr Encoding kEncodings[] = {
 INSTANTIATE_TEST_SUITE_P(All, Reordered, ::testing::ValuesIn(kEncodings),
                          [](const auto& encoding) { return std::string(encoding.param.name); });
 
+// Offsets are on whatever the first pictures are like: here reordering begins in the middle.
+TEST_F(EndToEnd, StreamsThatChangeKeepTheirTimesAndAreToldOf) {
+    const auto encode = [this](const std::string& name, const std::string& what) {
+        Read("ffmpeg -nostdin -v error -f lavfi -i testsrc2=rate=25:duration=1.2:size=" + what +
+             " " + Path(name));
+    };
+    if (Execute("ffmpeg -v error -encoders | grep libx265").code != 0) GTEST_SKIP();
+    encode("0.h264", "160x96 -c:v libx264 -bf 0");
+    encode("1.h264", "320x180 -c:v libx264 -bf 2");
+    Execute("{ cat " + Path("*.h264") + " >" + Path("a.264") + "; }");
+    const Outcome file = Kxmux("--fps stream --video " + Path("a.264") + " -o " + Path("a.mp4"));
+    EXPECT_THAT(file.errors,
+                HasSubstr("changes from 160x96 to 320x180 at frame 30; the recording"));
+    const auto times = ShiftedTimes(Path("a.mp4"));
+    ASSERT_EQ(times.size(), 60U);
+    const auto isReordered = [](const auto& time) { return time.first != time.second; };
+    EXPECT_GT(std::count_if(times.begin() + 30, times.end(), isReordered), 10);
+    // A pipe cannot be read ahead, and gives the same.
+    EXPECT_EQ(
+        Execute("cat " + Path("a.264") +
+                " | '" KXMUX_PATH "' --fps stream --video - --video-codec h264 -o " + Path("b.mp4"))
+            .code,
+        0);
+    EXPECT_TRUE(ReadFile(Path("a.mp4")) == ReadFile(Path("b.mp4")));
+
+    // Open groups without reordering: every random-access picture is marked.
+    encode("cra.hevc",
+           "160x96 -c:v libx265 -x265-params "
+           "bframes=0:keyint=10:min-keyint=10:open-gop=1:log-level=error");
+    const Outcome hevc = Kxmux("--fps stream --video " + Path("cra.hevc") + " -o " + Path("c.mp4"));
+    EXPECT_THAT(hevc.out, HasSubstr("160x96, 25 fps: 30 frames"));
+    const Lines flags = Probe("packet=flags", Path("c.mp4"));
+    EXPECT_EQ(std::count(flags.begin(), flags.end(), "K_"), 3);
+}
+
+/// kxmux in a folder with the samples in.h264 and in.aac, so that paths can be short.
+class CommandLines : public ::testing::Test {
+protected:
+    CommandLines() {
+        std::filesystem::copy_file(Sample("h264.h264"), Path("in.h264"));
+        std::filesystem::copy_file(Sample("audio.aac"), Path("in.aac"));
+    }
+    std::string Path(const std::string& name) const { return m_folder.Path(name); }
+    bool Exists(const std::string& name) const { return std::filesystem::exists(Path(name)); }
+    void Write(const std::string& name, const std::string& bytes) const {
+        std::ofstream(Path(name), std::ios::binary) << bytes;
+    }
+    /// Runs a line of the shell in the folder; KXMUX stands for the program.
+    Outcome Run(const std::string& line) const {
+        return Execute("export KXMUX='" KXMUX_PATH "'; cd " + Path("") + " && { " + line + "; }");
+    }
+    Outcome Record(const std::string& arguments) const { return Run("$KXMUX " + arguments); }
+
+private:
+    ScratchFolder m_folder;
+};
+
 /// One line, and an exit code that says so.
-void ExpectFailure(const Outcome& outcome, const ::testing::Matcher<const std::string&>& line) {
-    EXPECT_NE(outcome.code, 0);
-    ASSERT_EQ(SplitLines(outcome.errors).size(), 1U) << outcome.errors;
-    EXPECT_THAT(outcome.errors, line);
+void ExpectLine(const Outcome& outcome, int code, const std::string& part) {
+    EXPECT_EQ(outcome.code, code) << outcome.errors;
+    EXPECT_EQ(SplitLines(outcome.errors).size(), 1U) << outcome.errors;
+    EXPECT_THAT(outcome.errors, AllOf(StartsWith("kxmux: "), HasSubstr(part)));
 }
 
-TEST(Failures, SayWhatAndWhereInOneLine) {
-    const ScratchFolder folder;
-    const std::string output = folder.Path("out.mp4");
-    const std::string video = " --fps 25 --video " + Sample("h264.h264");
-    ExpectFailure(Kxmux("-o " + output + " --fps 25 --video none.h264"),
-                  StartsWith("kxmux: none.h264: cannot be opened: "));
-    ExpectFailure(Kxmux("-o " + output + " --fps 29.97 --video " + Sample("h264.h264")),
-                  HasSubstr("29.97: not N or N/D"));
-    ExpectFailure(Kxmux("-o " + folder.Path("none/out.mp4") + video),
-                  HasSubstr("none/out.mp4: cannot be created: MP4_STATUS_NO_SUCH_FILE_OR_DIR"));
-    ExpectFailure(
-        Kxmux("-o " + output + " --fps 25 --video-codec hevc --video " + Sample("make.sh")),
-        HasSubstr("make.sh: frame 0: no start code"));
-    // Nothing was created on the way.
-    EXPECT_FALSE(std::filesystem::exists(output));
-
-    std::filesystem::copy_file(Sample("h264.h264"), folder.Path("in.h264"));
-    ExpectFailure(
-        Kxmux("-o " + folder.Path("in.h264") + " --fps 25 --video " + folder.Path("./in.h264")),
-        HasSubstr("would be overwritten"));
-    EXPECT_TRUE(ReadFile(folder.Path("in.h264")) == ReadFile(Sample("h264.h264")));
+TEST_F(CommandLines, ThatCannotBeRecordedAreRefusedInOneLine) {
+    const std::string start = "-o out.mp4 ";
+    const std::string video = "--video in.h264 ";
+    const std::string whole = start + video + "--fps 25 ";
+    const struct {
+        std::string arguments;
+        int code;
+        const char* line;
+    } rows[] = {
+        {start + "--fps 25 --video none.h264", 1, "none.h264: cannot be opened: No such file"},
+        {start + "--fps 25 --video in.x", 2, "in.x: unknown extension; accepted: raw H.264 (.h264"},
+        {start + "--fps 25 --video make.sh --video-codec hevc", 1,
+         "make.sh: frame 0: no start code"},
+        {start + "--fps 25 --video .", 2, "unknown extension"},
+        {start + "--fps 25 --video empty.h264", 1, "frame 0: no picture with its parameter sets"},
+        {start + video, 2, "--fps: is required with --video: N or N/D, or stream"},
+        {start + video + "--fps 29.97", 2, "29.97: write it as 30000/1001"},
+        {start + video + "--fps 23.976", 2, "write it as 24000/1001"},
+        {start + video + "--fps fast", 2, "not N or N/D"},
+        {start + "--fps stream --video untimed.prores", 1, "does not tell its frame rate"},
+        {start, 2, "nothing to record; give --video or --audio"},
+        {start + "--audio in.aac --fps 25", 2, "--fps requires --video"},
+        {start + "--audio empty.aac", 1, "empty.aac: frame 0: the input is empty"},
+        {start + "--fps 25 --video - --video-codec h264 --audio - <in.h264", 1,
+         "-: standard input can be one input only"},
+        {"-o - " + video + "--fps 25", 1, "cannot go to standard output; it must be a file"},
+        {"-o . " + video + "--fps 25", 1, ".: is a folder; name the file to be made in it"},
+        {"-o pipe " + video + "--fps 25", 1, "pipe: is a pipe; the recording must be a file"},
+        {"-o none/out.mp4 " + video + "--fps 25", 1, "none/out.mp4: cannot be created: No such"},
+        {"-o taken.mp4 " + video + "--fps 25", 1, "taken.mp4: is there already; --overwrite"},
+        {"-o link.mp4 " + video + "--fps 25", 1, "link.mp4: is there already; --overwrite"},
+        {"-o left.mp4 " + video + "--fps 25", 1, "left.mp4.info: is there already, of a recording"},
+        {"-o ./in.h264 --overwrite " + video + "--fps 25", 1, "is an input and would be overwrit"},
+        {"-o in.aac --overwrite --video - --video-codec h264 --fps 25 <in.aac", 1, "is an input"},
+        {whole + "--format avi", 2, "--format: avi not in {"},
+        {whole + "--timecode 01:00:00:25", 2, "frame 25 does not exist at 25"},
+        {start + video + "--fps stream --timecode 01:00:00:25", 1, "frame 25 does not exist at 25"},
+        {whole + ">/dev/full", 1, "standard output cannot be written"},
+        {"--help >/dev/full", 1, "standard output cannot be written"},
+        {whole + "--overwrite >&-", 1, "standard output cannot be written"},
+    };
+    std::filesystem::copy_file(Sample("make.sh"), Path("make.sh"));
+    std::filesystem::copy_file(Sample("prores422.prores"), Path("untimed.prores"));
+    for (const char* file : {"empty.h264", "empty.aac", "in.x", "left.mp4.info"})
+        Write(file, "");
+    Write("taken.mp4", "kept");
+    ASSERT_EQ(Run("mkfifo pipe; ln -s nowhere link.mp4").code, 0);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.arguments);
+        EXPECT_FALSE(Exists("out.mp4")) << "left by the row before";
+        ExpectLine(Record(row.arguments), row.code, row.line);
+        if (row.arguments.find("/dev/full") != std::string::npos) Run("rm -f out.mp4");
+    }
+    EXPECT_EQ(ReadFile(Path("taken.mp4")), "kept");
+    EXPECT_TRUE(ReadFile(Path("in.h264")) == ReadFile(Sample("h264.h264")));
+    EXPECT_TRUE(ReadFile(Path("in.aac")) == ReadFile(Sample("audio.aac")));
+    EXPECT_THAT(Record("--help").out, HasSubstr("HEVC (.h265 .265 .hevc .hvc)"));
 }
 
-TEST(Failures, AFullDeviceLeavesAnOutputThatIsCalledUnfinished) {
-    for (const char* mode : {"", "--callback-io", "--buffered"}) {
-        ExpectFailure(
-            Kxmux(std::string("-o /dev/full --fps 25 --video ") + Sample("h264.h264") + " " + mode),
-            AllOf(HasSubstr("/dev/full: "), HasSubstr("MP4_STATUS_NO_SPACE_LEFT"),
-                  HasSubstr("/dev/full is unfinished")));
+TEST_F(CommandLines, InputsAreLookedAt) {
+    std::string packets;
+    for (int i = 0; i < 20; ++i)
+        packets += "\x47" + std::string(187, i % 2 == 0 ? '\0' : '\1');
+    const struct {
+        std::string head;
+        const char* name;
+    } rows[] = {
+        {packets, "an MPEG transport stream"},
+        {"in the middle of a packet" + packets, "an MPEG transport stream"},
+        {std::string("\0\0\0\x18", 4) + "ftypisom", "an MP4 or QuickTime file"},
+        {std::string("\0\0\0\x18", 4) + "moov", "a QuickTime movie"},
+        {"\x1A\x45\xDF\xA3....", "a Matroska or WebM file"},
+        {"RIFF....WAVEfmt ", "a WAV file"},
+        {"RIFF....AVI LIST", "an AVI file"},
+        {"FLV\1....", "an FLV file"},
+        {"OggS....", "an Ogg file"},
+        {"DKIF....", "an IVF file"},
+        {std::string("\0\0\1\xBA", 4) + "....", "an MPEG program stream"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        Write("foreign.h264", row.head);
+        ExpectLine(
+            Record("-o out.mp4 --fps 25 --video foreign.h264"), 1,
+            std::string("foreign.h264: is ") + row.name + " and not a raw H.264 stream; acc");
+        ExpectLine(Record("-o out.mp4 --audio foreign.h264"), 1,
+                   std::string("is ") + row.name + "; accepted: AAC in ADTS (.aac .adts)");
+    }
+    ExpectLine(Record("-o out.mp4 --fps 25 --video in.h264 --video-codec hevc"), 1,
+               "is an H.264 stream and not a raw HEVC");
+    ExpectLine(Record("-o out.mp4 --fps 25 --video-codec h264 --video " + Sample("hevc.hevc")), 1,
+               "is an HEVC stream and not a raw H.264");
+    ExpectLine(Record("-o out.mp4 --fps 25 --video-codec h264 --video in.aac"), 1, "an AAC stream");
+    ExpectLine(Record("-o out.mp4 --audio in.h264"), 1, "is a raw video stream; accepted: AAC");
+}
+
+TEST_F(CommandLines, TheKindIsTheFormatOrTheExtensionWhateverThePathSays) {
+    std::filesystem::create_directory(Path("movies"));
+    const struct {
+        const char* arguments;
+        const char* path;
+        const char* brand;
+    } rows[] = {{"", "movies/a.mp4", "isom"},
+                {"", "remove.mp4", "isom"},
+                {"", "movies/move.mp4", "isom"},
+                {"", "a.qt", "qt  "},
+                {"", "a.MOV", "qt  "},
+                {"--format mov", "b.mp4", "qt  "},
+                {"--format mov", "movies/b", "qt  "},
+                {"--format mp4", "c.mov", "isom"},
+                {"--format mp4 --no-repair", "movies/d.mov", "isom"},
+                {"--format mov --buffered", "d.mp4", "qt  "}};
+    for (const auto& row : rows) {
+        const Outcome outcome = Record("--fps stream --video in.h264 -o " + std::string(row.path) +
+                                       " " + row.arguments);
+        EXPECT_EQ(outcome.code, 0) << outcome.errors;
+        EXPECT_EQ(ReadFile(Path(row.path)).substr(8, 4), row.brand) << row.path;
+        const bool movie = std::string(row.brand) == "qt  ";
+        EXPECT_THAT(outcome.out, HasSubstr(movie ? ": QuickTime movie" : ": MP4 file"));
+    }
+    // Nothing else is left, and while it is written the repair info file has the output's name.
+    const Outcome live =
+        Run("rm *.mp4 *.qt *.mov *.MOV; (cat in.h264; sleep 1; ls -A . >&2) | "
+            "$KXMUX -o remove.mp4 --fps 25 --video-codec h264 --video -; ls -A");
+    EXPECT_THAT(SplitLines(live.errors),
+                ElementsAre("in.aac", "in.h264", "movies", "remove.mp4", "remove.mp4.info"));
+    EXPECT_THAT(live.out, EndsWith("\nin.aac\nin.h264\nmovies\nremove.mp4\n"));
+}
+
+TEST_F(CommandLines, WarningsSayWhatMayBeWrong) {
+    ExpectLine(Record("-o a.mp4 --fps 24 --video in.h264"), 0,
+               "in.h264: the stream says 25 frames per second, recorded at 24; --fps stream takes");
+    ExpectLine(Record("-o b.mp4 --fps 25 --video " + Sample("prores422.prores")), 0,
+               "b.mp4: few players take ProRes in an MP4 file; --format mov makes");
+    ExpectLine(Record("-o c.mp4 --fps 25 --buffered --video in.h264"), 0,
+               "c.mp4.info: with --buffered, the newest 1024 KiB of the recording are not protec");
+    // A FIFO takes no sync: the repair info file fails, and the recording does not.
+    const Outcome unprotected =
+        Run("mkfifo d.mp4.info; exec 3<>d.mp4.info; "
+            "$KXMUX -o d.mp4 --overwrite --fps 25 --video in.h264");
+    ExpectLine(unprotected, 1, "d.mp4.info: cannot be written: MP4_STATUS_");
+    EXPECT_THAT(unprotected.out, AllOf(HasSubstr("75 frames"), HasSubstr("it was not protected")));
+    ASSERT_EQ(Record("-o e.mp4 --fps 25 --video in.h264").code, 0);
+    EXPECT_TRUE(ReadFile(Path("d.mp4")) == ReadFile(Path("e.mp4")));
+}
+
+TEST_F(CommandLines, InputsThatAreCutOffAreRecordedUpToThere) {
+    const std::string audio = ReadFile(Path("in.aac"));
+    const std::string video = ReadFile(Path("in.h264"));
+    Write("cut.aac", audio.substr(0, audio.size() / 2));
+    Write("cut.h264", video + std::string("\0\0\0\1\x41", 5));
+    Write("next.h264", video + std::string("\0\0\0\1\x09\xF0", 6));
+    Write("code.h264", video + std::string("\0\0\1", 3));
+    const struct {
+        std::string inputs;
+        const char* line;
+        const char* video;
+        const char* audio;
+    } rows[] = {
+        {"--video in.h264 --audio cut.aac", "cut.aac: frame 71: cut off: ", ": 75 fr", ": 71 fr"},
+        {"--video cut.h264 --audio in.aac", "frame 75: cut off before its picture", ": 75 fr",
+         ": 142 fr"},
+        {"--video next.h264 --audio in.aac", "frame 75: cut off before its picture", ": 75 fr",
+         ": 142 fr"},
+        {"--video code.h264 --audio in.aac", "frame 75: cut off before its picture", ": 75 fr",
+         ": 142 fr"}};
+    for (const auto& row : rows) {
+        const Outcome outcome = Record("-o out.mp4 --overwrite --fps 25 " + row.inputs);
+        ExpectLine(outcome, 1, row.line);
+        EXPECT_THAT(outcome.errors, HasSubstr("; its track ends there\n"));
+        EXPECT_THAT(outcome.out, AllOf(HasSubstr(row.video), HasSubstr(row.audio)));
     }
 }
 
-TEST_F(EndToEnd, AnInputThatIsCutOffLeavesWhatCameBefore) {
-    const std::string audio = ReadFile(Sample("audio.aac"));
-    std::ofstream(Path("cut.aac"), std::ios::binary) << audio.substr(0, audio.size() / 2);
-    const std::string file = Path("out.mp4");
-    ExpectFailure(Kxmux("-o " + file + " --fps 25 --video " + Sample("h264.h264") + " --audio " +
-                        Path("cut.aac")),
-                  AllOf(HasSubstr("cut.aac: frame "), HasSubstr("cut off: "),
-                        HasSubstr(file + " is unfinished")));
-    const Lines whole = DecodedFrames("-i " + Sample("h264.h264"), "v");
-    const Lines part = DecodedFrames("-i " + file, "v");
-    ASSERT_THAT(part, Not(IsEmpty()));
-    ASSERT_LT(part.size(), whole.size());
-    EXPECT_TRUE(std::equal(part.begin(), part.end(), whole.begin()));
+TEST_F(CommandLines, AFullDeviceLeavesAnOutputThatIsCalledUnfinished) {
+    for (const char* mode : {"", "--callback-io", "--buffered"}) {
+        const Outcome outcome =
+            Record(std::string("-o /dev/full --fps 25 --video in.h264 ") + mode);
+        ExpectLine(outcome, 1, "/dev/full is unfinished");
+        EXPECT_THAT(outcome.errors, AllOf(HasSubstr("/dev/full: "), HasSubstr("NO_SPACE_LEFT")));
+    }
+    const Outcome limited = Run("ulimit -f 40; $KXMUX -o \"it's.mp4\" --fps 25 --video in.h264");
+    ExpectLine(limited, 1, "it's.mp4 is unfinished, it has no index; repair it with: kxrepair ");
+    EXPECT_THAT(limited.errors, EndsWith("kxrepair 'it'\\''s.mp4'\n"));
+    EXPECT_TRUE(Exists("it's.mp4.info"));
+}
+
+TEST_F(CommandLines, PipesOfOneWriterDoNotWaitForEachOther) {
+    // In turn, each time more than a pipe holds; one program opens both before it writes.
+    const Outcome outcome =
+        Run("mkfifo v a; for i in 1 2 3 4 5 6; do cat in.h264; done >v6; "
+            "for i in 1 2 3 4 5 6; do cat in.aac; done >a6; "
+            "{ exec 3>v 4>a; cat v6 >&3; cat a6 >&4; cat v6 >&3; cat a6 >&4; } & "
+            "timeout 20 $KXMUX -o out.mp4 --fps 25 --video-codec h264 --video v --audio a; "
+            "code=$?; wait; exit $code");
+    EXPECT_EQ(outcome.code, 0) << outcome.errors;
+    EXPECT_THAT(outcome.out, AllOf(HasSubstr(": 900 frames"), HasSubstr(": 1704 frames")));
+}
+
+TEST_F(EndToEnd, SoundAloneIsRecorded) {
+    const Outcome outcome = Kxmux("-o " + Path("out.mp4") + " --audio - <" + Sample("audio.aac"));
+    EXPECT_EQ(outcome.code, 0) << outcome.errors;
+    EXPECT_THAT(Probe("stream=codec_name", Path("out.mp4")), ElementsAre("aac"));
+    EXPECT_EQ(DecodedFrames("-i " + Path("out.mp4"), "a"),
+              DecodedFrames("-i " + Sample("audio.aac"), "a"));
+}
+
+// The writer of the pipe goes on for longer than the test takes.
+TEST_F(CommandLines, SignalsEndTheRecordingProperlyAndASecondOneAtOnce) {
+    const std::string start =
+        "mkfifo v; (cat in.h264; sleep 5) >v & "
+        "$KXMUX -o out.mp4 --overwrite --fps 25 --video-codec h264 --video v & p=$!; sleep 0.5; ";
+    const std::string end = "; wait $p; code=$?; rm v; exit $code";
+    for (const auto& [signal, code] : {std::pair("INT", 130), std::pair("TERM", 143)}) {
+        const Outcome outcome = Run(start + "kill -" + signal + " $p" + end);
+        EXPECT_EQ(outcome.code, code) << outcome.errors;
+        EXPECT_THAT(outcome.errors, IsEmpty());
+        EXPECT_THAT(outcome.out, AllOf(HasSubstr(": 74 frames"), HasSubstr("ended by a signal")));
+        EXPECT_FALSE(Exists("out.mp4.info"));
+        EXPECT_THAT(ReadFile(Path("out.mp4")), HasSubstr("moov"));
+    }
+    // Both are there when the program goes on, in the order of their numbers.
+    ExpectLine(Run(start + "kill -STOP $p; kill -INT $p; kill -TERM $p; kill -CONT $p" + end), 143,
+               "out.mp4: is unfinished, it has no index; repair it with: kxrepair out.mp4");
+    EXPECT_TRUE(Exists("out.mp4.info"));
+
+    ExpectLine(Run("rm -f out.mp4*; mkfifo v; $KXMUX -o out.mp4 --fps 25 --video-codec h264 "
+                   "--video v & p=$!; sleep 0.5; kill -TERM $p" +
+                   end),
+               143, "interrupted, nothing was recorded");
+    EXPECT_FALSE(Exists("out.mp4"));
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ using ::testing::Not;
 class Kxrepair : public ::testing::Test {
 protected:
     void Record(const std::string& sample) {
-        const std::string options = " --repair --fps 25 --video " + Sample(sample);
+        const std::string options = " --overwrite --fps 25 --video " + Sample(sample);
         const std::string whole = m_folder.Path("whole.mp4");
         const std::string kxmux = std::string("'") + KXMUX_PATH + "' -o ";
         ASSERT_EQ(Execute(kxmux + whole + options).code, 0);

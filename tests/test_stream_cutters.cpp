@@ -1,8 +1,11 @@
 // The cutters of the program's input streams, on streams written bit by bit here and on input that
 // is cut off, empty, or something else altogether.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <string>
@@ -13,9 +16,12 @@
 #include "AnnexBReader.h"
 #include "FrameTicks.h"
 #include "H264Syntax.h"
+#include "InputSet.h"
 #include "ProResCutter.h"
+#include "StreamRate.h"
 #include "TrackFeed.h"
 #include "bit_writer.h"
+#include "scratch_folder.h"
 
 namespace {
 
@@ -311,6 +317,102 @@ TEST(ProResCutter, SaysWhatIsWrongWithAStream) {
     endless[0] = 0xFF;
     EXPECT_THAT(errorOf(endless), HasSubstr("not a ProRes frame"));
     EXPECT_THAT(errorOf(ProResFrameOf(500, 64, 64, 1)), HasSubstr("chroma format 1"));
+}
+
+/// A named pipe that holds more than one read of it takes, with its writer.
+class NamedPipe {
+public:
+    explicit NamedPipe(std::string path, size_t filled = 0) : m_path(std::move(path)) {
+        EXPECT_EQ(mkfifo(m_path.c_str(), 0600), 0);
+        m_descriptor = open(m_path.c_str(), O_RDWR | O_CLOEXEC);
+        EXPECT_GE(fcntl(m_descriptor, F_SETPIPE_SZ, 1 << 18), 1 << 18);
+        Write(Bytes(filled, 7));
+    }
+    ~NamedPipe() { close(m_descriptor); }
+    NamedPipe(const NamedPipe&) = delete;
+    NamedPipe& operator=(const NamedPipe&) = delete;
+    void Write(const Bytes& bytes) const {
+        EXPECT_EQ(write(m_descriptor, bytes.data(), bytes.size()),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+    const std::string& Path() const { return m_path; }
+
+private:
+    std::string m_path;
+    int m_descriptor = -1;
+};
+
+TEST(InputSet, HoldsWhatOnePipeSendsWhileAnotherIsWaitedForUpToALimit) {
+    const ScratchFolder folder;
+    const NamedPipe sending(folder.Path("sending"), 200000);
+    const NamedPipe waiting(folder.Path("waiting"));
+    InputSet set(100000);
+    Input& sent = set.Open(sending.Path());
+    Input& silent = set.Open(waiting.Path());
+    EXPECT_EQ(sent.Head(5), Bytes(5, 7));
+    EXPECT_THAT(ErrorOf([&] { silent.Head(1); }), HasSubstr("nothing came while "));
+    // The input that waited is at its end, and of the other one nothing is lost.
+    uint8_t byte = 0;
+    EXPECT_EQ(silent.Read(&byte, 1), 0U);
+    PieceReader reader(sent);
+    EXPECT_TRUE(reader.Fill(200000));
+    EXPECT_EQ(std::count(reader.Data(), reader.Data() + 200000, 7), 200000);
+}
+
+/// Timing flag and 1001 / 60000 behind what comes before it.
+Bytes Timed(BitWriter& bits, const Bytes& header) {
+    return header + bits.U(1, 1).U(32, 1001).U(32, 60000).U(1, 1).Nal();
+}
+
+/// The beginning of a sequence parameter set of H.265, 64x64, up to the coding tools.
+BitWriter HevcSpsStart() {
+    BitWriter bits;
+    bits.U(4, 0).U(3, 0).U(1, 1).U(32, 0).U(32, 0).U(32, 0);
+    bits.Ue(0).Ue(1).Ue(64).Ue(64).U(1, 0).Ue(0).Ue(0).Ue(4).U(1, 1).Ue(4).Ue(2).Ue(0);
+    return bits.Ue(0).Ue(3).Ue(0).Ue(3).Ue(0).Ue(0);
+}
+
+TEST(StreamRate, IsReadFromWhereverItStands) {
+    const Bytes sps = {0x42, 0x01};
+    // Scaling lists, PCM, reference picture sets of which one is predicted, long-term pictures, and
+    // everything that a VUI can have before its timing.
+    BitWriter full = HevcSpsStart();
+    full.U(1, 1).U(1, 1);
+    for (int list = 0; list < 20; ++list) {
+        full.U(1, list == 19 ? 1 : 0);
+        if (list < 19) full.Ue(0);
+    }
+    for (int coefficient = 0; coefficient < 65; ++coefficient)
+        full.Ue(0);
+    full.U(2, 0).U(1, 1).U(8, 0).Ue(0).Ue(0).U(1, 0);
+    full.Ue(2).Ue(1).Ue(1).Ue(0).U(1, 1).Ue(1).U(1, 1);  // -1 and +2
+    full.U(1, 1).U(1, 1).Ue(0).U(1, 1).U(2, 0).U(1, 1);  // predicted: 3 flags for 3 pictures
+    full.U(1, 1).Ue(1).U(8, 0).U(1, 0).U(2, 0).U(1, 1);  // long-term, then the VUI
+    full.U(1, 1).U(8, 255).U(32, 0).U(1, 1).U(1, 0).U(1, 1).U(4, 0).U(1, 1).U(24, 0);
+    full.U(1, 1).Ue(0).Ue(0).U(3, 0).U(1, 1).Ue(0).Ue(0).Ue(0).Ue(0);
+    BitWriter plain = HevcSpsStart();
+    plain.U(1, 0).U(2, 0).U(1, 0).Ue(0).U(1, 0).U(2, 0);
+    BitWriter none = plain;
+    none.U(1, 0).U(1, 1);
+    plain.U(1, 1).U(4, 0).U(3, 0).U(1, 0);
+    BitWriter vps;
+    vps.U(12, 0).U(3, 0).U(17, 0).U(32, 0).U(32, 0).U(32, 0);
+    vps.U(1, 1).Ue(4).Ue(2).Ue(0).U(6, 1).Ue(1).U(2, 0);
+    const Bytes timedVps = Timed(vps, {0x40, 0x01});
+    const Bytes untimedSps = sps + none.Nal();
+    const auto text = [](const std::optional<FrameRate>& rate) {
+        return rate ? std::to_string(rate->num) + "/" + std::to_string(rate->den) : "none";
+    };
+    EXPECT_EQ(text(HevcFrameRate({}, Timed(full, sps))), "60000/1001");
+    EXPECT_EQ(text(HevcFrameRate({}, Timed(plain, sps))), "60000/1001");
+    EXPECT_EQ(text(HevcFrameRate(timedVps, untimedSps)), "60000/1001");
+    EXPECT_EQ(text(HevcFrameRate({}, untimedSps)), "none");
+    EXPECT_EQ(text(HevcFrameRate({0x40, 0x01}, {0x42})), "none");
+    EXPECT_EQ(text(H264FrameRate({0x67})), "none");
+    BitWriter zero = HevcSpsStart();
+    zero.U(1, 0).U(2, 0).U(1, 0).Ue(0).U(1, 0).U(2, 0).U(1, 1).U(4, 0).U(3, 0).U(1, 0);
+    EXPECT_EQ(text(HevcFrameRate({}, sps + zero.U(1, 1).U(32, 0).U(32, 60000).U(1, 1).Nal())),
+              "none");
 }
 
 TEST(FrameTicks, AreExactForEveryRateAndCompareAcrossTimescales) {

@@ -12,6 +12,7 @@ namespace kxmux {
 namespace {
 
 constexpr uint8_t kStartCode[] = {0, 0, 0, 1};
+constexpr size_t kSmallestSlice = 3;  // NAL header and slice header
 
 class H264Boundary : public PictureBoundary {
 public:
@@ -133,11 +134,15 @@ bool AccessUnitCutter::Next(AccessUnit& unit) {
     std::swap(unit, m_next);
     bool hasPicture = std::exchange(m_nextHasPicture, false);
     bool afterDelimiter = false;
+    bool tooShort = false;        // the last unit is the beginning of a slice
     std::optional<size_t> split;  // the unit that the next access unit begins with, if one follows
     NalUnit nal;
     while (m_reader.Next(nal)) {
         const auto role = m_boundary->Classify(nal);
-        if (role == PictureBoundary::Role::kSlice) {
+        const bool isSlice = role == PictureBoundary::Role::kSlice;
+        tooShort = isSlice && nal.size < kSmallestSlice;
+        if (tooShort) continue;
+        if (isSlice) {
             const bool isNew = m_boundary->StartsPicture(nal, std::exchange(afterDelimiter, false));
             if (isNew && hasPicture) {
                 if (split) unit.MoveTail(*split, m_next);
@@ -157,7 +162,7 @@ bool AccessUnitCutter::Next(AccessUnit& unit) {
         }
     }
     const bool unitsOfNext = split || (!hasPicture && unit.NalCount() > 0);
-    m_cutOff = m_cutOff || unitsOfNext || m_reader.EndsInStartCode();
+    m_cutOff = m_cutOff || unitsOfNext || tooShort || m_reader.EndsInStartCode();
     return hasPicture;
 }
 
