@@ -321,6 +321,10 @@ protected:
         return Execute("export KXMUX='" KXMUX_PATH "'; cd " + Path("") + " && { " + line + "; }");
     }
     Outcome Record(const std::string& arguments) const { return Run("$KXMUX " + arguments); }
+    /// Waits for a condition of the shell, but not for ever.
+    static std::string Until(const std::string& condition) {
+        return "for i in $(seq 200); do " + condition + " && break; sleep 0.05; done; ";
+    }
 
 private:
     ScratchFolder m_folder;
@@ -455,8 +459,8 @@ TEST_F(CommandLines, TheKindIsTheFormatOrTheExtensionWhateverThePathSays) {
     }
     // Nothing else is left, and while it is written the repair info file has the output's name.
     const Outcome live =
-        Run("rm *.mp4 *.qt *.mov *.MOV; (cat in.h264; sleep 1; ls -A . >&2) | "
-            "$KXMUX -o remove.mp4 --fps 25 --video-codec h264 --video -; ls -A");
+        Run("rm *.mp4 *.qt *.mov *.MOV; (cat in.h264; " + Until("[ -s remove.mp4.info ]") +
+            "ls -A >&2) | $KXMUX -o remove.mp4 --fps 25 --video-codec h264 --video -; ls -A");
     EXPECT_THAT(SplitLines(live.errors),
                 ElementsAre("in.aac", "in.h264", "movies", "remove.mp4", "remove.mp4.info"));
     EXPECT_THAT(live.out, EndsWith("\nin.aac\nin.h264\nmovies\nremove.mp4\n"));
@@ -518,6 +522,9 @@ TEST_F(CommandLines, AFullDeviceLeavesAnOutputThatIsCalledUnfinished) {
     ExpectLine(limited, 1, "it's.mp4 is unfinished, it has no index; repair it with: kxrepair ");
     EXPECT_THAT(limited.errors, EndsWith("kxrepair 'it'\\''s.mp4'\n"));
     EXPECT_TRUE(Exists("it's.mp4.info"));
+    ExpectLine(Run("ulimit -f 1; $KXMUX -o none.mp4 --fps 25 --video in.h264"), 1,
+               "; nothing was recorded");
+    EXPECT_FALSE(Exists("none.mp4") || Exists("none.mp4.info"));
 }
 
 TEST_F(CommandLines, PipesOfOneWriterDoNotWaitForEachOther) {
@@ -543,8 +550,9 @@ TEST_F(EndToEnd, SoundAloneIsRecorded) {
 // The writer of the pipe goes on for longer than the test takes.
 TEST_F(CommandLines, SignalsEndTheRecordingProperlyAndASecondOneAtOnce) {
     const std::string start =
-        "mkfifo v; (cat in.h264; sleep 5) >v & "
-        "$KXMUX -o out.mp4 --overwrite --fps 25 --video-codec h264 --video v & p=$!; sleep 0.5; ";
+        "rm -f out.mp4*; mkfifo v; (cat in.h264; sleep 5) >v & "
+        "$KXMUX -o out.mp4 --fps 25 --video-codec h264 --video v & p=$!; " +
+        Until("[ -s out.mp4.info ]") + "sleep 0.5; ";
     const std::string end = "; wait $p; code=$?; rm v; exit $code";
     for (const auto& [signal, code] : {std::pair("INT", 130), std::pair("TERM", 143)}) {
         const Outcome outcome = Run(start + "kill -" + signal + " $p" + end);
@@ -560,8 +568,8 @@ TEST_F(CommandLines, SignalsEndTheRecordingProperlyAndASecondOneAtOnce) {
     EXPECT_TRUE(Exists("out.mp4.info"));
 
     ExpectLine(Run("rm -f out.mp4*; mkfifo v; $KXMUX -o out.mp4 --fps 25 --video-codec h264 "
-                   "--video v & p=$!; sleep 0.5; kill -TERM $p" +
-                   end),
+                   "--video v & p=$!; " +
+                   Until("ls -l /proc/$p/fd | grep -q /v$") + "kill -TERM $p" + end),
                143, "interrupted, nothing was recorded");
     EXPECT_FALSE(Exists("out.mp4"));
 }

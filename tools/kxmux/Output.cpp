@@ -88,8 +88,8 @@ public:
 private:
     struct Target {
         std::wstring path;
-        mp4_file_io_func_t callbacks;
-        mp4_file_io_func_t redirected;
+        mp4_file_io_func_t callbacks{};
+        mp4_file_io_func_t redirected{};
     };
     static Target& State() {
         static Target target;
@@ -194,7 +194,7 @@ void Output::Create(CMp4Muxer& muxer, uint32_t flags) {
     const mp4_status_t status =
         m_aliased ? CreateAliased(muxer, config) : muxer.Create(m_givenPath.c_str(), &config);
     if (status == MP4_STATUS_SUCCESS) return;
-    Discard();
+    if (m_made) ::unlink(Path().c_str());
     throw Failure(Path(), std::string("cannot be created: ") + mp4_status_string(status));
 }
 
@@ -226,11 +226,11 @@ mp4_status_t Output::Close(CMp4Muxer& muxer) {
     return status;
 }
 
-void Output::Discard() {
-    struct stat status {};
-    if (!m_made || ::stat(Path().c_str(), &status) != 0 || status.st_size != 0) return;
-    ::unlink(Path().c_str());
+bool Output::Discard() {
+    if (!m_made) return false;
     m_made = false;
+    if (m_repairInfo) ::unlink(RepairInfoPath().c_str());
+    return ::unlink(Path().c_str()) == 0;
 }
 
 std::string Output::RepairHint() const {

@@ -47,8 +47,9 @@ public:
     /// Creates the file through the muxer. Throws RecordingError.
     void Create(CMp4Muxer& muxer, uint32_t flags);
     mp4_status_t Close(CMp4Muxer& muxer);
-    /// Removes an empty file that Create made.
-    void Discard();
+    /// Removes the file, in which nothing was recorded, and its repair info file; false when Create
+    /// did not make it.
+    bool Discard();
     /// What the user can do with a file that was not closed, as the end of a sentence.
     std::string RepairHint() const;
 

@@ -1,5 +1,6 @@
 #include "Recording.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "StopSignal.h"
@@ -197,6 +198,11 @@ void Recording::TellFaults() {
     }
 }
 
+bool Recording::HoldsFrames() const {
+    return std::any_of(m_feeds.begin(), m_feeds.end(),
+                       [](const TrackFeed* feed) { return feed->Frames() > 0; });
+}
+
 const TrackFeed& Recording::LeadingFeed() const {
     return *m_feeds.front();
 }
@@ -218,9 +224,7 @@ void Recording::Finish() {
                              m_output.RepairHint());
     }
     m_size = m_muxer.GetCurFileSize();
-    for (const TrackFeed* feed : m_feeds) {
-        if (feed->Frames() > 0) return;
-    }
+    if (HoldsFrames()) return;
     m_output.Discard();
     if (m_interrupted) throw Interrupted();
     throw RecordingError(m_output.Path() + ": nothing was recorded");
@@ -228,11 +232,11 @@ void Recording::Finish() {
 
 /// Closes the output after a failure and says what is in it.
 std::string Recording::HowItWasLeft() {
-    const std::string left = "; " + m_output.Path() + " is unfinished, it ";
     const mp4_status_t status = m_output.Close(m_muxer);
     StopSignal::SetFarewell("");
+    if (!HoldsFrames() && m_output.Discard()) return "; nothing was recorded";
+    const std::string left = "; " + m_output.Path() + " is unfinished, it ";
     if (status != MP4_STATUS_SUCCESS) return left + "has no index; " + m_output.RepairHint();
-    m_output.Discard();
     return left + "holds " + std::to_string(LeadingFeed().Frames()) + " frames of " +
            LeadingFeed().Path() + " from before";
 }

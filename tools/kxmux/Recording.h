@@ -81,6 +81,7 @@ private:
     bool IsDone(mp4_status_t status);
     void Require(mp4_status_t status, const std::string& subject);
     std::string HowItWasLeft();
+    bool HoldsFrames() const;
     const TrackFeed& LeadingFeed() const;
     Progress Now();
 
