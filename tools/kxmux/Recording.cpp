@@ -164,7 +164,6 @@ void Recording::WriteFrames() {
         m_observer.progress(Now());
     }
     m_interrupted = StopSignal::Number() != 0;
-    TellFaults();
 }
 
 /// Whether to stop here: files stay where they are, but what pipes have sent exists nowhere else.
@@ -181,6 +180,7 @@ TrackFeed* Recording::Earliest() {
         const bool ready = feed->Prepare();
         for (const std::string& warning : feed->TakeWarnings())
             m_observer.warning(warning);
+        m_flawed = m_flawed || feed->HasFailed();
         if (!ready) continue;
         onlyCaptions = onlyCaptions && feed == m_captions.get();
         if (earliest == nullptr || IsEarlier(feed->NextTime(), earliest->NextTime())) {
@@ -188,14 +188,6 @@ TrackFeed* Recording::Earliest() {
         }
     }
     return onlyCaptions ? nullptr : earliest;
-}
-
-void Recording::TellFaults() {
-    for (const TrackFeed* feed : m_feeds) {
-        if (feed->Fault().empty()) continue;
-        m_flawed = true;
-        m_observer.warning(feed->Fault() + "; its track ends there");
-    }
 }
 
 bool Recording::HoldsFrames() const {

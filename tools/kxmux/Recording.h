@@ -75,7 +75,6 @@ private:
     void WriteFrames();
     TrackFeed* Earliest();
     bool Stopped();
-    void TellFaults();
     void Finish();
     uint32_t Flags() const;
     bool IsDone(mp4_status_t status);

@@ -63,8 +63,8 @@ public:
     const std::string& Path() const { return m_path; }
     /// Frames that were recorded; the index, counted from 0, of the one that comes next.
     uint64_t Frames() const { return m_frames; }
-    /// Why the input ended early, as one line; empty when it did not.
-    const std::string& Fault() const { return m_fault; }
+    /// Whether the input failed before its end; a warning says why.
+    bool HasFailed() const { return !m_fault.empty(); }
     /// What the user should know at once, as one line each; it is told once.
     std::vector<std::string> TakeWarnings() { return std::exchange(m_warnings, {}); }
 
@@ -99,6 +99,7 @@ inline bool TrackFeed::Prepare() {
         m_ready = ReadFrame();
     } catch (const StreamError& error) {
         m_fault = Error(FrameToRead(), error.what()).what();
+        m_warnings.push_back(m_fault + "; its track ends there");
     } catch (const Interrupted&) {
         m_interrupted = true;
     }
