@@ -1,5 +1,6 @@
 #include "AudioES.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <iterator>
 
@@ -8,7 +9,10 @@
 namespace {
 
 constexpr int kAacLc = 2;
-constexpr int kEscapeObjectType = 31;  // announces 6 more bits, for which 2 bytes have no room
+constexpr int kSbr = 5;
+constexpr int kTwinVq = 7;
+constexpr int kPs = 29;
+constexpr int kExplicitRate = 15;
 
 using kx_mp4::kAacSampleRates;
 
@@ -29,6 +33,33 @@ int SampleRateIndex(int sampleRate) {
     return index;
 }
 
+/// Bits, most significant first.
+class ConfigWriter {
+public:
+    explicit ConfigWriter(uint8_t* out) : m_out(out) {}
+
+    void Put(int bits, int value) {
+        for (int i = bits - 1; i >= 0; --i, ++m_bits) {
+            if (m_bits % 8 == 0) m_out[m_bits / 8] = 0;
+            const int bit = value >> i & 1;
+            m_out[m_bits / 8] = static_cast<uint8_t>(m_out[m_bits / 8] | bit << (7 - m_bits % 8));
+        }
+    }
+    /// The index of the rate, or the rate itself.
+    void PutRate(int sampleRate) {
+        const auto* const end = std::end(kAacSampleRates);
+        const auto* const at = std::find(std::begin(kAacSampleRates), end, sampleRate);
+        const bool listed = at != end;
+        Put(4, listed ? static_cast<int>(at - std::begin(kAacSampleRates)) : kExplicitRate);
+        if (!listed) Put(24, sampleRate);
+    }
+    int Bytes() const { return (m_bits + 7) / 8; }
+
+private:
+    uint8_t* m_out;
+    int m_bits = 0;
+};
+
 }  // namespace
 
 int get_sample_by_index(int index) {
@@ -43,13 +74,25 @@ int SampleRateOfField(uint16_t field) {
     return field;
 }
 
-void CAudioES::Generate(int profile, int sampleRate, int channels, uint8_t* out) {
-    const bool fits = profile > 0 && profile < kEscapeObjectType;
-    const int objectType = fits ? profile : kAacLc;
-    const int index = SampleRateIndex(sampleRate);
-    // 5 bits object type, 4 bits frequency index, 4 bits channels; the 3 bits of the AAC-specific
-    // part stay 0: 1024 samples a frame, no core coder, no extension.
-    const int config = objectType << 11 | index << 7 | (channels & 0x0F) << 3;
-    out[0] = static_cast<uint8_t>(config >> 8);
-    out[1] = static_cast<uint8_t>(config & 0xFF);
+bool CAudioES::CanDescribe(int profile) {
+    return (profile >= 0 && profile <= kSbr) || profile == kTwinVq || profile == kPs;
+}
+
+int CAudioES::Generate(int profile, int sampleRate, int channels, uint8_t* out) {
+    ConfigWriter config(out);
+    const int objectType = profile != 0 && CanDescribe(profile) ? profile : kAacLc;
+    config.Put(5, objectType);
+    if (objectType == kSbr || objectType == kPs) {
+        // Hierarchical signalling (ISO/IEC 14496-3, 1.6.5.2): a decoder without the extension stops
+        // with a clear answer instead of playing half the band.
+        config.PutRate(sampleRate / 2);
+        config.Put(4, objectType == kPs ? 1 : channels);
+        config.PutRate(sampleRate);
+        config.Put(5, kAacLc);
+    } else {
+        config.Put(4, SampleRateIndex(sampleRate));
+        config.Put(4, channels);
+    }
+    config.Put(3, 0);
+    return config.Bytes();
 }

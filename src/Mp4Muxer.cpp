@@ -192,6 +192,7 @@ void CMp4Muxer::ResetFileState() {
     m_droppedVideoFrames = 0;
     m_times = {};
     m_adtsWarned = false;
+    m_setWarned = false;
 }
 
 /// The repair info file comes last: it may hold all that is left of an earlier recording.
@@ -555,6 +556,11 @@ mp4_status_t CMp4Muxer::SetVideoTrack(const mp4_video_track_info* pTrackInfo) {
             zv_log_error("invalid codec type %d", kSource, __LINE__, "SetVideoTrack", info.codec);
             return MP4_STATUS_INVALID_CODEC_TYPE;
         }
+        if (!CParameterSetKeeper::AreUsable(info)) {
+            zv_log_error("the video parameter sets cannot be described, the track is refused",
+                         kSource, __LINE__, "SetVideoTrack");
+            return MP4_STATUS_UNEXPECTED_ERROR;
+        }
         const bool complete = CParameterSetKeeper::IsComplete(info);
         if (m_safeWrite && !complete) {
             zv_log_error("please provide video codec data in safe mode", kSource, __LINE__,
@@ -897,7 +903,11 @@ bool CMp4Muxer::GetVideoCodecData(const CVideoFrameParser& frame) {
         return false;
     }
     for (const VIDEO_SLICE& unit : frame) {
-        m_parameterSets.Take(unit, *m_pVideoNalParser, m_videoTrack);
+        if (!m_parameterSets.Take(unit, *m_pVideoNalParser, m_videoTrack) &&
+            !std::exchange(m_setWarned, true)) {
+            zv_log_warn("a video parameter set in the stream cannot be described and is not taken",
+                        kSource, __LINE__, "GetVideoCodecData");
+        }
         if (!CParameterSetKeeper::IsComplete(m_videoTrack)) continue;
         m_videoHasCodecData = true;
         zv_log_info("found video codec data in stream, set video track info", kSource, __LINE__,

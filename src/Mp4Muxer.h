@@ -114,12 +114,15 @@ public:
     /// Without parameter sets (sizes 0) they are taken from the stream, and frames before the
     /// first complete set are dropped. Parameter sets are copied.
     /// @return #MP4_STATUS_INVALID_PARAMETER for null, a timescale, width or height of 0 or a
-    ///         negative parameter-set size; #MP4_STATUS_INVALID_CODEC_TYPE for an unknown codec.
+    ///         negative parameter-set size; #MP4_STATUS_INVALID_CODEC_TYPE for an unknown codec;
+    ///         #MP4_STATUS_UNEXPECTED_ERROR for parameter sets that the file cannot describe. A
+    ///         refused declaration leaves the one before it in place.
     mp4_status_t SetVideoTrack(const mp4_video_track_info* pTrackInfo);
     /// Declares the audio track. ADTS without sample rate or channels takes both, and the profile,
     /// from the first frame's header.
     /// @return #MP4_STATUS_INVALID_PARAMETER for null, a timescale of 0, an unknown codec, or raw
-    ///         AAC without sample rate or channels.
+    ///         AAC without sample rate or channels. A refused declaration leaves the one before it
+    ///         in place.
     mp4_status_t SetAudioTrack(const mp4_audio_track_info_t* pTrackInfo);
     /// Declares the caption track. An unknown codec is refused when a packet is written.
     /// @return #MP4_STATUS_INVALID_PARAMETER for null.
@@ -288,6 +291,7 @@ private:
     bool m_hasSamples = false;
     bool m_indexLost = false;
     bool m_compositionOffsets = false;
+    bool m_setWarned = false;   // about parameter sets in the stream that are not taken
     bool m_adtsWarned = false;  // about frames that are not one frame each
     CParameterSetKeeper m_parameterSets;
     uint64_t m_droppedVideoFrames = 0;  // while parameter sets are looked for

@@ -28,6 +28,17 @@ void ForEachSet(Info& info, Visit&& visit) {
     }
 }
 
+/// Whether the configuration record can be made from a set of that type: `avcC` takes bytes 1 to 3
+/// of the SPS, `hvcC` what CHevcParser reads.
+bool IsUsable(mp4_video_codec codec, uint8_t type, const uint8_t* set, int size) {
+    if (codec == MP4_MVC_HEVC) {
+        constexpr uint8_t kTypeMask = 0x3F;
+        return (set[0] >> 1 & kTypeMask) == type && CHevcParser().ParseNAL(set, size);
+    }
+    constexpr int kSmallestSps = 4;
+    return type != kH264Sps || size >= kSmallestSps;
+}
+
 /// Copies a set; the description then points to the copy.
 void Keep(std::vector<uint8_t>& kept, const uint8_t* from, int count, const uint8_t*& bytes,
           int16_t& size) {
@@ -63,6 +74,14 @@ bool CParameterSetKeeper::IsComplete(const mp4_video_track_info_t& info) {
     return complete;
 }
 
+bool CParameterSetKeeper::AreUsable(const mp4_video_track_info_t& info) {
+    bool usable = true;
+    ForEachSet(info, [&](uint8_t type, const uint8_t* bytes, int16_t size) {
+        usable = usable && (size == 0 || IsUsable(info.codec, type, bytes, size));
+    });
+    return usable;
+}
+
 void CParameterSetKeeper::KeepGiven(mp4_video_track_info_t& info) {
     auto kept = m_kept.begin();
     ForEachSet(info, [&kept](uint8_t, const uint8_t*& bytes, int16_t& size) {
@@ -71,15 +90,21 @@ void CParameterSetKeeper::KeepGiven(mp4_video_track_info_t& info) {
     });
 }
 
-void CParameterSetKeeper::Take(const VIDEO_SLICE& unit, IVideoNalParser& parser,
+bool CParameterSetKeeper::Take(const VIDEO_SLICE& unit, IVideoNalParser& parser,
                                mp4_video_track_info_t& info) {
-    // The description has 16 bits for the size.
-    if (unit.cbData <= 0 || unit.cbData > INT16_MAX) return;
-    if (info.codec == MP4_MVC_HEVC && !IsBaseLayer(unit)) return;
+    if (unit.cbData <= 0) return true;
+    if (info.codec == MP4_MVC_HEVC && !IsBaseLayer(unit)) return true;
     const uint8_t type = parser.GetTag(unit.pbData, unit.cbData);
+    bool usable = true;
     auto kept = m_kept.begin();
     ForEachSet(info, [&](uint8_t setType, const uint8_t*& bytes, int16_t& size) {
-        if (setType == type) Keep(*kept, unit.pbData, unit.cbData, bytes, size);
+        if (setType == type) {
+            // The description has 16 bits for the size.
+            usable =
+                unit.cbData <= INT16_MAX && IsUsable(info.codec, type, unit.pbData, unit.cbData);
+            if (usable) Keep(*kept, unit.pbData, unit.cbData, bytes, size);
+        }
         ++kept;
     });
+    return usable;
 }

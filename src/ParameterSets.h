@@ -19,11 +19,16 @@ public:
     /// Whether every set that the codec needs is there; ProRes needs none.
     static bool IsComplete(const mp4_video_track_info_t& info);
 
+    /// Whether the configuration record of the codec (ISO/IEC 14496-15) can be made from every set
+    /// that the description has. A decoder may want more of them than that.
+    static bool AreUsable(const mp4_video_track_info_t& info);
+
     /// Copies the sets that the description has.
     void KeepGiven(mp4_video_track_info_t& info);
     /// Puts the NAL unit into the description when it is one of the codec's parameter sets, in the
-    /// place of one that was given or came before.
-    void Take(const VIDEO_SLICE& unit, IVideoNalParser& parser, mp4_video_track_info_t& info);
+    /// place of one that was given or came before. False for one of them that is not usable: it
+    /// leaves the description as it is.
+    bool Take(const VIDEO_SLICE& unit, IVideoNalParser& parser, mp4_video_track_info_t& info);
 
 private:
     std::array<std::vector<uint8_t>, 3> m_kept;  // in the order of the codec's sets

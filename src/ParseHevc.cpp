@@ -17,19 +17,19 @@ struct HevcProfileTierLevel {
     uint8_t levelIdc;
 };
 
-// The functions below follow the syntax tables of ITU-T H.265, 7.3 and Annex E, line by line, and
-// read even what nothing is done with: all of it stands before a field that is needed, or before
-// the end, where a set that was cut off shows. A loop whose count the syntax allows to be large
-// also ends as soon as the bits do.
+// The functions below follow the syntax tables of ITU-T H.265, 7.3 and Annex E, line by line, up to
+// the last field that the record needs. What stands behind it is not looked at: encoders put bits
+// there that no table knows, and every decoder takes them. A loop whose count the syntax allows to
+// be large also ends as soon as the bits do.
 
 namespace {
 
 // Limits of ITU-T H.265, 7.4 and Annex E.
 constexpr uint32_t kMaxSubLayersMinus1 = 6;
-constexpr uint32_t kMaxLayerSetsMinus1 = 1023;
 constexpr uint32_t kMaxSpsId = 15;
 constexpr uint32_t kMaxPpsId = 63;
 constexpr uint32_t kMaxChromaFormat = 3;
+constexpr uint8_t kChroma420 = 1;
 constexpr uint32_t kMaxBitDepthMinus8 = 8;
 constexpr uint32_t kMaxLog2PocLsbMinus4 = 12;
 constexpr uint32_t kMaxDecPicBuffering = 16;
@@ -39,9 +39,6 @@ constexpr uint32_t kMaxDeltaPocMinus1 = (1U << 15) - 1;
 constexpr uint32_t kMaxElementalDurationMinus1 = 2047;
 constexpr uint32_t kMaxCpbCountMinus1 = 31;
 constexpr uint32_t kMaxSpatialSegmentation = 4095;
-constexpr uint32_t kMaxChromaQpOffsetsMinus1 = 5;
-// Coding tree blocks along the longest side of a picture of level 7.2, the smallest blocks.
-constexpr uint32_t kMaxTilesAlongSideMinus1 = 2110;
 
 constexpr uint8_t kExtendedSar = 255;
 constexpr size_t kMaxNalSize = 0xFFFF;
@@ -136,18 +133,6 @@ void SkipHrdSubLayers(BitReader& bits, const HrdCommon& common, uint32_t maxSubL
         const uint32_t cpbCountMinus1 = lowDelay ? 0 : bits.Ue(kMaxCpbCountMinus1);
         if (common.nal) SkipSubLayerHrd(bits, cpbCountMinus1, common.subPicture);
         if (common.vcl) SkipSubLayerHrd(bits, cpbCountMinus1, common.subPicture);
-    }
-}
-
-// vps_num_hrd_parameters and what it announces, 7.3.2.1
-void SkipVpsHrds(BitReader& bits, uint32_t layerSets, uint32_t maxSubLayersMinus1) {
-    const uint32_t count = bits.Ue(layerSets);
-    HrdCommon common;  // a structure without a common part has that of the one before
-    for (uint32_t i = 0; i < count && bits.Ok(); ++i) {
-        bits.Ue(layerSets - 1);  // hrd_layer_set_idx
-        const bool commonPresent = i == 0 || bits.Flag();
-        if (commonPresent) common = ReadHrdCommon(bits);
-        SkipHrdSubLayers(bits, common, maxSubLayersMinus1);
     }
 }
 
@@ -306,23 +291,6 @@ uint32_t ReadVui(BitReader& bits, uint32_t maxSubLayersMinus1) {
     return minSpatialSegmentation;
 }
 
-// rbsp_trailing_bits(), 7.3.2.11: a set that ends before its stop bit was cut off.
-bool EndsHere(BitReader& bits) {
-    return bits.Flag() && bits.Ok();
-}
-
-// The extensions of a set and its end: `readRange` reads the range extension, which is the first.
-// Nothing behind it is needed, and extensions to come cannot be read, so that is left alone.
-template <class ReadRange>
-bool ReadExtensionsAndEnd(BitReader& bits, ReadRange readRange) {
-    const bool extensionPresent = bits.Flag();
-    if (!extensionPresent) return EndsHere(bits);
-    const bool range = bits.Flag();
-    const uint32_t others = bits.U(7);
-    if (range) readRange();
-    return others != 0 ? bits.Ok() : EndsHere(bits);
-}
-
 void SkipPcm(BitReader& bits) {
     bits.Skip(4 + 4);
     SkipUe(bits, 2);
@@ -373,66 +341,34 @@ bool SkipSpsTools(BitReader& bits, uint32_t maxSubLayersMinus1) {
     return bits.Ok();
 }
 
-// 7.3.2.2.1
+// 7.3.2.2.1; false when the picture format, which every set has, cannot be read. The segmentation
+// limit stands far behind it and is 0, unknown, in a set that cannot be read so far.
 bool ReadSps(BitReader& bits, HevcSps& sps) {
     ReadSpsFormat(bits, sps);
     if (!bits.Ok() || sps.maxSubLayersMinus1 > kMaxSubLayersMinus1) return false;
-    if (!SkipSpsTools(bits, sps.maxSubLayersMinus1)) return false;
+    if (!SkipSpsTools(bits, sps.maxSubLayersMinus1)) return true;
     const bool vuiPresent = bits.Flag();
-    if (vuiPresent) sps.minSpatialSegmentation = ReadVui(bits, sps.maxSubLayersMinus1);
-    constexpr size_t kRangeExtensionBits = 9;
-    return ReadExtensionsAndEnd(bits, [&] { bits.Skip(kRangeExtensionBits); });
-}
-
-// num_tile_columns_minus1 to loop_filter_across_tiles_enabled_flag, 7.3.2.3.1
-void SkipTiles(BitReader& bits) {
-    const uint32_t columnsMinus1 = bits.Ue(kMaxTilesAlongSideMinus1);
-    const uint32_t rowsMinus1 = bits.Ue(kMaxTilesAlongSideMinus1);
-    const bool uniformSpacing = bits.Flag();
-    const uint32_t sizes = uniformSpacing ? 0 : columnsMinus1 + rowsMinus1;
-    for (uint32_t i = 0; i < sizes && bits.Ok(); ++i)
-        bits.Ue();
-    bits.Flag();
-}
-
-void SkipDeblockingControl(BitReader& bits) {
-    bits.Flag();  // deblocking_filter_override_enabled
-    const bool disabled = bits.Flag();
-    if (disabled) return;
-    bits.Se();
-    bits.Se();
-}
-
-// 7.3.2.3.2
-void SkipPpsRangeExtension(BitReader& bits, bool transformSkipEnabled) {
-    if (transformSkipEnabled) bits.Ue();
-    bits.Flag();  // cross_component_prediction_enabled
-    const bool chromaQpOffsetList = bits.Flag();
-    if (chromaQpOffsetList) {
-        bits.Ue();
-        const uint32_t countMinus1 = bits.Ue(kMaxChromaQpOffsetsMinus1);
-        for (uint32_t i = 0; i <= countMinus1; ++i) {
-            bits.Se();
-            bits.Se();
-        }
-    }
-    SkipUe(bits, 2);
+    const uint32_t limit = vuiPresent ? ReadVui(bits, sps.maxSubLayersMinus1) : 0;
+    if (bits.Ok()) sps.minSpatialSegmentation = limit;
+    return true;
 }
 
 struct HevcPps {
     bool tiles = false;
     bool wavefronts = false;
+    bool known = false;  // whether the set could be read as far as these flags
 };
 
-// 7.3.2.3.1
+// 7.3.2.3.1, up to entropy_coding_sync_enabled_flag; false when not even the set's own number and
+// that of its sequence parameter set can be read
 bool ReadPps(BitReader& bits, HevcPps& pps) {
     bits.Ue(kMaxPpsId);
     bits.Ue(kMaxSpsId);
+    if (!bits.Ok()) return false;
     bits.Skip(1 + 1 + 3 + 1 + 1);  // dependent_slice_segments_enabled to cabac_init_present
     SkipUe(bits, 2);               // default numbers of active reference pictures
     bits.Se();                     // init_qp_minus26
-    bits.Flag();                   // constrained_intra_pred
-    const bool transformSkipEnabled = bits.Flag();
+    bits.Skip(1 + 1);              // constrained_intra_pred, transform_skip_enabled
     const bool cuQpDeltaEnabled = bits.Flag();
     if (cuQpDeltaEnabled) bits.Ue();
     bits.Se();
@@ -440,20 +376,12 @@ bool ReadPps(BitReader& bits, HevcPps& pps) {
     bits.Skip(4);  // pps_slice_chroma_qp_offsets_present to transquant_bypass_enabled
     pps.tiles = bits.Flag();
     pps.wavefronts = bits.Flag();
-    if (pps.tiles) SkipTiles(bits);
-    bits.Flag();  // pps_loop_filter_across_slices_enabled
-    const bool deblockingControl = bits.Flag();
-    if (deblockingControl) SkipDeblockingControl(bits);
-    const bool scalingListPresent = bits.Flag();
-    if (scalingListPresent) SkipScalingLists(bits);
-    bits.Flag();  // lists_modification_present
-    bits.Ue();    // log2_parallel_merge_level_minus2
-    bits.Flag();  // slice_segment_header_extension_present
-    return ReadExtensionsAndEnd(bits, [&] { SkipPpsRangeExtension(bits, transformSkipEnabled); });
+    pps.known = bits.Ok();
+    return true;
 }
 
 uint8_t ParallelismOf(const HevcPps& pps) {
-    if (pps.tiles && pps.wavefronts) return kParallelismUnknownOrMixed;
+    if (!pps.known || (pps.tiles && pps.wavefronts)) return kParallelismUnknownOrMixed;
     if (pps.tiles) return kParallelismTiles;
     return pps.wavefronts ? kParallelismWavefronts : kParallelismSlices;
 }
@@ -463,26 +391,13 @@ struct HevcVps {
     HevcProfileTierLevel profile{};
 };
 
-// 7.3.2.1
+// 7.3.2.1, up to profile_tier_level
 bool ReadVps(BitReader& bits, HevcVps& vps) {
     bits.Skip(4 + 2 + 6);  // vps_video_parameter_set_id to vps_max_layers_minus1
     vps.maxSubLayersMinus1 = bits.U(3);
-    if (vps.maxSubLayersMinus1 > kMaxSubLayersMinus1) return false;
     bits.Skip(1 + 16);  // vps_temporal_id_nesting_flag, vps_reserved_0xffff_16bits
     vps.profile = ReadProfileTierLevel(bits, vps.maxSubLayersMinus1);
-    SkipSubLayerOrdering(bits, vps.maxSubLayersMinus1);
-    const uint32_t layerIds = bits.U(6) + 1;
-    const uint32_t layerSetsMinus1 = bits.Ue(kMaxLayerSetsMinus1);
-    bits.Skip(size_t{layerSetsMinus1} * layerIds);  // layer_id_included_flag
-    const bool timingPresent = bits.Flag();
-    if (timingPresent) {
-        bits.Skip(32 + 32);
-        const bool pocProportional = bits.Flag();
-        if (pocProportional) bits.Ue();
-        SkipVpsHrds(bits, layerSetsMinus1 + 1, vps.maxSubLayersMinus1);
-    }
-    const bool extensionPresent = bits.Flag();
-    return extensionPresent ? bits.Ok() : EndsHere(bits);
+    return bits.Ok() && vps.maxSubLayersMinus1 <= kMaxSubLayersMinus1;
 }
 
 // Fits a bit depth into its 3 bits: the record cannot say 16 bits, 15 are the nearest.
@@ -508,8 +423,24 @@ bool CHevcParser::ParseNAL(const uint8_t* pbNal, int cbNal) {
     const uint32_t temporalIdPlus1 = bits.U(3);
     if (forbidden || layerId != 0 || temporalIdPlus1 == 0) return false;
     if (!ParseSet(type, bits)) return false;
-    ArrayOf(type).Nalus.push_back({static_cast<uint16_t>(size), pbNal});
+    AddUnit(type, pbNal, size);
     return true;
+}
+
+void CHevcParser::AddUnparsed(uint8_t type, const uint8_t* pbNal, int cbNal) {
+    if (pbNal == nullptr || cbNal <= 0 || static_cast<size_t>(cbNal) > kMaxNalSize) return;
+    const auto size = static_cast<size_t>(cbNal);
+    BitReader bits(pbNal, size);
+    // The head of both sets has a fixed length, up to the level.
+    bits.Skip(type == NAL_VPS ? 16 + 32 : 16 + 8);
+    const HevcProfileTierLevel profile = ReadProfileTierLevel(bits, 0);
+    if (type != NAL_PPS && bits.Ok()) MergeProfile(profile, 0);
+    if (!m_hasSps) m_info.chromaFormat = kChroma420;
+    AddUnit(type, pbNal, size);
+}
+
+void CHevcParser::AddUnit(uint8_t type, const uint8_t* pbNal, size_t size) {
+    ArrayOf(type).Nalus.push_back({static_cast<uint16_t>(size), pbNal});
 }
 
 bool CHevcParser::ParseSet(uint8_t type, BitReader& bits) {

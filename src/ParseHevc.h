@@ -4,6 +4,7 @@
 #ifndef KX_MP4_PARSEHEVC_H
 #define KX_MP4_PARSEHEVC_H
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -56,8 +57,9 @@ struct HevcProfileTierLevel;
 
 /// Reads parameter sets into a configuration record.
 ///
-/// The sets are given in the order VPS, SPS, PPS. A set that is cut off or hostile is refused;
-/// nothing is read past its end. The record refers to the sets' bytes, which must outlive it.
+/// The sets are given in the order VPS, SPS, PPS. Of each set is read what the record needs; a set
+/// in which that is cut off or forbidden is refused, and what stands behind it is not looked at.
+/// Nothing is read past a set's end. The record refers to the sets' bytes, which must outlive it.
 ///
 /// Where several sets speak of the same thing, the record says what holds for all of them: the
 /// highest profile, tier and level, the flags that all have in common, the smallest segmentation
@@ -70,6 +72,11 @@ public:
     /// says into the record and adds it to the array of its type. False when it cannot be parsed
     /// or is not a parameter set; the record is then unchanged.
     bool ParseNAL(const uint8_t* pbNal, int cbNal);
+
+    /// For a set that ParseNAL refuses and that has to be recorded all the same: merges the
+    /// profile, tier and level that stand at the beginning of a VPS (`type` 32) or SPS (33), as far
+    /// as the set has them, and adds the set to the array of the type.
+    void AddUnparsed(uint8_t type, const uint8_t* pbNal, int cbNal);
 
     /// Completes the record before it is written: a parallelism type says nothing without a
     /// segmentation limit. The arrays keep their sizes; calling it again changes nothing.
@@ -85,6 +92,7 @@ private:
     bool ParsePps(BitReader& bits);
     void MergeProfile(const HevcProfileTierLevel& profile, uint32_t maxSubLayersMinus1);
     HVCCNALUnitArray& ArrayOf(uint8_t type);
+    void AddUnit(uint8_t type, const uint8_t* pbNal, size_t size);
 
     HEVCDecoderConfigurationRecord m_info{};
     bool m_hasProfile = false;

@@ -23,21 +23,22 @@ void PutArray(Out& out, const HVCCNALUnitArray& array) {
 void CMp4HvccAtom::SetVosData(const mp4_hevc_parameter_set_t* pParam) {
     m_pParser = nullptr;  // before the sets it may refer to
     m_pParser = std::make_unique<CHevcParser>();
-    m_vps = Parse(pParam->vps, pParam->vps_size, "Parse hevc vps fail !");
-    m_sps = Parse(pParam->sps, pParam->sps_size, "Parse hevc sps fail !");
-    m_pps = Parse(pParam->pps, pParam->pps_size, "Parse hevc pps fail !");
+    m_vps = Parse(NAL_VPS, pParam->vps, pParam->vps_size, "Parse hevc vps fail !");
+    m_sps = Parse(NAL_SPS, pParam->sps, pParam->sps_size, "Parse hevc sps fail !");
+    m_pps = Parse(NAL_PPS, pParam->pps, pParam->pps_size, "Parse hevc pps fail !");
     calcSize();
 }
 
-CMp4HvccAtom::ParameterSet CMp4HvccAtom::Parse(const uint8_t* set, int16_t size,
+CMp4HvccAtom::ParameterSet CMp4HvccAtom::Parse(NALUnitType type, const uint8_t* set, int16_t size,
                                                const char* failure) {
-    ParameterSet parameterSet;
-    if (set == nullptr) return parameterSet;
-    if (size > 0) parameterSet.bytes.assign(set, set + size);
-    parameterSet.parsed =
-        m_pParser->ParseNAL(parameterSet.bytes.data(), static_cast<int>(parameterSet.bytes.size()));
-    if (!parameterSet.parsed) zv_log_error("%s", kSource, __LINE__, "SetVosData", failure);
-    return parameterSet;
+    ParameterSet copy;
+    if (set == nullptr) return copy;
+    if (size > 0) copy.assign(set, set + size);
+    const auto bytes = static_cast<int>(copy.size());
+    if (m_pParser->ParseNAL(copy.data(), bytes)) return copy;
+    zv_log_error("%s", kSource, __LINE__, "SetVosData", failure);
+    m_pParser->AddUnparsed(static_cast<uint8_t>(type), copy.data(), bytes);
+    return copy;
 }
 
 template <class Out>
@@ -69,7 +70,7 @@ void CMp4HvccAtom::calcSize() {
 }
 
 void CMp4HvccAtom::Write() {
-    if (!m_pParser || !m_vps.parsed || !m_sps.parsed || !m_pps.parsed) {
+    if (!m_pParser || m_vps.empty() || m_sps.empty() || m_pps.empty()) {
         zv_log_error("NULL hevc head !", kSource, __LINE__, "Write");
         throw int{kUnusableParameterSets};
     }

@@ -25,10 +25,11 @@ class CMp4HvccAtom : public CMp4Atom {
 public:
     using CMp4Atom::CMp4Atom;
 
-    /// Copies and parses the parameter sets.
+    /// Copies and parses the parameter sets. A set that cannot be parsed is logged and goes into
+    /// the box as it is, with what its first bytes say.
     void SetVosData(const mp4_hevc_parameter_set_t* pParam);
 
-    /// Throws the int 71 when a set is missing or could not be parsed.
+    /// Throws the int 71 when a set is missing.
     void Write() override;
     /// Works out the size of the box from the parsed sets; SetVosData calls it.
     void calcSize();
@@ -39,13 +40,9 @@ public:
     void Put(Out& out) const;
 
 private:
-    /// A copy of one set. It is kept even if it could not be parsed: the parser may refer to it.
-    struct ParameterSet {
-        std::vector<uint8_t> bytes;
-        bool parsed = false;
-    };
+    using ParameterSet = std::vector<uint8_t>;
 
-    ParameterSet Parse(const uint8_t* set, int16_t size, const char* failure);
+    ParameterSet Parse(NALUnitType type, const uint8_t* set, int16_t size, const char* failure);
 
     ParameterSet m_vps;
     ParameterSet m_sps;

@@ -247,9 +247,12 @@ void CMp4AudioTrakAtom::SetAudioInfo(const mp4_audio_track_info_t* pTrackInfo) {
     SampleTable().SetFrameDuration(static_cast<int32_t>(frameDuration));
     setFrameDuration(frameDuration);
     if (m_info.codec != MP4_MAC_AAC && m_info.codec != MP4_MAC_ADTS) return;
-    uint8_t szEs[2] = {};
-    CAudioES::Generate(m_info.profile, sampleRate, m_info.channels, szEs);
-    SampleTable().SetAAC(szEs, sizeof szEs);
+    if (!CAudioES::CanDescribe(m_info.profile))
+        zv_log_warn("AAC object type %d cannot be described, it is recorded as AAC LC", kSource,
+                    __LINE__, "SetAudioInfo", m_info.profile);
+    uint8_t szEs[CAudioES::kMaxConfigSize] = {};
+    const int size = CAudioES::Generate(m_info.profile, sampleRate, m_info.channels, szEs);
+    SampleTable().SetAAC(szEs, size);
 }
 
 bool CMp4AudioTrakAtom::AfterWriteAudioFrame(int64_t nOffset, int cbFrame, int64_t nTimeStamp,

@@ -143,7 +143,10 @@ typedef struct mp4_audio_track_info {
     /// Hz. 88200 and 96000 do not fit: their low 16 bits (22664, 30464) stand for them.
     uint16_t sample_rate;
     uint16_t channels;  ///< AAC channel configuration (ISO/IEC 14496-3, table 1.19).
-    uint8_t profile;    ///< MPEG-4 audio object type; 2 is AAC LC, and 0 counts as AAC LC.
+    /// MPEG-4 audio object type: 2 is AAC LC, and 0 counts as AAC LC; 5 is HE-AAC and 29 HE-AAC
+    /// version 2, of which `sample_rate` and `channels` are those of the decoded sound. 1, 3, 4 and
+    /// 7 are written as they are, others are logged and written as AAC LC.
+    uint8_t profile;
 } mp4_audio_track_info_t;
 
 /// Description of the caption track.
