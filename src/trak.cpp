@@ -248,7 +248,7 @@ void CMp4AudioTrakAtom::SetAudioInfo(const mp4_audio_track_info_t* pTrackInfo) {
     setFrameDuration(frameDuration);
     if (m_info.codec != MP4_MAC_AAC && m_info.codec != MP4_MAC_ADTS) return;
     if (!CAudioES::CanDescribe(m_info.profile))
-        zv_log_warn("AAC object type %d cannot be described, it is recorded as AAC LC", kSource,
+        zv_log_warn("AAC object type %d cannot be described, it is recorded as AAC LC", "src/trak",
                     __LINE__, "SetAudioInfo", m_info.profile);
     uint8_t szEs[CAudioES::kMaxConfigSize] = {};
     const int size = CAudioES::Generate(m_info.profile, sampleRate, m_info.channels, szEs);

@@ -1,18 +1,19 @@
 #include <gmock/gmock.h>
 
-#include <array>
 #include <climits>
 #include <utility>
+#include <vector>
 
 #include "AudioES.h"
 
 namespace {
 
-using Config = std::array<uint8_t, 2>;
+using Config = std::vector<uint8_t>;
 
 Config Generate(int profile, int sampleRate, int channels) {
-    Config config{};
-    CAudioES::Generate(profile, sampleRate, channels, config.data());
+    Config config(CAudioES::kMaxConfigSize);
+    config.resize(
+        static_cast<size_t>(CAudioES::Generate(profile, sampleRate, channels, config.data())));
     return config;
 }
 
@@ -29,12 +30,23 @@ TEST(AudioES, WritesWhatEncodersWriteForCommonStreams) {
     EXPECT_EQ(Generate(2, 48000, 18), Generate(2, 48000, 2)) << "four bits of channels";
 }
 
-TEST(AudioES, ObjectTypesWithoutRoomCountAsLowComplexity) {
+TEST(AudioES, ObjectTypesThatCannotBeDescribedCountAsLowComplexity) {
     const Config lowComplexity = Generate(2, 48000, 2);
-    for (const int profile : {0, -1, 31, 32, 42, INT_MAX, INT_MIN}) {
+    for (const int profile : {-1, 6, 8, 17, 20, 23, 28, 30, 31, 39, 42, INT_MAX, INT_MIN}) {
+        EXPECT_FALSE(CAudioES::CanDescribe(profile)) << profile;
         EXPECT_EQ(Generate(profile, 48000, 2), lowComplexity) << profile;
     }
-    EXPECT_EQ(Generate(30, 48000, 2), (Config{0xF1, 0x90}));
+    EXPECT_EQ(Generate(0, 48000, 2), lowComplexity);
+    for (const int profile : {0, 1, 2, 3, 4, 5, 7, 29})
+        EXPECT_TRUE(CAudioES::CanDescribe(profile)) << profile;
+    EXPECT_EQ(Generate(7, 48000, 2), (Config{0x39, 0x90}));
+}
+
+// As encoders write it for 24000 Hz doubled to 48000 Hz, and a core of one channel for PS.
+TEST(AudioES, HighEfficiencyHasItsHierarchicalForm) {
+    EXPECT_EQ(Generate(5, 48000, 2), (Config{0x2B, 0x11, 0x88, 0x00}));
+    EXPECT_EQ(Generate(29, 44100, 2), (Config{0xEB, 0x8A, 0x08, 0x00}));
+    EXPECT_EQ(Generate(5, 50000, 1).size(), 10U) << "both rates as numbers";
 }
 
 TEST(AudioES, EveryRateHasTheIndexWhoseTablesItUses) {

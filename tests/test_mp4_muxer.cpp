@@ -369,16 +369,47 @@ TEST_F(Muxer, SetsThatCannotBeDescribedAreNotTaken) {
               test_pattern::kSps);
 }
 
-TEST_F(Muxer, AUselessConfigurationFailsCloseOnly) {
-    ASSERT_EQ(Create("out.mp4", MP4_FLAG_REPAIR_INFO), kSuccess);
-    auto track = streams::H264Track();
-    track.h264.sps_size = 3;
-    ASSERT_EQ(m_muxer.SetVideoTrack(&track), kSuccess);
-    ASSERT_EQ(Video(test_pattern::Picture(0), 0), kSuccess);
-    EXPECT_EQ(m_muxer.Close(), MP4_STATUS_UNEXPECTED_ERROR);
-    EXPECT_TRUE(std::filesystem::exists(m_folder.Path("out.mp4.info"))) << "kept for the repair";
-    EXPECT_EQ(m_muxer.Close(), kSuccess);
-    EXPECT_TRUE(std::filesystem::exists(m_folder.Path("out.mp4.info")));
+// A set of which no configuration can be made is refused when it is declared, and leaves the
+// earlier declaration in place; in a stream it is passed over, with one warning. Close never fails
+// for it.
+TEST_F(Muxer, AUselessParameterSetIsRefusedOrPassedOver) {
+    const Bytes cutOff = Hex("4201010160");  // ends within the profile
+    const Bytes shortSps = Hex("674200");
+    auto h264 = streams::H264Track();
+    h264.h264.sps_size = 3;
+    auto hevc = streams::HevcTrack();
+    hevc.hevc.sps = cutOff.data();
+    hevc.hevc.sps_size = 5;
+    auto mixed = streams::HevcTrack();
+    std::swap(mixed.hevc.vps, mixed.hevc.sps);
+    std::swap(mixed.hevc.vps_size, mixed.hevc.sps_size);
+    auto deferred = streams::Deferred(streams::HevcTrack());
+    deferred.hevc.sps = cutOff.data();
+    deferred.hevc.sps_size = 5;
+    for (const bool fromStream : {false, true}) {
+        for (const bool isHevc : {false, true}) {
+            MemoryOutput output;
+            ASSERT_EQ(CreateIn(output), kSuccess);
+            const auto good = isHevc ? streams::HevcTrack() : streams::H264Track();
+            const auto track = fromStream ? streams::Deferred(good) : good;
+            ASSERT_EQ(m_muxer.SetVideoTrack(&track), kSuccess);
+            for (const auto& bad : {h264, hevc, mixed, deferred})
+                EXPECT_EQ(m_muxer.SetVideoTrack(&bad), MP4_STATUS_UNEXPECTED_ERROR);
+            const auto codec = isHevc ? MP4_MVC_HEVC : MP4_MVC_H264;
+            const auto odd = streams::AccessUnit({isHevc ? cutOff : shortSps});
+            for (int i = 0; i < 3; ++i)
+                EXPECT_EQ(Video(odd, 0), kSuccess);
+            EXPECT_EQ(m_log.Count("warn",
+                                  "a video parameter set in the stream cannot be described "
+                                  "and is not taken"),
+                      fromStream ? 1 : 0);
+            m_log.Clear();
+            EXPECT_EQ(Video(streams::AccessUnit(streams::PictureUnits(0, codec)), 3000), kSuccess);
+            ASSERT_EQ(m_muxer.Close(), kSuccess);
+            const MovieReader movie = output.Movie();
+            EXPECT_EQ(movie.TrackOf("vide").samples.size(), fromStream ? 1U : 4U) << isHevc;
+        }
+    }
 }
 
 TEST_F(Muxer, AdtsHeadersAreTakenOffAndConfigureTheTrack) {
