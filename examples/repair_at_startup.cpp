@@ -26,10 +26,9 @@ std::vector<std::string> UnfinishedRecordings(const std::filesystem::path& folde
 
 void RepairOne(const std::string& recording) {
     kx_mp4::RepairOptions options;
-    // No second copy of hours of video; the repair info file goes when the recording is finished.
+    // No second copy of hours of video. The repair info file goes when every byte of the recording
+    // is explained; otherwise it stays, and the next start says the same again.
     options.in_place = true;
-    // The repair info file does not say whether composition offsets were on; the application knows.
-    options.composition_offsets = false;
     options.progress = [](const kx_mp4::RepairProgress& progress) {
         std::printf("  %llu of %llu bytes\n", static_cast<unsigned long long>(progress.done),
                     static_cast<unsigned long long>(progress.total));
@@ -41,7 +40,9 @@ void RepairOne(const std::string& recording) {
             std::printf("%s: nothing is lost\n", recording.c_str());
             break;
         case kx_mp4::RepairOutcome::kLoss:
-            std::printf("%s: the end is missing: %s\n", recording.c_str(), report.reason.c_str());
+            std::printf("%s: from %llu ms on: %s\n", recording.c_str(),
+                        static_cast<unsigned long long>(report.reason_time_ms),
+                        report.reason.c_str());
             break;
         case kx_mp4::RepairOutcome::kFailed:
             std::printf("%s: left as it is: %s\n", recording.c_str(), report.reason.c_str());

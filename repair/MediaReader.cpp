@@ -10,8 +10,6 @@ namespace kx_mp4 {
 namespace {
 
 constexpr size_t kWindowBytes = 64 * kPageBytes;
-/// Fewer zeros in a row are everyday: the length field of a NAL unit begins with up to three.
-constexpr size_t kUnwrittenRun = 8;
 
 size_t ZerosFrom(const uint8_t* begin, const uint8_t* end) {
     return static_cast<size_t>(std::find_if(begin, end, [](uint8_t byte) { return byte != 0; }) -
@@ -63,15 +61,15 @@ MediaReader::Bytes MediaReader::Page(uint64_t position) {
     return {m_window.data() + offset, std::min<size_t>(kPageBytes, m_window.size() - offset)};
 }
 
-bool MediaReader::LooksUnwritten(uint64_t begin, uint64_t end) {
+bool MediaReader::LooksUnwritten(uint64_t begin, uint64_t end, size_t run) {
     for (uint64_t start = begin / kPageBytes * kPageBytes; start < end; start += kPageBytes) {
         const Bytes page = Page(std::max(start, begin));
-        if (page.size < kUnwrittenRun) continue;
+        if (page.size < run) continue;
         const uint8_t* const pageEnd = page.data + page.size;
         const size_t head = ZerosFrom(page.data, pageEnd);
-        if (head >= kUnwrittenRun && begin < start + head) return true;
+        if (head >= run && begin < start + head) return true;
         const size_t tail = ZerosUpTo(page.data, pageEnd);
-        if (tail >= kUnwrittenRun && end > start + page.size - tail) return true;
+        if (tail >= run && end > start + page.size - tail) return true;
     }
     return false;
 }

@@ -25,8 +25,8 @@ public:
     /// Reads exactly `size` bytes; false when they are not all there.
     bool Read(uint64_t position, void* out, size_t size);
     /// Whether [begin, end) touches bytes that look as if they had never been written: at least
-    /// eight zeros up to the end, or from the beginning, of one of its pages.
-    bool LooksUnwritten(uint64_t begin, uint64_t end);
+    /// `run` zeros up to the end, or from the beginning, of one of its pages.
+    bool LooksUnwritten(uint64_t begin, uint64_t end, size_t run);
 
 private:
     struct Bytes {

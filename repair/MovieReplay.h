@@ -23,6 +23,10 @@ public:
 
     /// Whether the boxes can describe this sample at `position`; the muxer writes no other.
     bool HasRoomFor(const FrameRecord& frame, uint64_t position) const;
+    /// Whether the media data's header can describe media data up to there.
+    bool CanEndAt(uint64_t mediaEnd) const {
+        return m_mdat.CanEndAt(static_cast<int64_t>(mediaEnd));
+    }
     /// Takes a format, a metadata item or a frame whose sample lies at `position`. False when the
     /// boxes refuse it, as they did when the muxer offered it: an audio frame without a track
     /// leaves its bytes in the media data, but has no place in the index.

@@ -37,8 +37,16 @@ void RepairOutput::Write(const void* pbBuf, uint32_t cbBuf) {
             m_pendingEnd = m_position + cbBuf;
         }
     }
+    if (m_file == nullptr) Keep(bytes, cbBuf);
     m_position += cbBuf;
     m_end = std::max(m_end, m_position);
+}
+
+void RepairOutput::Keep(const uint8_t* bytes, size_t size) {
+    if (m_position < m_keepFrom) return;
+    const auto at = static_cast<size_t>(m_position - m_keepFrom);
+    if (m_kept.size() < at + size) m_kept.resize(at + size);
+    std::copy_n(bytes, size, m_kept.begin() + static_cast<std::ptrdiff_t>(at));
 }
 
 void RepairOutput::WritePending() {

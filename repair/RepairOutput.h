@@ -23,6 +23,12 @@ public:
 
     /// Writes to `file` from now on; borrowed.
     void Attach(PosixFile& file) { m_file = &file; }
+    /// Without a file: keeps what is written from `position` on in memory, from now on.
+    void KeepFrom(uint64_t position) {
+        m_keepFrom = position;
+        m_kept.clear();
+    }
+    const std::vector<uint8_t>& Kept() const { return m_kept; }
 
     bool Uninit() override { return true; }
     uint64_t Ftell() override { return m_position; }
@@ -41,6 +47,10 @@ private:
     void WritePending();
 
     PosixFile* m_file = nullptr;
+    void Keep(const uint8_t* bytes, size_t size);
+
+    uint64_t m_keepFrom = UINT64_MAX;
+    std::vector<uint8_t> m_kept;
     uint64_t m_position = 0;
     uint64_t m_end = 0;
     std::vector<uint8_t> m_pending;  // ends at m_pendingEnd

@@ -4,6 +4,7 @@
 #include <array>
 
 #include "FourCC.h"
+#include "ParseHevc.h"
 
 namespace kx_mp4 {
 
@@ -13,7 +14,7 @@ constexpr uint32_t kLengthField = 4;
 constexpr uint32_t kAtomHeader = 8;
 constexpr uint32_t kLine21Atom = 10;  // header and one byte pair
 constexpr uint8_t kForbiddenZeroBit = 0x80;
-constexpr const char* kWrongSyncMark = "its sync mark contradicts its NAL units";
+constexpr uint8_t kH264Sps = 7;  // ITU-T H.264, table 7-1
 
 constexpr uint32_t CodeOf(FourCC code) {
     uint32_t value = 0;
@@ -38,26 +39,54 @@ bool SampleCheck::ReadInt(uint64_t position, uint32_t& value) {
     return true;
 }
 
-void SampleCheck::SetVideoCodec(mp4_video_codec codec) {
-    m_videoCodec = codec;
+SampleVerdict SampleCheck::Distrust(const char* doubt) {
+    m_doubt = doubt;
+    return SampleVerdict::kDoubtful;
+}
+
+void SampleCheck::SetVideoFormat(const VideoFormatRecord& format) {
+    m_videoCodec = format.head.codec;
     m_nal.reset();
-    if (codec == MP4_MVC_H264) m_nal = std::make_unique<CH264Nal>();
-    if (codec == MP4_MVC_HEVC) m_nal = std::make_unique<CHevcNal>();
+    m_sps.clear();
+    if (m_videoCodec == MP4_MVC_H264) {
+        m_nal = std::make_unique<CH264Nal>();
+        m_sps = format.sets[0];
+    } else if (m_videoCodec == MP4_MVC_HEVC) {
+        m_nal = std::make_unique<CHevcNal>();
+        m_sps = format.sets[1];
+    }
+}
+
+// Emulation prevention keeps three zeros in a row out of NAL units, and the length before one has
+// up to three; a caption or a counter has few as well. Coefficients and padding have no such rule.
+size_t SampleCheck::ZerosOfNoSample(RepairTrack track) const {
+    constexpr size_t kMarked = 8;
+    constexpr size_t kUnmarked = 64;
+    const bool unmarked = track == kRepairAudio || (track == kRepairVideo && m_nal == nullptr);
+    return unmarked ? kUnmarked : kMarked;
 }
 
 SampleVerdict SampleCheck::Check(const FrameRecord& frame, uint64_t position) {
     if (position > m_media.Limit() || frame.size > m_media.Limit() - position)
         return Fail("it points past the end of the media data");
-    switch (frame.track) {
-        case kRepairVideo:
-            return CheckVideo(frame, position);
-        case kRepairAudio:
-            return SampleVerdict::kNothingToCheck;
-        case kRepairCaption:
-            return CheckCaption(frame.size, position);
-        default:
-            return CheckTimecode(frame.timecode, position);
-    }
+    const auto check = [&] {
+        switch (frame.track) {
+            case kRepairVideo:
+                return CheckVideo(frame, position);
+            case kRepairAudio:
+                return CheckAac(frame.size, position);
+            case kRepairCaption:
+                return CheckCaption(frame.size, position);
+            default:
+                return CheckTimecode(frame.timecode, position);
+        }
+    };
+    const SampleVerdict verdict = check();
+    if (verdict != SampleVerdict::kHolds) return verdict;
+    const size_t zeros = ZerosOfNoSample(frame.track);
+    return m_media.LooksUnwritten(position, position + frame.size, zeros)
+               ? Distrust("lie on bytes that look as if they had never been written")
+               : verdict;
 }
 
 SampleVerdict SampleCheck::CheckVideo(const FrameRecord& frame, uint64_t position) {
@@ -93,23 +122,41 @@ SampleVerdict SampleCheck::CheckNalUnits(const FrameRecord& frame, uint64_t posi
         key = key || m_nal->IsKeyFrame(head.data(), size);
         randomAccess = randomAccess || m_nal->IsRandomAccess(head.data(), size);
         hasUnit = true;
+        CompareParameterSet(head[0], length, position);
         position += length;
     }
     if (!hasUnit) return Fail("it holds no NAL unit");
-    if (randomAccess && !key) return CheckRandomAccessMark(frame.sync);
-    if (key != frame.sync) return Fail(kWrongSyncMark);
+    // HEVC pictures of type CRA and BLA are marked as sync with composition offsets only.
+    if (key != frame.sync && !(randomAccess && frame.sync))
+        return Fail("its sync mark contradicts its NAL units");
     return SampleVerdict::kHolds;
 }
 
-// The muxer marks HEVC pictures of type CRA and BLA as sync with composition offsets only, so each
-// of them tells which kind of recording this is.
-SampleVerdict SampleCheck::CheckRandomAccessMark(bool sync) {
-    if (sync == m_compositionOffsets) {
-        m_offsetsConfirmed = true;
-        return SampleVerdict::kHolds;
-    }
-    m_offsetsContradicted = !m_offsetsConfirmed;
-    return Fail(kWrongSyncMark);
+void SampleCheck::CompareParameterSet(uint8_t header, uint32_t length, uint64_t position) {
+    const bool h264 = m_videoCodec == MP4_MVC_H264;
+    const uint8_t type = m_nal->GetTag(&header, 1);
+    if (m_spsMatched || type != (h264 ? kH264Sps : uint8_t{NAL_SPS})) return;
+    m_spsSeen = true;
+    if (length != m_sps.size()) return;
+    std::vector<uint8_t> set(length);
+    m_spsMatched = m_media.Read(position, set.data(), length) && set == m_sps;
+}
+
+// ISO/IEC 14496-3, 4.4.2.1: a raw data block ends with ID_END, three ones, and zeros up to the
+// byte.
+SampleVerdict SampleCheck::CheckAac(uint32_t size, uint64_t position) {
+    constexpr unsigned kIdEnd = 7;
+    std::array<uint8_t, 2> tail{};
+    const uint32_t count = std::min<uint32_t>(size, 2);
+    if (!m_media.Read(position + size - count, tail.data() + 2 - count, count))
+        return Fail("its media data cannot be read");
+    unsigned bits = static_cast<unsigned>(tail[0]) << 8 | tail[1];
+    for (int zeros = 0; zeros < 7 && (bits & 1) == 0; ++zeros)
+        bits >>= 1;
+    ++m_aacFrames;
+    if ((bits & kIdEnd) == kIdEnd) return SampleVerdict::kHolds;
+    ++m_aacOdd;
+    return Distrust("do not end as AAC frames do");
 }
 
 // SMPTE RDD 36, 5.1: the frame's size and the identifier 'icpf'. An encoder may pad the frame.

@@ -2,9 +2,12 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <optional>
+#include <vector>
 
 #include "InfoReader.h"
 #include "MediaReader.h"
@@ -12,6 +15,7 @@
 #include "RecordingLayout.h"
 #include "RepairOutput.h"
 #include "RepairRefused.h"
+#include "Rescale.h"
 #include "SampleCheck.h"
 #include "defines.h"
 
@@ -47,8 +51,8 @@ class RepairRun {
 public:
     RepairRun(const RepairOptions& options, RepairReport& report);
 
-    /// Checks the records and makes the index in memory; nothing is written. False when the
-    /// recording shows that report.composition_offsets has to be the opposite.
+    /// Checks the records and makes the index in memory; nothing is written. False when a frame
+    /// shows that report.composition_offsets has to be set.
     bool Check();
     void Write();
 
@@ -56,10 +60,14 @@ private:
     void CheckRecords();
     bool Keep(const InfoRecord& record);
     bool KeepFrame(const FrameRecord& frame);
-    void Count(const FrameRecord& frame, SampleVerdict verdict, bool indexed);
+    void Count(const FrameRecord& frame, bool indexed);
+    void Distrust(const FrameRecord& frame, const char* doubt);
+    uint64_t TimeOf(const FrameRecord& frame);
     void NoteFormat(const InfoRecord& record);
     void CountDropped(const InfoRecord* first);
     void Conclude();
+    void RefuseInPlace();
+    bool HasThisIndex();
     void TryIndex();
     void WriteInPlace();
     void WriteCopy();
@@ -77,8 +85,19 @@ private:
     std::optional<MovieReplay> m_movie;
     uint64_t m_mediaEnd = 0;
     uint64_t m_told = 0;
-    uint64_t m_shiftedFrames = 0;  // kept, with a presentation time of their own
+    struct Clock {
+        uint32_t timescale = 0;
+        int64_t first = 0;
+        int64_t last = 0;
+        bool started = false;
+    };
+    std::array<Clock, kRepairTrackKinds> m_clocks{};
+    uint64_t m_time = 0;           // in the recording, of the latest frame, milliseconds
+    uint32_t m_largestSample = 0;  // of the kept ones
+    bool m_needsOffsets = false;   // a frame has a presentation time of its own
     std::string m_problem;         // of the record that ended the repair
+    std::string m_doubt;           // the first one
+    uint64_t m_doubtTime = 0;
 };
 
 RepairRun::RepairRun(const RepairOptions& options, RepairReport& report)
@@ -104,11 +123,11 @@ bool RepairRun::Check() {
     m_report.quicktime = m_layout.quicktime;
     m_mediaEnd = m_layout.mediaBegin;
     m_media.emplace(m_recording, m_layout.mediaLimit);
-    m_check.emplace(*m_media, m_report.composition_offsets);
+    m_check.emplace(*m_media);
     m_movie.emplace(m_output, m_layout, flags, m_report.composition_offsets);
 
     CheckRecords();
-    if (m_check->OffsetsContradicted()) return false;
+    if (m_needsOffsets) return false;
     Conclude();
     TryIndex();
     return true;
@@ -126,7 +145,7 @@ void RepairRun::CheckRecords() {
     InfoRecord record;
     while (m_info.Next(record)) {
         if (!Keep(record)) {
-            CountDropped(&record);
+            if (!m_needsOffsets) CountDropped(&record);
             return;
         }
         ++m_report.records;
@@ -166,13 +185,41 @@ bool RepairRun::KeepFrame(const FrameRecord& frame) {
         m_problem = "its sample lies where this kind of file cannot have one";
         return false;
     }
-    const bool indexed = m_movie->Apply(frame, m_mediaEnd);
-    Count(frame, verdict, indexed);
+    const bool ownTime = frame.track == kRepairVideo && frame.pts != frame.dts;
+    if (ownTime && !m_report.composition_offsets && !m_options.composition_offsets) {
+        m_needsOffsets = true;
+        return false;
+    }
+    m_time = TimeOf(frame);
+    if (verdict == SampleVerdict::kDoubtful) Distrust(frame, m_check->Doubt());
+    Count(frame, m_movie->Apply(frame, m_mediaEnd));
     m_mediaEnd += frame.size;
     return true;
 }
 
-void RepairRun::Count(const FrameRecord& frame, SampleVerdict verdict, bool indexed) {
+/// Notes the frame's time on its track's clock; where the time of the recording stands then.
+uint64_t RepairRun::TimeOf(const FrameRecord& frame) {
+    constexpr uint32_t kMilliseconds = 1000;
+    Clock& clock = m_clocks[frame.track];
+    if (frame.track == kRepairTimecode || clock.timescale == 0) return m_time;
+    if (!clock.started) clock.first = clock.last = frame.dts;
+    clock.started = true;
+    if (frame.dts < clock.last) Distrust(frame, "have times that run backwards");
+    clock.last = frame.dts;
+    const uint64_t ticks = static_cast<uint64_t>(frame.dts) - static_cast<uint64_t>(clock.first);
+    const int64_t time = Rescale(static_cast<int64_t>(ticks), kMilliseconds, clock.timescale);
+    return std::max(m_time, static_cast<uint64_t>(std::max<int64_t>(time, 0)));
+}
+
+void RepairRun::Distrust(const FrameRecord& frame, const char* doubt) {
+    ++m_report.tracks[frame.track].frames_doubtful;
+    if (!m_doubt.empty()) return;
+    m_doubt = doubt;
+    m_doubtTime = m_time;
+}
+
+void RepairRun::Count(const FrameRecord& frame, bool indexed) {
+    m_largestSample = std::max(m_largestSample, frame.size);
     RepairTrackReport& track = m_report.tracks[frame.track];
     if (!indexed) {
         ++track.frames_without_track;
@@ -180,77 +227,119 @@ void RepairRun::Count(const FrameRecord& frame, SampleVerdict verdict, bool inde
     }
     ++track.frames_kept;
     track.bytes_kept += frame.size;
-    if (verdict == SampleVerdict::kNothingToCheck) ++track.frames_unchecked;
-    if (frame.pts != frame.dts) ++m_shiftedFrames;
-    if (m_media->LooksUnwritten(m_mediaEnd, m_mediaEnd + frame.size)) ++track.frames_doubtful;
 }
 
 void RepairRun::NoteFormat(const InfoRecord& record) {
-    if (const auto* video = std::get_if<VideoFormatRecord>(&record))
-        m_check->SetVideoCodec(video->head.codec);
-    else if (const auto* caption = std::get_if<mp4_subtitle_track_info_t>(&record))
+    if (const auto* video = std::get_if<VideoFormatRecord>(&record)) {
+        m_check->SetVideoFormat(*video);
+        m_clocks[kRepairVideo].timescale = video->head.timescale;
+    } else if (const auto* audio = std::get_if<mp4_audio_track_info_t>(&record)) {
+        m_clocks[kRepairAudio].timescale = audio->timescale;
+    } else if (const auto* caption = std::get_if<mp4_subtitle_track_info_t>(&record)) {
         m_check->SetCaptionCodec(caption->codec);
+        m_clocks[kRepairCaption].timescale = caption->timescale;
+    }
 }
 
 void RepairRun::Conclude() {
-    // An index that is there describes more than the records do, though not always truly: a copy
-    // may leave out what was never written, but the recording itself is not cut for it.
-    const bool hasBetterIndex = m_layout.hasMovieBox && m_mediaEnd != m_layout.mediaLimit;
-    if (hasBetterIndex && m_options.in_place) {
-        throw RepairRefused("the recording already has an index, of more than its records hold (" +
-                            (m_problem.empty() ? "they end before it" : m_problem) + ")");
-    }
+    const uint64_t unexplained = m_layout.mediaLimit - m_mediaEnd;
     m_report.media_bytes_kept = m_mediaEnd - m_layout.mediaBegin;
-    m_report.media_bytes_dropped = m_layout.mediaLimit - m_mediaEnd;
-    if (!m_options.composition_offsets && !m_check->OffsetsConfirmed())
-        m_report.frames_of_unclear_time = m_shiftedFrames;
+    m_report.media_bytes_unexplained = unexplained;
+    if (m_mediaEnd == m_layout.mediaBegin && unexplained != 0) {
+        throw RepairRefused("no frame of the recording is explained (" +
+                            (m_problem.empty() ? "there are no records" : m_problem) + ")");
+    }
+    if (m_check->SoundContradicts() && !m_options.force) {
+        throw RepairRefused(
+            "the repair info file belongs to another recording: most of its AAC frames do not end "
+            "as AAC frames do");
+    }
     uint64_t doubtful = 0;
     for (const RepairTrackReport& track : m_report.tracks)
         doubtful += track.frames_doubtful;
-    if (!m_problem.empty())
+    m_report.reason_time_ms = m_time;
+    if (!m_problem.empty()) {
         m_report.reason = m_problem;
-    else if (m_report.media_bytes_dropped != 0)
-        m_report.reason = "the last " + std::to_string(m_report.media_bytes_dropped) +
-                          " bytes of media data have no record";
-    else if (doubtful != 0)
-        m_report.reason = std::to_string(doubtful) +
-                          " frames lie on bytes that look as if they had never been written";
-    m_report.outcome = m_report.reason.empty() ? RepairOutcome::kWhole : RepairOutcome::kLoss;
+    } else if (unexplained != 0) {
+        m_report.reason =
+            "the last " + std::to_string(unexplained) + " bytes of media data have no record";
+    } else if (doubtful != 0) {
+        m_report.reason = std::to_string(doubtful) + " frames " + m_doubt;
+        m_report.reason_time_ms = m_doubtTime;
+    } else if (m_check->ParameterSetsContradict()) {
+        m_report.reason = "the parameter sets in the media data are not the recorded ones";
+        m_report.reason_time_ms = 0;
+    }
+    const bool whole = m_report.reason.empty();
+    if (whole) m_report.reason_time_ms = 0;
+    m_report.outcome = whole ? RepairOutcome::kWhole : RepairOutcome::kLoss;
+    if (!m_movie->CanEndAt(m_layout.mediaLimit))
+        throw RepairRefused("this kind of file cannot describe media data of that size");
+    if (m_options.in_place) RefuseInPlace();
+}
+
+/// What a person should look at before the recording itself is changed.
+void RepairRun::RefuseInPlace() {
+    if (m_report.outcome == RepairOutcome::kWhole) return;
+    // An index that is there describes more than the records do, though not always truly.
+    if (m_layout.hasMovieBox && m_report.media_bytes_unexplained != 0 && !HasThisIndex()) {
+        throw RepairRefused("the recording already has an index, of more than its records hold (" +
+                            m_report.reason + ")");
+    }
+    if (m_report.media_bytes_unexplained <= m_largestSample || m_options.force) return;
+    throw RepairRefused("the index would leave out the last " +
+                        std::to_string(m_report.media_bytes_unexplained) +
+                        " bytes of media data, more than the one sample that was being written (" +
+                        m_report.reason + ")");
+}
+
+/// Whether the index that is there is the one that this repair would write: an earlier repair has.
+bool RepairRun::HasThisIndex() {
+    m_output.KeepFrom(m_layout.mediaLimit);
+    const uint64_t end = m_movie->WriteIndex(m_layout.mediaLimit);
+    if (end != m_recording.Size()) return false;
+    std::vector<uint8_t> found(m_output.Kept().size());
+    const size_t read = m_recording.ReadAt(m_layout.mediaLimit, found.data(), found.size());
+    return read == found.size() && found == m_output.Kept();
 }
 
 // Before anything is changed it is known that the index can be written.
 void RepairRun::TryIndex() {
-    m_movie->WriteMediaHeader(m_mediaEnd);
-    m_report.output_bytes = m_movie->WriteIndex(m_mediaEnd);
+    m_movie->WriteMediaHeader(m_layout.mediaLimit);
+    m_report.output_bytes = m_movie->WriteIndex(m_layout.mediaLimit);
 }
 
 // A kill at any moment must leave a file from which a second run makes the same result. What it
 // finds, after each step (S: final size, h: size while recording):
 //
-//   | ftyp | free | mdat h: samples ... | rest of a frame, half a moov |  + .info   as found
-//   | ftyp | free | mdat h: samples ... |                                + .info   1 cut off
-//   | ftyp | free | mdat S: samples ... |                                + .info   2 final size
-//   | ftyp | free | mdat S: samples ... | half a moov |                  + .info   3 index
-//   | ftyp | free | mdat S: samples ... | moov        |                  + .info
-//   | ftyp | free | mdat S: samples ... | moov        |                            4 .info removed
+//   | ftyp | free | mdat h: samples ... | rest of a frame |           + .info   as found
+//   | ftyp | free | mdat S: samples ...   rest of a frame | half a moov | + .info   or so
+//   | ftyp | free | mdat S: samples ...   rest of a frame |           + .info   1 no half index
+//   | ftyp | free | mdat S: samples ...   rest of a frame |           + .info   2 final size
+//   | ftyp | free | mdat S: samples ...   rest of a frame | half a moov | + .info   3 index
+//   | ftyp | free | mdat S: samples ...   rest of a frame | moov |    + .info
+//   | ftyp | free | mdat S: samples ... | moov |                              4 .info removed
 //
-// The records decide where the samples end, and nothing before that place but the header changes.
-// The record that ended the first repair must end the second one too, though. After 1 it points
-// past the end of the file, or is refused as before. After 2 it points past the end of the media
-// data; without the final size, half an index could be taken for the sample that was missing.
-// Hence the order 1, 2, 3, with all of a step on the disk before the next one begins. The header
-// is written in one piece each time.
+// Nothing within the media data changes but its header, which is written in one piece. The record
+// that ended the first repair must end the second one too: without the final size, half an index
+// could be taken for the sample that was missing. Hence the order, with all of a step on the disk
+// before the next one begins. The .info goes only when every byte is explained.
 void RepairRun::WriteInPlace() {
-    Tell(RepairStep::kIndex, 0, m_report.output_bytes - m_mediaEnd);
-    m_output.Attach(m_recording);
-    m_recording.Truncate(m_mediaEnd);
-    m_recording.Sync();
-    m_movie->WriteMediaHeader(m_mediaEnd);
-    m_output.Flush();
-    m_movie->WriteIndex(m_mediaEnd);
-    m_output.Flush();
+    const uint64_t end = m_layout.mediaLimit;
+    Tell(RepairStep::kIndex, 0, m_report.output_bytes - end);
     m_report.output_path = m_report.recording_path;
-    if (!m_options.keep_info && m_report.frames_of_unclear_time == 0)
+    if (!m_layout.hasMovieBox || !HasThisIndex()) {
+        m_output.Attach(m_recording);
+        if (m_recording.Size() > end) {
+            m_recording.Truncate(end);
+            m_recording.Sync();
+        }
+        m_movie->WriteMediaHeader(end);
+        m_output.Flush();
+        m_movie->WriteIndex(end);
+        m_output.Flush();
+    }
+    if (m_report.outcome == RepairOutcome::kWhole && !m_options.keep_info)
         std::remove(m_report.info_path.c_str());
 }
 
@@ -268,14 +357,15 @@ void RepairRun::WriteCopy() {
     UnfinishedFile part(path + ".part");
     PosixFile file(part.Path(), O_RDWR | O_CREAT | O_TRUNC);
     m_told = 0;
-    CopyBeginning(m_recording, file, m_mediaEnd,
-                  [this](uint64_t done) { Tell(RepairStep::kCopy, done, m_mediaEnd); });
+    const uint64_t end = m_layout.mediaLimit;
+    CopyBeginning(m_recording, file, end,
+                  [this, end](uint64_t done) { Tell(RepairStep::kCopy, done, end); });
     m_output.Attach(file);
-    m_movie->WriteMediaHeader(m_mediaEnd);
-    m_movie->WriteIndex(m_mediaEnd);
+    m_movie->WriteMediaHeader(end);
+    m_movie->WriteIndex(end);
     m_output.Flush();
+    m_report.output_path = path;  // before the last step: it needs memory
     part.BecomeComplete(path);
-    m_report.output_path = path;
 }
 
 }  // namespace
@@ -299,7 +389,7 @@ RepairReport Repair(const std::string& recording_path, const RepairOptions& opti
         run.emplace(options, report);
         if (!run->Check()) {
             report = blank;
-            report.composition_offsets = !blank.composition_offsets;
+            report.composition_offsets = true;
             run.emplace(options, report);
             if (!run->Check()) throw RepairRefused("the recording changes while it is read");
         }

@@ -9,7 +9,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 out=${1:-$root/out}
 
 build() {
-    "$root/scripts/require.sh" "${CXX:-c++}" cmake ninja CLI/CLI.hpp
+    "$root/scripts/require.sh" "${CXX:-c++}" cmake ninja CLI/CLI.hpp nlohmann/json.hpp
     (cd "$root" && cmake --preset programs >/dev/null && cmake --build --preset programs --target kxmux)
     KXMUX=$(find "$root/build/programs" -name kxmux -type f)
 }

@@ -8,7 +8,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc)
 
-scripts/require.sh "${CXX:-c++}" cmake ninja gtest/gtest.h gmock/gmock.h CLI/CLI.hpp \
+scripts/require.sh "${CXX:-c++}" cmake ninja gtest/gtest.h gmock/gmock.h CLI/CLI.hpp nlohmann/json.hpp \
     ffmpeg ffprobe mediainfo pkg-config
 if command -v ccache >/dev/null; then
     export CMAKE_CXX_COMPILER_LAUNCHER=ccache

@@ -1,14 +1,7 @@
 #include "fault_injection.h"
 
-#include <fcntl.h>
-#include <sys/uio.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <cerrno>
-#include <climits>
-#include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 #include <new>
 #include <string_view>
@@ -40,23 +33,16 @@ bool IsWatched(std::string_view path) {
     return g_of == Of::kFiles || side == (g_of == Of::kSideFile);
 }
 
-bool FileFails(const char* path) {
-    return g_active && !FaultPause::IsOn() && g_of != Of::kMemory && IsWatched(path) && Fails();
+}  // namespace
+
+namespace fault_injection {
+
+bool WatchesFiles() {
+    return g_active && !FaultPause::IsOn() && g_of != Of::kMemory;
 }
 
-bool FileFails(int file) {
-    if (!g_active || FaultPause::IsOn() || g_of == Of::kMemory) return false;
-    char link[64];
-    char path[PATH_MAX];
-    std::snprintf(link, sizeof link, "/proc/self/fd/%d", file);
-    const ssize_t size = readlink(link, path, sizeof path);
-    return size > 0 && IsWatched({path, static_cast<size_t>(size)}) && Fails();
-}
-
-bool MemoryFails() {
-    if (!g_active || FaultPause::IsOn() || g_of != Of::kMemory || !Fails()) return false;
-    errno = g_failure;
-    return true;
+bool FailsOn(std::string_view path) {
+    return WatchesFiles() && IsWatched(path) && Fails();
 }
 
 int Refuse() {
@@ -68,65 +54,28 @@ bool IsShort() {
     return g_failure == FaultInjection::kShortWrite;
 }
 
+int Failure() {
+    return g_failure;
+}
+
+}  // namespace fault_injection
+
+namespace {
+
+bool MemoryFails() {
+    if (!g_active || FaultPause::IsOn() || g_of != Of::kMemory || !Fails()) return false;
+    errno = g_failure;
+    return true;
+}
+
 }  // namespace
 
-// The names are the linker's: --wrap=write sends calls of write to __wrap_write.
+// The names are the linker's: --wrap=malloc sends calls of malloc to __wrap_malloc.
 // NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
-int __real_open(const char* path, int flags, ...);
-ssize_t __real_write(int file, const void* bytes, size_t size);
-ssize_t __real_writev(int file, const iovec* pieces, int count);
-ssize_t __real_pwritev(int file, const iovec* pieces, int count, off_t offset);
-off_t __real_lseek(int file, off_t offset, int whence);
-int __real_fsync(int file);
-int __real_ftruncate(int file, off_t size);
-int __real_close(int file);
 void* __real_malloc(size_t size);
 void* __real_realloc(void* block, size_t size);
 void* __real_aligned_alloc(size_t alignment, size_t size);
-
-int __wrap_open(const char* path, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    const auto mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
-    va_end(arguments);
-    return FileFails(path) && !IsShort() ? Refuse() : __real_open(path, flags, mode);
-}
-
-ssize_t __wrap_write(int file, const void* bytes, size_t size) {
-    if (!FileFails(file)) return __real_write(file, bytes, size);
-    return IsShort() ? __real_write(file, bytes, (size + 1) / 2) : Refuse();
-}
-
-ssize_t __wrap_writev(int file, const iovec* pieces, int count) {
-    if (!FileFails(file)) return __real_writev(file, pieces, count);
-    return IsShort() ? __real_write(file, pieces[0].iov_base, (pieces[0].iov_len + 1) / 2)
-                     : Refuse();
-}
-
-ssize_t __wrap_pwritev(int file, const iovec* pieces, int count, off_t offset) {
-    return FileFails(file) && !IsShort() ? Refuse() : __real_pwritev(file, pieces, count, offset);
-}
-
-off_t __wrap_lseek(int file, off_t offset, int whence) {
-    // Asking an open file for its position cannot fail, and moving is not interrupted.
-    const bool asks = (offset == 0 && whence == SEEK_CUR) || g_failure == EINTR;
-    return asks || !FileFails(file) || IsShort() ? __real_lseek(file, offset, whence) : Refuse();
-}
-
-int __wrap_fsync(int file) {
-    return FileFails(file) && !IsShort() ? Refuse() : __real_fsync(file);
-}
-
-int __wrap_ftruncate(int file, off_t size) {
-    return FileFails(file) && !IsShort() ? Refuse() : __real_ftruncate(file, size);
-}
-
-int __wrap_close(int file) {
-    const bool fails = FileFails(file) && !IsShort();
-    const int result = __real_close(file);
-    return fails ? Refuse() : result;
-}
 
 void* __wrap_malloc(size_t size) {
     return MemoryFails() ? nullptr : __real_malloc(size);

@@ -1,9 +1,12 @@
 /// @file
-/// System calls and memory that fail on demand. The test programs are linked so that the library's
-/// calls of open, write, writev, pwritev, lseek, fsync, ftruncate, close, malloc, realloc and
-/// aligned_alloc come through here; operator new does by itself.
+/// System calls and memory that fail on demand. Test programs are linked so that the library's
+/// calls of malloc, realloc and aligned_alloc come through here (operator new does by itself), and
+/// with system_call_faults.cpp those of open, write, writev, pwritev, lseek, fsync, ftruncate and
+/// close.
 #ifndef KX_MP4_TESTS_FAULT_INJECTION_H
 #define KX_MP4_TESTS_FAULT_INJECTION_H
+
+#include <string_view>
 
 /// While it exists, the `failingCall`-th of the calls (from 1, all kinds counted together) fails
 /// with the error number, once or from then on. One at a time.
@@ -44,5 +47,18 @@ public:
 private:
     static inline thread_local int s_depth = 0;
 };
+
+/// For the wrappers of system calls.
+namespace fault_injection {
+
+bool WatchesFiles();
+/// Counts a call on the file of that name, when such calls are watched; whether it is to fail.
+bool FailsOn(std::string_view path);
+/// Sets the error number, for a result of -1.
+int Refuse();
+bool IsShort();
+int Failure();
+
+}  // namespace fault_injection
 
 #endif  // KX_MP4_TESTS_FAULT_INJECTION_H

@@ -83,6 +83,8 @@ Bytes Maker::Picture(uint32_t number) {
 }
 
 void Maker::AddSetUp() {
+    if (m_scenario.offsets)
+        Add([](CMp4Muxer& muxer) { return muxer.SetCompositionOffsets(true); }, CallKind::kSetUp);
     const bool waits = m_scenario.deferred && m_scenario.codec != MP4_MVC_PRORES;
     const auto steps = streams::SetUpEverything(
         waits ? streams::Deferred(VideoTrack()) : VideoTrack(),
@@ -95,9 +97,10 @@ void Maker::AddSetUp() {
 
 void Maker::AddVideo(uint32_t number) {
     const uint64_t time = uint64_t{number} * kPictureTicks + Between(0, 9);
+    const uint64_t shown = m_scenario.offsets ? time + 5 : time;
     Add(
-        [frame = Picture(number), time](CMp4Muxer& muxer) {
-            return muxer.WriteVideoFrame(frame.data(), SizeOf(frame), time + 5, time);
+        [frame = Picture(number), shown, time](CMp4Muxer& muxer) {
+            return muxer.WriteVideoFrame(frame.data(), SizeOf(frame), shown, time);
         },
         CallKind::kVideo);
     if (number == 0 && m_scenario.deferred && m_scenario.codec != MP4_MVC_PRORES)
@@ -109,8 +112,10 @@ void Maker::AddVideo(uint32_t number) {
 void Maker::AddAudio(uint32_t number) {
     // ADTS: 44100 Hz, stereo.
     const Bytes head = m_scenario.deferred ? Hex("fff15080021ffc 21") : Hex("21");
+    Bytes block = Noise(Between(20, 60));
+    block.back() = static_cast<uint8_t>(block.back() | 7);  // ID_END
     Add(
-        [frame = head + Noise(Between(20, 60)), number](CMp4Muxer& muxer) {
+        [frame = head + block, number](CMp4Muxer& muxer) {
             return muxer.WriteAudioFrame(frame.data(), SizeOf(frame), uint64_t{number} * kAacTicks);
         },
         CallKind::kAudio);
@@ -135,9 +140,10 @@ void Maker::AddCaption(uint32_t number) {
 std::vector<Call> Maker::Calls() {
     AddSetUp();
     for (uint32_t i = 0; i < m_scenario.pictures; ++i) {
-        AddVideo(i);
+        if (!m_scenario.soundOnly) AddVideo(i);
         AddAudio(2 * i);
         AddAudio(2 * i + 1);
+        if (m_scenario.soundOnly) continue;
         if (i == 0)
             Add([](CMp4Muxer& muxer) { return muxer.WriteTimeCode(107892); }, CallKind::kTimecode);
         if (i % 3 == 0) AddCaption(i);
@@ -180,6 +186,43 @@ Bytes Finished(const std::string& path, uint32_t flags, const std::vector<Call>&
     Bytes file = ReadFile(path);
     std::filesystem::remove(path);
     return file;
+}
+
+namespace {
+
+/// Position and width of the size field of the media data box that is in use, and where it ends.
+struct MediaBox {
+    explicit MediaBox(const Bytes& file) {
+        const MovieReader movie(file);
+        const Box& mdat = movie.File().At("mdat");
+        const bool large = mdat.U32(0) == 1;
+        sizeAt = mdat.offset + (large ? 8 : 0);
+        width = large ? 8 : 4;
+        size = mdat.size;
+        end = static_cast<std::ptrdiff_t>(mdat.offset + mdat.size);
+    }
+    size_t sizeAt = 0;
+    size_t width = 0;
+    uint64_t size = 0;
+    std::ptrdiff_t end = 0;
+};
+
+}  // namespace
+
+Bytes WithUnexplained(const Bytes& finished, const Bytes& more) {
+    const MediaBox mdat(finished);
+    Bytes file = finished;
+    file.insert(file.begin() + mdat.end, more.begin(), more.end());
+    for (size_t i = 0; i < mdat.width; ++i)
+        file[mdat.sizeAt + i] =
+            static_cast<uint8_t>((mdat.size + more.size()) >> 8 * (mdat.width - 1 - i));
+    return file;
+}
+
+Bytes UnexplainedIn(const Bytes& file, const Bytes& finished) {
+    if (file.size() <= finished.size()) return {};
+    const auto begin = file.begin() + MediaBox(finished).end;
+    return {begin, begin + static_cast<std::ptrdiff_t>(file.size() - finished.size())};
 }
 
 Bytes FinishedInMemory(const std::string& path, uint32_t flags, const std::vector<Call>& calls,

@@ -32,6 +32,8 @@ struct Scenario {
     mp4_subtitle_codec captions = MP4_SUBTITLE_CODEC_CC608;
     bool deferred = false;      // parameter sets and ADTS configuration come with the frames
     bool declareTwice = false;  // every track
+    bool offsets = false;       // composition offsets, and presentation times of their own
+    bool soundOnly = false;
     uint32_t pictures = 8;
     uint32_t smallestPicture = 40;
     uint32_t largestPicture = 300;
@@ -50,6 +52,11 @@ Bytes FinishedInMemory(const std::string& path, uint32_t flags, const std::vecto
                        size_t count, bool stopHalfway = false);
 /// Runs all calls and leaves the recording as a crash would, its repair info file beside it.
 void CutOff(const std::string& path, uint32_t flags, const std::vector<Call>& calls);
+
+/// The finished file with bytes of media data before its index that no sample holds.
+Bytes WithUnexplained(const Bytes& finished, const Bytes& more);
+/// The bytes by which `file`'s media data is longer than that of `finished`.
+Bytes UnexplainedIn(const Bytes& file, const Bytes& finished);
 
 /// Opens a recording with the repair info file on.
 mp4_status_t Open(CMp4Muxer& muxer, const std::string& path, uint32_t flags);

@@ -2,11 +2,15 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <new>
 #include <optional>
 
 #include "InfoWriter.h"
+#include "fault_injection.h"
 #include "kx_mp4/repair.h"
 #include "repair_scenario.h"
 #include "write_log.h"
@@ -73,6 +77,7 @@ TEST_F(RepairTest, WholeRecordingBecomesTheClosedFile) {
         scenario.codec = std::array{MP4_MVC_H264, MP4_MVC_HEVC, MP4_MVC_PRORES}[i / 4 % 3];
         scenario.deferred = i / 2 % 2 == 1;
         scenario.declareTwice = flags == 1;
+        scenario.offsets = i / 4 % 2 == 1;
         if (scenario.deferred) scenario.captions = MP4_SUBTITLE_CODEC_CC708;
         SCOPED_TRACE(std::string(name) + " flags " + std::to_string(flags) + " codec " +
                      std::to_string(scenario.codec));
@@ -84,22 +89,145 @@ TEST_F(RepairTest, WholeRecordingBecomesTheClosedFile) {
     }
 }
 
-TEST_F(RepairTest, ReportCountsFramesAndBytesAndMediaWithoutRecord) {
+TEST_F(RepairTest, ReportCountsFramesAndKeepsMediaWithoutRecord) {
+    const Bytes inFlight = {0, 0, 0, 9, 0x41, 0x9A};
+    for (const bool inPlace : {false, true}) {
+        Record({});
+        Edit(m_path, [&](Bytes& file) { Append(file, inFlight); });
+        m_finished = WithUnexplained(m_finished, inFlight);
+        RepairOptions options;
+        options.in_place = inPlace;
+        const RepairReport report = RunRepair(options);
+        ExpectRepaired(report, RepairOutcome::kLoss);
+        EXPECT_EQ(report.reason, "the last 6 bytes of media data have no record");
+        EXPECT_EQ(report.reason_time_ms, 320U) << "of the last audio frame";
+        EXPECT_EQ(report.media_bytes_unexplained, 6U);
+        EXPECT_EQ(report.tracks[kx_mp4::kRepairVideo].frames_kept, 8U);
+        EXPECT_EQ(report.tracks[kx_mp4::kRepairAudio].frames_kept, 16U);
+        EXPECT_EQ(report.tracks[kx_mp4::kRepairCaption].frames_kept, 3U);
+        EXPECT_EQ(report.tracks[kx_mp4::kRepairCaption].bytes_kept, 40U);  // one is malformed
+        EXPECT_EQ(report.tracks[kx_mp4::kRepairTimecode].bytes_kept, 4U);
+        EXPECT_EQ(report.records, 4U + 3U + 28U);
+        EXPECT_EQ(report.output_path, inPlace ? m_path : m_folder.Path("a.repaired.mp4"));
+        EXPECT_TRUE(std::filesystem::exists(Info())) << "not every byte is explained";
+        // A second run says the same and changes nothing.
+        options.in_place = true;
+        const RepairReport again = RunRepair(options);
+        ExpectRepaired(again, RepairOutcome::kLoss);
+        EXPECT_EQ(again.reason, report.reason);
+        EXPECT_EQ(again.reason_time_ms, report.reason_time_ms);
+    }
+}
+
+// The side file is damaged: cut anywhere, one byte other, a page of zeros. Whatever that does to
+// the index, every byte of the media data is there afterwards, and in place nothing changes at all
+// without the asker's word when more than a sample would be without an index.
+TEST_F(RepairTest, ADamagedSideFileCostsNoByteOfTheMedia) {
+    Scenario scenario;
+    scenario.pictures = 6;
+    Record(scenario);
+    const Bytes recording = ReadFile(m_path);
+    const Bytes info = ReadFile(Info());
+    std::vector<Bytes> damaged;
+    for (size_t at = 0; at < info.size(); ++at) {
+        damaged.emplace_back(info.begin(), info.begin() + static_cast<ptrdiff_t>(at));
+        damaged.push_back(info);
+        damaged.back()[at] ^= 0x10;
+        damaged.push_back(info);
+        damaged.back()[at] = 0;
+    }
+    for (const size_t first : {size_t{5}, info.size() / 2}) {
+        damaged.push_back(info);
+        std::fill(damaged.back().begin() + static_cast<ptrdiff_t>(first), damaged.back().end(),
+                  uint8_t{0});
+    }
+    size_t refused = 0;
+    size_t whole = 0;
+    for (const Bytes& bytes : damaged) {
+        for (const bool force : {false, true}) {
+            WriteWholeFile(m_path, recording);
+            WriteWholeFile(Info(), bytes);
+            RepairOptions options;
+            options.in_place = true;
+            options.force = force;
+            const RepairReport report = RunRepair(options);
+            const Bytes after = ReadFile(m_path);
+            if (report.outcome == RepairOutcome::kFailed) {
+                ++refused;
+                ASSERT_TRUE(after == recording) << report.reason;
+                ASSERT_FALSE(report.reason.empty());
+                continue;
+            }
+            // From the first sample on; the header before it has got its size.
+            ASSERT_TRUE(std::equal(recording.begin() + kFirstSample, recording.end(),
+                                   after.begin() + kFirstSample))
+                << report.reason;
+            const bool isWhole = report.outcome == RepairOutcome::kWhole;
+            ASSERT_EQ(std::filesystem::exists(Info()), !isWhole) << report.reason;
+            if (isWhole) ++whole;
+            ASSERT_TRUE(force || report.media_bytes_unexplained < 310) << "a sample at most";
+        }
+    }
+    EXPECT_GT(refused, 500U);
+    EXPECT_GT(whole, 100U) << "such as another time, or another title";
+}
+
+TEST_F(RepairTest, ForeignSoundIsFoundByItsEnds) {
+    Scenario scenario;
+    scenario.soundOnly = true;
+    Record(scenario);
+    const Bytes info = ReadFile(Info());
+    scenario.seed = 7;
+    Record(scenario);
+    WriteWholeFile(Info(), info);
+    const Bytes recording = ReadFile(m_path);
+    RepairOptions options;
+    options.in_place = true;
+    const RepairReport report = RunRepair(options);
+    EXPECT_EQ(report.outcome, RepairOutcome::kFailed);
+    EXPECT_NE(report.reason.find("belongs to another recording"), std::string::npos)
+        << report.reason;
+    EXPECT_TRUE(ReadFile(m_path) == recording);
+}
+
+TEST_F(RepairTest, DoubtsAreToldWithTheirTime) {
+    const auto write = [](int64_t time, Bytes frame) {
+        return Call{[=](CMp4Muxer& muxer) {
+                        return muxer.WriteAudioFrame(frame.data(),
+                                                     static_cast<uint32_t>(frame.size()),
+                                                     static_cast<uint64_t>(time));
+                    },
+                    CallKind::kAudio};
+    };
+    const Bytes good = Hex("2112 3407");
+    const struct {
+        Call call;
+        const char* doubt;  // null: none
+    } kCases[] = {
+        {write(480000, Hex("2112 3400 0000 0000 0000 0000 0007")), nullptr},
+        {write(480000, Hex("2112 3438")), nullptr},
+        {write(480000, Hex("2112 3481")), "1 frames do not end as AAC frames do"},
+        {write(480000, Hex("2112 3400")), "1 frames do not end as AAC frames do"},
+        {write(480000, Hex("21") + Bytes(9000, 0) + Hex("07")),
+         "1 frames lie on bytes that look as if they had never been written"},
+        {write(1024, good), "1 frames have times that run backwards"},
+    };
+    for (const auto& test : kCases) {
+        auto calls = CallsOf({});
+        calls.push_back(test.call);
+        RecordCalls(calls);
+        const RepairReport report = RunRepair();
+        ExpectRepaired(report,
+                       test.doubt == nullptr ? RepairOutcome::kWhole : RepairOutcome::kLoss);
+        EXPECT_EQ(report.reason, test.doubt == nullptr ? "" : test.doubt);
+        EXPECT_TRUE(test.doubt == nullptr || report.reason_time_ms >= 320) << report.reason;
+    }
+    // The side file of a recording with other parameter sets.
     Record({});
-    Edit(m_path, [](Bytes& file) { Append(file, {0, 0, 0, 9, 0x41, 0x9A}); });
+    Edit(Info(), [](Bytes& info) { info[5 + 1 + 17 + 4 + 3] ^= 1; });  // the level
     const RepairReport report = RunRepair();
-    ExpectRepaired(report, RepairOutcome::kLoss);
-    EXPECT_EQ(report.media_bytes_dropped, 6U);
-    EXPECT_EQ(report.tracks[kx_mp4::kRepairVideo].frames_kept, 8U);
-    EXPECT_EQ(report.tracks[kx_mp4::kRepairAudio].frames_kept, 16U);
-    EXPECT_EQ(report.tracks[kx_mp4::kRepairAudio].frames_unchecked, 16U);
-    EXPECT_EQ(report.tracks[kx_mp4::kRepairCaption].frames_kept, 3U);
-    EXPECT_EQ(report.tracks[kx_mp4::kRepairCaption].bytes_kept, 40U);  // one packet is malformed
-    EXPECT_EQ(report.tracks[kx_mp4::kRepairTimecode].bytes_kept, 4U);
-    EXPECT_EQ(report.records, 4U + 3U + 28U);
-    EXPECT_EQ(report.output_path, m_folder.Path("a.repaired.mp4"));
-    EXPECT_TRUE(std::filesystem::exists(Info()));
-    EXPECT_FALSE(std::filesystem::exists(report.output_path + ".part"));
+    EXPECT_EQ(report.outcome, RepairOutcome::kLoss);
+    EXPECT_EQ(report.reason, "the parameter sets in the media data are not the recorded ones");
 }
 
 // Frames that the muxer takes in an unusual way stand in the media data like any other.
@@ -137,62 +265,30 @@ TEST_F(RepairTest, DeclaredTracksWithoutFramesMakeAnEmptyMovie) {
     }
 }
 
-// Composition offsets, which the repair info file does not tell of
-
-Call SetOffsets(bool enable) {
-    return {[enable](CMp4Muxer& muxer) { return muxer.SetCompositionOffsets(enable); }};
-}
-
-TEST_F(RepairTest, CompositionOffsetsComeBackWhenAskedForAlsoAfterARepairInPlace) {
-    auto calls = CallsOf({});
-    calls.insert(calls.begin(), SetOffsets(true));
-    RecordCalls(calls);
-    RepairOptions options;
-    options.in_place = true;
-    const RepairReport flat = RunRepair(options);
-    EXPECT_EQ(flat.outcome, RepairOutcome::kWhole);
-    EXPECT_EQ(flat.frames_of_unclear_time, 8U);
-    EXPECT_FALSE(ReadFile(m_path) == m_finished);
-    ASSERT_TRUE(std::filesystem::exists(Info()));
-    options.composition_offsets = true;
-    const RepairReport report = RunRepair(options);
-    ExpectRepaired(report, RepairOutcome::kWhole);
-    EXPECT_EQ(report.frames_of_unclear_time, 0U);
-    EXPECT_FALSE(std::filesystem::exists(Info()));
-}
-
-TEST_F(RepairTest, RandomAccessPicturesShowWhetherThereAreOffsets) {
-    Scenario scenario;
-    scenario.codec = MP4_MVC_HEVC;
-    auto calls = CallsOf(scenario);
-    for (uint64_t time = 90000; time < 96000; time += 3000)
-        calls.push_back({[time](CMp4Muxer& muxer) {
-                             const Bytes cra = Hex("000001 2a01 af08");
-                             return muxer.WriteVideoFrame(cra.data(), 7, time + 6000, time);
-                         },
-                         CallKind::kVideo});
-    calls.insert(calls.begin(), SetOffsets(false));
-    for (const bool offsets : {false, true}) {
-        calls.front() = SetOffsets(offsets);
-        for (const std::optional<bool> said : {std::optional<bool>(), {false}, {true}}) {
+// Presentation times that are not decode times mean composition offsets, unless they are refused.
+TEST_F(RepairTest, CompositionOffsetsComeBackUnlessTheyAreRefused) {
+    for (const mp4_video_codec codec : {MP4_MVC_H264, MP4_MVC_HEVC}) {
+        Scenario scenario;
+        scenario.codec = codec;
+        scenario.offsets = true;
+        auto calls = CallsOf(scenario);
+        if (codec == MP4_MVC_HEVC)  // marked as sync with offsets only
+            calls.push_back({[](CMp4Muxer& muxer) {
+                                 const Bytes cra = Hex("000001 2a01 af08");
+                                 return muxer.WriteVideoFrame(cra.data(), 7, 96000, 90000);
+                             },
+                             CallKind::kVideo});
+        for (const std::optional<bool> said : {std::optional<bool>(), {true}, {false}}) {
             RecordCalls(calls);
             RepairOptions options;
             options.in_place = true;
             options.composition_offsets = said;
             const RepairReport report = RunRepair(options);
-            ExpectRepaired(report, RepairOutcome::kWhole);
-            EXPECT_EQ(report.tracks[kx_mp4::kRepairVideo].frames_kept, 10U);
-            EXPECT_EQ(report.composition_offsets, offsets);
-            EXPECT_EQ(report.frames_of_unclear_time, 0U);
+            EXPECT_EQ(report.outcome, RepairOutcome::kWhole) << report.reason;
+            EXPECT_EQ(report.composition_offsets, said.value_or(true));
+            EXPECT_EQ(ReadFile(m_path) == m_finished, said.value_or(true));
             EXPECT_FALSE(std::filesystem::exists(Info()));
         }
-        // What one picture has shown, another cannot take back.
-        RecordCalls(calls);
-        Edit(Info(), [](Bytes& info) { info[info.size() - 5] ^= 1; });
-        const RepairReport report = RunRepair();
-        EXPECT_EQ(report.outcome, RepairOutcome::kLoss);
-        EXPECT_EQ(report.tracks[kx_mp4::kRepairVideo].frames_kept, 9U);
-        EXPECT_EQ(report.composition_offsets, offsets);
     }
 }
 
@@ -201,7 +297,6 @@ TEST_F(RepairTest, RandomAccessPicturesShowWhetherThereAreOffsets) {
 TEST_F(RepairTest, InPlaceNeedsNoCopyAndRemovesTheInfoFile) {
     RepairOptions options;
     options.in_place = true;
-    options.composition_offsets = false;
     for (const bool keepInfo : {true, false}) {
         Record({});
         options.keep_info = keepInfo;
@@ -290,6 +385,7 @@ TEST_F(RepairTest, RecordsThatCannotBe) {
         Edit(Info(), [bytes = Hex(record)](Bytes& info) { Append(info, bytes); });
         const RepairReport report = RunRepair();
         ExpectRepaired(report, RepairOutcome::kLoss);  // all but this record is kept
+        EXPECT_TRUE(std::filesystem::exists(Info()));
         EXPECT_NE(report.reason.find(reason), std::string::npos) << report.reason;
     }
 }
@@ -336,7 +432,7 @@ TEST_F(RepairTest, MediaThatContradictsItsRecordEndsTheRepair) {
         Record(scenario);
         Edit(m_path, test.edit);
         const RepairReport report = RunRepair();
-        EXPECT_EQ(report.outcome, RepairOutcome::kLoss);
+        EXPECT_EQ(report.outcome, test.kept == 0 ? RepairOutcome::kFailed : RepairOutcome::kLoss);
         EXPECT_NE(report.reason.find(test.reason), std::string::npos) << report.reason;
         uint64_t kept = 0;
         uint64_t frames = 0;
@@ -395,7 +491,6 @@ TEST_F(RepairTest, FinishedFileStaysAsItIs) {
     WriteWholeFile(m_path, m_finished);
     RepairOptions options;
     options.in_place = true;
-    options.composition_offsets = false;
     // With its own info file, as Close leaves it when it is stopped before the removal.
     EXPECT_EQ(RunRepair(options).outcome, RepairOutcome::kWhole);
     EXPECT_TRUE(ReadFile(m_path) == m_finished);
@@ -422,6 +517,48 @@ TEST_F(RepairTest, UnusableParameterSetsFailBeforeAnythingIsWritten) {
     EXPECT_TRUE(ReadFile(m_path) == before);
     EXPECT_EQ(RunRepair().outcome, RepairOutcome::kFailed);
     EXPECT_FALSE(std::filesystem::exists(m_folder.Path("a.repaired.mp4")));
+}
+
+// Memory refused at every allocation in turn, once and for good: the answer is std::bad_alloc or a
+// failed report, nothing is left behind, and the next repair makes what the first should have made.
+TEST_F(RepairTest, MemoryIsRefused) {
+    Scenario scenario;
+    scenario.deferred = true;
+    for (const bool inPlace : {false, true}) {
+        for (const bool forGood : {false, true}) {
+            int failing = 0;
+            for (bool hit = true; hit;) {
+                if (failing == 0 || inPlace) Record(scenario);
+                RepairOptions options;
+                options.in_place = inPlace;
+                RepairReport report;
+                bool thrown = false;
+                {
+                    const FaultInjection fault(++failing, ENOMEM, FaultInjection::Of::kMemory,
+                                               forGood);
+                    try {
+                        report = RunRepair(options);
+                    } catch (const std::bad_alloc&) {
+                        thrown = true;
+                    }
+                    hit = fault.Hit();
+                }
+                EXPECT_TRUE(hit || report.outcome == RepairOutcome::kWhole) << report.reason;
+                if (inPlace && hit && std::filesystem::exists(Info())) report = RunRepair(options);
+                EXPECT_TRUE(!thrown || hit);
+                if (inPlace) {
+                    EXPECT_TRUE(ReadFile(m_path) == m_finished) << failing;
+                } else if (hit && report.outcome != RepairOutcome::kWhole) {
+                    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_folder.Path("")),
+                                            std::filesystem::directory_iterator()),
+                              2)
+                        << failing << ": the recording and its side file";
+                }
+            }
+            EXPECT_GT(failing, 40);
+            std::filesystem::remove(m_folder.Path("a.repaired.mp4"));
+        }
+    }
 }
 
 // A page of the repair info file that never reached the disk must not complete a record: the

@@ -44,11 +44,15 @@ public:
     std::string Info() const { return path + ".info"; }
 
     /// Whether the file is what the first `count` calls make, or the next one up to its
-    /// configuration.
+    /// configuration, with what may lie behind the last sample still in its media data.
     bool IsFinishedAfter(size_t count, const Bytes& file) const {
-        if (count < finished.size() && file == finished[count]) return true;
+        if (count < finished.size() && Is(finished[count], file)) return true;
         const auto half = halfway.find(count + 1);
-        return half != halfway.end() && file == half->second;
+        return half != halfway.end() && Is(half->second, file);
+    }
+    static bool Is(const Bytes& made, const Bytes& file) {
+        const Bytes rest = UnexplainedIn(file, made);
+        return rest.empty() ? file == made : file == WithUnexplained(made, rest);
     }
     bool HasFrames(size_t count) const {
         return std::any_of(calls.data(), calls.data() + count,
@@ -93,6 +97,8 @@ protected:
             return;
         }
         const Bytes repaired = ReadFile(report.output_path);
+        ASSERT_EQ(report.outcome == RepairOutcome::kLoss, !report.reason.empty());
+        ASSERT_TRUE(report.media_bytes_unexplained == 0 || report.outcome == RepairOutcome::kLoss);
         ASSERT_TRUE(recording.IsFinishedAfter(returned, repaired) ||
                     recording.IsFinishedAfter(returned + 1, repaired))
             << report.reason;
@@ -235,6 +241,7 @@ protected:
 
     std::mt19937 m_random{20240611};
     Folder m_folder;
+    bool m_prores = false;
     size_t m_whole = 0;
     size_t m_loss = 0;
 };
@@ -269,19 +276,27 @@ void PowerCut::TryStates(const LoggedRecording& recording, size_t states) {
 }
 
 // What differs from the recording must lie in a frame after the last Flush, and the report must
-// own up to it: as doubtful, or as a frame of a kind that cannot be checked.
+// own up to it as doubtful. A few zeros in sound or in a ProRes frame are nothing to be seen.
 void PowerCut::CheckBytes(const LoggedRecording& recording, const RepairReport& report,
                           size_t calls, size_t flushed) {
     Bytes repaired = ReadFile(report.output_path);
-    const Bytes& expected = recording.finished[calls];
-    ASSERT_EQ(repaired.size(), expected.size()) << report.reason;
+    const Bytes& made = recording.finished[calls];
+    ASSERT_GE(repaired.size(), made.size()) << report.reason;
+    const Bytes rest = UnexplainedIn(repaired, made);
+    ASSERT_EQ(rest.size(), report.media_bytes_unexplained);
+    const Bytes expected = rest.empty() ? made : WithUnexplained(made, rest);
     std::map<CallKind, uint64_t> wrong;
     for (size_t i = 0; i < calls; ++i) {
         const auto [begin, end] = recording.extents[i];
         const auto from = expected.begin();
         if (std::equal(from + begin, from + end, repaired.begin() + begin)) continue;
         ASSERT_GE(i, flushed) << "call " << i << ": " << report.reason;
-        ++wrong[recording.calls[i].kind];
+        std::ptrdiff_t different = 0;
+        for (std::ptrdiff_t at = begin; at < end; ++at)
+            different += from[at] != repaired[static_cast<size_t>(at)] ? 1 : 0;
+        const CallKind kind = recording.calls[i].kind;
+        const bool marked = kind != CallKind::kAudio && !(kind == CallKind::kVideo && m_prores);
+        if (marked || different >= 64) ++wrong[kind];
         std::copy(from + begin, from + end, repaired.begin() + begin);
     }
     ASSERT_TRUE(repaired == expected) << "header or index: " << report.reason;
@@ -289,7 +304,7 @@ void PowerCut::CheckBytes(const LoggedRecording& recording, const RepairReport& 
     ASSERT_LE(wrong[CallKind::kVideo], tracks[kx_mp4::kRepairVideo].frames_doubtful);
     ASSERT_LE(wrong[CallKind::kCaption], tracks[kx_mp4::kRepairCaption].frames_doubtful);
     ASSERT_EQ(wrong[CallKind::kTimecode], 0U);
-    ASSERT_LE(wrong[CallKind::kAudio], tracks[kx_mp4::kRepairAudio].frames_unchecked);
+    ASSERT_LE(wrong[CallKind::kAudio], tracks[kx_mp4::kRepairAudio].frames_doubtful);
     ++(report.outcome == RepairOutcome::kWhole ? m_whole : m_loss);
 }
 
@@ -305,6 +320,7 @@ TEST_F(PowerCut, WhatWasFlushedIsExactAndTheRestIsNotBelieved) {
         {MP4_MVC_H264, "a.mp4"}, {MP4_MVC_HEVC, "a.mov"}, {MP4_MVC_PRORES, "b.mov"}};
     for (const auto& [codec, name] : kinds) {
         scenario.codec = codec;
+        m_prores = codec == MP4_MVC_PRORES;
         scenario.seed += 1;
         const LoggedRecording recording(m_folder, scenario, 0, name);
         ASSERT_NO_FATAL_FAILURE(TryStates(recording, states / kinds.size())) << name;

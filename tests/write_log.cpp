@@ -8,6 +8,8 @@
 #include <array>
 #include <stdexcept>
 
+#include "fault_injection.h"
+
 // Names given by the linker's --wrap.
 extern "C" {
 ssize_t __real_write(int file, const void* bytes, size_t size);
@@ -51,6 +53,7 @@ void Note(FileOperation::Kind kind, const std::string& path, uint64_t size = 0) 
 extern "C" {
 
 ssize_t __wrap_write(int file, const void* bytes, size_t size) {
+    const FaultPause ours;
     const off_t position = lseek(file, 0, SEEK_CUR);
     const ssize_t written = __real_write(file, bytes, size);
     NoteWrite(file, position, bytes, written);
@@ -58,6 +61,7 @@ ssize_t __wrap_write(int file, const void* bytes, size_t size) {
 }
 
 ssize_t __wrap_writev(int file, const iovec* pieces, int count) {
+    const FaultPause ours;
     Bytes whole;
     for (int i = 0; i < count; ++i) {
         const auto* first = static_cast<const uint8_t*>(pieces[i].iov_base);
@@ -70,22 +74,26 @@ ssize_t __wrap_writev(int file, const iovec* pieces, int count) {
 }
 
 ssize_t __wrap_pwrite(int file, const void* bytes, size_t size, off_t position) {
+    const FaultPause ours;
     const ssize_t written = __real_pwrite(file, bytes, size, position);
     NoteWrite(file, position, bytes, written);
     return written;
 }
 
 int __wrap_ftruncate(int file, off_t size) {
+    const FaultPause ours;
     Note(FileOperation::kTruncate, PathOf(file), static_cast<uint64_t>(size));
     return __real_ftruncate(file, size);
 }
 
 int __wrap_fsync(int file) {
+    const FaultPause ours;
     Note(FileOperation::kSync, PathOf(file));
     return __real_fsync(file);
 }
 
 int __wrap_remove(const char* path) {
+    const FaultPause ours;
     Note(FileOperation::kRemove, path);
     return __real_remove(path);
 }

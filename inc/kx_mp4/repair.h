@@ -10,6 +10,11 @@
 /// becomes, byte for byte, the file that Close would have left. The first record that does not
 /// hold ends the repair there: later samples have no trustworthy place in the file.
 ///
+/// No byte of the media data is ever cut off or overwritten. What no record explains stays inside
+/// the media data box, and the index is put behind it:
+///
+/// | ftyp | free (MP4 only) | mdat: samples ... unexplained | moov |
+///
 /// Memory grows with the index (some bytes per sample), never with the media data.
 #ifndef KX_MP4_REPAIR_H
 #define KX_MP4_REPAIR_H
@@ -27,15 +32,20 @@ namespace kx_mp4 {
 
 /// What became of a recording; the values are the exit statuses of the program kxrepair.
 enum class RepairOutcome {
-    kWhole = 0,   ///< Every frame that was recorded is in the repaired file.
-    kLoss = 1,    ///< Repaired, but something is missing at the end or could not be verified.
-    kFailed = 2,  ///< Not repaired: RepairReport::reason says why.
+    /// Every frame that was recorded is in the repaired file with its times, every byte of the
+    /// media
+    /// data is explained, and every check passed.
+    kWhole = 0,
+    /// Repaired, but something is missing, unexplained or doubtful: RepairReport::reason says what,
+    /// and from when on in the recording.
+    kLoss = 1,
+    kFailed = 2,  ///< Not repaired, nothing changed: RepairReport::reason says why.
 };
 
 /// The steps of a repair, in order.
 enum class RepairStep {
-    /// Records are checked against the media data. Begins again, once, when the recording shows
-    /// that RepairOptions::composition_offsets is not what it was made with.
+    /// Records are checked against the media data. Begins again, once, at the first presentation
+    /// time that is not a decode time.
     kCheck,
     kCopy,   ///< The media data goes to the output; not with RepairOptions::in_place.
     kIndex,  ///< The index is written.
@@ -56,18 +66,23 @@ struct RepairOptions {
     /// this name only when it is complete, and then replaces what stood there; until then it grows
     /// under this name with ".part" appended. Not used with `in_place`.
     std::string output_path;
-    /// Repair the recording itself, without a copy. What lies behind the last sample that is kept
-    /// is cut off for good. The process may be killed at any moment: a second repair goes on.
+    /// Repair the recording itself, without a copy. The process may be killed at any moment: a
+    /// second repair goes on, and says what the first would have said. Refused when more is
+    /// unexplained than the one sample that was being written, unless `force` is set.
     bool in_place = false;
+    /// Repair in place although more is unexplained, and although the sound does not look like the
+    /// recording that the records speak of. Nothing is lost by it: the bytes stay in the media data
+    /// and the repair info file stays beside it.
+    bool force = false;
     /// Only check and report; nothing is written.
     bool dry_run = false;
-    /// Keep the repair info file after a repair in place. It is also kept when the times of frames
-    /// are unclear. A copy never removes it: the recording that it belongs to is still without an
-    /// index.
+    /// Keep the repair info file after a repair in place. It is also kept unless the outcome is
+    /// RepairOutcome::kWhole. A copy never removes it: the recording that it belongs to is still
+    /// without an index.
     bool keep_info = false;
-    /// What the recording was made with by CMp4Muxer::SetCompositionOffsets; the repair info file
-    /// does not say it. Not set: unknown, see RepairReport::frames_of_unclear_time. HEVC pictures
-    /// of type CRA and BLA show it by their sync marks, and are believed before this is.
+    /// Whether the index gets composition offsets (CMp4Muxer::SetCompositionOffsets), which the
+    /// repair info file does not say. Not set: it does as soon as a frame's presentation time is
+    /// not its decode time.
     std::optional<bool> composition_offsets;
     /// Called on the repairing thread; may be empty. Returning false ends the repair as failed,
     /// with nothing changed when the step is kCheck or kCopy. Exceptions pass through Repair.
@@ -91,11 +106,8 @@ struct RepairTrackReport {
     /// Audio frames that were written without a declared track: the media data holds them, but no
     /// index ever did.
     uint64_t frames_without_track = 0;
-    /// Kept samples whose form has nothing that could be checked (AAC has neither length nor
-    /// marker): their bytes are inside the media data, more is not known.
-    uint64_t frames_unchecked = 0;
-    /// Kept samples that lie on bytes which look as if they had never been written: zeros up to or
-    /// from the edge of a 4 KiB page, as a power cut leaves them.
+    /// Kept samples of which something contradicts the record: bytes that look as if they had never
+    /// been written, an AAC frame without the end that AAC frames have, a time that runs backwards.
     uint64_t frames_doubtful = 0;
 };
 
@@ -104,6 +116,8 @@ struct RepairReport {
     RepairOutcome outcome = RepairOutcome::kFailed;  ///< What became of the recording.
     /// Why the outcome is not kWhole, in one sentence; empty otherwise.
     std::string reason;
+    /// Where in the recording the loss or the doubt begins: milliseconds from its first sample on.
+    uint64_t reason_time_ms = 0;
     std::string recording_path;  ///< As it was given.
     std::string info_path;       ///< The repair info file that was read.
     std::string output_path;     ///< The repaired file; empty when none was written.
@@ -111,16 +125,12 @@ struct RepairReport {
     uint64_t records = 0;        ///< Records of the repair info file that were kept.
     std::array<RepairTrackReport, kRepairTrackKinds> tracks{};  ///< By RepairTrack.
     uint64_t media_bytes_kept = 0;                              ///< Bytes of all kept samples.
-    /// Bytes of media data behind the last kept sample: of dropped frames, of a frame that was cut
-    /// off, or of frames whose record is missing.
-    uint64_t media_bytes_dropped = 0;
+    /// Bytes of media data behind the last kept sample, which stay in the media data box without an
+    /// entry in the index: of dropped frames, of a frame that was cut off, or of frames whose
+    /// record is missing.
+    uint64_t media_bytes_unexplained = 0;
     bool composition_offsets = false;  ///< Whether the index has composition offsets.
-    /// Kept video frames whose presentation time is not their decode time, when neither the options
-    /// nor the recording say whether it had composition offsets. The index is made without them,
-    /// and can be made again with RepairOptions::composition_offsets set, also after a repair in
-    /// place.
-    uint64_t frames_of_unclear_time = 0;
-    uint64_t output_bytes = 0;  ///< Size of the repaired file, also when `dry_run`.
+    uint64_t output_bytes = 0;         ///< Size of the repaired file, also when `dry_run`.
 };
 
 /// Repairs `recording_path`.

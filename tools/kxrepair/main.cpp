@@ -29,21 +29,24 @@ void Declare(CLI::App& app, Arguments& arguments) {
     auto* output = app.add_option("-o,--output", options.output_path,
                                   "The repaired file (default: .repaired before the extension)");
     app.add_flag("--in-place", options.in_place,
-                 "Repair RECORDING itself, without a copy; what lies behind its last good frame "
-                 "is cut off")
+                 "Repair RECORDING itself, without a copy; no byte of its media data is changed")
         ->excludes(output);
+    app.add_flag("--force", options.force,
+                 "Repair in place although more than one frame would be without an index, and "
+                 "although the sound looks like another recording's");
     app.add_flag("--dry-run", options.dry_run, "Check and report only; write nothing");
     app.add_flag("--json", arguments.json, "Report on standard output as JSON");
     app.add_flag("--keep-info", options.keep_info,
-                 "Keep the repair info file after a repair in place");
+                 "Keep the repair info file after a repair in place; it is kept in any case unless "
+                 "the exit status is 0");
     app.add_flag_function(
         "--composition-offsets,!--no-composition-offsets",
         [&options](int64_t count) { options.composition_offsets = count > 0; },
-        "The recording was made with composition offsets, or without (default: as far as the "
-        "recording shows it)");
+        "Give the index composition offsets, or none (default: when a frame's presentation time "
+        "is not its decode time)");
     app.footer(
-        "Exit status: 0 the file is whole, 1 repaired with loss at the end or with frames that "
-        "could not be verified, 2 not repaired.");
+        "Exit status: 0 every recorded frame is there with its times and all checks passed, 1 "
+        "repaired with a loss or a doubt, 2 not repaired and nothing changed.");
 }
 
 const char* StepName(kx_mp4::RepairStep step) {
