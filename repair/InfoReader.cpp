@@ -1,6 +1,7 @@
 #include "InfoReader.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <climits>
@@ -20,6 +21,8 @@ constexpr uint32_t kMaxParameterSet = INT16_MAX;
 constexpr uint8_t kLargestCaptionCodec = 3;
 constexpr uint8_t kLargestProResFormat = 7;
 constexpr uint8_t kLargestMetadataType = 31;
+/// What all strings and values together may take beyond the bytes that the file has on the device.
+constexpr uint64_t kSmallItem = uint64_t{16} << 20;
 constexpr size_t kRecordTypes = MIFPT_TMCD_FRAME + 1;
 
 const char* RecordName(uint8_t type) {
@@ -42,7 +45,7 @@ mp4_video_track_info_t VideoFormatRecord::Info() const {
 }
 
 InfoReader::InfoReader(const std::string& path)
-    : m_file(path, O_RDONLY | O_NONBLOCK), m_size(m_file.Size()) {}
+    : m_file(path, access(path.c_str(), W_OK) == 0 ? O_RDWR : O_RDONLY) {}
 
 bool InfoReader::Bytes(void* out, size_t size) {
     auto* next = static_cast<uint8_t*>(out);
@@ -74,6 +77,11 @@ bool InfoReader::Int(Integer& value) {
         number = number << 8 | byte;
     value = static_cast<Integer>(number);
     return true;
+}
+
+bool InfoReader::MayHold(uint64_t size) {
+    m_held += size;
+    return m_held <= kSmallItem + m_file.BytesOnDevice();
 }
 
 uint64_t InfoReader::Left() const {
@@ -231,6 +239,7 @@ bool InfoReader::ReadString(std::string& text, bool& present) {
     if (!Int(size)) return false;
     present = size != 0;
     if (size > Left()) return false;
+    if (!MayHold(size)) return Fail("a length of which the file has no bytes");
     text.resize(size);
     if (!Bytes(text.data(), size)) return false;
     if (present && text.find('\0') != size - 1) return Fail("a string without its end");
@@ -245,6 +254,7 @@ bool InfoReader::ReadMetadata(MetadataRecord& item) {
     if (!(Int(type) && ReadString(item.key, hasKey) && Int(size))) return false;
     if (!hasKey) return Fail("its key is missing");
     if (size > Left()) return false;
+    if (!MayHold(size)) return Fail("a length of which the file has no bytes");
     if (type > kLargestMetadataType)
         return Fail("there is no metadata type " + std::to_string(type));
     item.type = static_cast<mp4_meta_data_type_t>(type);

@@ -50,9 +50,14 @@ using InfoRecord =
 /// Failures to read throw kx_mp4_exception.
 class InfoReader {
 public:
+    /// Opens the file: also for writing where that is allowed, as some file systems want it for a
+    /// lock.
     explicit InfoReader(const std::string& path);
 
     const PosixFile& File() const { return m_file; }
+    /// Takes the file's size as it is now for its end. To be called once, when nobody writes to the
+    /// file any more.
+    void Begin() { m_size = m_file.Size(); }
     /// Position of the record that was read last.
     uint64_t RecordPosition() const { return m_recordPosition; }
 
@@ -78,12 +83,16 @@ private:
     bool EndMayBeUnwritten();
 
     uint64_t Left() const;
+    /// Whether so many more bytes of strings and values can be there: the file may be large by
+    /// holes alone.
+    bool MayHold(uint64_t size);
     bool Bytes(void* out, size_t size);
     template <class Integer>
     bool Int(Integer& value);
 
     PosixFile m_file;
-    uint64_t m_size;
+    uint64_t m_size = 0;
+    uint64_t m_held = 0;  // bytes of strings and values so far
     uint64_t m_position = 0;
     uint64_t m_recordPosition = 0;
     std::vector<uint8_t> m_window;

@@ -26,8 +26,10 @@ size_t ZerosUpTo(const uint8_t* begin, const uint8_t* end) {
 }  // namespace
 
 MediaReader::MediaReader(const PosixFile& file, uint64_t limit) : m_file(file), m_limit(limit) {
+#ifdef POSIX_FADV_SEQUENTIAL
     // Only advice: without it the reading is slower, not wrong.
     (void)posix_fadvise(file.Descriptor(), 0, 0, POSIX_FADV_SEQUENTIAL);
+#endif
 }
 
 // The window begins at a page, so that no page is ever cut by it.

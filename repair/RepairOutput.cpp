@@ -1,7 +1,9 @@
 #include "RepairOutput.h"
 
+#if defined(__linux__)
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#endif
 #include <unistd.h>
 
 #include <algorithm>
@@ -60,8 +62,10 @@ namespace {
 constexpr size_t kPlainPiece = size_t{1} << 20;
 constexpr size_t kSystemPiece = size_t{64} << 20;
 
-bool Clone(const PosixFile& from, PosixFile& to, uint64_t size) {
-#ifdef FICLONE
+/// Whether the file system could let both files share their storage; Linux.
+bool Clone([[maybe_unused]] const PosixFile& from, [[maybe_unused]] PosixFile& to,
+           [[maybe_unused]] uint64_t size) {
+#if defined(__linux__) && defined(FICLONE)
     if (ioctl(to.Descriptor(), FICLONE, from.Descriptor()) == 0) {
         to.Truncate(size);
         return true;
@@ -70,13 +74,18 @@ bool Clone(const PosixFile& from, PosixFile& to, uint64_t size) {
     return false;
 }
 
-/// Bytes copied inside the system; 0 when it cannot do that between these files.
-size_t CopyInSystem(const PosixFile& from, PosixFile& to, uint64_t position, size_t size) {
+/// Bytes copied inside the system; 0 when it cannot do that between these files. Linux.
+size_t CopyInSystem([[maybe_unused]] const PosixFile& from, [[maybe_unused]] PosixFile& to,
+                    [[maybe_unused]] uint64_t position, [[maybe_unused]] size_t size) {
+#if defined(__linux__)
     auto fromOffset = static_cast<off_t>(position);
     auto toOffset = fromOffset;
     const ssize_t count =
         copy_file_range(from.Descriptor(), &fromOffset, to.Descriptor(), &toOffset, size, 0);
     return count > 0 ? static_cast<size_t>(count) : 0;
+#else
+    return 0;
+#endif
 }
 
 size_t CopyPlain(const PosixFile& from, PosixFile& to, uint64_t position,
@@ -89,12 +98,14 @@ size_t CopyPlain(const PosixFile& from, PosixFile& to, uint64_t position,
 
 }  // namespace
 
-void CopyBeginning(const PosixFile& from, PosixFile& to, uint64_t size,
+void CopyBeginning(const PosixFile& from, PosixFile& to, uint64_t size, uint64_t room,
                    const CopyProgress& progress) {
     if (Clone(from, to, size)) {
+        to.RequireRoom(size, room);
         progress(size);
         return;
     }
+    to.RequireRoom(0, size + room);
     std::vector<uint8_t> buffer;
     for (uint64_t done = 0; done < size;) {
         progress(done);

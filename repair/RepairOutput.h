@@ -61,8 +61,9 @@ private:
 using CopyProgress = std::function<void(uint64_t done)>;
 
 /// Makes `to`, which is empty, the first `size` bytes of `from`, sharing storage where the file
-/// system can. Throws kx_mp4_exception.
-void CopyBeginning(const PosixFile& from, PosixFile& to, uint64_t size,
+/// system can. Before anything is copied there has to be room for it and for `room` bytes behind
+/// it. Throws kx_mp4_exception, and RepairRefused without that room.
+void CopyBeginning(const PosixFile& from, PosixFile& to, uint64_t size, uint64_t room,
                    const CopyProgress& progress);
 
 }  // namespace kx_mp4

@@ -1,6 +1,8 @@
 #include "kx_mp4/repair.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -9,6 +11,7 @@
 #include <optional>
 #include <vector>
 
+#include "FileLock.h"
 #include "InfoReader.h"
 #include "MediaReader.h"
 #include "MovieReplay.h"
@@ -26,24 +29,39 @@ namespace {
 /// The progress callback is told at least this many bytes after it was told before.
 constexpr uint64_t kProgressStep = uint64_t{8} << 20;
 
-/// Removes a file that did not become complete.
+/// A new file that grows under a name of its own, and is removed when it does not become complete.
 class UnfinishedFile {
 public:
-    explicit UnfinishedFile(std::string path) : m_path(std::move(path)) {}
+    /// Named after `path`, with the permissions of `like`.
+    UnfinishedFile(const std::string& path, const PosixFile& like)
+        : m_target(path), m_folder(path), m_file(path, like, m_path) {}
     ~UnfinishedFile() {
-        if (!m_path.empty()) std::remove(m_path.c_str());
+        if (!m_complete) std::remove(m_path.c_str());
     }
     UnfinishedFile(const UnfinishedFile&) = delete;
     UnfinishedFile& operator=(const UnfinishedFile&) = delete;
 
-    const std::string& Path() const { return m_path; }
-    void BecomeComplete(const std::string& path) {
-        if (std::rename(m_path.c_str(), path.c_str()) != 0) throw kx_mp4_exception(errno);
-        m_path.clear();
+    PosixFile& File() { return m_file; }
+    /// Gives the file its name; what stands there is only replaced when `overwrite` is set.
+    void BecomeComplete(bool overwrite) {
+        // A name that has come meanwhile makes link fail, which rename would replace. File systems
+        // without links leave a moment for that.
+        const bool linked = !overwrite && link(m_path.c_str(), m_target.c_str()) == 0;
+        if (!linked && !overwrite && access(m_target.c_str(), F_OK) == 0)
+            throw RepairRefused("the output '" + m_target + "' has come into being meanwhile");
+        if (!linked && std::rename(m_path.c_str(), m_target.c_str()) != 0)
+            throw kx_mp4_exception(errno);
+        if (linked) std::remove(m_path.c_str());
+        m_complete = true;
+        m_folder.Sync();
     }
 
 private:
+    const std::string m_target;
+    ContainingFolder m_folder;
     std::string m_path;
+    PosixFile m_file;
+    bool m_complete = false;
 };
 
 /// One repair, from the opened files to the report.
@@ -71,12 +89,15 @@ private:
     void TryIndex();
     void WriteInPlace();
     void WriteCopy();
-    void RefuseInput(const std::string& path);
+    void TakeLock();
+    void RefuseOutput();
     void Tell(RepairStep step, uint64_t done, uint64_t total);
 
     const RepairOptions& m_options;
     RepairReport& m_report;
     InfoReader m_info;
+    FileLock m_lock;
+    std::string m_outputPath;  // of a copy
     PosixFile m_recording;
     RecordingLayout m_layout;
     std::optional<MediaReader> m_media;
@@ -104,8 +125,28 @@ RepairRun::RepairRun(const RepairOptions& options, RepairReport& report)
     : m_options(options),
       m_report(report),
       m_info(report.info_path),
-      m_recording(report.recording_path,
-                  (options.in_place && !options.dry_run ? O_RDWR : O_RDONLY) | O_NONBLOCK) {}
+      m_recording(report.recording_path, options.in_place && !options.dry_run ? O_RDWR : O_RDONLY) {
+    TakeLock();
+    if (options.in_place) return;
+    m_outputPath = options.output_path.empty() ? DefaultRepairOutput(report.recording_path)
+                                               : options.output_path;
+    RefuseOutput();
+}
+
+/// Whoever writes the records, or repairs by them, holds this lock. Where files cannot be locked,
+/// nobody does.
+void RepairRun::TakeLock() {
+    const int code = m_lock.Take(m_info.File().Descriptor());
+    const bool named = m_info.File().IsNamed(m_report.info_path);
+    if (code == EWOULDBLOCK || (code == 0 && !named)) {
+        throw RepairRefused("the recording is still running, or is being repaired: '" +
+                            m_report.info_path + "' is locked");
+    }
+    const bool cannot =
+        code == ENOLCK || code == EOPNOTSUPP || code == ENOSYS || code == EINVAL || code == EBADF;
+    if (code != 0 && !cannot) throw kx_mp4_exception(code);
+    m_info.Begin();
+}
 
 void RepairRun::Tell(RepairStep step, uint64_t done, uint64_t total) {
     if (done != total && done >= m_told && done - m_told < kProgressStep) return;
@@ -329,6 +370,7 @@ void RepairRun::WriteInPlace() {
     Tell(RepairStep::kIndex, 0, m_report.output_bytes - end);
     m_report.output_path = m_report.recording_path;
     if (!m_layout.hasMovieBox || !HasThisIndex()) {
+        m_recording.RequireRoom(end, m_report.output_bytes - end);
         m_output.Attach(m_recording);
         if (m_recording.Size() > end) {
             m_recording.Truncate(end);
@@ -339,33 +381,36 @@ void RepairRun::WriteInPlace() {
         m_movie->WriteIndex(end);
         m_output.Flush();
     }
-    if (m_report.outcome == RepairOutcome::kWhole && !m_options.keep_info)
-        std::remove(m_report.info_path.c_str());
+    if (m_report.outcome != RepairOutcome::kWhole || m_options.keep_info) return;
+    ContainingFolder folder(m_report.info_path);
+    std::remove(m_report.info_path.c_str());
+    folder.Sync();
 }
 
-void RepairRun::RefuseInput(const std::string& path) {
+/// The output is a name that is free, or on request a file that is none of the inputs.
+void RepairRun::RefuseOutput() {
+    const std::string& path = m_outputPath;
     if (m_recording.IsNamed(path) || m_info.File().IsNamed(path))
         throw RepairRefused("the output '" + path + "' is an input of the repair");
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) != 0) return;
+    if (!S_ISREG(status.st_mode))
+        throw RepairRefused("the output '" + path + "' is there and is not a regular file");
+    if (!m_options.overwrite) throw RepairRefused("the output '" + path + "' is there already");
 }
 
 void RepairRun::WriteCopy() {
-    const std::string path = m_options.output_path.empty()
-                                 ? DefaultRepairOutput(m_report.recording_path)
-                                 : m_options.output_path;
-    RefuseInput(path);
-    RefuseInput(path + ".part");
-    UnfinishedFile part(path + ".part");
-    PosixFile file(part.Path(), O_RDWR | O_CREAT | O_TRUNC);
+    UnfinishedFile part(m_outputPath, m_recording);
     m_told = 0;
     const uint64_t end = m_layout.mediaLimit;
-    CopyBeginning(m_recording, file, end,
+    CopyBeginning(m_recording, part.File(), end, m_report.output_bytes - end,
                   [this, end](uint64_t done) { Tell(RepairStep::kCopy, done, end); });
-    m_output.Attach(file);
+    m_output.Attach(part.File());
     m_movie->WriteMediaHeader(end);
     m_movie->WriteIndex(end);
     m_output.Flush();
-    m_report.output_path = path;  // before the last step: it needs memory
-    part.BecomeComplete(path);
+    m_report.output_path = m_outputPath;  // before the last step: it needs memory
+    part.BecomeComplete(m_options.overwrite);
 }
 
 }  // namespace

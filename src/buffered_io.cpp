@@ -144,14 +144,23 @@ void BufferedFile::Keep(const uint8_t* data, uint32_t size) {
     m_position += size;
 }
 
+/// pwritev where there is one (Linux, the BSDs); elsewhere the first piece that has bytes.
+ssize_t WritePieces(int file, const std::array<iovec, 2>& pieces, off_t position) {
+#if defined(__linux__) || defined(__FreeBSD__) || defined(__NetBSD__) || defined(__OpenBSD__)
+    return pwritev(file, pieces.data(), pieces[1].iov_len == 0 ? 1 : 2, position);
+#else
+    const iovec& piece = pieces[0].iov_len != 0 ? pieces[0] : pieces[1];
+    return pwrite(file, piece.iov_base, piece.iov_len, position);
+#endif
+}
+
 /// Writes the buffer and `data` behind it. What is left of the buffer by a failure stays in it.
 bool BufferedFile::PushWith(const uint8_t* data, uint32_t size) {
     while (m_filled + static_cast<uint64_t>(size) != 0) {
         const std::array<iovec, 2> pieces = {
             {{m_buffer.get(), m_filled}, {const_cast<uint8_t*>(data), size}}};
-        const ssize_t count = kx_mp4::Retry([&] {
-            return pwritev(m_file, pieces.data(), size == 0 ? 1 : 2, static_cast<off_t>(m_start));
-        });
+        const ssize_t count =
+            kx_mp4::Retry([&] { return WritePieces(m_file, pieces, static_cast<off_t>(m_start)); });
         if (count <= 0) return Fail(count < 0 ? errno : EIO);
         const auto written = static_cast<uint64_t>(count);
         const uint64_t buffered = written < m_filled ? written : m_filled;

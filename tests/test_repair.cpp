@@ -1,11 +1,17 @@
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <new>
 #include <optional>
 
@@ -38,6 +44,27 @@ Bytes BigEndian(uint64_t value, int width) {
     return bytes;
 }
 
+/// What the file system says it has room for; the linker sends fstatvfs here.
+uint64_t s_room = UINT64_MAX;
+
+}  // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier)
+extern "C" {
+int __real_fstatvfs(int file, struct statvfs* system);
+
+int __wrap_fstatvfs(int file, struct statvfs* system) {
+    const int result = __real_fstatvfs(file, system);
+    if (s_room == UINT64_MAX) return result;
+    system->f_frsize = 1;
+    system->f_bavail = s_room;
+    return result;
+}
+}
+// NOLINTEND(bugprone-reserved-identifier)
+
+namespace {
+
 class RepairTest : public testing::Test {
 protected:
     /// A recording without its index, and the file that Close would have made of it.
@@ -51,7 +78,11 @@ protected:
         CutOff(m_path, flags, calls);
     }
     std::string Info() const { return m_path + ".info"; }
-    RepairReport RunRepair(const RepairOptions& options = {}) { return Repair(m_path, options); }
+    /// Over what an earlier run has left.
+    RepairReport RunRepair(RepairOptions options = {}) {
+        options.overwrite = true;
+        return Repair(m_path, options);
+    }
     void ExpectRepaired(const RepairReport& report, RepairOutcome outcome) {
         EXPECT_EQ(report.outcome, outcome) << report.reason;
         EXPECT_TRUE(ReadFile(report.output_path) == m_finished) << report.reason;
@@ -345,7 +376,143 @@ TEST_F(RepairTest, ProgressIsToldAndCanCancel) {
     };
     EXPECT_EQ(RunRepair(options).outcome, RepairOutcome::kFailed);
     EXPECT_FALSE(std::filesystem::exists(report.output_path));
-    EXPECT_FALSE(std::filesystem::exists(report.output_path + ".part"));
+}
+
+// Files
+
+TEST_F(RepairTest, TheOutputHasTheRecordingsPermissionsAndReplacesNothing) {
+    namespace fs = std::filesystem;
+    Record({});
+    fs::permissions(m_path, fs::perms::owner_read | fs::perms::owner_write);
+    const std::string output = m_folder.Path("out.mp4");
+    const std::string foreign = output + "." + std::to_string(getpid()) + "-0.part";
+    WriteWholeFile(foreign, {1});
+    RepairOptions options;
+    options.output_path = output;
+    EXPECT_EQ(Repair(m_path, options).outcome, RepairOutcome::kWhole);
+    EXPECT_EQ(fs::status(output).permissions(), fs::status(m_path).permissions());
+    EXPECT_EQ(ReadFile(foreign), Bytes{1}) << "somebody else's";
+    EXPECT_EQ(Repair(m_path, options).reason, "the output '" + output + "' is there already");
+    options.overwrite = true;
+    EXPECT_EQ(Repair(m_path, options).outcome, RepairOutcome::kWhole);
+
+    // Nothing but a regular file is ever replaced.
+    WriteWholeFile(m_folder.Path("kept"), {7});
+    fs::create_symlink(m_folder.Path("kept"), m_folder.Path("link"));
+    fs::create_directory(m_folder.Path("folder"));
+    ASSERT_EQ(mkfifo(m_folder.Path("pipe").c_str(), 0600), 0);
+    for (const char* const name : {"link", "folder", "pipe"}) {
+        options.output_path = m_folder.Path(name);
+        EXPECT_NE(Repair(m_path, options).reason.find("is not a regular file"), std::string::npos)
+            << name;
+        EXPECT_NE(fs::symlink_status(m_folder.Path(name)).type(), fs::file_type::regular);
+        EXPECT_EQ(Repair(m_folder.Path(name), {}).outcome, RepairOutcome::kFailed);
+    }
+    EXPECT_EQ(ReadFile(m_folder.Path("kept")), Bytes{7});
+}
+
+TEST_F(RepairTest, ARecordingThatIsStillRunningIsNotTouched) {
+    m_path = m_folder.Path("a.mp4");
+    CMp4Muxer muxer;
+    ASSERT_EQ(Open(muxer, m_path, 0), MP4_STATUS_SUCCESS);
+    for (const Call& call : CallsOf({}))
+        ASSERT_EQ(call.run(muxer), MP4_STATUS_SUCCESS);
+    const Bytes recording = ReadFile(m_path);
+    for (const bool inPlace : {false, true}) {
+        RepairOptions options;
+        options.in_place = inPlace;
+        const RepairReport report = RunRepair(options);
+        EXPECT_EQ(report.outcome, RepairOutcome::kFailed);
+        EXPECT_NE(report.reason.find("the recording is still running"), std::string::npos);
+    }
+    EXPECT_TRUE(ReadFile(m_path) == recording);
+    // While it is repaired nobody records over it either.
+    {
+        kx_mp4::RepairOptions options;
+        options.progress = [this](const kx_mp4::RepairProgress&) {
+            CMp4Muxer second;
+            EXPECT_EQ(Open(second, m_folder.Path("b.mp4"), 0), MP4_STATUS_DEVICE_OR_RESOURCE_BUSY);
+            return true;
+        };
+        CutOff(m_folder.Path("b.mp4"), 0, CallsOf({}));
+        EXPECT_EQ(Repair(m_folder.Path("b.mp4"), options).outcome, RepairOutcome::kWhole);
+    }
+    EXPECT_EQ(muxer.Close(), MP4_STATUS_SUCCESS);
+}
+
+TEST_F(RepairTest, WithoutRoomNothingIsChanged) {
+    Record({});
+    const Bytes recording = ReadFile(m_path);
+    for (const bool inPlace : {false, true}) {
+        RepairOptions options;
+        options.in_place = inPlace;
+        const uint64_t need = m_finished.size() - (inPlace ? recording.size() : 0);
+        s_room = need - 1;
+        const RepairReport report = RunRepair(options);
+        s_room = UINT64_MAX;
+        EXPECT_EQ(report.outcome, RepairOutcome::kFailed);
+        EXPECT_EQ(report.reason, "the file system has no room for the repaired file: it takes " +
+                                     std::to_string(need) + " bytes, 1 more than there are");
+        EXPECT_TRUE(ReadFile(m_path) == recording);
+        EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_folder.Path("")), {}), 2);
+    }
+}
+
+// Every write, truncation and push fails in turn, once and for good: the answer is a failure, no
+// byte of the media is lost, and the next repair makes what this one should have made.
+TEST_F(RepairTest, EverySystemCallFails) {
+    for (const bool inPlace : {false, true}) {
+        for (const bool forGood : {false, true}) {
+            int failing = 0;
+            int failures = 0;
+            for (bool hit = true; hit;) {
+                Record({});
+                Edit(m_path, [](Bytes& file) { Append(file, {0, 0, 0, 9, 0x41, 0x9A}); });
+                const Bytes recording = ReadFile(m_path);
+                RepairOptions options;
+                options.in_place = inPlace;
+                RepairReport report;
+                {
+                    const FaultInjection fault(++failing, ENOSPC, FaultInjection::Of::kFiles,
+                                               forGood);
+                    report = RunRepair(options);
+                    hit = fault.Hit();
+                }
+                // A folder that cannot be pushed is no failure.
+                EXPECT_NE(report.outcome, RepairOutcome::kWhole);
+                EXPECT_TRUE(hit || report.outcome == RepairOutcome::kLoss) << report.reason;
+                failures += report.outcome == RepairOutcome::kFailed ? 1 : 0;
+                const Bytes now = ReadFile(m_path);
+                EXPECT_TRUE(inPlace ? std::equal(recording.begin() + kFirstSample, recording.end(),
+                                                 now.begin() + kFirstSample)
+                                    : now == recording);
+                EXPECT_EQ(RunRepair(options).outcome, RepairOutcome::kLoss) << failing;
+                const Bytes made = ReadFile(inPlace ? m_path : m_folder.Path("a.repaired.mp4"));
+                EXPECT_TRUE(made == WithUnexplained(m_finished, {0, 0, 0, 9, 0x41, 0x9A}));
+            }
+            EXPECT_GT(failures, 2);
+        }
+    }
+}
+
+// A side file of 3 GiB of which a few pages exist: no length in it is believed that has no bytes.
+TEST_F(RepairTest, MemoryIsBoundedByWhatIsReallyThere) {
+    Record({});
+    // Values of 8 MiB, each in a hole of its own.
+    std::fstream info(Info(), std::ios::binary | std::ios::in | std::ios::out | std::ios::ate);
+    const Bytes head = Hex("01 00 00000002 6b00 00800000");
+    for (int i = 0; i < 300; ++i) {
+        info.write(reinterpret_cast<const char*>(head.data()), 12);
+        info.seekp(0x00800000 + 4, std::ios::cur);  // the value, and no namespace
+    }
+    info.close();
+    std::filesystem::resize_file(Info(), uint64_t{3} << 30);
+    const RepairReport report = RunRepair();
+    EXPECT_EQ(report.outcome, RepairOutcome::kLoss);
+    EXPECT_NE(report.reason.find("a length of which the file has no bytes"), std::string::npos);
+    rusage usage{};
+    ASSERT_EQ(getrusage(RUSAGE_SELF, &usage), 0);
+    EXPECT_LT(usage.ru_maxrss, 1 << 20) << "KiB";
 }
 
 TEST(RepairOutputName, StandsBeforeTheExtension) {
@@ -565,7 +732,8 @@ TEST_F(RepairTest, MemoryIsRefused) {
 // audio frame below would seem to be 256 bytes long instead of 257.
 TEST_F(RepairTest, RecordIsNotCompletedByAnUnwrittenPage) {
     m_path = m_folder.Path("a.mp4");
-    CMp4Muxer muxer;
+    auto recorder = std::make_unique<CMp4Muxer>();
+    CMp4Muxer& muxer = *recorder;
     ASSERT_EQ(Open(muxer, m_path, 0), MP4_STATUS_SUCCESS);
     for (const Call& call : CallsOf({}))
         ASSERT_EQ(call.run(muxer), MP4_STATUS_SUCCESS);
@@ -578,6 +746,7 @@ TEST_F(RepairTest, RecordIsNotCompletedByAnUnwrittenPage) {
     for (int i = 0; i < 11; ++i)
         ASSERT_EQ(muxer.WriteAudioFrame(Bytes(257, 0x55).data(), 257, 5), MP4_STATUS_SUCCESS);
     ASSERT_EQ(at() % 4096, 1U);
+    recorder.reset();
     Edit(Info(), [](Bytes& bytes) { bytes.back() = 0; });
     const RepairReport report = RunRepair();
     EXPECT_EQ(report.tracks[kx_mp4::kRepairAudio].frames_kept, 26U);

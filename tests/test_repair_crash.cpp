@@ -18,6 +18,13 @@ using namespace repair_scenario;
 
 namespace {
 
+/// Over what the state before has left.
+RepairReport RepairAgain(const std::string& path) {
+    RepairOptions options;
+    options.overwrite = true;
+    return Repair(path, options);
+}
+
 /// A recording of which every write is known, and what Close would have made of each beginning.
 class LoggedRecording {
 public:
@@ -91,7 +98,7 @@ protected:
         ++m_states;
         WriteWholeFile(recording.path, files.Of(recording.path));
         WriteWholeFile(recording.Info(), files.Of(recording.Info()));
-        const RepairReport report = Repair(recording.path);
+        const RepairReport report = RepairAgain(recording.path);
         if (report.outcome == RepairOutcome::kFailed) {
             ASSERT_FALSE(recording.HasFrames(returned)) << report.reason;
             return;
@@ -164,7 +171,7 @@ TEST_F(CrashAtEveryByte, InPlaceRepair) {
         files.Of(path) = recording;
         files.Of(path + ".info") = info;
         WriteWholeFile(path, recording);
-        const Bytes expected = ReadFile(Repair(path).output_path);
+        const Bytes expected = ReadFile(RepairAgain(path).output_path);
         RepairOptions options;
         options.in_place = true;
         std::vector<FileOperation> operations;
@@ -223,7 +230,7 @@ protected:
     void TryStates(const LoggedRecording& recording, size_t states);
 
     void Check(const LoggedRecording& recording, size_t flushed) {
-        const RepairReport report = Repair(recording.path);
+        const RepairReport report = RepairAgain(recording.path);
         if (report.outcome == RepairOutcome::kFailed) {
             ASSERT_EQ(flushed, 0U) << report.reason;
             return;

@@ -74,6 +74,8 @@ ssize_t __wrap_writev(int file, const iovec* pieces, int count) {
 }
 
 ssize_t __wrap_pwrite(int file, const void* bytes, size_t size, off_t position) {
+    if (fault_injection::WatchesFiles() && fault_injection::FailsOn(PathOf(file)))
+        return fault_injection::Refuse();
     const FaultPause ours;
     const ssize_t written = __real_pwrite(file, bytes, size, position);
     NoteWrite(file, position, bytes, written);
@@ -81,12 +83,16 @@ ssize_t __wrap_pwrite(int file, const void* bytes, size_t size, off_t position) 
 }
 
 int __wrap_ftruncate(int file, off_t size) {
+    if (fault_injection::WatchesFiles() && fault_injection::FailsOn(PathOf(file)))
+        return fault_injection::Refuse();
     const FaultPause ours;
     Note(FileOperation::kTruncate, PathOf(file), static_cast<uint64_t>(size));
     return __real_ftruncate(file, size);
 }
 
 int __wrap_fsync(int file) {
+    if (fault_injection::WatchesFiles() && fault_injection::FailsOn(PathOf(file)))
+        return fault_injection::Refuse();
     const FaultPause ours;
     Note(FileOperation::kSync, PathOf(file));
     return __real_fsync(file);

@@ -63,9 +63,12 @@ struct RepairOptions {
     /// The repair info file; empty: the recording's path with ".info" appended.
     std::string info_path;
     /// The repaired file; empty: ".repaired" before the recording's extension. It appears under
-    /// this name only when it is complete, and then replaces what stood there; until then it grows
-    /// under this name with ".part" appended. Not used with `in_place`.
+    /// this name only when it is complete, with the recording's permissions; until then it grows
+    /// under this name with a number and ".part" appended. Not used with `in_place`.
     std::string output_path;
+    /// Replace a regular file that has the output's name. Otherwise, and when the name is that of a
+    /// link, a folder, a pipe or a device, the repair is refused.
+    bool overwrite = false;
     /// Repair the recording itself, without a copy. The process may be killed at any moment: a
     /// second repair goes on, and says what the first would have said. Refused when more is
     /// unexplained than the one sample that was being written, unless `force` is set.
@@ -135,11 +138,13 @@ struct RepairReport {
 
 /// Repairs `recording_path`.
 ///
-/// The recording must not be open in a muxer. Both files are only read unless `in_place` is set;
-/// any file is accepted, hostile ones included: nothing that they say is believed unchecked.
+/// A recording that is still open in a muxer, or in another repair, is refused: both hold a lock
+/// (flock) on the repair info file. On file systems without locks (some of networks) the caller has
+/// to see to it. Both files are only read unless `in_place` is set; any file is accepted, hostile
+/// ones included: nothing that they say is believed unchecked. Before anything is written, the file
+/// system has to have room for it.
 ///
-/// Thread safety: calls on different recordings may run at the same time; two repairs of the same
-/// recording must not.
+/// Thread safety: calls may run at the same time.
 ///
 /// @return The report, owned by the caller; failures of the system (no such file, no space ...)
 ///         are in it too. Throws only what the progress callback throws, and std::bad_alloc.

@@ -42,7 +42,11 @@ extern "C" void OnStopSignal(int number) {
 }  // namespace
 
 void StopSignal::Install() {
-    if (::pipe2(stopPipe, O_CLOEXEC | O_NONBLOCK) != 0) return;
+    if (::pipe(stopPipe) != 0) return;
+    for (const int end : stopPipe) {
+        ::fcntl(end, F_SETFD, FD_CLOEXEC);
+        ::fcntl(end, F_SETFL, O_NONBLOCK);
+    }
     struct sigaction action {};
     action.sa_handler = OnStopSignal;
     sigemptyset(&action.sa_mask);

@@ -31,6 +31,7 @@ void Declare(CLI::App& app, Arguments& arguments) {
     app.add_flag("--in-place", options.in_place,
                  "Repair RECORDING itself, without a copy; no byte of its media data is changed")
         ->excludes(output);
+    app.add_flag("--overwrite", options.overwrite, "Replace the output when it is there");
     app.add_flag("--force", options.force,
                  "Repair in place although more than one frame would be without an index, and "
                  "although the sound looks like another recording's");
