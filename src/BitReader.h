@@ -24,8 +24,7 @@ public:
             const int taken = bits < m_bits ? bits : m_bits;
             m_bits -= taken;
             bits -= taken;
-            value =
-                value << taken | (static_cast<unsigned>(m_byte) >> m_bits & ((1U << taken) - 1));
+            value = value << taken | (uint64_t{m_byte} >> m_bits & ((uint64_t{1} << taken) - 1));
         }
         return m_ok ? static_cast<uint32_t>(value) : 0;
     }
