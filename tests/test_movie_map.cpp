@@ -10,8 +10,11 @@
 #include <string>
 
 #include "MapDrawing.h"
+#include "MovieFacts.h"
 #include "MovieMap.h"
 #include "Mp4Muxer.h"
+#include "program_runner.h"
+#include "streams.h"
 
 namespace kxmap {
 namespace {
@@ -145,6 +148,7 @@ TEST_F(MovieMapTest, TellsAnUnfinishedRecording) {
         EXPECT_EQ(map.boxes.size(), 3u);
         EXPECT_EQ(map.boxes.back().type, "mdat");
         EXPECT_THAT(map.remarks, Contains(HasSubstr("not finished")));
+        EXPECT_THAT(map.remarks, Contains(HasSubstr("kxrepair")));
     }
 }
 
@@ -163,6 +167,65 @@ TEST_F(MovieMapTest, BelievesNoCountPastItsBox) {
                 EXPECT_LE(track.extents.size(), 8u) << at;
         }
     }
+}
+
+TEST_F(MovieMapTest, TellsTheFactsOfARecording) {
+    CMp4Muxer muxer;
+    mp4_config_t config{};
+    ASSERT_EQ(muxer.Create(std::wstring(m_path.begin(), m_path.end()).c_str(), &config),
+              MP4_STATUS_SUCCESS);
+    ASSERT_EQ(streams::Run(muxer, streams::Everything(25, {MP4_MVC_HEVC})), MP4_STATUS_SUCCESS);
+    ASSERT_EQ(muxer.Close(), MP4_STATUS_SUCCESS);
+    const MovieMap map = ReadAndDraw();
+    const std::string text = FactsAsText(map);
+    for (const char* const line :
+         {"brands isom isom iso2 mp41", "movie: 0.833000 s by mvhd, from timecode 01:00:00;00",
+          "track 1: vide hvc1.1.6.L30.90, 64 x 64\n  25 samples in 25 chunks",
+          "durations: tkhd 0.833000 s, mdhd 0.833333 s (90000 ticks a second), samples 0.833333 s",
+          "edit: 0.833000 s from media time 0 on", "3 sync samples, every 10 to 10 samples",
+          "soun mp4a.40.2, 48000 Hz, 1 channels", "metadata org.example.stars: 5",
+          "metadata \u00A9nam: Test", "metadata org.example.raw: 3 bytes"})
+        EXPECT_THAT(text, HasSubstr(line));
+    const std::string json = FactsAsJson(map);
+    EXPECT_THAT(json,
+                AllOf(HasSubstr(R"("codec": "hvc1.1.6.L30.90")"),
+                      HasSubstr(R"("sync_distance_max": 10)"), HasSubstr(R"("remarks": [])")));
+}
+
+/// Another muxer's fragments, and the program as a whole.
+TEST_F(MovieMapTest, ReadsFragmentsAndNeverReplacesTheRecording) {
+    using program_runner::Execute;
+    const std::string fragmented = m_path + ".frag.mp4";
+    ASSERT_EQ(Execute("ffmpeg -v error -y -i " + program_runner::Sample("h264.h264") +
+                      " -c copy -movflags frag_keyframe+empty_moov " + fragmented)
+                  .code,
+              0);
+    const MovieMap map = ReadMovieMap(fragmented);
+    EXPECT_EQ(map.fragments, 3U);
+    ASSERT_EQ(map.tracks.size(), 1U);
+    EXPECT_EQ(map.tracks[0].samples, 75U);
+    EXPECT_NEAR(map.tracks[0].seconds, 3.0, 0.001);
+    EXPECT_TRUE(map.remarks.empty());
+
+    const std::string kxmap = "'" KXMAP_PATH "' ";
+    const std::string link = m_path + ".link";
+    Execute("ln -sf " + fragmented + " " + link + "; ln -f " + fragmented + " " + m_path);
+    const std::string before = Bytes();
+    for (const std::string& output : {fragmented, link, m_path, std::string("/dev/null")}) {
+        const auto refused = Execute(kxmap + fragmented + " -o " + output);
+        EXPECT_EQ(refused.code, 2) << output;
+        EXPECT_THAT(refused.errors, HasSubstr("kxmap: " + output + ": is "));
+    }
+    EXPECT_EQ(Bytes(), before);
+    EXPECT_EQ(Execute(kxmap + fragmented).code, 0);
+    EXPECT_EQ(Execute("{ " + kxmap + "--json " + fragmented + " >/dev/full; }").code, 2);
+    Replace(before.substr(0, 40) + std::string(80, 'x'));
+    EXPECT_EQ(Execute(kxmap + "--text " + m_path).code, 1);
+    Replace("RIFF, which is something else");
+    const auto foreign = Execute(kxmap + m_path);
+    EXPECT_EQ(foreign.code, 2);
+    EXPECT_THAT(foreign.errors, HasSubstr("is neither an MP4 file nor a QuickTime movie"));
+    Execute("rm " + m_path + ".*");
 }
 
 TEST(MapDrawingTest, EscapesNames) {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kxmap {
@@ -33,8 +34,17 @@ struct SyncSample {
     double time = 0;  ///< Seconds.
 };
 
+/// An entry of an edit list.
+struct Edit {
+    double seconds = 0;
+    int64_t mediaTime = 0;  ///< Ticks of the track; -1 of an empty edit.
+};
+
 /// One track.
 struct Track {
+    /// Takes note of the next sync sample, by its number from 1.
+    void CountSync(uint64_t number);
+
     uint64_t boxPosition = 0;  ///< Of its 'trak'.
     uint32_t id = 0;
     std::string handler;  ///< "vide", "soun" ...
@@ -44,20 +54,52 @@ struct Track {
     uint64_t bytes = 0;
     uint64_t syncSamples = 0;  ///< Listed ones; without a list every sample is one.
     bool hasSyncTable = false;
-    double seconds = 0;
+    uint64_t smallestSyncDistance = 0;  ///< Samples; 0 with fewer than two.
+    uint64_t largestSyncDistance = 0;
+    std::string codec;  ///< RFC 6381, such as "avc1.640028"; the entry's type when there is none.
+    uint32_t width = 0;
+    uint32_t height = 0;
+    uint32_t sampleRate = 0;  ///< Hz, of sound.
+    uint32_t channels = 0;
+    uint32_t framesPerSecond = 0;  ///< Of timecode, as counted.
+    bool dropFrame = false;
+    uint32_t timescale = 0;
+    double headerSeconds = 0;  ///< By 'tkhd'.
+    double mediaSeconds = 0;   ///< By 'mdhd'.
+    double seconds = 0;        ///< Of all samples.
+    std::vector<Edit> edits;
     std::vector<Extent> extents;    ///< At most #kMaxMarks.
     std::vector<SyncSample> syncs;  ///< At most #kMaxMarks, evenly taken from all.
+
+private:
+    uint64_t m_lastSync = 0;
 };
 
 /// What there is to draw.
 struct MovieMap {
     std::string name;  ///< File name without directories.
     uint64_t fileSize = 0;
-    std::string brand;       ///< Major brand; empty without 'ftyp'.
-    std::vector<Box> boxes;  ///< Top level; they cover the file.
+    std::string brand;  ///< Major brand; empty without 'ftyp'.
+    std::vector<std::string> compatibleBrands;
+    uint32_t movieTimescale = 0;
+    double movieSeconds = 0;  ///< By 'mvhd'.
+    uint64_t fragments = 0;   ///< 'moof' boxes.
+    bool unfinished = false;  ///< Media data without a size, and no index.
+    std::string timecode;     ///< Of the first timecode sample, such as "01:00:00;00".
+    double interleaving =
+        0;  ///< Largest distance in time between neighbours of two tracks, seconds.
+    std::vector<std::pair<std::string, std::string>> metadata;  ///< Keys and values.
+    std::vector<Box> boxes;                                     ///< Top level; they cover the file.
     std::vector<Track> tracks;
     std::vector<std::string> remarks;  ///< What is wrong with the file, a sentence each.
+
+    /// Whether it has a box that only such files have.
+    bool IsMovie() const;
 };
+
+/// The largest difference in time between neighbours in the file that belong to different tracks,
+/// as far as the extents tell.
+double LargestDistance(const std::vector<Track>& tracks);
 
 /// Marks that a track keeps at most of each kind.
 constexpr size_t kMaxMarks = 1000;

@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "MovieFacts.h"
+
 namespace kxmap {
 namespace {
 
@@ -41,6 +43,7 @@ size_t SequenceLength(std::string_view text) {
     if (lead < 0x80) return lead >= 0x20 && lead != 0x7F ? 1 : 0;
     const size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
     if (lead < 0xC2 || lead > 0xF4 || text.size() < length) return 0;
+    if (lead == 0xC2 && static_cast<unsigned char>(text[1]) < 0xA0) return 0;  // control characters
     for (size_t i = 1; i < length; ++i) {
         if ((static_cast<unsigned char>(text[i]) & 0xC0) != 0x80) return 0;
     }
@@ -171,7 +174,7 @@ bool EverySampleIsSync(const Track& track) {
 
 std::string LegendOf(const Track& track) {
     std::string text = std::string(NameOf(track)) + " (track " + std::to_string(track.id) + ", " +
-                       Escape(track.entry) +
+                       Escape(FormatText(track)) +
                        "): " + PlainCount(track.samples, "sample", "samples") + " in " +
                        PlainCount(track.chunks, "chunk", "chunks") + ", " + SizeText(track.bytes) +
                        ", " + TimeText(track.seconds);
@@ -520,6 +523,16 @@ std::string Drawing::Draw() {
 }
 
 }  // namespace
+
+std::string PrintableText(std::string_view text) {
+    std::string out;
+    while (!text.empty()) {
+        const size_t length = SequenceLength(text);
+        out += length == 0 ? std::string_view("?") : text.substr(0, length);
+        text.remove_prefix(std::max<size_t>(length, 1));
+    }
+    return out;
+}
 
 std::string SizeText(uint64_t bytes) {
     return Scaled(static_cast<double>(bytes), kUnits, 2);

@@ -1,18 +1,17 @@
 #include "MovieMap.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <optional>
+
+#include "BoxFile.h"
+#include "Fragments.h"
+#include "TrackDetails.h"
 
 namespace kxmap {
 namespace {
 
-constexpr uint64_t kHeader = 8;
 constexpr uint64_t kLargeHeader = 16;
 constexpr int kMaxDepth = 12;
 constexpr size_t kMaxBoxes = 4000;
@@ -20,77 +19,6 @@ constexpr size_t kMaxTopBoxes = 200;
 constexpr size_t kMaxTracks = 64;
 /// Of all tables together; an index of this size describes weeks of recording.
 constexpr uint64_t kMaxTableBytes = uint64_t{256} << 20;
-
-uint16_t Int16(const uint8_t* p) {
-    return static_cast<uint16_t>(p[0] << 8 | p[1]);
-}
-
-uint32_t Int32(const uint8_t* p) {
-    return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | uint32_t{p[3]};
-}
-
-uint64_t Int64(const uint8_t* p) {
-    return uint64_t{Int32(p)} << 32 | Int32(p + 4);
-}
-
-bool Printable(uint8_t byte) {
-    return byte >= 0x20 && byte < 0x7F;
-}
-
-std::string TypeText(const uint8_t* p) {
-    constexpr uint8_t kCopyrightSign = 0xA9;  // in Latin-1, as metadata tags begin
-    std::string type;
-    for (int i = 0; i < 4; ++i) {
-        if (p[i] == kCopyrightSign)
-            type += "\u00A9";
-        else
-            type.push_back(Printable(p[i]) ? static_cast<char>(p[i]) : '?');
-    }
-    return type;
-}
-
-/// A type that a box at the top level could have.
-bool PlausibleType(const uint8_t* p) {
-    return std::all_of(p, p + 4, Printable);
-}
-
-class File {
-public:
-    explicit File(const std::string& path) : m_file(open(path.c_str(), O_RDONLY | O_NONBLOCK)) {
-        if (m_file < 0) throw MapError(path + ": " + std::strerror(errno));
-        struct stat status {};
-        const bool known = fstat(m_file, &status) == 0;
-        if (known && S_ISREG(status.st_mode)) {
-            m_size = static_cast<uint64_t>(status.st_size);
-            return;
-        }
-        close(m_file);
-        throw MapError(path + ": not a regular file");
-    }
-    ~File() { close(m_file); }
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
-
-    uint64_t Size() const { return m_size; }
-
-    /// Reads exactly `size` bytes; false when they are not there.
-    bool Read(uint64_t position, uint8_t* out, size_t size) const {
-        if (size > m_size || position > m_size - size) return false;
-        while (size != 0) {
-            const ssize_t count = pread(m_file, out, size, static_cast<off_t>(position));
-            if (count < 0 && errno == EINTR) continue;
-            if (count <= 0) return false;
-            out += count;
-            position += static_cast<uint64_t>(count);
-            size -= static_cast<size_t>(count);
-        }
-        return true;
-    }
-
-private:
-    int m_file;
-    uint64_t m_size = 0;
-};
 
 /// Keeps at most kMaxMarks of the marks that it is given: when it is full, neighbours are merged
 /// two by two, and from then on each mark stands for twice as many.
@@ -225,14 +153,6 @@ private:
     uint64_t m_samples = 0;
 };
 
-const Box* Find(const Box* parent, const char* type) {
-    if (parent == nullptr) return nullptr;
-    for (const Box& child : parent->children) {
-        if (child.type == type) return &child;
-    }
-    return nullptr;
-}
-
 class MapReader {
 public:
     MapReader(const File& file, MovieMap& map) : m_file(file), m_map(map) {}
@@ -248,6 +168,7 @@ private:
     void NameByKey(Box& item) const;
     uint64_t ChildrenStart(const Box& box) const;
 
+    void ReadBrands(const Box& ftyp);
     void ReadTrack(const Box& trak);
     void ReadChunks(const Box& stbl, double timescale, Track& track);
     std::string ReadType(const Box* box, uint64_t offset) const;
@@ -306,6 +227,7 @@ bool MapReader::ReadTopBox(uint64_t position) {
     }
     if (IsOpenMediaData(*box)) {
         Remark("The media data has no size and there is no index: the recording was not finished.");
+        m_map.unfinished = true;
         box->size = end - position;
     }
     m_map.boxes.push_back(std::move(*box));
@@ -327,11 +249,11 @@ void MapReader::ReadTopLevel() {
 
 /// Position of the first child; 0 when the box is a leaf.
 uint64_t MapReader::ChildrenStart(const Box& box) const {
-    static constexpr const char* kContainers[] = {"moov", "trak", "edts", "tref", "mdia",
-                                                  "minf", "dinf", "stbl", "gmhd", "nmhd",
-                                                  "udta", "ilst", "wave"};
-    static constexpr const char* kVisual[] = {"avc1", "hvc1", "apco", "apcs",
-                                              "apcn", "apch", "ap4h", "ap4x"};
+    static constexpr const char* kContainers[] = {"moov", "trak", "edts", "tref", "mdia", "minf",
+                                                  "dinf", "stbl", "gmhd", "nmhd", "udta", "ilst",
+                                                  "wave", "mvex", "moof", "traf"};
+    static constexpr const char* kVisual[] = {"avc1", "avc3", "hvc1", "hev1", "apco",
+                                              "apcs", "apcn", "apch", "ap4h", "ap4x"};
     const auto isOneOf = [&box](const auto& types) {
         return std::any_of(std::begin(types), std::end(types),
                            [&box](const char* type) { return box.type == type; });
@@ -426,6 +348,7 @@ void MapReader::ReadTrack(const Box& trak) {
         timescale = Int32(word);
     track.handler = ReadType(Find(mdia, "hdlr"), 16);
     track.entry = ReadType(Find(stbl, "stsd"), 20);
+    ReadTrackDetails(m_file, trak, m_map.movieTimescale, track);
     if (timescale == 0) {
         Remark("Track " + std::to_string(track.id) + " has no timescale.");
         timescale = 1;
@@ -479,7 +402,7 @@ void MapReader::ReadChunks(const Box& stbl, double timescale, Track& track) {
             if (number <= track.samples) continue;  // 0, or out of order
             take(number - track.samples - 1);
             syncs.Add({chunk.end, time.Advance(0) / timescale});
-            ++track.syncSamples;
+            track.CountSync(number);
         }
         take(left);
         ++track.chunks;
@@ -499,16 +422,72 @@ void MapReader::ReadChunks(const Box& stbl, double timescale, Track& track) {
 void MapReader::Read() {
     ReadTopLevel();
     for (Box& box : m_map.boxes) {
-        if (box.type == "ftyp") m_map.brand = ReadType(&box, kHeader);
+        if (box.type == "ftyp") ReadBrands(box);
+        if (box.type == "moof") ++m_map.fragments;
         if (box.type != "moov") continue;
         ReadChildren(box, 0);
+        ReadMovieDetails(m_file, box, m_map);
         for (const Box& child : box.children) {
             if (child.type == "trak" && m_map.tracks.size() < kMaxTracks) ReadTrack(child);
         }
+        ReadTimecode(m_file, m_map);
     }
+    for (Box& box : m_map.boxes) {
+        if (box.type != "moof") continue;
+        ReadChildren(box, 0);
+        if (!ReadFragment(m_file, box, m_map))
+            Remark("The fragment at byte " + std::to_string(box.position) + " does not hold.");
+    }
+    m_map.interleaving = LargestDistance(m_map.tracks);
+}
+
+void MapReader::ReadBrands(const Box& ftyp) {
+    constexpr uint64_t kMostBrands = 32;
+    m_map.brand = ReadType(&ftyp, kHeader);
+    for (uint64_t at = 16; at + 4 <= ftyp.size && at < 16 + 4 * kMostBrands; at += 4)
+        m_map.compatibleBrands.push_back(ReadType(&ftyp, at));
 }
 
 }  // namespace
+
+void Track::CountSync(uint64_t number) {
+    if (syncSamples != 0) {
+        const uint64_t distance = number - m_lastSync;
+        largestSyncDistance = std::max(largestSyncDistance, distance);
+        smallestSyncDistance =
+            syncSamples == 1 ? distance : std::min(smallestSyncDistance, distance);
+    }
+    m_lastSync = number;
+    ++syncSamples;
+}
+
+bool MovieMap::IsMovie() const {
+    return std::any_of(boxes.begin(), boxes.end(), [](const Box& box) {
+        return box.type == "ftyp" || box.type == "moov" || box.type == "moof";
+    });
+}
+
+double LargestDistance(const std::vector<Track>& tracks) {
+    struct Mark {
+        uint64_t position;
+        double start;
+        size_t track;
+    };
+    std::vector<Mark> marks;
+    for (size_t i = 0; i < tracks.size(); ++i) {
+        for (const Extent& extent : tracks[i].extents)
+            marks.push_back({extent.position, extent.start, i});
+    }
+    std::sort(marks.begin(), marks.end(),
+              [](const Mark& a, const Mark& b) { return a.position < b.position; });
+    double largest = 0;
+    for (size_t i = 1; i < marks.size(); ++i) {
+        if (marks[i].track == marks[i - 1].track) continue;
+        const double distance = marks[i].start - marks[i - 1].start;
+        largest = std::max(largest, distance < 0 ? -distance : distance);
+    }
+    return largest;
+}
 
 MovieMap ReadMovieMap(const std::string& path) {
     const File file(path);
@@ -517,6 +496,13 @@ MovieMap ReadMovieMap(const std::string& path) {
     map.fileSize = file.Size();
     if (map.fileSize == 0) map.remarks.emplace_back("The file is empty.");
     MapReader(file, map).Read();
+    if (map.unfinished) {
+        const bool hasInfo = access((path + ".info").c_str(), F_OK) == 0;
+        map.remarks.push_back(hasInfo ? "Its index can be made: kxrepair " + path
+                                      : "There is no repair info file (" + map.name +
+                                            ".info) beside it, with which kxrepair could make "
+                                            "its index.");
+    }
     return map;
 }
 
