@@ -127,6 +127,7 @@ void PosixFile::RequireRoom(uint64_t position, uint64_t size) {
     const uint64_t have = Size();
     const uint64_t end = position + size;
     if (end <= have || fstatvfs(m_file, &system) != 0) return;
+    if (system.f_blocks == 0) return;  // a file system without a limit of its own says so
     const uint64_t need = end - have;
     const uint64_t room = uint64_t{system.f_bavail} * system.f_frsize;
     if (need <= room) return;

@@ -445,6 +445,7 @@ TEST_F(Faults, ACallbackCannotMakeAFailureSuccess) {
 
 TEST_F(Faults, ACallbackMayRecordIntoAnotherMuxer) {
     static CMp4Muxer* s_inner = nullptr;
+    static uint32_t s_written = 0;
     static mp4_file_io_func_t s_functions;
     MemoryOutput inside;
     CMp4Muxer inner;
@@ -455,14 +456,22 @@ TEST_F(Faults, ACallbackMayRecordIntoAnotherMuxer) {
     MemoryOutput outside;
     mp4_file_io_func_t functions = s_functions = *outside.Functions();
     functions.write = [](kx_mp4_handle handle, const void* bytes, uint32_t size) {
-        const Bytes picture = test_pattern::Picture(1);
-        s_inner->WriteVideoFrame(picture.data(), static_cast<uint32_t>(picture.size()), 0, 0);
-        return s_functions.write(handle, bytes, size);
+        const Bytes picture = test_pattern::Picture(s_written);
+        const uint64_t time = uint64_t{s_written++} * 3000;
+        const mp4_status_t status = s_inner->WriteVideoFrame(
+            picture.data(), static_cast<uint32_t>(picture.size()), time, time);
+        return status == MP4_STATUS_SUCCESS ? s_functions.write(handle, bytes, size) : 0;
     };
     auto around = streams::CallbackConfig(0, &functions);
     EXPECT_EQ(streams::RecordEverything(L"outside.mp4", around, kPictures), MP4_STATUS_SUCCESS);
     streams::ExpectHolds(outside.Movie(), streams::ExpectEverything(kPictures));
     EXPECT_EQ(inner.Close(), MP4_STATUS_SUCCESS);
+    const MovieReader within = inside.Movie();
+    const auto& samples = within.TrackOf("vide").samples;
+    ASSERT_EQ(samples.size(), s_written);
+    for (uint32_t i = 0; i < s_written; ++i)
+        EXPECT_EQ(within.SampleBytes(samples[i]),
+                  streams::LengthPrefixed(streams::PictureUnits(i)));
 }
 
 }  // namespace

@@ -66,7 +66,9 @@ std::vector<Bytes> PictureUnits(uint32_t seed, uint32_t number) {
 }
 
 Bytes AudioFrame(uint32_t seed, uint32_t number) {
-    return Bytes{0x21} + Noise(seed * 104729 + number, 80, 400);
+    Bytes frame = Bytes{0x21} + Noise(seed * 104729 + number, 80, 400);
+    frame.back() = static_cast<uint8_t>(frame.back() | 7);  // ID_END
+    return frame;
 }
 
 void Require(bool condition, const std::string& what) {
