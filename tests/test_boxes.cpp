@@ -222,7 +222,7 @@ using AllBoxes = ::testing::Types<
     CMp4TcmiAtom, CMp4TextAtom, CMp4TkhdAtom, CMp4UdtaAtom, CMp4UrlHdlrAtom, CMp4VideoHdlrAtom,
     CMp4VideoMdiaAtom, CMp4VideoMinfAtom, CMp4VideoStblAtom, CMp4VideoStsdAtom, CMp4VideoTrakAtom,
     CMp4VmhdAtom, CMp4WaveAtom>;
-TYPED_TEST_SUITE(Boxes, AllBoxes);
+TYPED_TEST_SUITE(Boxes, AllBoxes, );  // the comma: clang -Wpedantic wants an argument for the "..."
 
 TYPED_TEST(Boxes, PredictWhatTheyWrite) {
     for (const bool wide : {false, true}) {
