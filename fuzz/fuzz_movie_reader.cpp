@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const kxmap::MovieMap map = kxmap::ReadMovieMap("/proc/self/fd/" + std::to_string(file));
     uint64_t position = 0;
     for (const kxmap::Box& box : map.boxes) {
-        if (box.position != position) std::abort();
+        if (box.offset != position) std::abort();
         position += box.size;
     }
     if (position != size) std::abort();

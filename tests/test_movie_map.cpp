@@ -7,9 +7,13 @@
 #include <cstdio>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "MapDrawing.h"
+#include "Movie.h"
 #include "MovieFacts.h"
 #include "MovieMap.h"
 #include "Mp4Muxer.h"
@@ -18,6 +22,8 @@
 
 namespace kxmap {
 namespace {
+
+namespace movie = kx_mp4::movie;
 
 using testing::AllOf;
 using testing::Contains;
@@ -68,7 +74,7 @@ protected:
         MovieMap map = ReadMovieMap(m_path);
         uint64_t position = 0;
         for (const Box& box : map.boxes) {
-            EXPECT_EQ(box.position, position);
+            EXPECT_EQ(box.offset, position);
             position += box.size;
         }
         EXPECT_EQ(position, map.fileSize);
@@ -99,7 +105,7 @@ TEST_F(MovieMapTest, FindsEveryChunkAndSyncSample) {
     EXPECT_DOUBLE_EQ(video.seconds, 2.0);
     ASSERT_EQ(video.extents.size(), 50u);
     constexpr uint64_t kCaptionSample = 10;
-    const uint64_t mediaBegin = map.boxes[2].position + 8;
+    const uint64_t mediaBegin = map.boxes[2].offset + 8;
     for (uint64_t i = 0; i < 50; ++i) {
         const Extent& chunk = video.extents[i];
         EXPECT_EQ(chunk.position, mediaBegin + i * 1000 + (i + 1) * kCaptionSample);
@@ -118,13 +124,13 @@ TEST_F(MovieMapTest, ManySamplesMakeNoLargerPicture) {
     EXPECT_LE(video.extents.size(), kMaxMarks);
     EXPECT_GT(video.extents.size(), kMaxMarks / 4);
     EXPECT_DOUBLE_EQ(video.extents.back().stop, 800.0);
-    EXPECT_EQ(video.extents.back().end, map.boxes[2].position + map.boxes[2].size);
+    EXPECT_EQ(video.extents.back().end, map.boxes[2].offset + map.boxes[2].size);
     EXPECT_THAT(DrawMovieMap(map).size(), Lt(200000u));
 }
 
 TEST_F(MovieMapTest, ReadsWhatIsLeftOfACutFile) {
-    EXPECT_THROW(ReadMovieMap(m_path + ".missing"), MapError);
-    EXPECT_THROW(ReadMovieMap("/dev/zero"), MapError);
+    EXPECT_THROW(ReadMovieMap(m_path + ".missing"), MovieError);
+    EXPECT_THROW(ReadMovieMap("/dev/zero"), MovieError);
     Record(8, 50);
     const std::string whole = Bytes();
     for (size_t size = 0; size < whole.size(); size += 7) {
@@ -226,6 +232,80 @@ TEST_F(MovieMapTest, ReadsFragmentsAndNeverReplacesTheRecording) {
     EXPECT_EQ(foreign.code, 2);
     EXPECT_THAT(foreign.errors, HasSubstr("is neither an MP4 file nor a QuickTime movie"));
     Execute("rm " + m_path + ".*");
+}
+
+/// Samples that lie in the file, of all tracks.
+std::vector<std::vector<movie::Sample>> SamplesIn(const movie::Movie& movie, size_t* faults) {
+    std::vector<std::vector<movie::Sample>> samples(movie.tracks.size());
+    *faults = movie.boxes.faults.size() +
+              movie::VisitSamples(movie, [&](size_t track, const movie::Sample& sample) {
+                  if (sample.offset + sample.size <= movie.boxes.file.size)
+                      samples[track].push_back(sample);
+              }).size();
+    return samples;
+}
+
+// Another muxer's fragments in every form of addressing, and what is left when they are cut off.
+TEST_F(MovieMapTest, FragmentsHoldTheSamplesOfTheTables) {
+    const std::string reordered = m_path + ".reordered.mp4";
+    ASSERT_EQ(program_runner::Execute("'" KXMUX_PATH "' --fps 25 --overwrite --video " +
+                                      program_runner::Sample("reordered.h264") + " --audio " +
+                                      program_runner::Sample("audio.aac") + " -o " + reordered)
+                  .code,
+              0);
+    const auto readMuxed = [&](const std::string& flags) {
+        EXPECT_EQ(program_runner::Execute("ffmpeg -v error -y -i " + reordered +
+                                          " -c copy -use_editlist 0 " + flags + " " + m_path)
+                      .code,
+                  0);
+        const std::string bytes = Bytes();
+        return movie::Bytes(bytes.begin(), bytes.end());
+    };
+    const auto read = [](movie::Bytes bytes) {
+        return movie::ReadMovie(std::make_shared<movie::MemorySource>(std::move(bytes)));
+    };
+    size_t faults = 0;
+    const movie::Movie whole = read(readMuxed(""));
+    const auto expected = SamplesIn(whole, &faults);
+    EXPECT_EQ(faults, 0U);
+    ASSERT_EQ(expected.size(), 2U);
+    const std::string fragments = "-movflags empty_moov+";
+    for (const char* const form : {"frag_keyframe", "frag_keyframe+omit_tfhd_offset",
+                                   "frag_keyframe+default_base_moof -frag_duration 300000"}) {
+        SCOPED_TRACE(form);
+        movie::Bytes bytes = readMuxed(fragments + form);
+        const movie::Movie movie = read(bytes);
+        const auto samples = SamplesIn(movie, &faults);
+        EXPECT_EQ(faults, 0U);
+        EXPECT_GT(movie.fragments.size(), 2U);
+        ASSERT_EQ(samples.size(), expected.size());
+        for (size_t track = 0; track < expected.size(); ++track) {
+            ASSERT_EQ(samples[track].size(), expected[track].size());
+            for (size_t i = 0; i < expected[track].size(); ++i) {
+                const movie::Sample& a = samples[track][i];
+                const movie::Sample& b = expected[track][i];
+                EXPECT_EQ(a.dts, b.dts);
+                EXPECT_EQ(a.cts, b.cts);
+                EXPECT_EQ(a.sync, b.sync) << i;
+                EXPECT_EQ(a.description, 1U);
+                EXPECT_EQ(movie.boxes.file.Content(a.offset, a.size),
+                          whole.boxes.file.Content(b.offset, b.size));
+            }
+        }
+        // Cut off in a fragment's data and in its box.
+        const movie::Box& last = *movie.fragments.back();
+        for (const uint64_t end : {last.offset - 9, last.offset + 30}) {
+            bytes.resize(end);
+            const movie::Movie cut = read(bytes);
+            const auto rest = SamplesIn(cut, &faults);
+            EXPECT_GT(faults, 0U);
+            EXPECT_EQ(cut.fragments.size(), movie.fragments.size() - 1);
+            EXPECT_GT(rest[0].size(), expected[0].size() / 2);
+            EXPECT_LT(rest[0].size() + rest[1].size(), expected[0].size() + expected[1].size());
+            bytes.insert(bytes.end(), 30, 0);  // not what was there
+        }
+    }
+    std::remove(reordered.c_str());
 }
 
 TEST(MapDrawingTest, EscapesNames) {

@@ -168,17 +168,13 @@ const char* NameOf(const Track& track) {
     return "track";
 }
 
-bool EverySampleIsSync(const Track& track) {
-    return !track.hasSyncTable || track.syncSamples == track.samples;
-}
-
 std::string LegendOf(const Track& track) {
     std::string text = std::string(NameOf(track)) + " (track " + std::to_string(track.id) + ", " +
                        Escape(FormatText(track)) +
                        "): " + PlainCount(track.samples, "sample", "samples") + " in " +
                        PlainCount(track.chunks, "chunk", "chunks") + ", " + SizeText(track.bytes) +
                        ", " + TimeText(track.seconds);
-    if (EverySampleIsSync(track))
+    if (track.EverySampleIsSync())
         text += "; every sample is a sync sample";
     else
         text += "; " + PlainCount(track.syncSamples, "sync sample", "sync samples");
@@ -244,7 +240,7 @@ void Drawing::DrawLegend() {
     size_t lines = 0;
     bool syncs = false;
     for (const Track& track : m_map.tracks) {
-        syncs = syncs || !EverySampleIsSync(track);
+        syncs = syncs || !track.EverySampleIsSync();
         if (++lines > kMaxLines) continue;
         m_y += kLineHeight + 2;
         m_svg.Rect(kMargin, m_y - 10, 18, 11, std::string("rx='2' fill='") + ColourOf(track) + "'");
@@ -259,10 +255,10 @@ void Drawing::DrawLegend() {
 
 void Drawing::DrawStrip() {
     for (const Box& box : m_map.boxes) {
-        const double top = YOf(box.position);
-        const double height = std::max(YOf(box.position + box.size) - top, 1.0);
+        const double top = YOf(box.offset);
+        const double height = std::max(YOf(box.offset + box.size) - top, 1.0);
         const bool media = box.type == "mdat";
-        m_svg.Raw("<g><title>" + Escape(box.type) + " at " + std::to_string(box.position) + ", " +
+        m_svg.Raw("<g><title>" + Escape(box.Name()) + " at " + std::to_string(box.offset) + ", " +
                   std::to_string(box.size) + " bytes</title>");
         m_svg.Rect(kStripLeft, top, kStripRight - kStripLeft, height,
                    media ? "fill='var(--media)'" : "fill='var(--index)'");
@@ -278,7 +274,7 @@ void Drawing::DrawStripLabels() {
     const size_t count = std::min(kMaxLabels, m_map.boxes.size());
     std::vector<double> place(count);
     const auto middle = [this](const Box& box) {
-        return (YOf(box.position) + YOf(box.position + box.size)) / 2;
+        return (YOf(box.offset) + YOf(box.offset + box.size)) / 2;
     };
     double next = m_chartTop + 4;
     for (size_t i = 0; i < count; ++i) {
@@ -292,7 +288,7 @@ void Drawing::DrawStripLabels() {
         const Box& box = m_map.boxes[i];
         m_svg.Line(kStripLeft - 22, place[i], kStripLeft - 2, middle(box), "class='axis'");
         m_svg.Text(kStripLeft - 28, place[i] + 4, "class='end'",
-                   "<tspan class='mono' font-weight='600'>" + Escape(box.type) + "</tspan> " +
+                   "<tspan class='mono' font-weight='600'>" + Escape(box.Name()) + "</tspan> " +
                        SizeText(box.size));
     }
 }
@@ -346,7 +342,7 @@ void Drawing::DrawTrack(const Track& track, int rank) {
 
 /// All sync samples in one path.
 void Drawing::DrawSyncSamples(const Track& track) {
-    if (EverySampleIsSync(track)) return;
+    if (track.EverySampleIsSync()) return;
     // Neighbours that would hide each other are left out.
     constexpr double kClosest = 9;
     std::string diamonds;
@@ -426,7 +422,7 @@ void IndexColumns::Collect(const Box& box, int depth, const char* colour, std::v
     if (++m_rows > kMaxRows) return;
     std::string note;
     for (const Track& track : m_tracks) {
-        if (track.boxPosition != box.position) continue;
+        if (track.boxPosition != box.offset) continue;
         note = std::string(NameOf(track)) + ", track " + std::to_string(track.id);
         colour = ColourOf(track);
     }
@@ -442,13 +438,13 @@ void IndexColumns::DrawRow(Svg& svg, const Row& row, double x, double y) const {
     const double share = static_cast<double>(row.box->size) /
                          static_cast<double>(std::max<uint64_t>(m_moov.size, 1));
     const double room = ColumnWidth() - kSizeColumn;
-    svg.Raw("<g><title>" + Escape(row.box->type) + " at " + std::to_string(row.box->position) +
+    svg.Raw("<g><title>" + Escape(row.box->Name()) + " at " + std::to_string(row.box->offset) +
             ", " + std::to_string(row.box->size) + " bytes</title>");
     svg.Rect(x, y - 12, room, kLineHeight - 2, "fill='var(--pale)' rx='2'");
     svg.Rect(x, y - 12, std::max(room * share, 1.0), kLineHeight - 2,
              std::string("rx='2' opacity='0.35' fill='") + row.colour + "'");
     std::string text =
-        "<tspan class='mono' font-weight='600'>" + Escape(row.box->type) + "</tspan>";
+        "<tspan class='mono' font-weight='600'>" + Escape(row.box->Name()) + "</tspan>";
     if (!row.note.empty()) text += " <tspan class='soft'>" + row.note + "</tspan>";
     svg.Text(left + 6, y, "", text);
     svg.Text(x + ColumnWidth(), y, "class='soft end'", SizeText(row.box->size));
@@ -479,16 +475,14 @@ double IndexColumns::Draw(Svg& svg, double top) {
 }
 
 void Drawing::DrawIndex() {
-    for (const Box& box : m_map.boxes) {
-        if (box.type != "moov") continue;
-        m_y += 26;
-        const std::string heading = "Index: moov, " + SizeText(box.size);
-        m_svg.Text(kMargin, m_y, "class='head'", heading);
-        m_svg.Text(kMargin + kCharacter * 1.5 * static_cast<double>(heading.size()), m_y,
-                   "class='soft'", "bars: share of the index");
-        m_y = IndexColumns(box, m_map.tracks).Draw(m_svg, m_y + 4);
-        return;  // a second index is in the list of boxes
-    }
+    const Box& moov = m_map.index;
+    if (moov.size == 0) return;
+    m_y += 26;
+    const std::string heading = "Index: moov, " + SizeText(moov.size);
+    m_svg.Text(kMargin, m_y, "class='head'", heading);
+    m_svg.Text(kMargin + kCharacter * 1.5 * static_cast<double>(heading.size()), m_y,
+               "class='soft'", "bars: share of the index");
+    m_y = IndexColumns(moov, m_map.tracks).Draw(m_svg, m_y + 4);
 }
 
 void Drawing::DrawRemarks() {

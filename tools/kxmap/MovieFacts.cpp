@@ -36,7 +36,7 @@ std::string TrackAsText(const Track& track) {
                                    : Format("  edit: %.6f s from media time %lld on\n",
                                             edit.seconds, static_cast<long long>(edit.mediaTime));
     }
-    if (track.hasSyncTable) {
+    if (!track.EverySampleIsSync()) {
         text += Format("  %llu sync samples, every %llu to %llu samples\n",
                        static_cast<unsigned long long>(track.syncSamples),
                        static_cast<unsigned long long>(track.smallestSyncDistance),
@@ -62,7 +62,7 @@ Json TrackAsJson(const Track& track) {
                  {"duration_mdhd", track.mediaSeconds},
                  {"duration_samples", track.seconds},
                  {"edits", Json::array()},
-                 {"sync_samples", track.hasSyncTable ? track.syncSamples : track.samples},
+                 {"sync_samples", track.syncSamples},
                  {"sync_distance_min", track.smallestSyncDistance},
                  {"sync_distance_max", track.largestSyncDistance}};
     for (const Edit& edit : track.edits)

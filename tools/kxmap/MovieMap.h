@@ -5,20 +5,17 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "Box.h"
+
 namespace kxmap {
 
-/// One box. Sizes include the header.
-struct Box {
-    std::string type;  ///< Four characters; those that cannot be printed are shown as '?'.
-    uint64_t position = 0;
-    uint64_t size = 0;
-    std::vector<Box> children;
-};
+using kx_mp4::movie::Box;
+using kx_mp4::movie::Bytes;
+using kx_mp4::movie::MovieError;
 
 /// A chunk of a track, or a run of neighbouring ones when a track has very many.
 struct Extent {
@@ -42,9 +39,6 @@ struct Edit {
 
 /// One track.
 struct Track {
-    /// Takes note of the next sync sample, by its number from 1.
-    void CountSync(uint64_t number);
-
     uint64_t boxPosition = 0;  ///< Of its 'trak'.
     uint32_t id = 0;
     std::string handler;  ///< "vide", "soun" ...
@@ -52,8 +46,7 @@ struct Track {
     uint64_t samples = 0;
     uint64_t chunks = 0;
     uint64_t bytes = 0;
-    uint64_t syncSamples = 0;  ///< Listed ones; without a list every sample is one.
-    bool hasSyncTable = false;
+    uint64_t syncSamples = 0;
     uint64_t smallestSyncDistance = 0;  ///< Samples; 0 with fewer than two.
     uint64_t largestSyncDistance = 0;
     std::string codec;  ///< RFC 6381, such as "avc1.640028"; the entry's type when there is none.
@@ -71,8 +64,7 @@ struct Track {
     std::vector<Extent> extents;    ///< At most #kMaxMarks.
     std::vector<SyncSample> syncs;  ///< At most #kMaxMarks, evenly taken from all.
 
-private:
-    uint64_t m_lastSync = 0;
+    bool EverySampleIsSync() const { return syncSamples == samples; }
 };
 
 /// What there is to draw.
@@ -83,13 +75,13 @@ struct MovieMap {
     std::vector<std::string> compatibleBrands;
     uint32_t movieTimescale = 0;
     double movieSeconds = 0;  ///< By 'mvhd'.
-    uint64_t fragments = 0;   ///< 'moof' boxes.
-    bool unfinished = false;  ///< Media data without a size, and no index.
+    uint64_t fragments = 0;   ///< 'moof' boxes of the movie.
     std::string timecode;     ///< Of the first timecode sample, such as "01:00:00;00".
     double interleaving =
         0;  ///< Largest distance in time between neighbours of two tracks, seconds.
     std::vector<std::pair<std::string, std::string>> metadata;  ///< Keys and values.
-    std::vector<Box> boxes;                                     ///< Top level; they cover the file.
+    std::vector<Box> boxes;  ///< Top level, without children; they cover the file.
+    Box index;               ///< The 'moov' that counts; without a size when there is none.
     std::vector<Track> tracks;
     std::vector<std::string> remarks;  ///< What is wrong with the file, a sentence each.
 
@@ -104,15 +96,9 @@ double LargestDistance(const std::vector<Track>& tracks);
 /// Marks that a track keeps at most of each kind.
 constexpr size_t kMaxMarks = 1000;
 
-/// The file cannot be read at all.
-class MapError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
-/// Reads boxes and sample tables. Any file is accepted: what does not hold is left out and told in
-/// a remark; memory is bounded by the tables that really are in the file.
-/// Throws MapError when the file cannot be opened or read.
+/// Reads boxes, sample tables and fragments. Any file is accepted: what does not hold is left out
+/// and told in a remark; memory is bounded by the tables that really are in the file.
+/// Throws MovieError when the file cannot be opened or read.
 MovieMap ReadMovieMap(const std::string& path);
 
 }  // namespace kxmap

@@ -7,8 +7,11 @@
 namespace kxmap {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using kx_mp4::movie::Int16;
+using kx_mp4::movie::Int32;
+using kx_mp4::movie::Int64;
 
+constexpr uint64_t kHeader = 8;
 constexpr size_t kLongestValue = 200;
 constexpr size_t kMostItems = 100;
 
@@ -23,25 +26,10 @@ double Seconds(uint64_t ticks, uint32_t timescale) {
     return timescale == 0 ? 0 : static_cast<double>(ticks) / timescale;
 }
 
-/// A timescale and the duration behind it, of 'mvhd' and 'mdhd'.
-struct Clock {
-    uint32_t timescale = 0;
-    uint64_t duration = 0;
-};
-
-Clock ReadClock(const File& file, const Box* box) {
-    if (box == nullptr) return {};
-    const Bytes bytes = file.Content(*box, kHeader, 32);
-    const bool wide = !bytes.empty() && bytes[0] == 1;
-    if (bytes.size() < (wide ? 32U : 20U)) return {};
-    const uint8_t* const at = bytes.data() + (wide ? 20 : 12);
-    return {Int32(at), wide ? Int64(at + 4) : Int32(at + 4)};
-}
-
-void ReadEdits(const File& file, const Box& trak, uint32_t movieTimescale, Track& track) {
-    const Box* const elst = Find(Find(&trak, "edts"), "elst");
+void ReadEdits(const Box& trak, uint32_t movieTimescale, Track& track) {
+    const Box* const elst = trak.Find("edts/elst");
     if (elst == nullptr) return;
-    const Bytes bytes = file.Content(*elst, kHeader, 8 + 20 * kMostItems);
+    const Bytes bytes = elst->Peek(kHeader, 8 + 20 * kMostItems);
     if (bytes.size() < 8) return;
     const bool wide = bytes[0] == 1;
     const size_t width = wide ? 20 : 12;
@@ -114,71 +102,59 @@ void ReadAac(const Bytes& config, Track& track) {
     if (rate < 15) track.channels = bits >> 3 & 0xF;
 }
 
-void ReadVisualEntry(const File& file, const Box& entry, Track& track) {
-    const Bytes head = file.Content(entry, 32, 4);
+void ReadVisualEntry(const Box& entry, Track& track) {
+    const Bytes head = entry.Peek(32, 4);
     if (head.size() == 4) {
         track.width = Int16(head.data());
         track.height = Int16(head.data() + 2);
     }
-    if (const Box* const avcc = Find(&entry, "avcC")) {
-        const Bytes record = file.Content(*avcc, kHeader, 4);
+    if (const Box* const avcc = entry.Find("avcC")) {
+        const Bytes record = avcc->Peek(kHeader, 4);
         if (record.size() == 4)
             track.codec += Format(".%02x%02x%02x", unsigned{record[1]}, unsigned{record[2]},
                                   unsigned{record[3]});
     }
-    if (const Box* const hvcc = Find(&entry, "hvcC"))
-        track.codec = HevcCodec(track.codec, file.Content(*hvcc, kHeader, 13));
+    if (const Box* const hvcc = entry.Find("hvcC"))
+        track.codec = HevcCodec(track.codec, hvcc->Peek(kHeader, 13));
 }
 
-void ReadSoundEntry(const File& file, const Box& entry, Track& track) {
-    const Bytes head = file.Content(entry, 24, 12);
+void ReadSoundEntry(const Box& entry, Track& track) {
+    const Bytes head = entry.Peek(24, 12);
     if (head.size() == 12) {
         track.channels = Int16(head.data());
         track.sampleRate = Int32(head.data() + 8) >> 16;
     }
-    const Box* esds = Find(&entry, "esds");
-    if (esds == nullptr) esds = Find(Find(&entry, "wave"), "esds");
-    if (esds != nullptr) ReadAac(AudioConfig(file.Content(*esds, kHeader, 256)), track);
+    const Box* esds = entry.Find("esds");
+    if (esds == nullptr) esds = entry.Find("wave/esds");
+    if (esds != nullptr) ReadAac(AudioConfig(esds->Peek(kHeader, 256)), track);
 }
 
-std::string ValueText(const File& file, const Box& item) {
-    const Bytes data = file.Content(item, kHeader, 16 + kLongestValue);
-    if (data.size() < 16 || TypeText(data.data() + 4) != "data") return {};
-    const uint32_t type = Int32(data.data() + 8);
-    if (type == 1) return {data.begin() + 16, data.end()};
-    if (type == 21 && data.size() == 20)
-        return std::to_string(static_cast<int32_t>(Int32(data.data() + 16)));
-    return std::to_string(item.size - kHeader - 16) + " bytes";
+std::string ValueText(const Box& item) {
+    const Box* const data = item.Find("data");
+    if (data == nullptr) return {};
+    const Bytes head = data->Peek(kHeader, 8 + kLongestValue);
+    if (head.size() < 8) return {};
+    const uint32_t type = Int32(head.data());
+    if (type == 1) return {head.begin() + 8, head.end()};
+    if (type == 21 && head.size() == 12)
+        return std::to_string(static_cast<int32_t>(Int32(head.data() + 8)));
+    return std::to_string(data->size - kHeader - 8) + " bytes";
 }
 
-/// The names of 'keys', in order.
-std::vector<std::string> KeyNames(const File& file, const Box& meta) {
-    std::vector<std::string> names;
-    const Box* const keys = Find(&meta, "keys");
-    if (keys == nullptr) return names;
-    const Bytes bytes = file.Content(*keys, 16, size_t{64} << 10);
-    for (size_t at = 0; at + 8 <= bytes.size() && names.size() < kMostItems;) {
-        const size_t size = Int32(bytes.data() + at);
-        if (size < 8 || size > bytes.size() - at) break;
-        names.emplace_back(bytes.begin() + static_cast<std::ptrdiff_t>(at + 8),
-                           bytes.begin() + static_cast<std::ptrdiff_t>(at + size));
-        at += size;
-    }
-    return names;
+/// The name of an item: its tag, or the key that its number stands for.
+std::string KeyOf(const Box& item, const Box* keys) {
+    const uint32_t number = item.U32(4);
+    if (keys == nullptr || number == 0 || number > keys->children.size()) return item.Name();
+    const Bytes name = keys->children[number - 1].Peek(kHeader, kLongestValue);
+    return {name.begin(), name.end()};
 }
 
-void ReadMetadata(const File& file, const Box* meta, MovieMap& map) {
-    const Box* const ilst = Find(meta, "ilst");
+void ReadMetadata(const Box* meta, MovieMap& map) {
+    const Box* const ilst = meta == nullptr ? nullptr : meta->Find("ilst");
     if (ilst == nullptr) return;
-    const std::vector<std::string> names = KeyNames(file, *meta);
     for (const Box& item : ilst->children) {
         if (map.metadata.size() == kMostItems) return;
-        std::string key = item.type;
-        if (key[0] == '#') {
-            const size_t number = std::strtoul(key.c_str() + 1, nullptr, 10);
-            if (number >= 1 && number <= names.size()) key = names[number - 1];
-        }
-        map.metadata.emplace_back(key, ValueText(file, item));
+        map.metadata.emplace_back(KeyOf(item, meta->Find("keys")), ValueText(item));
     }
 }
 
@@ -204,45 +180,46 @@ std::string TimecodeText(uint64_t frames, uint32_t rate, bool drop) {
 
 }  // namespace
 
-void ReadMovieDetails(const File& file, const Box& moov, MovieMap& map) {
-    const Clock clock = ReadClock(file, Find(&moov, "mvhd"));
-    map.movieTimescale = clock.timescale;
-    map.movieSeconds = Seconds(clock.duration, clock.timescale);
-    ReadMetadata(file, Find(&moov, "meta"), map);
-    ReadMetadata(file, Find(Find(&moov, "udta"), "meta"), map);
+void ReadMovieDetails(const Box& moov, MovieMap& map) {
+    if (const Box* const mvhd = moov.Find("mvhd")) {
+        const Bytes bytes = mvhd->Peek(kHeader, 32);
+        const bool wide = mvhd->Version() == 1;
+        if (bytes.size() == 32) {
+            map.movieTimescale = Int32(bytes.data() + (wide ? 20 : 12));
+            map.movieSeconds = Seconds(wide ? Int64(bytes.data() + 24) : Int32(bytes.data() + 16),
+                                       map.movieTimescale);
+        }
+    }
+    ReadMetadata(moov.Find("meta"), map);
+    ReadMetadata(moov.Find("udta/meta"), map);
 }
 
-void ReadTrackDetails(const File& file, const Box& trak, uint32_t movieTimescale, Track& track) {
-    const Box* const mdia = Find(&trak, "mdia");
-    const Clock clock = ReadClock(file, Find(mdia, "mdhd"));
-    track.timescale = clock.timescale;
-    track.mediaSeconds = Seconds(clock.duration, clock.timescale);
-    if (const Box* const tkhd = Find(&trak, "tkhd")) {
-        const Bytes bytes = file.Content(*tkhd, kHeader, 36);
-        const bool wide = !bytes.empty() && bytes[0] == 1;
-        if (bytes.size() == 36)
-            track.headerSeconds =
-                Seconds(wide ? Int64(bytes.data() + 28) : Int32(bytes.data() + 20), movieTimescale);
-    }
-    ReadEdits(file, trak, movieTimescale, track);
+void ReadTrackDetails(const Box& trak, uint64_t duration, uint32_t movieTimescale, Track& track) {
+    track.mediaSeconds = Seconds(duration, track.timescale);
+    const Box& tkhd = trak.At("tkhd");
+    const Bytes bytes = tkhd.Peek(kHeader, 36);
+    if (bytes.size() == 36)
+        track.headerSeconds =
+            Seconds(tkhd.Version() == 1 ? Int64(bytes.data() + 28) : Int32(bytes.data() + 20),
+                    movieTimescale);
+    ReadEdits(trak, movieTimescale, track);
     track.codec = track.entry;
-    const Box* const stsd = Find(Find(Find(mdia, "minf"), "stbl"), "stsd");
-    if (stsd == nullptr || stsd->children.empty()) return;
-    if (track.handler == "vide") ReadVisualEntry(file, stsd->children[0], track);
-    if (track.handler == "soun") ReadSoundEntry(file, stsd->children[0], track);
+    const Box& entry = trak.At("mdia/minf/stbl/stsd").children[0];
+    if (track.handler == "vide") ReadVisualEntry(entry, track);
+    if (track.handler == "soun") ReadSoundEntry(entry, track);
     if (track.handler == "tmcd") {
-        const Bytes entry = file.Content(stsd->children[0], 20, 16);
-        if (entry.size() < 13) return;
-        track.dropFrame = (Int32(entry.data()) & 1) != 0;
-        track.framesPerSecond = entry[12];
+        const Bytes fields = entry.Peek(20, 13);
+        if (fields.size() < 13) return;
+        track.dropFrame = (Int32(fields.data()) & 1) != 0;
+        track.framesPerSecond = fields[12];
     }
 }
 
-void ReadTimecode(const File& file, MovieMap& map) {
+void ReadTimecode(const Box& file, MovieMap& map) {
     for (const Track& track : map.tracks) {
-        std::array<uint8_t, 4> counter{};
         if (track.handler != "tmcd" || track.extents.empty()) continue;
-        if (!file.Read(track.extents[0].position, counter.data(), counter.size())) continue;
+        const Bytes counter = file.Peek(track.extents[0].position, 4);
+        if (counter.size() != 4) continue;
         map.timecode = TimecodeText(Int32(counter.data()), track.framesPerSecond, track.dropFrame);
         return;
     }

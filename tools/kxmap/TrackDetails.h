@@ -4,17 +4,19 @@
 #ifndef KXMAP_TRACKDETAILS_H
 #define KXMAP_TRACKDETAILS_H
 
-#include "BoxFile.h"
+#include <cstdint>
+
 #include "MovieMap.h"
 
 namespace kxmap {
 
 /// Timescale, duration and metadata from the children of 'moov'.
-void ReadMovieDetails(const File& file, const Box& moov, MovieMap& map);
-/// Format, durations and edit list of a track, whose handler and entry are known.
-void ReadTrackDetails(const File& file, const Box& trak, uint32_t movieTimescale, Track& track);
+void ReadMovieDetails(const Box& moov, MovieMap& map);
+/// Format, durations and edit list of a track, whose handler, entry and timescale are known.
+/// `duration` is that of the media, in its ticks.
+void ReadTrackDetails(const Box& trak, uint64_t duration, uint32_t movieTimescale, Track& track);
 /// The first counter of the timecode track, when there is one.
-void ReadTimecode(const File& file, MovieMap& map);
+void ReadTimecode(const Box& file, MovieMap& map);
 
 }  // namespace kxmap
 

@@ -31,7 +31,7 @@ struct Arguments {
 };
 
 [[noreturn]] void Fail(const std::string& path, const std::string& reason) {
-    throw kxmap::MapError(path + ": " + reason);
+    throw kxmap::MovieError(path + ": " + reason);
 }
 
 /// The picture never takes the place of the recording, whatever name or link leads to it, nor of
