@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
@@ -89,32 +88,6 @@ protected:
                                std::to_string(getpid()) + ".mp4";
 };
 
-TEST_F(MovieMapTest, FindsEveryChunkAndSyncSample) {
-    Record(50, 1000);
-    const MovieMap map = ReadAndDraw();
-    EXPECT_TRUE(map.remarks.empty());
-    ASSERT_EQ(map.boxes.size(), 4u);
-    EXPECT_EQ(map.boxes[3].type, "moov");
-
-    ASSERT_EQ(map.tracks.size(), 2u);
-    const Track& video = map.tracks[0];
-    EXPECT_EQ(video.entry, "apcn");
-    EXPECT_EQ(video.samples, 50u);
-    EXPECT_EQ(video.bytes, 50000u);
-    EXPECT_EQ(video.syncSamples, 50u);
-    EXPECT_DOUBLE_EQ(video.seconds, 2.0);
-    ASSERT_EQ(video.extents.size(), 50u);
-    constexpr uint64_t kCaptionSample = 10;
-    const uint64_t mediaBegin = map.boxes[2].offset + 8;
-    for (uint64_t i = 0; i < 50; ++i) {
-        const Extent& chunk = video.extents[i];
-        EXPECT_EQ(chunk.position, mediaBegin + i * 1000 + (i + 1) * kCaptionSample);
-        EXPECT_EQ(chunk.end, chunk.position + 1000);
-        EXPECT_DOUBLE_EQ(chunk.start, static_cast<double>(i) / 25);
-        EXPECT_EQ(video.syncs[i].position, chunk.position);
-    }
-}
-
 TEST_F(MovieMapTest, ManySamplesMakeNoLargerPicture) {
     Record(20000, 16);
     const MovieMap map = ReadAndDraw();
@@ -198,42 +171,6 @@ TEST_F(MovieMapTest, TellsTheFactsOfARecording) {
                       HasSubstr(R"("sync_distance_max": 10)"), HasSubstr(R"("remarks": [])")));
 }
 
-/// Another muxer's fragments, and the program as a whole.
-TEST_F(MovieMapTest, ReadsFragmentsAndNeverReplacesTheRecording) {
-    using program_runner::Execute;
-    const std::string fragmented = m_path + ".frag.mp4";
-    ASSERT_EQ(Execute("ffmpeg -v error -y -i " + program_runner::Sample("h264.h264") +
-                      " -c copy -movflags frag_keyframe+empty_moov " + fragmented)
-                  .code,
-              0);
-    const MovieMap map = ReadMovieMap(fragmented);
-    EXPECT_EQ(map.fragments, 3U);
-    ASSERT_EQ(map.tracks.size(), 1U);
-    EXPECT_EQ(map.tracks[0].samples, 75U);
-    EXPECT_NEAR(map.tracks[0].seconds, 3.0, 0.001);
-    EXPECT_TRUE(map.remarks.empty());
-
-    const std::string kxmap = "'" KXMAP_PATH "' ";
-    const std::string link = m_path + ".link";
-    Execute("ln -sf " + fragmented + " " + link + "; ln -f " + fragmented + " " + m_path);
-    const std::string before = Bytes();
-    for (const std::string& output : {fragmented, link, m_path, std::string("/dev/null")}) {
-        const auto refused = Execute(kxmap + fragmented + " -o " + output);
-        EXPECT_EQ(refused.code, 2) << output;
-        EXPECT_THAT(refused.errors, HasSubstr("kxmap: " + output + ": is "));
-    }
-    EXPECT_EQ(Bytes(), before);
-    EXPECT_EQ(Execute(kxmap + fragmented).code, 0);
-    EXPECT_EQ(Execute("{ " + kxmap + "--json " + fragmented + " >/dev/full; }").code, 2);
-    Replace(before.substr(0, 40) + std::string(80, 'x'));
-    EXPECT_EQ(Execute(kxmap + "--text " + m_path).code, 1);
-    Replace("RIFF, which is something else");
-    const auto foreign = Execute(kxmap + m_path);
-    EXPECT_EQ(foreign.code, 2);
-    EXPECT_THAT(foreign.errors, HasSubstr("is neither an MP4 file nor a QuickTime movie"));
-    Execute("rm " + m_path + ".*");
-}
-
 /// Samples that lie in the file, of all tracks.
 std::vector<std::vector<movie::Sample>> SamplesIn(const movie::Movie& movie, size_t* faults) {
     std::vector<std::vector<movie::Sample>> samples(movie.tracks.size());
@@ -306,14 +243,6 @@ TEST_F(MovieMapTest, FragmentsHoldTheSamplesOfTheTables) {
         }
     }
     std::remove(reordered.c_str());
-}
-
-TEST(MapDrawingTest, EscapesNames) {
-    MovieMap map;
-    map.name = "a<b>&\"\xFF\xC3\xA9.mp4";
-    map.boxes.push_back({"<&>'", 0, 0, {}});
-    EXPECT_THAT(DrawMovieMap(map), AllOf(HasSubstr("a&lt;b&gt;&amp;&quot;?\xC3\xA9.mp4"),
-                                         HasSubstr("&lt;&amp;&gt;'")));
 }
 
 }  // namespace
