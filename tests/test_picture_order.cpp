@@ -5,14 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <map>
-#include <sstream>
+#include <memory>
+#include <ostream>
+#include <vector>
 
 #include "PictureOrder.h"
 #include "VideoFrameParser.h"
+#include "golden_text.h"
 
 namespace kxmux {
 namespace {
@@ -23,17 +22,6 @@ using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
 using Bytes = std::vector<uint8_t>;
-
-/// The seeds of a fuzzer by name: a byte that chooses the codec, then an Annex-B stream.
-std::map<std::string, Bytes> Seeds(const std::string& fuzzer) {
-    std::map<std::string, Bytes> seeds;
-    const std::filesystem::path folder = std::string(KX_MP4_FUZZ_SEEDS) + "/" + fuzzer;
-    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-        std::ifstream file(entry.path(), std::ios::binary);
-        seeds[entry.path().filename()] = Bytes(std::istreambuf_iterator<char>(file), {});
-    }
-    return seeds;
-}
 
 /// Reads one seed picture by picture and writes down what is found.
 class Replay {
@@ -109,42 +97,12 @@ private:
 };
 
 TEST(PictureOrder, OfTheSeedsIsAsKept) {
-    std::ostringstream text;
-    for (const auto& [name, seed] : Seeds("picture_order")) {
-        text << name << "\n";
+    // A byte that chooses the codec, then an Annex-B stream.
+    ExpectReplayKept("picture_order", [](std::ostream& out, const Bytes& seed) {
         const mp4_video_codec codec = seed.front() % 2 == 0 ? MP4_MVC_H264 : MP4_MVC_HEVC;
-        Replay(text, codec).Run(Bytes(seed.begin() + 1, seed.end()));
-    }
-    const std::string path = std::string(KX_MP4_GOLDEN_FOLDER) + "/picture_order.txt";
-    if (std::getenv("KX_MP4_UPDATE_GOLDEN") != nullptr) std::ofstream(path) << text.str();
-    std::ostringstream kept;
-    kept << std::ifstream(path).rdbuf();
-    EXPECT_EQ(text.str(), kept.str());
+        Replay(out, codec).Run(Bytes(seed.begin() + 1, seed.end()));
+    });
     EXPECT_EQ(PictureOrderReader::Create(MP4_MVC_PRORES), nullptr);
-}
-
-/// Sequence parameter sets as encoders write them; cut off they say less than they promise.
-TEST(PictureOrder, ReadsSequenceParameterSetsOfEncoders) {
-    const Bytes avc = {0x67, 0x64, 0x00, 0x15, 0xac, 0xd9, 0x43, 0x08, 0xd8, 0x08, 0x80, 0x00,
-                       0x00, 0x03, 0x00, 0x80, 0x00, 0x00, 0x19, 0x0f, 0x8a, 0x14, 0xcb};
-    h264::Sps h264Sps;
-    ASSERT_TRUE(h264::ParseSps(avc.data(), avc.size(), &h264Sps));
-    EXPECT_THAT((std::vector<uint32_t>{h264Sps.width, h264Sps.height, h264Sps.frame_mbs_only,
-                                       h264Sps.time_scale, h264Sps.MaxReorderFrames()}),
-                ElementsAre(192, 128, 0, 50, 2));
-    const Bytes hevc = {0x42, 0x01, 0x01, 0x02, 0x20, 0x00, 0x00, 0x03, 0x00, 0x90, 0x00,
-                        0x00, 0x03, 0x00, 0x00, 0x03, 0x00, 0x3c, 0xa0, 0x18, 0x20, 0x20,
-                        0x4d, 0x96, 0x56, 0x69, 0x24, 0xca, 0xf0, 0x16, 0x80, 0x80, 0x00,
-                        0x00, 0x03, 0x00, 0x80, 0x00, 0x00, 0x0c, 0x84};
-    hevc::Sps hevcSps;
-    ASSERT_TRUE(hevc::ParseSps(hevc.data(), hevc.size(), &hevcSps));
-    EXPECT_THAT((std::vector<uint32_t>{hevcSps.width, hevcSps.height, hevcSps.bit_depth_luma,
-                                       hevcSps.max_num_reorder_pics}),
-                ElementsAre(192, 128, 10, 2));
-    for (size_t size = 0; size + 1 < avc.size(); ++size)
-        EXPECT_FALSE(h264::ParseSps(avc.data(), size, &h264Sps)) << size;
-    for (size_t size = 0; size < 22; ++size)
-        EXPECT_FALSE(hevc::ParseSps(hevc.data(), size, &hevcSps)) << size;
 }
 
 PictureInfo Picture(int64_t count, uint32_t maxReorder) {
