@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "Mp4Muxer.h"
+#include "kx_mp4/Mp4Muxer.h"
 #include "kx_mp4/buffered_io.h"
 
 namespace {

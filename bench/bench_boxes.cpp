@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "BaseIO.h"
-#include "Mp4Muxer.h"
 #include "Workload.h"
 #include "co64.h"
+#include "kx_mp4/Mp4Muxer.h"
 #include "mvhd.h"
 #include "stsc.h"
 #include "stsz.h"

@@ -2,7 +2,7 @@
 #
 #   bin/                      the programs                                    tools
 #   lib/                      libkx_mp4, libkx_mp4_repair                     library, development
-#   include/kx_mp4/           Mp4Muxer.h and what it includes, repair.h ...   development
+#   include/kx_mp4/           the public headers                               development
 #   lib/cmake/kx_mp4/         find_package(kx_mp4 CONFIG)                     development
 #   lib/pkgconfig/            kx_mp4.pc, kx_mp4_repair.pc                     development
 #   share/man/man1/           manual pages of the programs                    tools
@@ -21,23 +21,12 @@ install(TARGETS ${KX_MP4_LIBRARIES} EXPORT kx_mp4-targets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
-# Mp4Muxer.h needs the inner headers beside it.
 set(KX_MP4_PUBLIC_HEADERS
+    inc/kx_mp4/Mp4Muxer.h
     inc/kx_mp4/buffered_io.h
     inc/kx_mp4/export.h
     inc/kx_mp4/kx_mp4.h
-    src/BaseIO.h
-    src/FileLock.h
-    src/FourCC.h
-    src/InfoWriter.h
-    src/InlineArray.h
-    src/MLock.h
-    src/Mp4Muxer.h
-    src/ParameterSets.h
-    src/TimestampWatch.h
-    src/VideoFrameParser.h
-    src/defines.h
-    src/zv_log.h)
+    inc/kx_mp4/zv_log.h)
 if(TARGET kx_mp4_repair)
     list(APPEND KX_MP4_PUBLIC_HEADERS inc/kx_mp4/repair.h)
 endif()

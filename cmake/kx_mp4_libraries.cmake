@@ -1,5 +1,5 @@
-# What the installed libraries have in common. The shared ones export only what is marked with
-# KX_MP4_EXPORT.
+# What the installed libraries have in common. The shared ones export what is marked with
+# KX_MP4_EXPORT and named in <target>.map.
 function(kx_mp4_library_properties target)
     target_compile_features(${target} PUBLIC cxx_std_17)
     target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:kx_mp4_warnings>)
@@ -12,6 +12,12 @@ function(kx_mp4_library_properties target)
         VISIBILITY_INLINES_HIDDEN ON
         VERSION ${PROJECT_VERSION}
         SOVERSION ${PROJECT_VERSION_MAJOR})
+    get_target_property(type ${target} TYPE)
+    if(type STREQUAL "SHARED_LIBRARY")
+        set(map ${PROJECT_SOURCE_DIR}/cmake/${target}.map)
+        target_link_options(${target} PRIVATE LINKER:--version-script=${map})
+        set_target_properties(${target} PROPERTIES LINK_DEPENDS ${map})
+    endif()
 endfunction()
 
 # <library>_internal gives this project's own targets the library's inner classes, which the shared

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "Mp4Muxer.h"
+#include "kx_mp4/Mp4Muxer.h"
 #include "test_pattern.h"
 
 namespace {

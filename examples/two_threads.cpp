@@ -12,7 +12,7 @@
 #include <string>
 #include <thread>
 
-#include "Mp4Muxer.h"
+#include "kx_mp4/Mp4Muxer.h"
 #include "test_pattern.h"
 
 namespace {

@@ -6,8 +6,8 @@
 #include <array>
 #include <cstdio>
 
-#include "Mp4Muxer.h"
 #include "file_walk.h"
+#include "kx_mp4/Mp4Muxer.h"
 
 // The muxer's log lines would only slow the search down.
 extern "C" {

@@ -18,8 +18,6 @@ FLOORS = ["inc", "codec", "src", "repair", "recorder", "tools"]
 OUTSIDE = ["tests", "fuzz", "bench", "examples"]
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)
 KX_INCLUDE = re.compile(r'^\s*#\s*include\s+<(kx_mp4/[^>]+)>', re.M)
-# The names under which applications in the source tree include headers that stand in src/.
-DOORS = {"inc/kx_mp4/Mp4Muxer.h", "inc/kx_mp4/zv_log.h"}
 
 
 def tracked():
@@ -50,8 +48,6 @@ def arrows():
 
 def points_up(source, target):
     here, there = source.split("/")[0], target.split("/")[0]
-    if source in DOORS:
-        return False
     if here in OUTSIDE:
         return there in OUTSIDE and there not in (here, "examples")
     if there in OUTSIDE:

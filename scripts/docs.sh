@@ -11,12 +11,9 @@ output=${1:-$root/build/doxygen}
 "$root/scripts/require.sh" doxygen python3
 
 version=$(sed -n 's/^project(kx_mp4 VERSION \([0-9.]*\).*/\1/p' "$root/CMakeLists.txt")
-# The headers that the installation puts beside those of inc/kx_mp4.
-headers=$(sed -n '/^set(KX_MP4_PUBLIC_HEADERS/,/)/s|^ *\(src/[A-Za-z0-9_]*\.h\).*|'"$root"'/\1|p' \
-    "$root/cmake/kx_mp4_install.cmake" | tr '\n' ' ')
 mkdir -p "$output"
 sed -e "s|@VERSION@|$version|" -e "s|@OUTPUT@|$output|" -e "s|@ROOT@|$root|g" \
-    -e "s|@HEADERS@|$headers|" "$root/docs/Doxyfile.in" >"$output/Doxyfile"
+    "$root/docs/Doxyfile.in" >"$output/Doxyfile"
 
 if ! doxygen "$output/Doxyfile"; then
     cat "$output/warnings.txt" >&2

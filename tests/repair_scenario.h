@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "Mp4Muxer.h"
+#include "kx_mp4/Mp4Muxer.h"
 #include "movie_reader.h"
 #include "scratch_folder.h"
 

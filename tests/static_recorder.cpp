@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "Mp4Muxer.h"
+#include "kx_mp4/Mp4Muxer.h"
 #include "streams.h"
 #include "test_pattern.h"
 

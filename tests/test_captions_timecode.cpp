@@ -1,7 +1,7 @@
 // Caption packets and timecode counters on their way into the file.
 #include <gtest/gtest.h>
 
-#include "Mp4Muxer.h"
+#include "kx_mp4/Mp4Muxer.h"
 #include "log_capture.h"
 #include "memory_output.h"
 #include "movie_reader.h"

@@ -8,8 +8,8 @@
 #include <map>
 #include <stdexcept>
 
-#include "Mp4Muxer.h"
 #include "fault_injection.h"
+#include "kx_mp4/Mp4Muxer.h"
 #include "kx_mp4/buffered_io.h"
 #include "log_capture.h"
 #include "memory_output.h"

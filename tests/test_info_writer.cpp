@@ -8,8 +8,8 @@
 #include <fstream>
 
 #include "InfoWriter.h"
-#include "Mp4Muxer.h"
 #include "fault_injection.h"
+#include "kx_mp4/Mp4Muxer.h"
 #include "log_capture.h"
 #include "repair_info_reader.h"
 #include "scratch_folder.h"

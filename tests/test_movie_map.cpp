@@ -15,7 +15,7 @@
 #include "Movie.h"
 #include "MovieFacts.h"
 #include "MovieMap.h"
-#include "Mp4Muxer.h"
+#include "kx_mp4/Mp4Muxer.h"
 #include "program_runner.h"
 #include "streams.h"
 

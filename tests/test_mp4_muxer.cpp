@@ -8,7 +8,7 @@
 #include <memory>
 #include <sstream>
 
-#include "Mp4Muxer.h"
+#include "kx_mp4/Mp4Muxer.h"
 #include "log_capture.h"
 #include "memory_output.h"
 #include "movie_reader.h"

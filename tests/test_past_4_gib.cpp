@@ -7,7 +7,7 @@
 #include <fstream>
 #include <string>
 
-#include "Mp4Muxer.h"
+#include "kx_mp4/Mp4Muxer.h"
 #include "log_capture.h"
 #include "memory_output.h"
 #include "scratch_folder.h"

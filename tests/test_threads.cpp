@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "Mp4Muxer.h"
+#include "kx_mp4/Mp4Muxer.h"
 #include "log_capture.h"
 #include "movie_reader.h"
 #include "scratch_folder.h"

@@ -20,7 +20,7 @@
 #include <string>
 #include <thread>
 
-#include "Mp4Muxer.h"
+#include "kx_mp4/Mp4Muxer.h"
 #include "movie_reader.h"
 #include "streams.h"
 #include "test_pattern.h"

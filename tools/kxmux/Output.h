@@ -8,7 +8,7 @@
 #include <string>
 
 #include "InputSet.h"
-#include "Mp4Muxer.h"
+#include "kx_mp4/Mp4Muxer.h"
 
 namespace kxmux {
 

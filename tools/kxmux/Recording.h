@@ -14,10 +14,10 @@
 #include "AudioFeed.h"
 #include "CaptionFeed.h"
 #include "InputSet.h"
-#include "Mp4Muxer.h"
 #include "Output.h"
 #include "Timecode.h"
 #include "VideoFeed.h"
+#include "kx_mp4/Mp4Muxer.h"
 
 namespace kxmux {
 

@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "InputSet.h"
-#include "Mp4Muxer.h"
 #include "StopSignal.h"
+#include "kx_mp4/Mp4Muxer.h"
 
 namespace kxmux {
 

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "zv_log.h"
+#include "kx_mp4/zv_log.h"
 
 namespace {
 

@@ -1,0 +1,732 @@
+#include "MuxerState.h"
+
+#include <climits>
+#include <cstdio>
+#include <cwchar>
+#include <iterator>
+#include <utility>
+
+#include "CaptionAtoms.h"
+#include "Output.h"
+#include "TrackChecks.h"
+#include "ctts.h"
+#include "zv_log.h"
+
+namespace kx_mp4 {
+namespace {
+
+constexpr const char* kSource = "src/MuxerState";
+constexpr uint32_t kNalLengthSize = 4;
+
+std::unique_ptr<IVideoNalParser> NalParserOf(mp4_video_codec codec) {
+    switch (codec) {
+        case MP4_MVC_H264:
+            return std::make_unique<CH264Nal>();
+        case MP4_MVC_HEVC:
+            return std::make_unique<CHevcNal>();
+        default:
+            return nullptr;
+    }
+}
+
+/// Bytes of the NAL units, each behind its length.
+uint64_t LengthPrefixedSize(const CVideoFrameParser& frame) {
+    uint64_t size = 0;
+    for (const VIDEO_SLICE& unit : frame)
+        size += kNalLengthSize + static_cast<uint64_t>(unit.cbData);
+    return size;
+}
+
+/// Sample sizes are signed 32-bit numbers on their way to the tables.
+bool IsSampleSize(uint64_t bytes) {
+    return bytes <= INT32_MAX;
+}
+
+unsigned long long Elapsed(int64_t start) {
+    return static_cast<unsigned long long>(GetTimeTick() - start);
+}
+
+}  // namespace
+
+MuxerState::~MuxerState() {
+    Guarded([this] {
+        if (m_pWriter != nullptr) m_pWriter->Uninit();
+        return MP4_STATUS_SUCCESS;
+    });
+    m_pVideoNalParser = nullptr;
+}
+
+// Life of a file
+
+mp4_status_t MuxerState::Create(const wchar_t* pFilePath, const mp4_config_t& config) {
+    ResetFileState();
+    LogFlags(config);
+    m_fastHeaderWrite = WantsFastHeaderWrite(config);
+    const mp4_status_t opened = OpenFiles(pFilePath, config);
+    if (opened == MP4_STATUS_SUCCESS) CreateBoxes(config.flags);
+    return opened;
+}
+
+void MuxerState::ResetFileState() {
+    m_reserved.Restart();
+    m_sideFile.Reset();
+    m_pwszFilePath[0] = L'\0';
+    m_nCurFileSize = 0;
+    m_videoTrack = {};
+    m_videoHasCodecData = true;
+    m_audioTrack = {};
+    m_audioHasCodecData = false;
+    m_subtitleTrack = {};
+    m_fastHeaderWrite = false;
+    m_pVideoNalParser = nullptr;
+    m_bIsQtFile = false;
+    m_writeHeader = false;
+    m_hasSamples = false;
+    m_indexLost = false;
+    m_compositionOffsets = false;
+    m_setWarned = false;
+    m_droppedVideoFrames = 0;
+    m_adts = {};
+    m_times = {};
+}
+
+/// The repair info file comes last: it may hold all that is left of an earlier recording.
+mp4_status_t MuxerState::OpenFiles(const wchar_t* pFilePath, const mp4_config_t& config) {
+    const bool repairInfo = (config.flags & MP4_FLAG_REPAIR_INFO) != 0;
+    if (repairInfo) {
+        const mp4_status_t named = m_sideFile.SetName(pFilePath);
+        if (named != MP4_STATUS_SUCCESS) return named;
+    }
+    if (std::wcslen(pFilePath) >= std::size(m_pwszFilePath)) {
+        zv_log_error("file path reach the max path size 1024", kSource, __LINE__, "Create");
+        return MP4_STATUS_FILE_NAME_TOO_LONG;
+    }
+    std::wcscpy(m_pwszFilePath, pFilePath);
+    const mp4_status_t opened = OpenOutput(pFilePath, config, m_pWriter, m_gatheringWriter);
+    if (opened != MP4_STATUS_SUCCESS || !repairInfo) return opened;
+    return m_sideFile.Open(config.flags);
+}
+
+void MuxerState::CreateBoxes(uint32_t flags) {
+    IBaseIO* const writer = m_pWriter.get();
+    m_bIsQtFile = std::wcsstr(m_pwszFilePath, L"mov") != nullptr;
+    m_ftyp = std::make_unique<CMp4FtypAtom>(writer);
+    m_free = std::make_unique<CMp4FreeAtom>(writer);
+    m_mdat = std::make_unique<CMp4MdatAtom>(writer, (flags & MP4_FLAG_64BIT_SIZE) != 0);
+    if (m_fastHeaderWrite) {
+        m_headerWriter = std::make_unique<CBufferIO>();
+        m_headerWriter->Init(writer);
+        m_moov = std::make_unique<CMp4MoovAtom>(m_headerWriter.get(), true, writer);
+    } else {
+        m_moov = std::make_unique<CMp4MoovAtom>(writer, false, nullptr);
+    }
+    if ((flags & MP4_FLAG_64BIT_SIZE) != 0) m_moov->SetUse64bitSize();
+    if ((flags & MP4_FLAG_64BIT_TIME) != 0) m_moov->SetUse64bitTime();
+    m_moov->m_meta.SetIsQtff(true);
+    m_moov->SetIsMp4File(!m_bIsQtFile);
+    m_mdat->SetFreeBoxBefore(!m_bIsQtFile);
+    m_ftyp->SetQt(m_bIsQtFile);
+}
+
+mp4_status_t MuxerState::WriteHeader() {
+    const int64_t start = GetTimeTick();
+    if (m_writeHeader) {
+        zv_log_error("header already write", kSource, __LINE__, "WriteHeader");
+        zv_log_info("write header cost time %llums", kSource, __LINE__, "WriteHeader",
+                    Elapsed(start));
+        return MP4_STATUS_SUCCESS;
+    }
+    mp4_status_t status = WriteHeaderBoxes();
+    if (status != MP4_STATUS_SUCCESS) return status;
+    m_writeHeader = true;
+    m_sideFile.Write([this](CInfoWriter& writer) {
+        const mp4_status_t written =
+            writer.WriteMdatOffset(static_cast<uint32_t>(m_mdat->GetStartPos()));
+        return written == MP4_STATUS_SUCCESS ? writer.Flush() : written;
+    });
+    zv_log_info("write header cost time %llums", kSource, __LINE__, "WriteHeader", Elapsed(start));
+    return MP4_STATUS_SUCCESS;
+}
+
+mp4_status_t MuxerState::WriteHeaderBoxes() {
+    try {
+        m_ftyp->Write();
+        if (!m_bIsQtFile) m_free->Write();
+        if (m_reserved.IsOn()) m_moov->Write();
+        m_mdat->Write();
+        m_nCurFileSize = static_cast<int64_t>(m_pWriter->Ftell());
+        return MP4_STATUS_SUCCESS;
+    } catch (const kx_mp4_exception& e) {
+        return e.error();
+    } catch (const std::exception& e) {
+        zv_log_error("exception:%s", kSource, __LINE__, "WriteHeader", e.what());
+    } catch (...) {
+        zv_log_error("exception", kSource, __LINE__, "WriteHeader");
+    }
+    m_indexLost = true;  // a second header would not stand where the first began
+    return MP4_STATUS_UNEXPECTED_ERROR;
+}
+
+mp4_status_t MuxerState::EnsureHeader() {
+    return m_writeHeader ? MP4_STATUS_SUCCESS : WriteHeader();
+}
+
+mp4_status_t MuxerState::Close() {
+    mp4_status_t status = MP4_STATUS_SUCCESS;
+    if (m_indexLost) status = MP4_STATUS_UNEXPECTED_ERROR;
+    if (m_pWriter != nullptr && !m_pWriter->IsValid()) status = m_pWriter->get_error_code();
+    if (m_sideFile.IsOpen()) m_sideFile.Close();
+    ReportDroppedFrames(__LINE__, "Close");
+    int64_t start = 0;
+    if (!m_writeHeader) {
+        zv_log_info("no data, ignore finish call", kSource, __LINE__, "Close");
+    } else if (FinishMovie(&status)) {
+        start = GetTimeTick();
+        m_sideFile.Remove();
+        zv_log_info("Muxer - Close - remove info file takes %lld ms", kSource, __LINE__, "Close",
+                    static_cast<long long>(GetTimeTick() - start));
+    }
+    start = GetTimeTick();
+    const mp4_status_t closed = Guarded([this] { return CloseWriter(); });
+    if (status == MP4_STATUS_SUCCESS) status = closed;
+    zv_log_info("Muxer - Close - uninit takes %lld ms", kSource, __LINE__, "Close",
+                static_cast<long long>(GetTimeTick() - start));
+    ReleaseBoxes();
+    m_sideFile.Unlock();
+    m_writeHeader = false;
+    m_indexLost = false;
+    return status;
+}
+
+/// The output is released whatever the question for its size does.
+mp4_status_t MuxerState::CloseWriter() {
+    if (m_pWriter == nullptr) return MP4_STATUS_SUCCESS;
+    const mp4_status_t asked = Guarded([this] {
+        m_nCurFileSize = static_cast<int64_t>(m_pWriter->Ftell());
+        return MP4_STATUS_SUCCESS;
+    });
+    m_pWriter->Uninit();
+    if (m_gatheringWriter != nullptr && !m_gatheringWriter->ClosedWell())
+        return m_gatheringWriter->get_error_code();
+    return asked;
+}
+
+/// The repair info file may only go when what it stands for is on the device.
+void MuxerState::PushMovie() {
+    if (!m_sideFile.IsWanted() || m_gatheringWriter == nullptr) return;
+    const int64_t start = GetTimeTick();
+    m_gatheringWriter->Flush();
+    zv_log_info("Muxer - Close - flush takes %lld ms", kSource, __LINE__, "Close",
+                static_cast<long long>(GetTimeTick() - start));
+}
+
+/// | ftyp | free | mdat 8 ....... |   becomes   | ftyp | free | mdat n ....... | moov |
+/// True when all of it is in the output.
+bool MuxerState::FinishMovie(mp4_status_t* status) {
+    // A writer in error drops every write, so there is nothing that could still be finished.
+    if (m_indexLost || !m_pWriter->IsValid()) return false;
+    const mp4_status_t finished = Guarded([this] {
+        int64_t start = GetTimeTick();
+        m_mdat->Finish(m_pwszFilePath);
+        int64_t now = GetTimeTick();
+        zv_log_info("Muxer - Close - mdat finish takes %lld ms", kSource, __LINE__, "Close",
+                    static_cast<long long>(now - start));
+        start = now;
+        if (m_fastHeaderWrite) m_headerWriter->Init(m_pWriter.get(), m_moov->GetSize());
+        if (m_reserved.IsOn())
+            m_moov->Update();
+        else
+            m_moov->Write();
+        now = GetTimeTick();
+        zv_log_info("Muxer - Close - moov write takes %lld ms", kSource, __LINE__, "Close",
+                    static_cast<long long>(now - start));
+        PushMovie();
+        return MP4_STATUS_SUCCESS;
+    });
+    if (finished == MP4_STATUS_SUCCESS) return true;
+    *status = finished;
+    return false;
+}
+
+void MuxerState::ReleaseBoxes() {
+    m_headerWriter = nullptr;
+    m_gatheringWriter = nullptr;
+    m_pWriter = nullptr;
+    m_ftyp = nullptr;
+    m_free = nullptr;
+    m_mdat = nullptr;
+    m_moov = nullptr;
+}
+
+// Queries
+
+mp4_status_t MuxerState::NotOpenAnswer(int line, const char* function) const {
+    if (m_pWriter != nullptr) return m_pWriter->get_error_code();
+    zv_log_error("file not open!", kSource, line, function);
+    return MP4_STATUS_FILE_NOT_OPEN;
+}
+
+mp4_status_t MuxerState::Flush() {
+    if (!IsOpen()) {
+        if (m_pWriter != nullptr) return m_pWriter->get_error_code();
+        zv_log_error("no open file, can't do flush", kSource, __LINE__, "Flush");
+        return MP4_STATUS_FILE_NOT_OPEN;
+    }
+    m_pWriter->Flush();
+    return m_sideFile.IsWanted() ? m_sideFile.Flush() : MP4_STATUS_SUCCESS;
+}
+
+// Set-up
+
+template <class Record>
+mp4_status_t MuxerState::RecordInRepairInfo(Record&& record) {
+    if (!m_sideFile.IsOpen()) return MP4_STATUS_SUCCESS;
+    const mp4_status_t status = EnsureHeader();
+    if (status == MP4_STATUS_SUCCESS) m_sideFile.Write(record);
+    return m_sideFile.Answer(status);
+}
+
+mp4_status_t MuxerState::SetCompositionOffsets(bool enable) {
+    const mp4_status_t ready = CheckRecording(__LINE__, "SetCompositionOffsets");
+    if (ready != MP4_STATUS_SUCCESS) return ready;
+    if (m_hasSamples) {
+        zv_log_error("composition offsets can only be set before the first frame", kSource,
+                     __LINE__, "SetCompositionOffsets");
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    m_compositionOffsets = enable;
+    m_moov->SetCompositionOffsets(enable);
+    return MP4_STATUS_SUCCESS;
+}
+
+/// Nothing of an earlier declaration changes before this one is taken.
+mp4_status_t MuxerState::SetVideoTrack(const mp4_video_track_info* pTrackInfo) {
+    mp4_status_t status = CheckRecording(__LINE__, "SetVideoTrack");
+    if (status != MP4_STATUS_SUCCESS) return status;
+    if (pTrackInfo == nullptr) return MP4_STATUS_INVALID_PARAMETER;
+    mp4_video_track_info_t info = *pTrackInfo;
+    bool complete = false;
+    status = CheckVideoTrack(info, m_reserved, complete);
+    if (status != MP4_STATUS_SUCCESS) return status;
+    std::unique_ptr<IVideoNalParser> parser = NalParserOf(info.codec);
+    if (complete && !m_moov->SetVideoTrack(&info)) return MP4_STATUS_UNEXPECTED_ERROR;
+    m_pVideoNalParser = std::move(parser);
+    m_videoTrack = info;
+    m_videoHasCodecData = complete;
+    if (complete) {
+        ReportDroppedFrames(__LINE__, "SetVideoTrack");
+        return RecordInRepairInfo(
+            [&](CInfoWriter& writer) { return writer.WriteVideoFormat(&info); });
+    }
+    m_parameterSets.KeepGiven(m_videoTrack);
+    zv_log_info("no codec data in video track info, try to find it in stream", kSource, __LINE__,
+                "SetVideoTrack");
+    return MP4_STATUS_SUCCESS;
+}
+
+/// Nothing of an earlier declaration changes before this one is taken.
+mp4_status_t MuxerState::SetAudioTrack(const mp4_audio_track_info_t* pTrackInfo) {
+    mp4_status_t status = CheckRecording(__LINE__, "SetAudioTrack");
+    if (status != MP4_STATUS_SUCCESS) return status;
+    if (pTrackInfo == nullptr) return MP4_STATUS_INVALID_PARAMETER;
+    bool complete = false;
+    status = CheckAudioTrack(*pTrackInfo, m_reserved, complete);
+    if (status != MP4_STATUS_SUCCESS) return status;
+    m_audioTrack = *pTrackInfo;
+    m_audioHasCodecData = complete;
+    if (!complete) return MP4_STATUS_SUCCESS;
+    m_moov->SetAudioTrack(pTrackInfo);
+    return RecordInRepairInfo(
+        [&](CInfoWriter& writer) { return writer.WriteAudioFormat(pTrackInfo); });
+}
+
+mp4_status_t MuxerState::SetSubtitleTrack(const mp4_subtitle_track_info_t* pTrackInfo) {
+    mp4_status_t status = m_reserved.CheckCaptions("SetSubtitleTrack");
+    if (status != MP4_STATUS_SUCCESS) return status;
+    status = CheckRecording(__LINE__, "SetSubtitleTrack");
+    if (status != MP4_STATUS_SUCCESS) return status;
+    if (pTrackInfo == nullptr) return MP4_STATUS_INVALID_PARAMETER;
+    m_subtitleTrack = *pTrackInfo;
+    m_moov->SetSubtitleTrack(pTrackInfo);
+    return RecordInRepairInfo(
+        [&](CInfoWriter& writer) { return writer.WriteSubtitleFormat(pTrackInfo); });
+}
+
+mp4_status_t MuxerState::SetTCMDTrack(const mp4_time_code_track_info_t* pTrackInfo) {
+    const mp4_status_t ready = CheckRecording(__LINE__, "SetTCMDTrack");
+    if (ready != MP4_STATUS_SUCCESS) return ready;
+    if (pTrackInfo == nullptr) return MP4_STATUS_INVALID_PARAMETER;
+    m_moov->SetTCMDTrack(pTrackInfo);
+    return RecordInRepairInfo(
+        [&](CInfoWriter& writer) { return writer.WriteTimeCodeFormat(pTrackInfo); });
+}
+
+mp4_status_t MuxerState::SetMetadata(const char* pKey, const char* pData, uint32_t size,
+                                     mp4_meta_data_type_t type, const char* key_namespace) {
+    mp4_status_t status = CheckRecording(__LINE__, "SetMetadata");
+    if (status != MP4_STATUS_SUCCESS) return status;
+    status = CheckMetadata(pKey, pData, size, type);
+    if (status != MP4_STATUS_SUCCESS) return status;
+    if (!m_moov->SetMetaData(pKey, pData, size, type, key_namespace)) {
+        zv_log_error("set meta key %s failed", kSource, __LINE__, "SetMetadata", pKey);
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    return RecordInRepairInfo([&](CInfoWriter& writer) {
+        return writer.WriteMetadata(pKey, pData, size, type, key_namespace);
+    });
+}
+
+// What the frame writers share
+
+mp4_status_t MuxerState::CheckRecording(int line, const char* function) const {
+    if (!IsOpen()) return NotOpenAnswer(line, function);
+    if (!m_indexLost) return MP4_STATUS_SUCCESS;
+    zv_log_error("the index of this file is lost, no more frames are taken", kSource, line,
+                 function);
+    return MP4_STATUS_UNEXPECTED_ERROR;
+}
+
+bool MuxerState::HasRoomInFile(uint64_t bytes, const char* function) const {
+    if (m_mdat->CanEndAt(m_nCurFileSize + static_cast<int64_t>(bytes))) return true;
+    zv_log_error(
+        "media data would pass 4 GiB, which this QuickTime movie cannot describe: create it with "
+        "the 64-bit size option (flag 2); the sample is refused",
+        kSource, __LINE__, function);
+    return false;
+}
+
+mp4_status_t MuxerState::CheckSampleSize(uint64_t bytes, const char* function) {
+    if (IsSampleSize(bytes)) return MP4_STATUS_SUCCESS;
+    zv_log_error("a sample of %llu bytes is too large, the limit is 2 GiB", kSource, __LINE__,
+                 function, static_cast<unsigned long long>(bytes));
+    return MP4_STATUS_INVALID_PARAMETER;
+}
+
+template <class Write, class LogUnexpected>
+mp4_status_t MuxerState::WriteSample(Write&& write, LogUnexpected&& logUnexpected) {
+    try {
+        write();
+        return MP4_STATUS_SUCCESS;
+    } catch (const kx_mp4_exception& e) {
+        return e.error();  // the writer is in error and takes no more
+    } catch (...) {
+        // A callback threw: nobody knows how much of the sample is in the output.
+        m_indexLost = true;
+        logUnexpected();
+        return MP4_STATUS_UNEXPECTED_ERROR;
+    }
+}
+
+template <class Index, class Record>
+mp4_status_t MuxerState::AddSample(int bytes, Index&& index, Record&& record) {
+    m_hasSamples = true;
+    bool indexed = false;
+    try {
+        indexed = index();
+    } catch (...) {
+        // Some of the tables hold the sample and some do not, or have lost what they held.
+        m_indexLost = true;
+        zv_log_error("no memory for the index, it is lost; the media data is in the file", kSource,
+                     __LINE__, "AddSample");
+        return MP4_STATUS_UNEXPECTED_ERROR;
+    }
+    // A refused sample's bytes stay where they are, between those of the samples around it: the
+    // next offset and the repair info file have to count them.
+    m_nCurFileSize += bytes;
+    m_sideFile.Write(record);
+    return indexed ? MP4_STATUS_SUCCESS : MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
+}
+
+// Video
+
+mp4_status_t MuxerState::WriteVideoFrame(const uint8_t* buf, uint32_t size, uint64_t pts,
+                                         uint64_t dts) {
+    // Splitting needs no lock, so that it does not hold up the other tracks.
+    CVideoFrameParser frame;
+    const bool parsed = m_videoTrack.codec != MP4_MVC_PRORES && buf != nullptr &&
+                        IsSampleSize(size) && frame.Parse(buf, static_cast<int>(size));
+    CMAutoLock lock(m_lockWrite);
+    return m_sideFile.Answer(RecordVideoFrame(buf, size, frame, parsed, pts, dts));
+}
+
+mp4_status_t MuxerState::RecordVideoFrame(const uint8_t* buf, uint32_t size,
+                                          const CVideoFrameParser& frame, bool parsed, uint64_t pts,
+                                          uint64_t dts) {
+    mp4_status_t status = CheckRecording(__LINE__, "WriteVideoFrame");
+    if (status != MP4_STATUS_SUCCESS) return status;
+    if (buf == nullptr || size == 0) {
+        zv_log_error("write video frame with empty data", kSource, __LINE__, "WriteVideoFrame");
+        return MP4_STATUS_SUCCESS;
+    }
+    status = CheckSampleSize(size, "WriteVideoFrame");
+    if (status != MP4_STATUS_SUCCESS) return status;
+    status = CheckVideoFrame(parsed);
+    if (status != MP4_STATUS_SUCCESS) return status;
+    status = EnsureHeader();
+    if (status != MP4_STATUS_SUCCESS) return status;
+    if (!m_videoHasCodecData) {
+        m_times.VideoWaits();
+        if (!GetVideoCodecData(frame)) return DropVideoFrame();
+        ReportDroppedFrames(__LINE__, "WriteVideoFrame");
+    }
+    const auto nPts = static_cast<int64_t>(pts);
+    const auto nDts = static_cast<int64_t>(dts);
+    status = CheckVideoTimes(nPts, nDts);
+    if (status != MP4_STATUS_SUCCESS) return status;
+    return AppendVideoFrame(buf, size, frame, nPts, nDts);
+}
+
+mp4_status_t MuxerState::DropVideoFrame() {
+    if (m_droppedVideoFrames == 0)
+        zv_log_warn("no codec data, drop frame", kSource, __LINE__, "WriteVideoFrame");
+    ++m_droppedVideoFrames;
+    return MP4_STATUS_SUCCESS;
+}
+
+void MuxerState::ReportDroppedFrames(int line, const char* function) {
+    if (m_droppedVideoFrames == 0) return;
+    zv_log_warn("no codec data, %llu frames dropped", kSource, line, function,
+                static_cast<unsigned long long>(m_droppedVideoFrames));
+    m_droppedVideoFrames = 0;
+}
+
+mp4_status_t MuxerState::CheckVideoTimes(int64_t pts, int64_t dts) const {
+    if (!m_compositionOffsets) return MP4_STATUS_SUCCESS;
+    if (!CMp4CttsAtom::OffsetFits(pts, dts)) {
+        zv_log_error("composition offset from %llu to %llu does not fit 32 bits", kSource, __LINE__,
+                     "WriteVideoFrame", static_cast<unsigned long long>(dts),
+                     static_cast<unsigned long long>(pts));
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    if (m_times.VideoGoesBack(dts)) {
+        // Offsets count from the decode times, which the sample table adds up from the steps.
+        zv_log_error("decode time goes back from %lld to %lld, the frame is refused", kSource,
+                     __LINE__, "WriteVideoFrame", static_cast<long long>(m_times.LastVideo()),
+                     static_cast<long long>(dts));
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    return MP4_STATUS_SUCCESS;
+}
+
+mp4_status_t MuxerState::CheckVideoFrame(bool parsed) const {
+    const bool prores = m_videoTrack.codec == MP4_MVC_PRORES;
+    if (!prores && !parsed) {
+        zv_log_error("Parse video frame fail !", kSource, __LINE__, "WriteVideoFrame");
+        return MP4_STATUS_INVALID_VIDEO_STREAM;
+    }
+    if (!prores && m_pVideoNalParser == nullptr) {
+        zv_log_error("invalid video track!", kSource, __LINE__, "WriteVideoFrame");
+        return MP4_STATUS_INVALID_VIDEO_TRACK;
+    }
+    return MP4_STATUS_SUCCESS;
+}
+
+mp4_status_t MuxerState::AppendVideoFrame(const uint8_t* buf, uint32_t size,
+                                          const CVideoFrameParser& frame, int64_t pts,
+                                          int64_t dts) {
+    const bool prores = m_videoTrack.codec == MP4_MVC_PRORES;
+    const uint64_t sampleSize = prores ? size : LengthPrefixedSize(frame);
+    mp4_status_t status = CheckSampleSize(sampleSize, "WriteVideoFrame");
+    if (status != MP4_STATUS_SUCCESS) return status;
+    if (!HasRoomInFile(sampleSize, "WriteVideoFrame")) return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
+
+    const uint64_t fileSizeBefore = m_reserved.SizeBeforeFrame(*m_pWriter);
+    status = WriteSample(
+        [&] {
+            if (prores)
+                m_pWriter->WriteBuf(buf, size);
+            else
+                WriteNalUnits(frame);
+        },
+        [] { zv_log_error("exception when write file", kSource, __LINE__, "WriteVideoFrame"); });
+    if (status != MP4_STATUS_SUCCESS) return status;
+    m_reserved.AfterVideoFrame(*m_pWriter, fileSizeBefore, *m_moov, *m_mdat);
+
+    const bool keyFrame = prores || HasSyncSlice(frame);
+    const auto bytes = static_cast<int>(sampleSize);
+    bool indexed = false;
+    status = AddSample(
+        bytes,
+        [&] {
+            return indexed =
+                       m_moov->AfterWriteVideoFrame(m_nCurFileSize, bytes, pts, dts, keyFrame);
+        },
+        [&](CInfoWriter& writer) { return writer.WriteVideoFrame(bytes, pts, dts, keyFrame); });
+    if (indexed) m_times.OnVideo(pts, dts, m_videoTrack.timescale, m_compositionOffsets);
+    return status;
+}
+
+/// Each NAL unit behind its length (ISO/IEC 14496-15, 5.3.3.1.2 and 8.3.3.1.2).
+void MuxerState::WriteNalUnits(const CVideoFrameParser& frame) {
+    GatheredWrite gathered(m_gatheringWriter);
+    for (const VIDEO_SLICE& unit : frame) {
+        const auto length = static_cast<uint32_t>(unit.cbData);
+        m_pWriter->WriteInt32(length);
+        m_pWriter->WriteBuf(unit.pbData, length);
+    }
+    gathered.Finish();
+}
+
+bool MuxerState::HasSyncSlice(const CVideoFrameParser& frame) const {
+    for (const VIDEO_SLICE& unit : frame) {
+        if (unit.cbData == 0) continue;
+        if (m_pVideoNalParser->IsKeyFrame(unit.pbData, unit.cbData)) return true;
+        if (m_compositionOffsets && m_pVideoNalParser->IsRandomAccess(unit.pbData, unit.cbData))
+            return true;
+    }
+    return false;
+}
+
+bool MuxerState::GetVideoCodecData(const CVideoFrameParser& frame) {
+    if (m_videoTrack.codec != MP4_MVC_H264 && m_videoTrack.codec != MP4_MVC_HEVC) {
+        zv_log_error("unknown codec type %d", kSource, __LINE__, "GetVideoCodecData",
+                     m_videoTrack.codec);
+        return false;
+    }
+    for (const VIDEO_SLICE& unit : frame) {
+        if (!m_parameterSets.Take(unit, *m_pVideoNalParser, m_videoTrack) &&
+            !std::exchange(m_setWarned, true)) {
+            zv_log_warn("a video parameter set in the stream cannot be described and is not taken",
+                        kSource, __LINE__, "GetVideoCodecData");
+        }
+        if (!CParameterSetKeeper::IsComplete(m_videoTrack)) continue;
+        m_videoHasCodecData = true;
+        zv_log_info("found video codec data in stream, set video track info", kSource, __LINE__,
+                    "GetVideoCodecData");
+        m_moov->SetVideoTrack(&m_videoTrack);
+        m_sideFile.Write(
+            [this](CInfoWriter& writer) { return writer.WriteVideoFormat(&m_videoTrack); });
+        return true;
+    }
+    return false;
+}
+
+// Audio
+
+mp4_status_t MuxerState::WriteAudioFrame(const uint8_t* buf, uint32_t size, uint64_t timestamp) {
+    mp4_status_t status = CheckRecording(__LINE__, "WriteAudioFrame");
+    if (status != MP4_STATUS_SUCCESS) return status;
+    status = CheckSampleSize(size, "WriteAudioFrame");
+    if (status != MP4_STATUS_SUCCESS) return status;
+    if (!m_audioHasCodecData && m_audioTrack.codec == MP4_MAC_ADTS) {
+        status = ConfigureAdts(buf, size);
+        if (status != MP4_STATUS_SUCCESS) return status;
+    }
+    const uint32_t headerSize = m_adts.BytesToStrip(buf, size);
+    status = EnsureHeader();
+    if (status != MP4_STATUS_SUCCESS) return status;
+    return AppendAudioFrame(buf + headerSize, size - headerSize, static_cast<int64_t>(timestamp));
+}
+
+mp4_status_t MuxerState::ConfigureAdts(const uint8_t* buf, uint32_t size) {
+    mp4_status_t status = AdtsInput::Configure(buf, size, m_audioTrack);
+    if (status != MP4_STATUS_SUCCESS) return status;
+    m_moov->SetAudioTrack(&m_audioTrack);
+    m_audioHasCodecData = true;
+    if (!m_sideFile.IsOpen()) return MP4_STATUS_SUCCESS;
+    status = EnsureHeader();
+    if (status != MP4_STATUS_SUCCESS) return status;
+    m_sideFile.Write(
+        [this](CInfoWriter& writer) { return writer.WriteAudioFormat(&m_audioTrack); });
+    return MP4_STATUS_SUCCESS;
+}
+
+mp4_status_t MuxerState::AppendAudioFrame(const uint8_t* sample, uint32_t size, int64_t timestamp) {
+    if (!HasRoomInFile(size, "WriteAudioFrame")) return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
+    mp4_status_t status =
+        WriteSample([&] { m_pWriter->WriteBuf(sample, size); },
+                    [&] {
+                        zv_log_error("write buffer exception, buffer size %d", kSource, __LINE__,
+                                     "WriteAudioFrame", static_cast<int>(size));
+                    });
+    if (status != MP4_STATUS_SUCCESS) return status;
+    const auto bytes = static_cast<int>(size);
+    bool indexed = false;
+    status = AddSample(
+        bytes,
+        [&] { return indexed = m_moov->AfterWriteAudioFrame(m_nCurFileSize, bytes, timestamp); },
+        [&](CInfoWriter& writer) { return writer.WriteAudioFrame(bytes, timestamp); });
+    if (indexed) m_times.OnAudio(timestamp, m_audioTrack.timescale);
+    if (status == MP4_STATUS_NO_SPACE_LEFT_IN_HEADER)
+        zv_log_error("call AfterWriteAudioFrame failed", kSource, __LINE__, "WriteAudioFrame");
+    return status;
+}
+
+// Captions and timecode
+
+mp4_status_t MuxerState::WriteSubtitleFrame(const uint8_t* buf, uint32_t size, uint64_t timestamp) {
+    mp4_status_t status = CheckRecording(__LINE__, "WriteSubtitleFrame");
+    if (status != MP4_STATUS_SUCCESS) return status;
+    if (buf == nullptr || size == 0) {
+        zv_log_warn("write subtitle frame with empty data", kSource, __LINE__,
+                    "WriteSubtitleFrame");
+        return MP4_STATUS_SUCCESS;
+    }
+    status = EnsureHeader();
+    if (status != MP4_STATUS_SUCCESS) return status;
+    status = CheckCaption(size);
+    if (status != MP4_STATUS_SUCCESS) return status;
+    return AppendCaption(buf, size, static_cast<int64_t>(timestamp));
+}
+
+mp4_status_t MuxerState::CheckCaption(uint32_t size) const {
+    const mp4_subtitle_codec codec = m_subtitleTrack.codec;
+    if (codec != MP4_SUBTITLE_CODEC_CC608 && codec != MP4_SUBTITLE_CODEC_CC708) {
+        zv_log_error("unknown subtitle codec type %d", kSource, __LINE__, "WriteSubtitleFrame",
+                     codec);
+        return MP4_STATUS_INVALID_SUBTITLE_TYPE;
+    }
+    const uint64_t largest = LargestCaptionSample(size);
+    const mp4_status_t status = CheckSampleSize(largest, "WriteSubtitleFrame");
+    if (status != MP4_STATUS_SUCCESS) return status;
+    if (!HasRoomInFile(largest, "WriteSubtitleFrame")) return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
+    if (m_nCurFileSize > int64_t{UINT32_MAX}) {
+        zv_log_error("the caption track has 32-bit offsets and cannot go past 4 GiB", kSource,
+                     __LINE__, "WriteSubtitleFrame");
+        return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
+    }
+    return MP4_STATUS_SUCCESS;
+}
+
+mp4_status_t MuxerState::AppendCaption(const uint8_t* buf, uint32_t size, int64_t timestamp) {
+    int bytes = 0;
+    mp4_status_t status = WriteSample(
+        [&] {
+            GatheredWrite gathered(m_gatheringWriter);
+            bytes =
+                static_cast<int>(WriteCaptionAtoms(*m_pWriter, m_subtitleTrack.codec, buf, size));
+            gathered.Finish();
+        },
+        [] {});
+    if (status != MP4_STATUS_SUCCESS) return status;
+    bool indexed = false;
+    status = AddSample(
+        bytes,
+        [&] {
+            m_moov->AfterWriteSubtitleFrame(m_nCurFileSize, bytes, timestamp);
+            return indexed = true;
+        },
+        [&](CInfoWriter& writer) { return writer.WriteSubtitleFrame(bytes, timestamp); });
+    if (indexed) m_times.OnCaption(timestamp, m_subtitleTrack.timescale);
+    return status;
+}
+
+mp4_status_t MuxerState::WriteTimeCode(int nTimeCode) {
+    constexpr int kCounterSize = 4;
+    mp4_status_t status = CheckRecording(__LINE__, "WriteTimeCode");
+    if (status != MP4_STATUS_SUCCESS) return status;
+    status = EnsureHeader();
+    if (status != MP4_STATUS_SUCCESS) return status;
+    if (!HasRoomInFile(kCounterSize, "WriteTimeCode")) return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
+    status = WriteSample([&] { m_pWriter->WriteInt32(static_cast<uint32_t>(nTimeCode)); }, [] {});
+    if (status != MP4_STATUS_SUCCESS) return status;
+    return AddSample(
+        kCounterSize,
+        [&] {
+            m_moov->AfterWriteTimeCode(m_nCurFileSize);
+            return true;
+        },
+        [&](CInfoWriter& writer) { return writer.WriteTimeCode(nTimeCode); });
+}
+
+}  // namespace kx_mp4

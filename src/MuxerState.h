@@ -1,0 +1,158 @@
+/// @file
+/// What stands behind CMp4Muxer: the state of one recording after the other.
+#ifndef KX_MP4_MUXERSTATE_H
+#define KX_MP4_MUXERSTATE_H
+
+#include <cstdint>
+#include <memory>
+
+#include "AdtsInput.h"
+#include "BaseIO.h"
+#include "MLock.h"
+#include "ParameterSets.h"
+#include "ReservedHeader.h"
+#include "SideFile.h"
+#include "TimestampWatch.h"
+#include "VideoFrameParser.h"
+#include "free.h"
+#include "ftyp.h"
+#include "kx_mp4/kx_mp4.h"
+#include "mdat.h"
+#include "moov.h"
+
+namespace kx_mp4 {
+
+/// A status for whatever an operation throws: nothing escapes the public interface.
+template <class Operation>
+mp4_status_t Guarded(Operation&& operation) {
+    try {
+        return operation();
+    } catch (const kx_mp4_exception& e) {
+        return e.error();
+    } catch (...) {
+        return MP4_STATUS_UNEXPECTED_ERROR;
+    }
+}
+
+/// The muxer's fields and its road from a call to the file. The operations that CMp4Muxer has too
+/// are what those do, without the guard against exceptions.
+struct MuxerState {
+    MuxerState() = default;
+    MuxerState(const MuxerState&) = delete;
+    MuxerState& operator=(const MuxerState&) = delete;
+    ~MuxerState();
+
+    // Life of a file
+
+    mp4_status_t Create(const wchar_t* pFilePath, const mp4_config_t& config);
+    mp4_status_t Close();
+    /// What a recording leaves behind in the fields.
+    void ResetFileState();
+    mp4_status_t OpenFiles(const wchar_t* pFilePath, const mp4_config_t& config);
+    void CreateBoxes(uint32_t flags);
+    mp4_status_t WriteHeader();
+    mp4_status_t WriteHeaderBoxes();
+    mp4_status_t EnsureHeader();
+    bool FinishMovie(mp4_status_t* status);
+    void PushMovie();
+    mp4_status_t CloseWriter();
+    void ReleaseBoxes();
+
+    // Queries
+
+    bool IsOpen() const { return m_pWriter != nullptr && m_pWriter->IsValid(); }
+    mp4_status_t NotOpenAnswer(int line, const char* function) const;
+    mp4_status_t Flush();
+
+    // Set-up
+
+    mp4_status_t SetCompositionOffsets(bool enable);
+    mp4_status_t SetVideoTrack(const mp4_video_track_info* pTrackInfo);
+    mp4_status_t SetAudioTrack(const mp4_audio_track_info_t* pTrackInfo);
+    mp4_status_t SetSubtitleTrack(const mp4_subtitle_track_info_t* pTrackInfo);
+    mp4_status_t SetTCMDTrack(const mp4_time_code_track_info_t* pTrackInfo);
+    mp4_status_t SetMetadata(const char* pKey, const char* pData, uint32_t size,
+                             mp4_meta_data_type_t type, const char* key_namespace);
+    /// When the repair info file is on: writes the header if need be, then the record. Only the
+    /// header's failure is returned.
+    template <class Record>
+    mp4_status_t RecordInRepairInfo(Record&& record);
+
+    // What the frame writers share
+
+    /// What every operation on a recording asks first.
+    mp4_status_t CheckRecording(int line, const char* function) const;
+    static mp4_status_t CheckSampleSize(uint64_t bytes, const char* function);
+    /// Whether the file can describe a sample of this many bytes; logs when it cannot.
+    bool HasRoomInFile(uint64_t bytes, const char* function) const;
+    /// Writes a sample's bytes; `logUnexpected` reports a failure that is not one of I/O.
+    template <class Write, class LogUnexpected>
+    mp4_status_t WriteSample(Write&& write, LogUnexpected&& logUnexpected);
+    /// Takes note of a sample whose bytes are in the output: in the movie box (`index`, false when
+    /// it refuses), in the repair info file (`record`), in the next sample's offset.
+    template <class Index, class Record>
+    mp4_status_t AddSample(int bytes, Index&& index, Record&& record);
+
+    // Video
+
+    mp4_status_t WriteVideoFrame(const uint8_t* buf, uint32_t size, uint64_t pts, uint64_t dts);
+    mp4_status_t RecordVideoFrame(const uint8_t* buf, uint32_t size, const CVideoFrameParser& frame,
+                                  bool parsed, uint64_t pts, uint64_t dts);
+    mp4_status_t CheckVideoFrame(bool parsed) const;
+    /// Whether a picture of these times can be described; refused before anything is written.
+    mp4_status_t CheckVideoTimes(int64_t pts, int64_t dts) const;
+    /// True when the video track is now configured.
+    bool GetVideoCodecData(const CVideoFrameParser& frame);
+    mp4_status_t DropVideoFrame();
+    /// The search for parameter sets has ended.
+    void ReportDroppedFrames(int line, const char* function);
+    mp4_status_t AppendVideoFrame(const uint8_t* buf, uint32_t size, const CVideoFrameParser& frame,
+                                  int64_t pts, int64_t dts);
+    void WriteNalUnits(const CVideoFrameParser& frame);
+    bool HasSyncSlice(const CVideoFrameParser& frame) const;
+
+    // Audio, captions, timecode
+
+    mp4_status_t WriteAudioFrame(const uint8_t* buf, uint32_t size, uint64_t timestamp);
+    mp4_status_t ConfigureAdts(const uint8_t* buf, uint32_t size);
+    mp4_status_t AppendAudioFrame(const uint8_t* sample, uint32_t size, int64_t timestamp);
+    mp4_status_t WriteSubtitleFrame(const uint8_t* buf, uint32_t size, uint64_t timestamp);
+    mp4_status_t CheckCaption(uint32_t size) const;
+    mp4_status_t AppendCaption(const uint8_t* buf, uint32_t size, int64_t timestamp);
+    mp4_status_t WriteTimeCode(int nTimeCode);
+
+    std::unique_ptr<IBaseIO> m_pWriter;
+    ReservedHeader m_reserved;
+    SideFile m_sideFile;
+    wchar_t m_pwszFilePath[1024] = {};
+    int64_t m_nCurFileSize = 0;
+    mp4_video_track_info_t m_videoTrack{};
+    bool m_videoHasCodecData = true;
+    mp4_audio_track_info_t m_audioTrack{};
+    bool m_audioHasCodecData = false;
+    mp4_subtitle_track_info_t m_subtitleTrack{};
+    std::unique_ptr<CMp4FtypAtom> m_ftyp;
+    std::unique_ptr<CMp4FreeAtom> m_free;
+    std::unique_ptr<CMp4MdatAtom> m_mdat;
+    std::unique_ptr<CMp4MoovAtom> m_moov;
+    std::unique_ptr<CBufferIO> m_headerWriter;
+    bool m_fastHeaderWrite = false;
+    std::unique_ptr<IVideoNalParser> m_pVideoNalParser;
+    CMLock m_lockWrite;
+    bool m_bIsQtFile = false;
+    bool m_writeHeader = false;
+
+    IFileIOBase* m_gatheringWriter = nullptr;  // m_pWriter in file mode, else null
+    bool m_hasSamples = false;
+    bool m_indexLost = false;
+    bool m_compositionOffsets = false;
+    bool m_setWarned = false;  // about parameter sets in the stream that are not taken
+    CParameterSetKeeper m_parameterSets;
+    uint64_t m_droppedVideoFrames = 0;  // while parameter sets are looked for
+    AdtsInput m_adts;
+    TimestampWatch m_times;
+};
+
+}  // namespace kx_mp4
+
+#endif  // KX_MP4_MUXERSTATE_H

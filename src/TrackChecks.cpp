@@ -1,0 +1,101 @@
+#include "TrackChecks.h"
+
+#include "ParameterSets.h"
+#include "zv_log.h"
+
+namespace kx_mp4 {
+namespace {
+
+constexpr const char* kSource = "src/TrackChecks";
+
+mp4_status_t CheckPicture(const mp4_video_track_info_t& info) {
+    if (info.timescale == 0) {
+        zv_log_error("invalid video timescale", kSource, __LINE__, "SetVideoTrack");
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    if (info.width == 0 || info.height == 0) {
+        zv_log_error("invalid video width(%u) or height(%u)", kSource, __LINE__, "SetVideoTrack",
+                     info.width, info.height);
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    return MP4_STATUS_SUCCESS;
+}
+
+mp4_status_t CheckParameterSets(mp4_video_track_info_t& info) {
+    if (!CParameterSetKeeper::Normalise(info)) {
+        zv_log_error("negative parameter set size", kSource, __LINE__, "SetVideoTrack");
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    if (info.codec != MP4_MVC_H264 && info.codec != MP4_MVC_HEVC && info.codec != MP4_MVC_PRORES) {
+        zv_log_error("invalid codec type %d", kSource, __LINE__, "SetVideoTrack", info.codec);
+        return MP4_STATUS_INVALID_CODEC_TYPE;
+    }
+    if (!CParameterSetKeeper::AreUsable(info)) {
+        zv_log_error("the video parameter sets cannot be described, the track is refused", kSource,
+                     __LINE__, "SetVideoTrack");
+        return MP4_STATUS_UNEXPECTED_ERROR;
+    }
+    return MP4_STATUS_SUCCESS;
+}
+
+mp4_status_t CheckAudioCodec(const mp4_audio_track_info_t& info, bool complete) {
+    switch (info.codec) {
+        case MP4_MAC_AAC:
+            if (complete) return MP4_STATUS_SUCCESS;
+            zv_log_error("invalid audio channel(%d) or sample rate(%d)", kSource, __LINE__,
+                         "SetAudioTrack", info.channels, info.sample_rate);
+            return MP4_STATUS_INVALID_PARAMETER;
+        case MP4_MAC_ADTS:
+            if (!complete)
+                zv_log_info("audio codec is adts, wait audio stream to get meta data", kSource,
+                            __LINE__, "SetAudioTrack");
+            return MP4_STATUS_SUCCESS;
+        default:
+            zv_log_error("invalid audio codec %d", kSource, __LINE__, "SetAudioTrack", info.codec);
+            return MP4_STATUS_INVALID_PARAMETER;
+    }
+}
+
+}  // namespace
+
+mp4_status_t CheckVideoTrack(mp4_video_track_info_t& info, const ReservedHeader& reserved,
+                             bool& complete) {
+    mp4_status_t status = CheckPicture(info);
+    if (status != MP4_STATUS_SUCCESS) return status;
+    status = reserved.CheckDuration(info.frame_duration, "SetVideoTrack");
+    if (status != MP4_STATUS_SUCCESS) return status;
+    status = CheckParameterSets(info);
+    if (status != MP4_STATUS_SUCCESS) return status;
+    complete = CParameterSetKeeper::IsComplete(info);
+    return reserved.CheckConfiguration(complete, "video", "SetVideoTrack");
+}
+
+mp4_status_t CheckAudioTrack(const mp4_audio_track_info_t& info, const ReservedHeader& reserved,
+                             bool& complete) {
+    if (info.timescale == 0) {
+        zv_log_error("invalid timescale in audio track", kSource, __LINE__, "SetAudioTrack");
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    mp4_status_t status = reserved.CheckDuration(info.frame_duration, "SetAudioTrack");
+    if (status != MP4_STATUS_SUCCESS) return status;
+    complete = info.channels != 0 && info.sample_rate != 0;
+    status = CheckAudioCodec(info, complete);
+    if (status != MP4_STATUS_SUCCESS) return status;
+    return reserved.CheckConfiguration(complete, "audio", "SetAudioTrack");
+}
+
+mp4_status_t CheckMetadata(const char* key, const char* data, uint32_t size,
+                           mp4_meta_data_type_t type) {
+    if (key == nullptr || data == nullptr) {
+        zv_log_error("invalid meta data", kSource, __LINE__, "SetMetadata");
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    const bool sized = type == MP4_META_DATA_TYPE_INT || type == MP4_META_DATA_TYPE_RAW;
+    if (sized && size == 0) {
+        zv_log_error("invalid meta(%s) data length 0", kSource, __LINE__, "SetMetadata", key);
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    return MP4_STATUS_SUCCESS;
+}
+
+}  // namespace kx_mp4

@@ -1,0 +1,28 @@
+/// @file
+/// What the set-up operations ask of the caller's descriptions; each refusal is logged.
+#ifndef KX_MP4_TRACKCHECKS_H
+#define KX_MP4_TRACKCHECKS_H
+
+#include <cstdint>
+
+#include "ReservedHeader.h"
+#include "kx_mp4/kx_mp4.h"
+
+namespace kx_mp4 {
+
+/// Checks a video description and makes "no parameter set" one thing in it. `complete` tells
+/// whether all parameter sets are there.
+/// @return As CMp4Muxer::SetVideoTrack.
+mp4_status_t CheckVideoTrack(mp4_video_track_info_t& info, const ReservedHeader& reserved,
+                             bool& complete);
+/// `complete` tells whether the configuration is there.
+/// @return As CMp4Muxer::SetAudioTrack.
+mp4_status_t CheckAudioTrack(const mp4_audio_track_info_t& info, const ReservedHeader& reserved,
+                             bool& complete);
+/// @return As CMp4Muxer::SetMetadata.
+mp4_status_t CheckMetadata(const char* key, const char* data, uint32_t size,
+                           mp4_meta_data_type_t type);
+
+}  // namespace kx_mp4
+
+#endif  // KX_MP4_TRACKCHECKS_H
