@@ -13,6 +13,10 @@
 #include "StartCode.h"
 #include "VideoFrameParser.h"
 
+using kx_mp4::FindStartCodeFn;
+using kx_mp4::StartCodeSearch;
+using kx_mp4::StartCodeSearches;
+
 namespace {
 
 using Frame = std::vector<uint8_t>;

@@ -5,6 +5,10 @@
 #include "StartCode.h"
 #include "VideoFrameParser.h"
 
+using kx_mp4::FindStartCodeFn;
+using kx_mp4::StartCodeSearch;
+using kx_mp4::StartCodeSearches;
+
 namespace {
 
 const uint8_t* FindByLoop(const uint8_t* p, const uint8_t* end) {

@@ -5,6 +5,9 @@
 
 #include "zv_log.h"
 
+using kx_mp4::Low32;
+using kx_mp4::PutTime;
+
 CMp4Atom::CMp4Atom(IBaseIO* pWriter) : m_pWriter(pWriter) {
     m_buffer.Init(pWriter);
 }

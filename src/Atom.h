@@ -16,6 +16,8 @@
 
 #include "BaseIO.h"
 
+namespace kx_mp4 {
+
 /// Has the writers' vocabulary and counts instead of writing.
 class ByteCounter {
 public:
@@ -103,6 +105,8 @@ constexpr void PutUnityMatrix(Out& out) {
     PutMatrix(out, 1, 0, 0, 1, 0, 0);
 }
 
+}  // namespace kx_mp4
+
 /// A box that writes itself to `m_pWriter`, which is borrowed and must outlive it.
 ///
 /// Boxes are not thread safe; they are used under the muxer's lock. Failures of the writer pass
@@ -134,9 +138,9 @@ protected:
 
     /// Write pattern of a container: header and content straight to the writer, size patched.
     template <class Content>
-    void WriteContainer(FourCC type, Content&& writeContent) {
+    void WriteContainer(kx_mp4::FourCC type, Content&& writeContent) {
         const int64_t start = WriterPos();
-        PutBoxHeader(*m_pWriter, type);
+        kx_mp4::PutBoxHeader(*m_pWriter, type);
         writeContent();
         UpdateSize(start, true);
     }
@@ -183,6 +187,8 @@ private:
     void CheckSize(int64_t written);
 };
 
+namespace kx_mp4 {
+
 /// Size of whatever `put` writes.
 template <class PutFields>
 uint32_t CountBytes(PutFields&& put) {
@@ -193,7 +199,7 @@ uint32_t CountBytes(PutFields&& put) {
 
 /// A box that is one list of fields, `template <class Out> void Put(Out& out) const`.
 template <class Box>
-class CMp4FieldsAtom : public CMp4Atom {
+class FieldsAtom : public CMp4Atom {
 public:
     using CMp4Atom::CMp4Atom;
 
@@ -207,27 +213,27 @@ protected:
 
 /// Fields into the buffer, size patched there, one write.
 template <class Box>
-class CMp4LeafAtom : public CMp4FieldsAtom<Box> {
+class LeafAtom : public FieldsAtom<Box> {
 public:
-    using CMp4FieldsAtom<Box>::CMp4FieldsAtom;
+    using FieldsAtom<Box>::FieldsAtom;
 
     void Write() override { this->WriteLeaf(this->Self()); }
 };
 
 /// Fields straight to the writer; the list holds the true size.
 template <class Box>
-class CMp4ConstantAtom : public CMp4FieldsAtom<Box> {
+class ConstantAtom : public FieldsAtom<Box> {
 public:
-    using CMp4FieldsAtom<Box>::CMp4FieldsAtom;
+    using FieldsAtom<Box>::FieldsAtom;
 
     void Write() override { this->Self().Put(*this->m_pWriter); }
 };
 
 /// Fields straight to the writer, size patched there.
 template <class Box>
-class CMp4DirectAtom : public CMp4FieldsAtom<Box> {
+class DirectAtom : public FieldsAtom<Box> {
 public:
-    using CMp4FieldsAtom<Box>::CMp4FieldsAtom;
+    using FieldsAtom<Box>::FieldsAtom;
 
     void Write() override {
         const int64_t start = this->WriterPos();
@@ -247,7 +253,7 @@ uint32_t SizeOfChildren(ForEachChild&& forEachChild) {
 /// A plain container: a header and the children that `template <class F> void ForEachChild(F&& f)`
 /// lists in their order.
 template <class Box>
-class CMp4ContainerAtom : public CMp4Atom {
+class ContainerAtom : public CMp4Atom {
 public:
     using CMp4Atom::CMp4Atom;
 
@@ -262,5 +268,7 @@ public:
                });
     }
 };
+
+}  // namespace kx_mp4
 
 #endif  // KX_MP4_ATOM_H

@@ -6,6 +6,9 @@
 
 #include "AdtsHeader.h"
 
+using kx_mp4::kAacSampleRates;
+using kx_mp4::SampleRateOfField;
+
 namespace {
 
 constexpr int kAacLc = 2;
@@ -13,8 +16,6 @@ constexpr int kSbr = 5;
 constexpr int kTwinVq = 7;
 constexpr int kPs = 29;
 constexpr int kExplicitRate = 15;
-
-using kx_mp4::kAacSampleRates;
 
 // ISO/IEC 14496-3, table 4.82: the lowest rate that uses the tables of the index of its place; a
 // rate below all of them uses those of 8000 Hz.
@@ -67,7 +68,7 @@ int get_sample_by_index(int index) {
     return kAacSampleRates[index];
 }
 
-int SampleRateOfField(uint16_t field) {
+int kx_mp4::SampleRateOfField(uint16_t field) {
     for (const int rate : {88200, 96000}) {
         if ((rate & 0xFFFF) == field) return rate;
     }

@@ -8,9 +8,13 @@
 /// Sampling frequency in Hz by its index (ISO/IEC 14496-3, table 1.18); 0 for a reserved index.
 int get_sample_by_index(int index);
 
+namespace kx_mp4 {
+
 /// The rate that a 16-bit field stands for: 88200 and 96000 Hz do not fit and are stood for by
 /// their low 16 bits, 22664 and 30464; any other value is itself.
 int SampleRateOfField(uint16_t field);
+
+}  // namespace kx_mp4
 
 class CAudioES {
 public:

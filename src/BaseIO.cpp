@@ -16,7 +16,10 @@
 #include "Retry.h"
 #include "zv_log.h"
 
+using kx_mp4::ConvertPath;
 using kx_mp4::FileLock;
+using kx_mp4::GatherList;
+using kx_mp4::NarrowPath;
 using kx_mp4::Retry;
 
 namespace {
@@ -172,7 +175,7 @@ void IFileIOBase::Read(void* pbBuf, uint32_t cbBuf) {
 
 // CFileWriter
 
-mp4_status_t ConvertPath(const wchar_t* pFilePath, NarrowPath& path) {
+mp4_status_t kx_mp4::ConvertPath(const wchar_t* pFilePath, NarrowPath& path) {
     const size_t length = std::wcstombs(nullptr, pFilePath, 0);
     if (length == static_cast<size_t>(-1)) {
         zv_log_error("wcstombs failed", kSource, __LINE__, "Init");

@@ -14,10 +14,9 @@
 #include "defines.h"
 #include "kx_mp4/kx_mp4.h"
 
-class GatherList;
-
 namespace kx_mp4 {
 class FileLock;
+class GatherList;
 }  // namespace kx_mp4
 
 /// State of a stream. Note that the usable state is -1.
@@ -74,7 +73,7 @@ public:
     /// Writes eight bytes.
     void WriteInt64(uint64_t nValue) { WriteBigEndian<8>(nValue); }
     /// Writes the four bytes as they stand.
-    void WriteTag(FourCC tag) { WriteBuf(tag.data(), sizeof tag); }
+    void WriteTag(kx_mp4::FourCC tag) { WriteBuf(tag.data(), sizeof tag); }
 
     /// Reads exactly `cbBuf` bytes; zeros when the stream is not valid, as all below.
     void ReadBuf(void* pbBuf, uint32_t cbBuf);
@@ -180,8 +179,10 @@ private:
 
     bool m_closedWell = true;
     bool m_gathering = false;
-    std::unique_ptr<GatherList> m_gathered;
+    std::unique_ptr<kx_mp4::GatherList> m_gathered;
 };
+
+namespace kx_mp4 {
 
 /// Room for a path in the multibyte form that the system takes, with its terminator.
 using NarrowPath = std::array<char, 1024>;
@@ -190,6 +191,8 @@ using NarrowPath = std::array<char, 1024>;
 /// @return #MP4_STATUS_INVALID_PARAMETER when the locale cannot convert the path,
 ///         #MP4_STATUS_FILE_NAME_TOO_LONG past 1022 bytes.
 mp4_status_t ConvertPath(const wchar_t* pFilePath, NarrowPath& path);
+
+}  // namespace kx_mp4
 
 /// A new or truncated file, named by a wide-character path that the current locale can convert.
 class CFileWriter : public IFileIOBase {

@@ -6,6 +6,8 @@
 #include "co64.h"
 #include "stco.h"
 
+namespace kx_mp4 {
+
 class ChunkOffsets {
 public:
     explicit ChunkOffsets(IBaseIO* pWriter) : m_stco(pWriter), m_co64(pWriter) {}
@@ -42,5 +44,7 @@ inline void ChunkOffsets::SetUse64BitSize() {
     m_bUse64BitSize = true;
     m_stco.ForEachChunk([this](uint32_t offset) { m_co64.AddChunk(offset); });
 }
+
+}  // namespace kx_mp4
 
 #endif  // KX_MP4_CHUNKOFFSETS_H

@@ -6,6 +6,8 @@
 #include "Atom.h"
 #include "zv_log.h"
 
+namespace kx_mp4 {
+
 /// The greatest 32-bit number for a duration that has no room in 32 bits. Headers of version 0 mean
 /// "not known" by it (ISO/IEC 14496-12, 8.2.2.3).
 constexpr int64_t AtMost32Bits(int64_t duration) {
@@ -21,9 +23,9 @@ constexpr int64_t AtMost32Bits(int64_t duration) {
 /// `Box` has `kSource`, its file in the log; `kNotWritten`, what it logs when it is to be rewritten
 /// before it was written; and `DurationOffset(wide)`, where its duration lies.
 template <class Box>
-class CMp4DurationAtom : public CMp4LeafAtom<Box> {
+class DurationAtom : public LeafAtom<Box> {
 public:
-    using CMp4LeafAtom<Box>::CMp4LeafAtom;
+    using LeafAtom<Box>::LeafAtom;
 
     void SetUse64bitTime() { m_b64bitTime = true; }
     /// With `mode`, no value changes the size of the box.
@@ -37,7 +39,7 @@ public:
     void Write() override {
         m_startPos = this->m_pWriter->Ftell();
         m_writtenWide = Is64bit();
-        CMp4LeafAtom<Box>::Write();
+        LeafAtom<Box>::Write();
     }
     /// Rewrites the duration in the file and leaves the writer behind it.
     void Update() {
@@ -77,5 +79,7 @@ private:
     int64_t m_nTotallDuration = 0;
     uint64_t m_startPos = 0;
 };
+
+}  // namespace kx_mp4
 
 #endif  // KX_MP4_DURATIONATOM_H

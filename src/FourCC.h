@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <cstring>
 
+namespace kx_mp4 {
+
 /// Four bytes that are written as they stand. Made from a literal of four characters at compile
 /// time; without one, four zero bytes.
 class FourCC {
@@ -32,5 +34,7 @@ private:
 };
 
 static_assert(sizeof(FourCC) == 4, "a four-character code is its four bytes");
+
+}  // namespace kx_mp4
 
 #endif  // KX_MP4_FOURCC_H

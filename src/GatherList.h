@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <cstring>
 
+namespace kx_mp4 {
+
 /// Pieces as writev takes them. Not thread safe.
 class GatherList {
 public:
@@ -67,5 +69,7 @@ private:
     std::array<iovec, kMaxPieces> m_piece{};
     std::array<uint8_t, kCopyRoom> m_copy{};
 };
+
+}  // namespace kx_mp4
 
 #endif  // KX_MP4_GATHERLIST_H

@@ -7,6 +7,9 @@
 #include "keys.h"
 #include "zv_log.h"
 
+using kx_mp4::ConvertPath;
+using kx_mp4::NarrowPath;
+
 namespace {
 constexpr const char* kSource = "src/InfoWriter";
 constexpr uint32_t kSmallestFlushInterval = 10;

@@ -589,7 +589,7 @@ bool MuxerState::GetVideoCodecData(const CVideoFrameParser& frame) {
             zv_log_warn("a video parameter set in the stream cannot be described and is not taken",
                         kSource, __LINE__, "GetVideoCodecData");
         }
-        if (!CParameterSetKeeper::IsComplete(m_videoTrack)) continue;
+        if (!ParameterSetKeeper::IsComplete(m_videoTrack)) continue;
         m_videoHasCodecData = true;
         zv_log_info("found video codec data in stream, set video track info", kSource, __LINE__,
                     "GetVideoCodecData");

@@ -147,7 +147,7 @@ struct MuxerState {
     bool m_indexLost = false;
     bool m_compositionOffsets = false;
     bool m_setWarned = false;  // about parameter sets in the stream that are not taken
-    CParameterSetKeeper m_parameterSets;
+    ParameterSetKeeper m_parameterSets;
     uint64_t m_droppedVideoFrames = 0;  // while parameter sets are looked for
     AdtsInput m_adts;
     TimestampWatch m_times;

@@ -4,6 +4,8 @@
 
 #include "ParseHevc.h"
 
+namespace kx_mp4 {
+
 namespace {
 
 constexpr uint8_t kH264Sps = 7;  // ITU-T H.264, table 7-1
@@ -56,7 +58,7 @@ bool IsBaseLayer(const VIDEO_SLICE& unit) {
 
 }  // namespace
 
-bool CParameterSetKeeper::Normalise(mp4_video_track_info_t& info) {
+bool ParameterSetKeeper::Normalise(mp4_video_track_info_t& info) {
     bool possible = true;
     ForEachSet(info, [&possible](uint8_t, const uint8_t*& bytes, int16_t& size) {
         possible = possible && size >= 0;
@@ -66,7 +68,7 @@ bool CParameterSetKeeper::Normalise(mp4_video_track_info_t& info) {
     return possible;
 }
 
-bool CParameterSetKeeper::IsComplete(const mp4_video_track_info_t& info) {
+bool ParameterSetKeeper::IsComplete(const mp4_video_track_info_t& info) {
     bool complete = true;
     ForEachSet(info, [&complete](uint8_t, const uint8_t*, int16_t size) {
         complete = complete && size != 0;
@@ -74,7 +76,7 @@ bool CParameterSetKeeper::IsComplete(const mp4_video_track_info_t& info) {
     return complete;
 }
 
-bool CParameterSetKeeper::AreUsable(const mp4_video_track_info_t& info) {
+bool ParameterSetKeeper::AreUsable(const mp4_video_track_info_t& info) {
     bool usable = true;
     ForEachSet(info, [&](uint8_t type, const uint8_t* bytes, int16_t size) {
         usable = usable && (size == 0 || IsUsable(info.codec, type, bytes, size));
@@ -82,7 +84,7 @@ bool CParameterSetKeeper::AreUsable(const mp4_video_track_info_t& info) {
     return usable;
 }
 
-void CParameterSetKeeper::KeepGiven(mp4_video_track_info_t& info) {
+void ParameterSetKeeper::KeepGiven(mp4_video_track_info_t& info) {
     auto kept = m_kept.begin();
     ForEachSet(info, [&kept](uint8_t, const uint8_t*& bytes, int16_t& size) {
         if (size != 0) Keep(*kept, bytes, size, bytes, size);
@@ -90,8 +92,8 @@ void CParameterSetKeeper::KeepGiven(mp4_video_track_info_t& info) {
     });
 }
 
-bool CParameterSetKeeper::Take(const VIDEO_SLICE& unit, IVideoNalParser& parser,
-                               mp4_video_track_info_t& info) {
+bool ParameterSetKeeper::Take(const VIDEO_SLICE& unit, IVideoNalParser& parser,
+                              mp4_video_track_info_t& info) {
     if (unit.cbData <= 0) return true;
     if (info.codec == MP4_MVC_HEVC && !IsBaseLayer(unit)) return true;
     const uint8_t type = parser.GetTag(unit.pbData, unit.cbData);
@@ -108,3 +110,5 @@ bool CParameterSetKeeper::Take(const VIDEO_SLICE& unit, IVideoNalParser& parser,
     });
     return usable;
 }
+
+}  // namespace kx_mp4

@@ -10,9 +10,11 @@
 #include "VideoFrameParser.h"
 #include "kx_mp4/kx_mp4.h"
 
+namespace kx_mp4 {
+
 /// Copies of parameter sets that wait for the rest of their kind, past the life of the caller's
 /// memory. A description that was handed over points into here.
-class CParameterSetKeeper {
+class ParameterSetKeeper {
 public:
     /// Makes "not given" one thing: no pointer and no size. False for a negative size.
     static bool Normalise(mp4_video_track_info_t& info);
@@ -33,5 +35,7 @@ public:
 private:
     std::array<std::vector<uint8_t>, 3> m_kept;  // in the order of the codec's sets
 };
+
+}  // namespace kx_mp4
 
 #endif  // KX_MP4_PARAMETERSETS_H

@@ -7,6 +7,11 @@
 
 #include "BitReader.h"
 
+using kx_mp4::BitReader;
+using kx_mp4::HevcProfileTierLevel;
+
+namespace kx_mp4 {
+
 /// general_profile_space to general_level_idc of profile_tier_level(), ITU-T H.265, 7.3.3.
 struct HevcProfileTierLevel {
     uint8_t profileSpace;
@@ -16,6 +21,8 @@ struct HevcProfileTierLevel {
     uint64_t constraintFlags;
     uint8_t levelIdc;
 };
+
+}  // namespace kx_mp4
 
 // The functions below follow the syntax tables of ITU-T H.265, 7.3 and Annex E, line by line, up to
 // the last field that the record needs. What stands behind it is not looked at: encoders put bits

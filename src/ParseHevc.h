@@ -52,8 +52,10 @@ struct HEVCDecoderConfigurationRecord {
     ARR_HVCCNALUnitArray array;
 };
 
+namespace kx_mp4 {
 class BitReader;
 struct HevcProfileTierLevel;
+}  // namespace kx_mp4
 
 /// Reads parameter sets into a configuration record.
 ///
@@ -86,11 +88,11 @@ public:
     HEVCDecoderConfigurationRecord* GetInfo() { return &m_info; }
 
 private:
-    bool ParseSet(uint8_t type, BitReader& bits);
-    bool ParseVps(BitReader& bits);
-    bool ParseSps(BitReader& bits);
-    bool ParsePps(BitReader& bits);
-    void MergeProfile(const HevcProfileTierLevel& profile, uint32_t maxSubLayersMinus1);
+    bool ParseSet(uint8_t type, kx_mp4::BitReader& bits);
+    bool ParseVps(kx_mp4::BitReader& bits);
+    bool ParseSps(kx_mp4::BitReader& bits);
+    bool ParsePps(kx_mp4::BitReader& bits);
+    void MergeProfile(const kx_mp4::HevcProfileTierLevel& profile, uint32_t maxSubLayersMinus1);
     HVCCNALUnitArray& ArrayOf(uint8_t type);
     void AddUnit(uint8_t type, const uint8_t* pbNal, size_t size);
 

@@ -26,9 +26,9 @@ enum REFERENCE_TRACK_TYPE {
 /// | offset | bytes | field                                                  |
 /// | 4      | 4     | "tmcd" for a timecode reference, else four zero bytes  |
 /// | 8      | 4 n   | IDs of the tracks referred to                          |
-class CMp4RefTrackTypeAtom : public CMp4DirectAtom<CMp4RefTrackTypeAtom> {
+class CMp4RefTrackTypeAtom : public kx_mp4::DirectAtom<CMp4RefTrackTypeAtom> {
 public:
-    using CMp4DirectAtom::CMp4DirectAtom;
+    using DirectAtom::DirectAtom;
 
     /// Takes a REFERENCE_TRACK_TYPE; anything else leaves the type as it was.
     void SetRefType(int nType) {
@@ -48,9 +48,10 @@ public:
 
     template <class Out>
     void Put(Out& out) const {
-        PutBoxHeader(out, m_refType == REFERENCE_TRACK_TMCD ? FourCC("tmcd") : FourCC());
+        kx_mp4::PutBoxHeader(
+            out, m_refType == REFERENCE_TRACK_TMCD ? kx_mp4::FourCC("tmcd") : kx_mp4::FourCC());
         for (int32_t i = 0; i < m_nIDCount; ++i)
-            out.WriteInt32(Low32(m_nIDs[i]));
+            out.WriteInt32(kx_mp4::Low32(m_nIDs[i]));
     }
 
 private:

@@ -6,16 +6,18 @@
 
 #include "zv_log.h"
 
-uint32_t CMp4SampleTableAtom::GetSize() {
+namespace kx_mp4 {
+
+uint32_t SampleTableAtom::GetSize() {
     return m_headerSize + (IsReserved() ? ReservedBytes() : BufferedBytes());
 }
 
-bool CMp4SampleTableAtom::Refuse(const char* file, int line, const char* function) const {
+bool SampleTableAtom::Refuse(const char* file, int line, const char* function) const {
     zv_log_error("reach the max frame num %u", file, line, function, m_maxFrameNum);
     return false;
 }
 
-void CMp4SampleTableAtom::Reserve(uint32_t num, bool precise) {
+void SampleTableAtom::Reserve(uint32_t num, bool precise) {
     m_maxFrameNum = num;
     if (num == 0) return;
     // A room past 4 GiB cannot be described by the box; the buffer refuses to grow that far.
@@ -24,33 +26,33 @@ void CMp4SampleTableAtom::Reserve(uint32_t num, bool precise) {
     std::memset(m_buffer.GetBuffer(), 0, static_cast<size_t>(m_buffer.GetCapabilitySize()));
 }
 
-void CMp4SampleTableAtom::WriteTableHeader() {
+void SampleTableAtom::WriteTableHeader() {
     m_pWriter->WriteInt32(GetSize());
     m_pWriter->WriteTag(m_type);
     m_pWriter->WriteInt32(0);
 }
 
-void CMp4SampleTableAtom::WriteTable(uint32_t count) {
+void SampleTableAtom::WriteTable(uint32_t count) {
     if (IsReserved()) m_startPosition = m_pWriter->Ftell();
     WriteTableHeader();
     m_pWriter->WriteInt32(count);
     WriteEntries();
 }
 
-void CMp4SampleTableAtom::WriteEntries() {
+void SampleTableAtom::WriteEntries() {
     if (IsReserved())
         m_pWriter->WriteBuf(m_buffer.GetBuffer(), ReservedBytes());
     else
         m_buffer.FlushEx();
 }
 
-bool CMp4SampleTableAtom::CanUpdate(const char* file, int line) const {
+bool SampleTableAtom::CanUpdate(const char* file, int line) const {
     if (m_startPosition != 0) return true;
     zv_log_error("not in safe mode, logic error", file, line, "Update");
     return false;
 }
 
-void CMp4SampleTableAtom::Rewrite(uint32_t count) {
+void SampleTableAtom::Rewrite(uint32_t count) {
     const auto start = static_cast<int64_t>(m_startPosition);
     m_pWriter->Seek(start + m_headerSize - 4, SEEK_SET);
     m_pWriter->WriteInt32(count);
@@ -59,3 +61,5 @@ void CMp4SampleTableAtom::Rewrite(uint32_t count) {
                         BufferedBytes() - m_lastUpdateOffset);
     m_lastUpdateOffset = BufferedBytes();
 }
+
+}  // namespace kx_mp4

@@ -13,7 +13,9 @@
 
 #include "Atom.h"
 
-class CMp4SampleTableAtom : public CMp4Atom {
+namespace kx_mp4 {
+
+class SampleTableAtom : public CMp4Atom {
 public:
     /// Header plus room, or header plus what is in the buffer.
     uint32_t GetSize() override;
@@ -22,8 +24,8 @@ protected:
     /// Where the entries begin: behind the count alone, or behind one more field and the count.
     enum class Layout : uint32_t { kCount = 16, kFieldAndCount = 20 };
 
-    CMp4SampleTableAtom(IBaseIO* pWriter, FourCC type, uint32_t entrySize,
-                        Layout layout = Layout::kCount)
+    SampleTableAtom(IBaseIO* pWriter, FourCC type, uint32_t entrySize,
+                    Layout layout = Layout::kCount)
         : CMp4Atom(pWriter),
           m_type(type),
           m_entrySize(entrySize),
@@ -64,5 +66,7 @@ private:
     uint32_t m_entrySize;
     uint32_t m_headerSize;
 };
+
+}  // namespace kx_mp4
 
 #endif  // KX_MP4_SAMPLETABLE_H

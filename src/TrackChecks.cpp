@@ -22,7 +22,7 @@ mp4_status_t CheckPicture(const mp4_video_track_info_t& info) {
 }
 
 mp4_status_t CheckParameterSets(mp4_video_track_info_t& info) {
-    if (!CParameterSetKeeper::Normalise(info)) {
+    if (!ParameterSetKeeper::Normalise(info)) {
         zv_log_error("negative parameter set size", kSource, __LINE__, "SetVideoTrack");
         return MP4_STATUS_INVALID_PARAMETER;
     }
@@ -30,7 +30,7 @@ mp4_status_t CheckParameterSets(mp4_video_track_info_t& info) {
         zv_log_error("invalid codec type %d", kSource, __LINE__, "SetVideoTrack", info.codec);
         return MP4_STATUS_INVALID_CODEC_TYPE;
     }
-    if (!CParameterSetKeeper::AreUsable(info)) {
+    if (!ParameterSetKeeper::AreUsable(info)) {
         zv_log_error("the video parameter sets cannot be described, the track is refused", kSource,
                      __LINE__, "SetVideoTrack");
         return MP4_STATUS_UNEXPECTED_ERROR;
@@ -66,7 +66,7 @@ mp4_status_t CheckVideoTrack(mp4_video_track_info_t& info, const ReservedHeader&
     if (status != MP4_STATUS_SUCCESS) return status;
     status = CheckParameterSets(info);
     if (status != MP4_STATUS_SUCCESS) return status;
-    complete = CParameterSetKeeper::IsComplete(info);
+    complete = ParameterSetKeeper::IsComplete(info);
     return reserved.CheckConfiguration(complete, "video", "SetVideoTrack");
 }
 

@@ -5,6 +5,8 @@
 
 #include "StartCode.h"
 
+using kx_mp4::FindStartCode;
+
 namespace {
 
 constexpr int kPrefixBytes = 3;

@@ -2,6 +2,9 @@
 
 #include "zv_log.h"
 
+using kx_mp4::CountBytes;
+using kx_mp4::PutBoxHeader;
+
 namespace {
 
 constexpr size_t kSmallestSps = 4;  // header, profile, compatibility, level

@@ -15,6 +15,9 @@
 #include "BaseIO.h"
 #include "Retry.h"
 
+using kx_mp4::ConvertPath;
+using kx_mp4::NarrowPath;
+
 namespace {
 
 struct FreeBlock {

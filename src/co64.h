@@ -7,10 +7,9 @@
 ///
 /// | entry offset | bytes | field                                  |
 /// | 0            | 8     | position of a chunk's first byte in the file |
-class CMp4Co64Atom : public CMp4SampleTableAtom {
+class CMp4Co64Atom : public kx_mp4::SampleTableAtom {
 public:
-    explicit CMp4Co64Atom(IBaseIO* pWriter)
-        : CMp4SampleTableAtom(pWriter, "co64", sizeof(uint64_t)) {}
+    explicit CMp4Co64Atom(IBaseIO* pWriter) : SampleTableAtom(pWriter, "co64", sizeof(uint64_t)) {}
 
     /// Records a position; false when a reservation is full.
     bool AddChunk(int64_t nOffset);

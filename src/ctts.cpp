@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+using kx_mp4::Low32;
+
 namespace {
 constexpr uint32_t kHeaderSize = 16;
 constexpr uint32_t kEntrySize = 8;

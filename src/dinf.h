@@ -5,11 +5,11 @@
 #include "dref.h"
 
 /// Data Information Box, 'dinf' - ISO/IEC 14496-12, 8.7.1 - inside 'minf' - container of 'dref'
-class CMp4DinfAtom : public CMp4ContainerAtom<CMp4DinfAtom> {
+class CMp4DinfAtom : public kx_mp4::ContainerAtom<CMp4DinfAtom> {
 public:
-    static constexpr FourCC kType = "dinf";
+    static constexpr kx_mp4::FourCC kType = "dinf";
 
-    explicit CMp4DinfAtom(IBaseIO* pWriter) : CMp4ContainerAtom(pWriter), m_dref(pWriter) {}
+    explicit CMp4DinfAtom(IBaseIO* pWriter) : ContainerAtom(pWriter), m_dref(pWriter) {}
 
     template <class F>
     void ForEachChild(F&& visit) {

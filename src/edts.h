@@ -5,14 +5,14 @@
 #include "elst.h"
 
 /// Edit Box, 'edts' - ISO/IEC 14496-12, 8.6.5 - inside 'trak' - container of 'elst'
-class CMp4EdtsAtom : public CMp4ContainerAtom<CMp4EdtsAtom> {
+class CMp4EdtsAtom : public kx_mp4::ContainerAtom<CMp4EdtsAtom> {
 public:
-    static constexpr FourCC kType = "edts";
+    static constexpr kx_mp4::FourCC kType = "edts";
 
-    explicit CMp4EdtsAtom(IBaseIO* pWriter) : CMp4ContainerAtom(pWriter), m_elst(pWriter) {}
+    explicit CMp4EdtsAtom(IBaseIO* pWriter) : ContainerAtom(pWriter), m_elst(pWriter) {}
 
     void SetUse64bitTime() { m_elst.SetUse64bitTime(); }
-    /// See CMp4DurationAtom.
+    /// See DurationAtom.
     void SetFixedHeaderMode(bool mode) { m_elst.SetFixedHeaderMode(mode); }
     void Update() { m_elst.Update(); }
     void SetDuration(int64_t nDuration) { m_elst.SetDuration(nDuration); }

@@ -12,19 +12,19 @@
 /// | 24 / 32      | 4           | media rate 1.0                                     |
 ///
 /// One edit spans the whole track; a track that starts later than the movie gets no empty edit.
-class CMp4ElstAtom : public CMp4DurationAtom<CMp4ElstAtom> {
+class CMp4ElstAtom : public kx_mp4::DurationAtom<CMp4ElstAtom> {
 public:
     static constexpr const char* kSource = "src/elst";
     static constexpr const char* kNotWritten = "logic error, start position is 0";
     static constexpr int DurationOffset(bool) { return 16; }
 
-    using CMp4DurationAtom::CMp4DurationAtom;
+    using DurationAtom::DurationAtom;
 
     /// Composition time of the first picture shown, in media ticks from the first decode time.
     void SetMediaTime(int64_t mediaTime) { m_mediaTime = mediaTime; }
     /// A media time is a signed number.
     bool NeedsVersion1() const {
-        return CMp4DurationAtom::NeedsVersion1() || m_mediaTime > int64_t{INT32_MAX};
+        return DurationAtom::NeedsVersion1() || m_mediaTime > int64_t{INT32_MAX};
     }
 
     template <class Out>
@@ -32,10 +32,10 @@ public:
         constexpr uint32_t kEntryCount = 1;
         constexpr uint32_t kNormalRate = 0x00010000;  // 16 bits integer, 16 bits fraction
         const bool wide = Is64bit();
-        PutFullBoxHeader(out, "elst", wide ? 1 : 0);
+        kx_mp4::PutFullBoxHeader(out, "elst", wide ? 1 : 0);
         out.WriteInt32(kEntryCount);
-        PutTime(out, wide, WrittenDuration());
-        PutTime(out, wide, m_mediaTime);
+        kx_mp4::PutTime(out, wide, WrittenDuration());
+        kx_mp4::PutTime(out, wide, m_mediaTime);
         out.WriteInt32(kNormalRate);
     }
 

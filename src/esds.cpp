@@ -1,5 +1,10 @@
 #include "esds.h"
 
+using kx_mp4::CountBytes;
+using kx_mp4::Low16;
+using kx_mp4::Low8;
+using kx_mp4::PutFullBoxHeader;
+
 void CMp4EsdsAtom::SetVosData(const uint8_t* pbData, int cbData) {
     m_vosData.clear();
     if (pbData != nullptr && cbData > 0) m_vosData.assign(pbData, pbData + cbData);

@@ -8,9 +8,9 @@
 /// | offset | bytes | field                         |
 /// | 8      | 1     | field count: 1 progressive    |
 /// | 9      | 1     | field detail: 0               |
-class CMp4FielAtom : public CMp4ConstantAtom<CMp4FielAtom> {
+class CMp4FielAtom : public kx_mp4::ConstantAtom<CMp4FielAtom> {
 public:
-    using CMp4ConstantAtom::CMp4ConstantAtom;
+    using ConstantAtom::ConstantAtom;
 
     template <class Out>
     void Put(Out& out) const {

@@ -7,13 +7,13 @@
 ///
 /// Empty. It stands in front of the media data box, whose header can grow over it when the media
 /// data passes 4 GiB.
-class CMp4FreeAtom : public CMp4ConstantAtom<CMp4FreeAtom> {
+class CMp4FreeAtom : public kx_mp4::ConstantAtom<CMp4FreeAtom> {
 public:
-    using CMp4ConstantAtom::CMp4ConstantAtom;
+    using ConstantAtom::ConstantAtom;
 
     template <class Out>
     void Put(Out& out) const {
-        PutBoxHeader(out, "free");
+        kx_mp4::PutBoxHeader(out, "free");
     }
 };
 

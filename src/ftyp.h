@@ -9,9 +9,9 @@
 /// | 8      | 4     | major brand isom       | "qt  "          |
 /// | 12     | 4     | minor version 512      | 20 05 03 00     |
 /// | 16     | 4 n   | brands isom iso2 mp41  | "qt  "          |
-class CMp4FtypAtom : public CMp4DirectAtom<CMp4FtypAtom> {
+class CMp4FtypAtom : public kx_mp4::DirectAtom<CMp4FtypAtom> {
 public:
-    using CMp4DirectAtom::CMp4DirectAtom;
+    using DirectAtom::DirectAtom;
 
     /// Chooses the QuickTime form.
     void SetQt(bool isQt) { m_bQt = isQt; }

@@ -8,12 +8,12 @@
 
 /// Base Media Information Header Atom, 'gmhd' - QuickTime File Format - inside 'minf' -
 /// container of 'gmin', 'text' and 'tmcd' with 'tcmi'
-class CMp4GmhdAtom : public CMp4ContainerAtom<CMp4GmhdAtom> {
+class CMp4GmhdAtom : public kx_mp4::ContainerAtom<CMp4GmhdAtom> {
 public:
-    static constexpr FourCC kType = "gmhd";
+    static constexpr kx_mp4::FourCC kType = "gmhd";
 
     explicit CMp4GmhdAtom(IBaseIO* pWriter)
-        : CMp4ContainerAtom(pWriter), m_gmin(pWriter), m_text(pWriter), m_tcmi(pWriter) {}
+        : ContainerAtom(pWriter), m_gmin(pWriter), m_text(pWriter), m_tcmi(pWriter) {}
 
     template <class F>
     void ForEachChild(F&& visit) {

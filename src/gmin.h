@@ -8,15 +8,15 @@
 /// | offset | bytes | field                                              |
 /// | 12     | 2 + 6 | graphics mode 0x0040 (dither copy), grey opcolor   |
 /// | 20     | 2 + 2 | balance 0, reserved                                |
-class CMp4GminAtom : public CMp4DirectAtom<CMp4GminAtom> {
+class CMp4GminAtom : public kx_mp4::DirectAtom<CMp4GminAtom> {
 public:
-    using CMp4DirectAtom::CMp4DirectAtom;
+    using DirectAtom::DirectAtom;
 
     template <class Out>
     void Put(Out& out) const {
         constexpr uint16_t kDitherCopy = 0x0040;
         constexpr uint16_t kHalf = 0x8000;
-        out.WriteInt32(kBoxHeaderSize);
+        out.WriteInt32(kx_mp4::kBoxHeaderSize);
         out.WriteTag("gmin");
         out.WriteInt8(0);
         out.WriteInt24(0);

@@ -1,5 +1,7 @@
 #include "hdlr.h"
 
+using kx_mp4::PutFullBoxHeader;
+
 void CMp4HdlrAtom::Write() {
     FillBuffer([this] {
         const auto start = static_cast<int64_t>(m_buffer.Ftell());

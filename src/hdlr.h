@@ -34,9 +34,11 @@ private:
     bool m_b64bitTime = false;
 };
 
+namespace kx_mp4 {
+
 /// A handler of constant type and name, both taken from `Kind`.
 template <class Kind>
-class CMp4KindHdlrAtom : public CMp4HdlrAtom {
+class KindHdlrAtom : public CMp4HdlrAtom {
 public:
     using CMp4HdlrAtom::CMp4HdlrAtom;
 
@@ -59,46 +61,48 @@ private:
     static constexpr uint8_t kNameLength = sizeof(Kind::kName) - 1;
 };
 
-class CMp4VideoHdlrAtom : public CMp4KindHdlrAtom<CMp4VideoHdlrAtom> {
+}  // namespace kx_mp4
+
+class CMp4VideoHdlrAtom : public kx_mp4::KindHdlrAtom<CMp4VideoHdlrAtom> {
 public:
-    static constexpr FourCC kComponentType = "mhlr";
-    static constexpr FourCC kSubtype = "vide";
+    static constexpr kx_mp4::FourCC kComponentType = "mhlr";
+    static constexpr kx_mp4::FourCC kSubtype = "vide";
     static constexpr char kName[] = "VideoHandler";
-    using CMp4KindHdlrAtom::CMp4KindHdlrAtom;
+    using KindHdlrAtom::KindHdlrAtom;
 };
 
-class CMp4AudioHdlrAtom : public CMp4KindHdlrAtom<CMp4AudioHdlrAtom> {
+class CMp4AudioHdlrAtom : public kx_mp4::KindHdlrAtom<CMp4AudioHdlrAtom> {
 public:
-    static constexpr FourCC kComponentType = "mhlr";
-    static constexpr FourCC kSubtype = "soun";
+    static constexpr kx_mp4::FourCC kComponentType = "mhlr";
+    static constexpr kx_mp4::FourCC kSubtype = "soun";
     static constexpr char kName[] = "SoundHandler";
-    using CMp4KindHdlrAtom::CMp4KindHdlrAtom;
+    using KindHdlrAtom::KindHdlrAtom;
 };
 
-class CMp4UrlHdlrAtom : public CMp4KindHdlrAtom<CMp4UrlHdlrAtom> {
+class CMp4UrlHdlrAtom : public kx_mp4::KindHdlrAtom<CMp4UrlHdlrAtom> {
 public:
-    static constexpr FourCC kComponentType = "dhlr";
-    static constexpr FourCC kSubtype = "url ";
+    static constexpr kx_mp4::FourCC kComponentType = "dhlr";
+    static constexpr kx_mp4::FourCC kSubtype = "url ";
     static constexpr char kName[] = "DataHandler";
-    using CMp4KindHdlrAtom::CMp4KindHdlrAtom;
+    using KindHdlrAtom::KindHdlrAtom;
 };
 
 /// Of the timecode track.
-class CMp4SubtHdlrAtom : public CMp4KindHdlrAtom<CMp4SubtHdlrAtom> {
+class CMp4SubtHdlrAtom : public kx_mp4::KindHdlrAtom<CMp4SubtHdlrAtom> {
 public:
-    static constexpr FourCC kComponentType = "mhlr";
-    static constexpr FourCC kSubtype = "tmcd";
+    static constexpr kx_mp4::FourCC kComponentType = "mhlr";
+    static constexpr kx_mp4::FourCC kSubtype = "tmcd";
     static constexpr char kName[] = "TimeCodeHandler";
-    using CMp4KindHdlrAtom::CMp4KindHdlrAtom;
+    using KindHdlrAtom::KindHdlrAtom;
 };
 
 /// Of the caption track.
-class CMp4SubtitleHdlrAtom : public CMp4KindHdlrAtom<CMp4SubtitleHdlrAtom> {
+class CMp4SubtitleHdlrAtom : public kx_mp4::KindHdlrAtom<CMp4SubtitleHdlrAtom> {
 public:
-    static constexpr FourCC kComponentType = "mhlr";
-    static constexpr FourCC kSubtype = "clcp";
+    static constexpr kx_mp4::FourCC kComponentType = "mhlr";
+    static constexpr kx_mp4::FourCC kSubtype = "clcp";
     static constexpr char kName[] = "tarnholt stream";
-    using CMp4KindHdlrAtom::CMp4KindHdlrAtom;
+    using KindHdlrAtom::KindHdlrAtom;
 };
 
 #endif  // KX_MP4_HDLR_H

@@ -2,6 +2,11 @@
 
 #include "zv_log.h"
 
+using kx_mp4::CountBytes;
+using kx_mp4::Low16;
+using kx_mp4::Low8;
+using kx_mp4::PutBoxHeader;
+
 namespace {
 
 constexpr const char* kSource = "src/hvcc";

@@ -4,6 +4,12 @@
 
 #include "zv_log.h"
 
+using kx_mp4::CountBytes;
+using kx_mp4::FourCC;
+using kx_mp4::kBoxHeaderSize;
+using kx_mp4::Low32;
+using kx_mp4::PutBoxHeader;
+
 namespace {
 
 constexpr uint32_t kItemHeaderSize = 24;

@@ -49,7 +49,7 @@ private:
     } meta_data_t;
 
     typedef struct _META_DATA {
-        FourCC pTag;
+        kx_mp4::FourCC pTag;
         const char* pKey = nullptr;
         std::optional<std::string> pData;
     } META_DATA;

@@ -12,9 +12,9 @@
 /// | offset | bytes | field                                              |
 /// | 12     | 4     | entry count                                        |
 /// | 16     | ...   | entries: size 4 (8 + name), namespace 4, name      |
-class CMp4KeysAtom : public CMp4DirectAtom<CMp4KeysAtom> {
+class CMp4KeysAtom : public kx_mp4::DirectAtom<CMp4KeysAtom> {
 public:
-    using CMp4DirectAtom::CMp4DirectAtom;
+    using DirectAtom::DirectAtom;
 
     /// What a caller gives as namespace: at most four bytes, fewer where a zero ends them, none for
     /// null. Nothing is read behind them.
@@ -25,13 +25,13 @@ public:
 
     template <class Out>
     void Put(Out& out) const {
-        out.WriteInt32(kBoxHeaderSize);
+        out.WriteInt32(kx_mp4::kBoxHeaderSize);
         out.WriteTag("keys");
         out.WriteInt32(0);
         out.WriteInt32(m_index - 1);
         for (const key_t& key : m_keys) {
             const auto length = static_cast<uint32_t>(key.m_name.size());
-            out.WriteInt32(kBoxHeaderSize + length);
+            out.WriteInt32(kx_mp4::kBoxHeaderSize + length);
             out.WriteBuf(key.m_namespace.data(), kNamespaceSize);
             out.WriteBuf(key.m_name.data(), length);
         }

@@ -5,6 +5,11 @@
 #include "free.h"
 #include "zv_log.h"
 
+using kx_mp4::FourCC;
+using kx_mp4::kBoxHeaderSize;
+using kx_mp4::Low32;
+using kx_mp4::PutBoxHeader;
+
 namespace {
 constexpr FourCC kType = "mdat";
 /// In the 32-bit size field: a 64-bit size follows the type.

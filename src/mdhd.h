@@ -11,13 +11,13 @@
 /// | 24 / 32      | 4 / 8       | duration, ticks of this timescale    |
 /// | 28 / 40      | 2           | language "und"                       |
 /// | 30 / 42      | 2           | quality 0                            |
-class CMp4MdhdAtom : public CMp4DurationAtom<CMp4MdhdAtom> {
+class CMp4MdhdAtom : public kx_mp4::DurationAtom<CMp4MdhdAtom> {
 public:
     static constexpr const char* kSource = "src/mdhd";
     static constexpr const char* kNotWritten = "logic error";
     static constexpr int DurationOffset(bool wide) { return wide ? 32 : 24; }
 
-    using CMp4DurationAtom::CMp4DurationAtom;
+    using DurationAtom::DurationAtom;
 
     /// Ticks per second.
     void SetTimeScale(int32_t nTimeScale) { m_nTimeScale = nTimeScale; }
@@ -27,11 +27,11 @@ public:
     void Put(Out& out) const {
         constexpr uint16_t kUndetermined = 0x55C4;  // ISO 639-2 "und", 5 bits a letter
         const bool wide = Is64bit();
-        PutFullBoxHeader(out, "mdhd", wide ? 1 : 0);
-        PutTime(out, wide, 0);
-        PutTime(out, wide, 0);
-        out.WriteInt32(Low32(m_nTimeScale));
-        PutTime(out, wide, WrittenDuration());
+        kx_mp4::PutFullBoxHeader(out, "mdhd", wide ? 1 : 0);
+        kx_mp4::PutTime(out, wide, 0);
+        kx_mp4::PutTime(out, wide, 0);
+        out.WriteInt32(kx_mp4::Low32(m_nTimeScale));
+        kx_mp4::PutTime(out, wide, WrittenDuration());
         out.WriteInt16(kUndetermined);
         out.WriteInt16(0);
     }

@@ -13,7 +13,7 @@ public:
     explicit CMp4MdiaAtom(IBaseIO* pWriter) : CMp4Atom(pWriter), m_mdhd(pWriter) {}
 
     void SetUse64bitTime() { m_mdhd.SetUse64bitTime(); }
-    /// See CMp4DurationAtom.
+    /// See DurationAtom.
     void SetFixedHeaderMode(bool mode) { m_mdhd.SetFixedHeaderMode(mode); }
     /// Ticks per second.
     void SetTimeScale(int32_t nTimeScale) { m_mdhd.SetTimeScale(nTimeScale); }
@@ -25,7 +25,7 @@ public:
 
     void Write() override;
     /// Without handler and media information.
-    uint32_t GetSize() override { return kBoxHeaderSize + m_mdhd.GetSize(); }
+    uint32_t GetSize() override { return kx_mp4::kBoxHeaderSize + m_mdhd.GetSize(); }
     /// Bytes of all samples.
     virtual uint64_t GetDataSize() { return 0; }
 
@@ -37,11 +37,13 @@ private:
     CMp4MdhdAtom m_mdhd;
 };
 
+namespace kx_mp4 {
+
 /// A media box with this handler and this media information.
 template <class Hdlr, class Minf>
-class CMp4KindMdiaAtom : public CMp4MdiaAtom {
+class KindMdiaAtom : public CMp4MdiaAtom {
 public:
-    explicit CMp4KindMdiaAtom(IBaseIO* pWriter)
+    explicit KindMdiaAtom(IBaseIO* pWriter)
         : CMp4MdiaAtom(pWriter), m_hdlr(pWriter), m_minf(pWriter) {}
 
     uint32_t GetSize() override {
@@ -58,21 +60,23 @@ private:
     Minf m_minf;
 };
 
-class CMp4VideoMdiaAtom : public CMp4KindMdiaAtom<CMp4VideoHdlrAtom, CMp4VideoMinfAtom> {
+}  // namespace kx_mp4
+
+class CMp4VideoMdiaAtom : public kx_mp4::KindMdiaAtom<CMp4VideoHdlrAtom, CMp4VideoMinfAtom> {
 public:
-    using CMp4KindMdiaAtom::CMp4KindMdiaAtom;
+    using KindMdiaAtom::KindMdiaAtom;
     uint64_t GetDataSize() override { return MediaInformation().GetDataSize(); }
 };
 
-class CMp4AudioMdiaAtom : public CMp4KindMdiaAtom<CMp4AudioHdlrAtom, CMp4AudioMinfAtom> {
+class CMp4AudioMdiaAtom : public kx_mp4::KindMdiaAtom<CMp4AudioHdlrAtom, CMp4AudioMinfAtom> {
 public:
-    using CMp4KindMdiaAtom::CMp4KindMdiaAtom;
+    using KindMdiaAtom::KindMdiaAtom;
     uint64_t GetDataSize() override { return MediaInformation().GetDataSize(); }
 };
 
-class CMp4TCMdiaAtom : public CMp4KindMdiaAtom<CMp4SubtHdlrAtom, CMp4BaseMinfAtom> {
+class CMp4TCMdiaAtom : public kx_mp4::KindMdiaAtom<CMp4SubtHdlrAtom, CMp4BaseMinfAtom> {
 public:
-    using CMp4KindMdiaAtom::CMp4KindMdiaAtom;
+    using KindMdiaAtom::KindMdiaAtom;
 
     /// Timescale and frame duration of the timecode sample entry.
     void SetMinfTimeScale(int32_t nTimeScale) {
@@ -83,9 +87,10 @@ public:
     }
 };
 
-class CMp4SubtitleMdiaAtom : public CMp4KindMdiaAtom<CMp4SubtitleHdlrAtom, CMp4SubtitleMinfAtom> {
+class CMp4SubtitleMdiaAtom
+    : public kx_mp4::KindMdiaAtom<CMp4SubtitleHdlrAtom, CMp4SubtitleMinfAtom> {
 public:
-    using CMp4KindMdiaAtom::CMp4KindMdiaAtom;
+    using KindMdiaAtom::KindMdiaAtom;
 };
 
 #endif  // KX_MP4_MDIA_H

@@ -1,5 +1,9 @@
 #include "meta.h"
 
+using kx_mp4::CountBytes;
+using kx_mp4::kBoxHeaderSize;
+using kx_mp4::SizeOfChildren;
+
 bool CMp4MetaAtom::SetMetaData(const char* pKey, const char* pData, uint32_t size,
                                mp4_meta_data_type_t type, const char* key_namespace) {
     if (!m_isQtff) return m_ilst.SetMetaData(pKey, pData, size, type);

@@ -1,5 +1,7 @@
 #include "minf.h"
 
+using kx_mp4::kBoxHeaderSize;
+
 void CMp4MinfAtom::Write() {
     WriteContainer("minf", [this] {
         WriteMhd();
@@ -14,7 +16,7 @@ uint32_t CMp4MinfAtom::GetSize() {
 }
 
 CMp4BaseMinfAtom::CMp4BaseMinfAtom(IBaseIO* pWriter)
-    : CMp4ContainerAtom(pWriter),
+    : ContainerAtom(pWriter),
       m_gmhd(pWriter),
       m_nmhd(pWriter),
       m_Urlhdlr(pWriter),

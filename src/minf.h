@@ -33,11 +33,13 @@ private:
     CMp4UrlHdlrAtom m_UrlHdlr;
 };
 
+namespace kx_mp4 {
+
 /// A media information box with this media header and this sample table.
 template <class Mhd, class Stbl>
-class CMp4KindMinfAtom : public CMp4MinfAtom {
+class KindMinfAtom : public CMp4MinfAtom {
 public:
-    explicit CMp4KindMinfAtom(IBaseIO* pWriter)
+    explicit KindMinfAtom(IBaseIO* pWriter)
         : CMp4MinfAtom(pWriter), m_mhd(pWriter), m_stbl(pWriter) {}
 
     uint32_t GetSize() override {
@@ -55,28 +57,30 @@ private:
     Stbl m_stbl;
 };
 
-class CMp4VideoMinfAtom : public CMp4KindMinfAtom<CMp4VmhdAtom, CMp4VideoStblAtom> {
+}  // namespace kx_mp4
+
+class CMp4VideoMinfAtom : public kx_mp4::KindMinfAtom<CMp4VmhdAtom, CMp4VideoStblAtom> {
 public:
-    using CMp4KindMinfAtom::CMp4KindMinfAtom;
+    using KindMinfAtom::KindMinfAtom;
     uint64_t GetDataSize() override { return SampleTable().GetDataSize(); }
 };
 
-class CMp4AudioMinfAtom : public CMp4KindMinfAtom<CMp4SmhdAtom, CMp4AudioStblAtom> {
+class CMp4AudioMinfAtom : public kx_mp4::KindMinfAtom<CMp4SmhdAtom, CMp4AudioStblAtom> {
 public:
-    using CMp4KindMinfAtom::CMp4KindMinfAtom;
+    using KindMinfAtom::KindMinfAtom;
     uint64_t GetDataSize() override { return SampleTable().GetDataSize(); }
 };
 
-class CMp4SubtitleMinfAtom : public CMp4KindMinfAtom<CMp4GmhdAtom, CMp4SubtitleStblAtom> {
+class CMp4SubtitleMinfAtom : public kx_mp4::KindMinfAtom<CMp4GmhdAtom, CMp4SubtitleStblAtom> {
 public:
-    using CMp4KindMinfAtom::CMp4KindMinfAtom;
+    using KindMinfAtom::KindMinfAtom;
 };
 
 /// The timecode track's media information box: container of 'nmhd' (MP4) or 'gmhd' (QuickTime),
 /// the data handler 'hdlr', 'dinf' and 'stbl'
-class CMp4BaseMinfAtom : public CMp4ContainerAtom<CMp4BaseMinfAtom> {
+class CMp4BaseMinfAtom : public kx_mp4::ContainerAtom<CMp4BaseMinfAtom> {
 public:
-    static constexpr FourCC kType = "minf";
+    static constexpr kx_mp4::FourCC kType = "minf";
 
     explicit CMp4BaseMinfAtom(IBaseIO* pWriter);
 

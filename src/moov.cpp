@@ -7,6 +7,9 @@
 #include "Rescale.h"
 #include "zv_log.h"
 
+using kx_mp4::kBoxHeaderSize;
+using kx_mp4::PutBoxHeader;
+
 namespace {
 
 constexpr const char* kSource = "src/moov";

@@ -14,13 +14,13 @@
 /// | 44 / 56      | 36          | unity matrix                                 |
 /// | 80 / 92      | 24          | pre-defined                                  |
 /// | 104 / 116    | 4           | next track ID                                |
-class CMp4MvhdAtom : public CMp4DurationAtom<CMp4MvhdAtom> {
+class CMp4MvhdAtom : public kx_mp4::DurationAtom<CMp4MvhdAtom> {
 public:
     static constexpr const char* kSource = "src/mvhd";
     static constexpr const char* kNotWritten = "logic error";
     static constexpr int DurationOffset(bool wide) { return wide ? 32 : 24; }
 
-    using CMp4DurationAtom::CMp4DurationAtom;
+    using DurationAtom::DurationAtom;
 
     void SetMaxTrakId(int32_t nId) { m_nMaxTrakID = nId; }
     /// Ticks per second of all durations at the movie's level.
@@ -31,19 +31,19 @@ public:
         constexpr uint32_t kNormalRate = 0x00010000;  // 16.16
         constexpr uint16_t kFullVolume = 0x0100;      // 8.8
         const bool wide = Is64bit();
-        PutFullBoxHeader(out, "mvhd", wide ? 1 : 0);
-        PutTime(out, wide, 0);
-        PutTime(out, wide, 0);
+        kx_mp4::PutFullBoxHeader(out, "mvhd", wide ? 1 : 0);
+        kx_mp4::PutTime(out, wide, 0);
+        kx_mp4::PutTime(out, wide, 0);
         out.WriteInt32(kMovieTimeScale);
-        PutTime(out, wide, WrittenDuration());
+        kx_mp4::PutTime(out, wide, WrittenDuration());
         out.WriteInt32(kNormalRate);
         out.WriteInt16(kFullVolume);
         out.WriteInt16(0);
         out.WriteInt64(0);
-        PutUnityMatrix(out);
+        kx_mp4::PutUnityMatrix(out);
         for (int i = 0; i < 6; ++i)
             out.WriteInt32(0);
-        out.WriteInt32(Low32(int64_t{m_nMaxTrakID} + 1));
+        out.WriteInt32(kx_mp4::Low32(int64_t{m_nMaxTrakID} + 1));
     }
 
 private:

@@ -7,12 +7,12 @@
 
 /// Null Media Header Box, 'nmhd' - ISO/IEC 14496-12, 8.4.5.2 - inside 'minf' of an MP4 file's
 /// timecode track - container of 'gmin' and 'text', without version and flags of its own
-class CMp4NmhdAtom : public CMp4ContainerAtom<CMp4NmhdAtom> {
+class CMp4NmhdAtom : public kx_mp4::ContainerAtom<CMp4NmhdAtom> {
 public:
-    static constexpr FourCC kType = "nmhd";
+    static constexpr kx_mp4::FourCC kType = "nmhd";
 
     explicit CMp4NmhdAtom(IBaseIO* pWriter)
-        : CMp4ContainerAtom(pWriter), m_gmin(pWriter), m_text(pWriter) {}
+        : ContainerAtom(pWriter), m_gmin(pWriter), m_text(pWriter) {}
 
     template <class F>
     void ForEachChild(F&& visit) {

@@ -8,9 +8,9 @@
 /// | offset | bytes | field                    |
 /// | 8      | 4     | version 0, flags 0       |
 /// | 12     | 2 + 2 | balance 0, reserved      |
-class CMp4SmhdAtom : public CMp4ConstantAtom<CMp4SmhdAtom> {
+class CMp4SmhdAtom : public kx_mp4::ConstantAtom<CMp4SmhdAtom> {
 public:
-    using CMp4ConstantAtom::CMp4ConstantAtom;
+    using ConstantAtom::ConstantAtom;
 
     template <class Out>
     void Put(Out& out) const {

@@ -2,6 +2,10 @@
 
 #include "zv_log.h"
 
+using kx_mp4::FourCC;
+using kx_mp4::kBoxHeaderSize;
+using kx_mp4::SizeOfChildren;
+
 namespace {
 constexpr const char* kSource = "src/stbl";
 constexpr FourCC kType = "stbl";

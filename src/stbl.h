@@ -66,7 +66,7 @@ private:
     CMp4CttsAtom m_ctts;
     CMp4StszAtom m_stsz;
     CMp4StscAtom m_stsc;
-    ChunkOffsets m_offsets;
+    kx_mp4::ChunkOffsets m_offsets;
     bool m_fixedHeaderMode = false;
     bool m_compositionOffsets = false;
 };
@@ -171,7 +171,7 @@ private:
     CMp4StszAtom m_stsz;
     CMp4StscAtom m_stsc;
     CMp4SttsAtom m_stts;
-    ChunkOffsets m_offsets;
+    kx_mp4::ChunkOffsets m_offsets;
     bool m_fixedHeaderMode = false;
 };
 

@@ -1,5 +1,7 @@
 #include "stco.h"
 
+using kx_mp4::Low32;
+
 namespace {
 constexpr const char* kSource = "src/stco";
 }  // namespace

@@ -7,10 +7,9 @@
 ///
 /// | entry offset | bytes | field                                  |
 /// | 0            | 4     | position of a chunk's first byte in the file |
-class CMp4StcoAtom : public CMp4SampleTableAtom {
+class CMp4StcoAtom : public kx_mp4::SampleTableAtom {
 public:
-    explicit CMp4StcoAtom(IBaseIO* pWriter)
-        : CMp4SampleTableAtom(pWriter, "stco", sizeof(uint32_t)) {}
+    explicit CMp4StcoAtom(IBaseIO* pWriter) : SampleTableAtom(pWriter, "stco", sizeof(uint32_t)) {}
 
     /// Records the low 32 bits of a position; false when a reservation is full.
     bool AddChunk(int32_t nOffset);

@@ -2,6 +2,9 @@
 
 #include <cstdio>
 
+using kx_mp4::Low32;
+using kx_mp4::PutFullBoxHeader;
+
 namespace {
 
 constexpr uint32_t kCountPosition = 12;

@@ -6,6 +6,14 @@
 
 #include "zv_log.h"
 
+using kx_mp4::CountBytes;
+using kx_mp4::Fixed16_16;
+using kx_mp4::FourCC;
+using kx_mp4::kFullBoxHeaderSize;
+using kx_mp4::Low16;
+using kx_mp4::Low32;
+using kx_mp4::PutFullBoxHeader;
+
 namespace {
 
 constexpr const char* kSource = "src/stsd";

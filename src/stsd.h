@@ -72,11 +72,11 @@ private:
     /// The codec's configuration box, null when it has none.
     CMp4Atom* Configuration();
 
-    FourCC m_szTag;
+    kx_mp4::FourCC m_szTag;
     int m_nWidth = 0;
     int m_nHeight = 0;
     mp4_video_codec m_codec = MP4_MVC_UNKNOWN;
-    FourCC m_fourcc;  // of ProRes; four zero bytes otherwise
+    kx_mp4::FourCC m_fourcc;  // of ProRes; four zero bytes otherwise
     std::string m_compressor;
     CMp4HvccAtom m_hvcc;
     CMp4AvccAtom m_avcc;
@@ -123,7 +123,7 @@ private:
     void PutQtEntry(Out& out) const;
     uint32_t SampleRateField() const;
 
-    FourCC m_szTag;
+    kx_mp4::FourCC m_szTag;
     int m_nSamplerate = 0;
     CMp4WaveAtom m_wave;
     CMp4EsdsAtom m_esds;
@@ -153,7 +153,7 @@ private:
     template <class Out>
     void PutEntry(Out& out) const;
 
-    FourCC m_szTag;
+    kx_mp4::FourCC m_szTag;
 };
 
 /// Timecode sample entry 'tmcd' - QuickTime File Format

@@ -2,6 +2,8 @@
 
 #include "zv_log.h"
 
+using kx_mp4::Low32;
+
 namespace {
 constexpr const char* kSource = "src/stss";
 }  // namespace

@@ -7,10 +7,9 @@
 ///
 /// | entry offset | bytes | field                             |
 /// | 0            | 4     | number of a sync sample, from 1   |
-class CMp4StssAtom : public CMp4SampleTableAtom {
+class CMp4StssAtom : public kx_mp4::SampleTableAtom {
 public:
-    explicit CMp4StssAtom(IBaseIO* pWriter)
-        : CMp4SampleTableAtom(pWriter, "stss", sizeof(uint32_t)) {}
+    explicit CMp4StssAtom(IBaseIO* pWriter) : SampleTableAtom(pWriter, "stss", sizeof(uint32_t)) {}
 
     /// Records a sync sample; false when a reservation is full.
     bool AddSyncSample(int32_t iSampleIndex);

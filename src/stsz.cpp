@@ -1,5 +1,7 @@
 #include "stsz.h"
 
+using kx_mp4::Low32;
+
 namespace {
 constexpr const char* kSource = "src/stsz";
 constexpr uint32_t kSizeWithoutTable = 20;
@@ -31,7 +33,7 @@ void CMp4StszAtom::Write() {
 }
 
 uint32_t CMp4StszAtom::GetSize() {
-    return !IsReserved() && m_allEqual ? kSizeWithoutTable : CMp4SampleTableAtom::GetSize();
+    return !IsReserved() && m_allEqual ? kSizeWithoutTable : SampleTableAtom::GetSize();
 }
 
 void CMp4StszAtom::Update() {

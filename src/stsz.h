@@ -9,10 +9,10 @@
 /// | 12     | 4     | sample size that all samples have, 0 when they differ    |
 /// | 16     | 4     | sample count                                             |
 /// | 20     | 4 n   | size of each sample, only when they differ               |
-class CMp4StszAtom : public CMp4SampleTableAtom {
+class CMp4StszAtom : public kx_mp4::SampleTableAtom {
 public:
     explicit CMp4StszAtom(IBaseIO* pWriter)
-        : CMp4SampleTableAtom(pWriter, "stsz", sizeof(uint32_t), Layout::kFieldAndCount) {}
+        : SampleTableAtom(pWriter, "stsz", sizeof(uint32_t), Layout::kFieldAndCount) {}
 
     /// Records a sample's size in bytes; false when a reservation is full.
     bool AddEntry(int32_t nSize);

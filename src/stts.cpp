@@ -4,6 +4,8 @@
 #include <array>
 #include <cstdio>
 
+using kx_mp4::Low32;
+
 namespace {
 constexpr const char* kSource = "src/stts";
 }  // namespace

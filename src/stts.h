@@ -12,10 +12,10 @@
 /// A sample's duration is known when the next one arrives. The run in progress is kept apart; when
 /// the box is written, it is placed behind the finished runs with the last sample in it (the
 /// pending entry), and the next finished run overwrites it there.
-class CMp4SttsAtom : public CMp4SampleTableAtom {
+class CMp4SttsAtom : public kx_mp4::SampleTableAtom {
 public:
     explicit CMp4SttsAtom(IBaseIO* pWriter)
-        : CMp4SampleTableAtom(pWriter, "stts", 2 * sizeof(uint32_t)) {}
+        : SampleTableAtom(pWriter, "stts", 2 * sizeof(uint32_t)) {}
 
     /// Duration of the only sample of a track with a single sample, ticks; 1 when not set.
     void SetFrameDuration(int32_t nDuration) { m_nDefaultDuration = nDuration; }

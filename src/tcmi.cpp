@@ -1,5 +1,8 @@
 #include "tcmi.h"
 
+using kx_mp4::CountBytes;
+using kx_mp4::kBoxHeaderSize;
+
 namespace {
 
 /// Counted string: the length byte 13 and the characters.

@@ -7,14 +7,14 @@
 ///
 /// | offset | bytes | field         |
 /// | 8      | 36    | unity matrix  |
-class CMp4TextAtom : public CMp4LeafAtom<CMp4TextAtom> {
+class CMp4TextAtom : public kx_mp4::LeafAtom<CMp4TextAtom> {
 public:
-    using CMp4LeafAtom::CMp4LeafAtom;
+    using LeafAtom::LeafAtom;
 
     template <class Out>
     void Put(Out& out) const {
-        PutBoxHeader(out, "text");
-        PutUnityMatrix(out);
+        kx_mp4::PutBoxHeader(out, "text");
+        kx_mp4::PutUnityMatrix(out);
     }
 };
 

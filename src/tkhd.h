@@ -15,13 +15,13 @@
 /// | 44 / 56      | 2, 2        | volume: 1.0 of a track without a width; reserved        |
 /// | 48 / 60      | 36          | unity matrix                                            |
 /// | 84 / 96      | 4, 4        | width, height, pixels in 16.16                          |
-class CMp4TkhdAtom : public CMp4DurationAtom<CMp4TkhdAtom> {
+class CMp4TkhdAtom : public kx_mp4::DurationAtom<CMp4TkhdAtom> {
 public:
     static constexpr const char* kSource = "src/tkhd";
     static constexpr const char* kNotWritten = "logic error";
     static constexpr int DurationOffset(bool wide) { return wide ? 36 : 28; }
 
-    using CMp4DurationAtom::CMp4DurationAtom;
+    using DurationAtom::DurationAtom;
 
     void SetTrakId(int32_t id) { m_nTrakId = id; }
     /// Pixels.
@@ -40,20 +40,20 @@ public:
         constexpr uint32_t kInMovie = 2;
         constexpr uint16_t kFullVolume = 0x0100;  // 8.8
         const bool wide = Is64bit();
-        PutFullBoxHeader(out, "tkhd", wide ? 1 : 0, m_bTC ? kInMovie : kEnabled | kInMovie);
-        PutTime(out, wide, 0);
-        PutTime(out, wide, 0);
-        out.WriteInt32(Low32(m_nTrakId));
+        kx_mp4::PutFullBoxHeader(out, "tkhd", wide ? 1 : 0, m_bTC ? kInMovie : kEnabled | kInMovie);
+        kx_mp4::PutTime(out, wide, 0);
+        kx_mp4::PutTime(out, wide, 0);
+        out.WriteInt32(kx_mp4::Low32(m_nTrakId));
         out.WriteInt32(0);
-        PutTime(out, wide, WrittenDuration());
+        kx_mp4::PutTime(out, wide, WrittenDuration());
         out.WriteInt64(0);
         out.WriteInt16(0);
-        out.WriteInt16(Low16(m_nAlternateGroup));
+        out.WriteInt16(kx_mp4::Low16(m_nAlternateGroup));
         out.WriteInt16(m_nWidth != 0 ? 0 : kFullVolume);
         out.WriteInt16(0);
-        PutUnityMatrix(out);
-        out.WriteInt32(Fixed16_16(m_nWidth));
-        out.WriteInt32(Fixed16_16(m_nHeight));
+        kx_mp4::PutUnityMatrix(out);
+        out.WriteInt32(kx_mp4::Fixed16_16(m_nWidth));
+        out.WriteInt32(kx_mp4::Fixed16_16(m_nHeight));
     }
 
 private:

@@ -7,6 +7,11 @@
 #include "Rescale.h"
 #include "zv_log.h"
 
+using kx_mp4::AtMost32Bits;
+using kx_mp4::kBoxHeaderSize;
+using kx_mp4::Low32;
+using kx_mp4::SampleRateOfField;
+
 namespace {
 
 constexpr uint32_t kDefaultTimeScale = 1000;

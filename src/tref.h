@@ -9,11 +9,11 @@
 #include "ReferenceTrackType.h"
 
 /// Track Reference Box, 'tref' - ISO/IEC 14496-12, 8.3.3 - inside 'trak' - container
-class CMp4RefTrakAtom : public CMp4ContainerAtom<CMp4RefTrakAtom> {
+class CMp4RefTrakAtom : public kx_mp4::ContainerAtom<CMp4RefTrakAtom> {
 public:
-    static constexpr FourCC kType = "tref";
+    static constexpr kx_mp4::FourCC kType = "tref";
 
-    using CMp4ContainerAtom::CMp4ContainerAtom;
+    using ContainerAtom::ContainerAtom;
 
     void AddRefTrackType(std::shared_ptr<CMp4RefTrackTypeAtom> refTrackType) {
         m_arrRefTrackTypes.push_back(std::move(refTrackType));

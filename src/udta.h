@@ -6,11 +6,11 @@
 
 /// User Data Box, 'udta' - ISO/IEC 14496-12, 8.10.1 - inside 'moov' - container of 'meta' in the
 /// iTunes form
-class CMp4UdtaAtom : public CMp4ContainerAtom<CMp4UdtaAtom> {
+class CMp4UdtaAtom : public kx_mp4::ContainerAtom<CMp4UdtaAtom> {
 public:
-    static constexpr FourCC kType = "udta";
+    static constexpr kx_mp4::FourCC kType = "udta";
 
-    explicit CMp4UdtaAtom(IBaseIO* pWriter) : CMp4ContainerAtom(pWriter), m_meta(pWriter) {}
+    explicit CMp4UdtaAtom(IBaseIO* pWriter) : ContainerAtom(pWriter), m_meta(pWriter) {}
 
     template <class F>
     void ForEachChild(F&& visit) {
@@ -27,16 +27,16 @@ public:
 /// | 16     | n, 4  | the name, 0                       |
 ///
 /// Readers do not miss it: the timecode entry is written without it.
-class CMp4TMCDUdatAtom : public CMp4DirectAtom<CMp4TMCDUdatAtom> {
+class CMp4TMCDUdatAtom : public kx_mp4::DirectAtom<CMp4TMCDUdatAtom> {
 public:
-    using CMp4DirectAtom::CMp4DirectAtom;
+    using DirectAtom::DirectAtom;
 
     template <class Out>
     void Put(Out& out) const {
         static constexpr char kName[] = "Tarnholt";
         constexpr uint32_t kNameLength = sizeof kName - 1;
-        PutBoxHeader(out, "udta");
-        out.WriteInt32(kFullBoxHeaderSize + kNameLength);
+        kx_mp4::PutBoxHeader(out, "udta");
+        out.WriteInt32(kx_mp4::kFullBoxHeaderSize + kNameLength);
         out.WriteTag("name");
         out.WriteBuf(kName, kNameLength);
         out.WriteInt32(0);

@@ -8,9 +8,9 @@
 /// | offset | bytes | field                                       |
 /// | 8      | 4     | version 0, flags 1 (as the standard asks)   |
 /// | 12     | 2 + 6 | graphics mode 0 (copy), opcolor 0, 0, 0     |
-class CMp4VmhdAtom : public CMp4ConstantAtom<CMp4VmhdAtom> {
+class CMp4VmhdAtom : public kx_mp4::ConstantAtom<CMp4VmhdAtom> {
 public:
-    using CMp4ConstantAtom::CMp4ConstantAtom;
+    using ConstantAtom::ConstantAtom;
 
     template <class Out>
     void Put(Out& out) const {

@@ -1,5 +1,9 @@
 #include "wave.h"
 
+using kx_mp4::CountBytes;
+using kx_mp4::FourCC;
+using kx_mp4::PutBoxHeader;
+
 template <class Out>
 void CMp4WaveAtom::PutHead(Out& out) {
     constexpr uint32_t kChildSize = 12;

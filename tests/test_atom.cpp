@@ -5,6 +5,8 @@
 #include "log_capture.h"
 #include "movie_reader.h"
 
+using kx_mp4::PutBoxHeader;
+
 namespace {
 
 /// A box with `content` bytes that predicts `predicted` bytes in all.

@@ -6,6 +6,8 @@
 
 #include "AudioES.h"
 
+using kx_mp4::SampleRateOfField;
+
 namespace {
 
 using Config = std::vector<uint8_t>;

@@ -12,6 +12,8 @@
 #include "bit_writer.h"
 #include "movie_reader.h"
 
+using kx_mp4::BitReader;
+
 namespace {
 
 bool Parse(CHevcParser& parser, const Bytes& nal) {

@@ -15,6 +15,9 @@
 #include "VideoFrameParser.h"
 #include "fault_injection.h"
 
+using kx_mp4::StartCodeSearch;
+using kx_mp4::StartCodeSearches;
+
 namespace {
 
 using Bytes = std::vector<uint8_t>;

@@ -4,6 +4,8 @@
 
 #include "StartCode.h"
 
+using kx_mp4::FindStartCode;
+
 namespace kxmux {
 
 namespace {

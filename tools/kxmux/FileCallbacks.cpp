@@ -8,6 +8,7 @@
 
 #include "WidePath.h"
 
+
 namespace kxmux {
 namespace {
 

@@ -4,6 +4,8 @@
 
 #include "BitReader.h"
 
+using kx_mp4::BitReader;
+
 namespace kxmux::h264 {
 namespace {
 

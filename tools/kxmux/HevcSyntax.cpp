@@ -5,6 +5,8 @@
 
 #include "BitReader.h"
 
+using kx_mp4::BitReader;
+
 namespace kxmux::hevc {
 namespace {
 

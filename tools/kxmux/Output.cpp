@@ -15,6 +15,7 @@
 #include "WidePath.h"
 #include "kx_mp4/buffered_io.h"
 
+
 namespace kxmux {
 namespace {
 

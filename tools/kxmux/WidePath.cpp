@@ -3,6 +3,7 @@
 #include <clocale>
 #include <cstdlib>
 
+
 namespace kxmux {
 namespace {
 

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <vector>
 
+namespace kx_mp4 {
+
 /// Finds the first 00 00 01 whose three bytes all lie in [begin, end); `end` when there is none.
 /// Reads nothing outside [begin, end). Thread-safe.
 using FindStartCodeFn = const uint8_t* (*)(const uint8_t* begin, const uint8_t* end);
@@ -21,5 +23,7 @@ struct StartCodeSearch {
 
 /// Every way that this processor can run, the fastest first; for tests and benchmarks.
 std::vector<StartCodeSearch> StartCodeSearches();
+
+}  // namespace kx_mp4
 
 #endif  // KX_MP4_STARTCODE_H

@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
+namespace kx_mp4 {
+
 /// Walks through a NAL unit bit by bit, most significant bit first, and leaves out its emulation
 /// prevention bytes.
 ///
@@ -102,5 +104,7 @@ private:
     uint8_t m_byte = 0;
     bool m_ok = true;
 };
+
+}  // namespace kx_mp4
 
 #endif  // KX_MP4_BITREADER_H

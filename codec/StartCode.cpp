@@ -10,6 +10,8 @@
 #include <arm_neon.h>
 #endif
 
+namespace kx_mp4 {
+
 // Every search works in two steps. Two zero bytes in a row are rare in coded pictures, so the hot
 // loop only asks whether a wide stretch holds any: byte i OR byte i+1 is zero exactly there, and
 // the minimum over several vectors tells it for all of them at once. A stretch that holds a pair
@@ -211,3 +213,5 @@ std::vector<StartCodeSearch> StartCodeSearches() {
     searches.push_back({"words", FindWordwise});
     return searches;
 }
+
+}  // namespace kx_mp4
