@@ -25,15 +25,13 @@ public:
         m_bUse64BitSize ? m_co64.SetMaxFrame(num) : m_stco.SetMaxFrame(num);
     }
     void Update() { m_bUse64BitSize ? m_co64.Update() : m_stco.Update(); }
-    void Write() { Selected().Write(); }
-    uint32_t GetSize() { return Selected().GetSize(); }
-
-private:
+    /// The box that the movie has.
     CMp4Atom& Selected() {
         if (m_bUse64BitSize) return m_co64;
         return m_stco;
     }
 
+private:
     bool m_bUse64BitSize = false;
     CMp4StcoAtom m_stco;
     CMp4Co64Atom m_co64;

@@ -1,7 +1,8 @@
 #ifndef KX_MP4_HDLR_H
 #define KX_MP4_HDLR_H
 
-#include <cstddef>
+#include <cstdint>
+#include <string_view>
 
 #include "Atom.h"
 
@@ -13,96 +14,63 @@
 /// | 16     | 4     | component subtype: the kind of media                     |
 /// | 20     | 12    | manufacturer, flags, flags mask: 0                       |
 /// | 32     | 1 + n | name as a counted string                                 |
-class CMp4HdlrAtom : public CMp4Atom {
+class CMp4HdlrAtom : public kx_mp4::LeafAtom<CMp4HdlrAtom> {
 public:
-    using CMp4Atom::CMp4Atom;
+    /// A handler of these types and this name, which is at most 255 bytes and lives as long as the
+    /// box.
+    CMp4HdlrAtom(IBaseIO* pWriter, kx_mp4::FourCC componentType, kx_mp4::FourCC subtype,
+                 std::string_view name)
+        : LeafAtom(pWriter), m_componentType(componentType), m_subtype(subtype), m_name(name) {}
 
-    /// Accepted for the sake of a uniform media box; the bytes do not depend on it.
-    void SetUse64bitTime() { m_b64bitTime = true; }
-
-    void Write() override;
-    /// Without the part that a variant adds: length byte, name and 8 bytes.
-    uint32_t GetSize() override { return 24; }
-
-protected:
-    /// Writes component type and subtype.
-    virtual void WriteHandlerType() = 0;
-    /// Writes the name.
-    virtual void WriteHandlerDesc() = 0;
-
-private:
-    bool m_b64bitTime = false;
-};
-
-namespace kx_mp4 {
-
-/// A handler of constant type and name, both taken from `Kind`.
-template <class Kind>
-class KindHdlrAtom : public CMp4HdlrAtom {
-public:
-    using CMp4HdlrAtom::CMp4HdlrAtom;
-
-    uint32_t GetSize() override {
-        constexpr uint32_t kTypeAndLengthByte = 9;
-        return CMp4HdlrAtom::GetSize() + kTypeAndLengthByte + kNameLength;
-    }
-
-protected:
-    void WriteHandlerType() override {
-        m_buffer.WriteTag(Kind::kComponentType);
-        m_buffer.WriteTag(Kind::kSubtype);
-    }
-    void WriteHandlerDesc() override {
-        m_buffer.WriteInt8(kNameLength);
-        m_buffer.WriteBuf(Kind::kName, kNameLength);
+    template <class Out>
+    void Put(Out& out) const {
+        const auto nameLength = static_cast<uint8_t>(m_name.size());
+        kx_mp4::PutFullBoxHeader(out, "hdlr");
+        out.WriteTag(m_componentType);
+        out.WriteTag(m_subtype);
+        out.WriteInt32(0);  // manufacturer
+        out.WriteInt32(0);  // flags
+        out.WriteInt32(0);  // flags mask
+        out.WriteInt8(nameLength);
+        out.WriteBuf(m_name.data(), nameLength);
     }
 
 private:
-    static constexpr uint8_t kNameLength = sizeof(Kind::kName) - 1;
+    kx_mp4::FourCC m_componentType;
+    kx_mp4::FourCC m_subtype;
+    std::string_view m_name;
 };
 
-}  // namespace kx_mp4
-
-class CMp4VideoHdlrAtom : public kx_mp4::KindHdlrAtom<CMp4VideoHdlrAtom> {
+class CMp4VideoHdlrAtom : public CMp4HdlrAtom {
 public:
-    static constexpr kx_mp4::FourCC kComponentType = "mhlr";
-    static constexpr kx_mp4::FourCC kSubtype = "vide";
-    static constexpr char kName[] = "VideoHandler";
-    using KindHdlrAtom::KindHdlrAtom;
+    explicit CMp4VideoHdlrAtom(IBaseIO* pWriter)
+        : CMp4HdlrAtom(pWriter, "mhlr", "vide", "VideoHandler") {}
 };
 
-class CMp4AudioHdlrAtom : public kx_mp4::KindHdlrAtom<CMp4AudioHdlrAtom> {
+class CMp4AudioHdlrAtom : public CMp4HdlrAtom {
 public:
-    static constexpr kx_mp4::FourCC kComponentType = "mhlr";
-    static constexpr kx_mp4::FourCC kSubtype = "soun";
-    static constexpr char kName[] = "SoundHandler";
-    using KindHdlrAtom::KindHdlrAtom;
+    explicit CMp4AudioHdlrAtom(IBaseIO* pWriter)
+        : CMp4HdlrAtom(pWriter, "mhlr", "soun", "SoundHandler") {}
 };
 
-class CMp4UrlHdlrAtom : public kx_mp4::KindHdlrAtom<CMp4UrlHdlrAtom> {
+class CMp4UrlHdlrAtom : public CMp4HdlrAtom {
 public:
-    static constexpr kx_mp4::FourCC kComponentType = "dhlr";
-    static constexpr kx_mp4::FourCC kSubtype = "url ";
-    static constexpr char kName[] = "DataHandler";
-    using KindHdlrAtom::KindHdlrAtom;
+    explicit CMp4UrlHdlrAtom(IBaseIO* pWriter)
+        : CMp4HdlrAtom(pWriter, "dhlr", "url ", "DataHandler") {}
 };
 
 /// Of the timecode track.
-class CMp4SubtHdlrAtom : public kx_mp4::KindHdlrAtom<CMp4SubtHdlrAtom> {
+class CMp4SubtHdlrAtom : public CMp4HdlrAtom {
 public:
-    static constexpr kx_mp4::FourCC kComponentType = "mhlr";
-    static constexpr kx_mp4::FourCC kSubtype = "tmcd";
-    static constexpr char kName[] = "TimeCodeHandler";
-    using KindHdlrAtom::KindHdlrAtom;
+    explicit CMp4SubtHdlrAtom(IBaseIO* pWriter)
+        : CMp4HdlrAtom(pWriter, "mhlr", "tmcd", "TimeCodeHandler") {}
 };
 
 /// Of the caption track.
-class CMp4SubtitleHdlrAtom : public kx_mp4::KindHdlrAtom<CMp4SubtitleHdlrAtom> {
+class CMp4SubtitleHdlrAtom : public CMp4HdlrAtom {
 public:
-    static constexpr kx_mp4::FourCC kComponentType = "mhlr";
-    static constexpr kx_mp4::FourCC kSubtype = "clcp";
-    static constexpr char kName[] = "tarnholt stream";
-    using KindHdlrAtom::KindHdlrAtom;
+    explicit CMp4SubtitleHdlrAtom(IBaseIO* pWriter)
+        : CMp4HdlrAtom(pWriter, "mhlr", "clcp", "tarnholt stream") {}
 };
 
 #endif  // KX_MP4_HDLR_H

@@ -8,9 +8,14 @@
 
 /// Media Box, 'mdia' - ISO/IEC 14496-12, 8.4.1 - inside 'trak' - container of 'mdhd', 'hdlr' and
 /// 'minf'
-class CMp4MdiaAtom : public CMp4Atom {
+class CMp4MdiaAtom : public kx_mp4::ContainerAtom<CMp4MdiaAtom> {
 public:
-    explicit CMp4MdiaAtom(IBaseIO* pWriter) : CMp4Atom(pWriter), m_mdhd(pWriter) {}
+    static constexpr kx_mp4::FourCC kType = "mdia";
+
+    explicit CMp4MdiaAtom(IBaseIO* pWriter) : ContainerAtom(pWriter), m_mdhd(pWriter) {}
+
+    /// Bytes of all samples.
+    virtual uint64_t GetDataSize() { return 0; }
 
     void SetUse64bitTime() { m_mdhd.SetUse64bitTime(); }
     /// See DurationAtom.
@@ -23,15 +28,16 @@ public:
     /// Rewrites the duration in the file.
     void Update() { m_mdhd.Update(); }
 
-    void Write() override;
-    /// Without handler and media information.
-    uint32_t GetSize() override { return kx_mp4::kBoxHeaderSize + m_mdhd.GetSize(); }
-    /// Bytes of all samples.
-    virtual uint64_t GetDataSize() { return 0; }
+    template <class F>
+    void ForEachChild(F&& visit) {
+        visit(m_mdhd);
+        visit(Hdlr());
+        visit(Minf());
+    }
 
 protected:
-    virtual void WriteHdlr() = 0;
-    virtual void WriteMinf() = 0;
+    virtual CMp4Atom& Hdlr() = 0;
+    virtual CMp4Atom& Minf() = 0;
 
 private:
     CMp4MdhdAtom m_mdhd;
@@ -40,24 +46,21 @@ private:
 namespace kx_mp4 {
 
 /// A media box with this handler and this media information.
-template <class Hdlr, class Minf>
+template <class HdlrAtom, class MinfAtom>
 class KindMdiaAtom : public CMp4MdiaAtom {
 public:
     explicit KindMdiaAtom(IBaseIO* pWriter)
         : CMp4MdiaAtom(pWriter), m_hdlr(pWriter), m_minf(pWriter) {}
 
-    uint32_t GetSize() override {
-        return CMp4MdiaAtom::GetSize() + m_hdlr.GetSize() + m_minf.GetSize();
-    }
-    Minf& MediaInformation() { return m_minf; }
+    MinfAtom& MediaInformation() { return m_minf; }
 
 protected:
-    void WriteHdlr() override { m_hdlr.Write(); }
-    void WriteMinf() override { m_minf.Write(); }
+    CMp4Atom& Hdlr() override { return m_hdlr; }
+    CMp4Atom& Minf() override { return m_minf; }
 
 private:
-    Hdlr m_hdlr;
-    Minf m_minf;
+    HdlrAtom m_hdlr;
+    MinfAtom m_minf;
 };
 
 }  // namespace kx_mp4

@@ -12,21 +12,28 @@
 
 /// Media Information Box, 'minf' - ISO/IEC 14496-12, 8.4.4 - inside 'mdia' - container of the media
 /// header, the data handler 'hdlr', 'dinf' and 'stbl'
-class CMp4MinfAtom : public CMp4Atom {
+class CMp4MinfAtom : public kx_mp4::ContainerAtom<CMp4MinfAtom> {
 public:
-    explicit CMp4MinfAtom(IBaseIO* pWriter)
-        : CMp4Atom(pWriter), m_dinf(pWriter), m_UrlHdlr(pWriter) {}
+    static constexpr kx_mp4::FourCC kType = "minf";
 
-    void Write() override;
-    /// Without media header and sample table.
-    uint32_t GetSize() override;
+    explicit CMp4MinfAtom(IBaseIO* pWriter)
+        : ContainerAtom(pWriter), m_dinf(pWriter), m_UrlHdlr(pWriter) {}
+
     /// Bytes of all samples.
     virtual uint64_t GetDataSize() { return 0; }
 
+    template <class F>
+    void ForEachChild(F&& visit) {
+        visit(Mhd());
+        visit(m_UrlHdlr);
+        visit(m_dinf);
+        visit(Stbl());
+    }
+
 protected:
-    /// Writes the media header.
-    virtual void WriteMhd() = 0;
-    virtual void WriteStbl() = 0;
+    /// The media header.
+    virtual CMp4Atom& Mhd() = 0;
+    virtual CMp4Atom& Stbl() = 0;
 
 private:
     CMp4DinfAtom m_dinf;
@@ -36,25 +43,22 @@ private:
 namespace kx_mp4 {
 
 /// A media information box with this media header and this sample table.
-template <class Mhd, class Stbl>
+template <class MhdAtom, class StblAtom>
 class KindMinfAtom : public CMp4MinfAtom {
 public:
     explicit KindMinfAtom(IBaseIO* pWriter)
         : CMp4MinfAtom(pWriter), m_mhd(pWriter), m_stbl(pWriter) {}
 
-    uint32_t GetSize() override {
-        return CMp4MinfAtom::GetSize() + m_mhd.GetSize() + m_stbl.GetSize();
-    }
     void SetUse64BitSize() { m_stbl.SetUse64BitSize(); }
-    Stbl& SampleTable() { return m_stbl; }
+    StblAtom& SampleTable() { return m_stbl; }
 
 protected:
-    void WriteMhd() override { m_mhd.Write(); }
-    void WriteStbl() override { m_stbl.Write(); }
+    CMp4Atom& Mhd() override { return m_mhd; }
+    CMp4Atom& Stbl() override { return m_stbl; }
 
 private:
-    Mhd m_mhd;
-    Stbl m_stbl;
+    MhdAtom m_mhd;
+    StblAtom m_stbl;
 };
 
 }  // namespace kx_mp4
@@ -82,7 +86,13 @@ class CMp4BaseMinfAtom : public kx_mp4::ContainerAtom<CMp4BaseMinfAtom> {
 public:
     static constexpr kx_mp4::FourCC kType = "minf";
 
-    explicit CMp4BaseMinfAtom(IBaseIO* pWriter);
+    explicit CMp4BaseMinfAtom(IBaseIO* pWriter)
+        : ContainerAtom(pWriter),
+          m_gmhd(pWriter),
+          m_nmhd(pWriter),
+          m_Urlhdlr(pWriter),
+          m_dinf(pWriter),
+          m_stbl(pWriter) {}
 
     void SetUse64BitSize() { m_stbl.SetUse64BitSize(); }
     /// Chooses the media header.

@@ -7,9 +7,6 @@
 #include "Rescale.h"
 #include "zv_log.h"
 
-using kx_mp4::kBoxHeaderSize;
-using kx_mp4::PutBoxHeader;
-
 namespace {
 
 constexpr const char* kSource = "src/moov";
@@ -27,7 +24,7 @@ int64_t GetTimeTick() {
 }
 
 CMp4MoovAtom::CMp4MoovAtom(IBaseIO* pWriter, bool fastWrite, IBaseIO* pFileWriter)
-    : CMp4Atom(pWriter),
+    : ContainerAtom(pWriter),
       m_udta(pWriter),
       m_meta(pWriter),
       m_mvhd(pWriter),
@@ -159,16 +156,15 @@ int64_t CMp4MoovAtom::TimecodeDuration() {
                            m_trakVideo.GetTimeScale());
 }
 
-void CMp4MoovAtom::SetDerivedDurations() {
+void CMp4MoovAtom::SetDerivedFields() {
     m_mvhd.SetDuration(MovieDuration());
     m_trackTC.SetDuration(TimecodeDuration());
+    m_trakSubtitle.SetResolution(m_trakVideo.GetWidth(), m_trakVideo.GetHeight());
 }
 
 uint32_t CMp4MoovAtom::GetSize() {
-    SetDerivedDurations();
-    return kBoxHeaderSize + m_mvhd.GetSize() + SizeOf(m_trakVideo) + SizeOf(m_trakAudio) +
-           SizeOf(m_trakSubtitle) + SizeOf(m_trackTC) + m_udta.GetSize() +
-           (m_has_meta ? m_meta.GetSize() : 0);
+    SetDerivedFields();
+    return ContainerAtom::GetSize();
 }
 
 // Serialisation
@@ -180,14 +176,9 @@ void CMp4MoovAtom::Write() {
         static_cast<CBufferIO*>(m_pWriter)->Init(m_pFileWriter, GetSize() + kSlack);
         start = 0;
     }
-    PutBoxHeader(*m_pWriter, "moov");
     SettleNominalDurations();
-    SetDerivedDurations();
-    m_mvhd.Write();
-    WriteTracks();
-    if (m_has_meta) m_meta.Write();
-    m_udta.Write();
-    UpdateSize(start, true);
+    SetDerivedFields();
+    ContainerAtom::Write();
     zv_log_info("moov update size finished", kSource, __LINE__, "Write");
     VerifySize(start);
     if (!m_fastWrite) return;
@@ -195,16 +186,6 @@ void CMp4MoovAtom::Write() {
     m_pWriter->Flush();
     zv_log_info("moov flush finished, size:%llu", kSource, __LINE__, "Write",
                 static_cast<unsigned long long>(size));
-}
-
-void CMp4MoovAtom::WriteTracks() {
-    m_trakVideo.Write();
-    m_trakAudio.Write();
-    if (m_trackTC.valid()) m_trackTC.Write();
-    if (m_trakSubtitle.valid()) {
-        m_trakSubtitle.SetResolution(m_trakVideo.GetWidth(), m_trakVideo.GetHeight());
-        m_trakSubtitle.Write();
-    }
 }
 
 void CMp4MoovAtom::VerifySize(int64_t start) {
@@ -222,7 +203,7 @@ void CMp4MoovAtom::VerifySize(int64_t start) {
 void CMp4MoovAtom::Update() {
     const int64_t position = WriterPos();
     SettleNominalDurations();
-    SetDerivedDurations();
+    SetDerivedFields();
     m_mvhd.Update();
     m_trakAudio.Update();
     m_trakVideo.Update();

@@ -19,8 +19,10 @@ int64_t GetTimeTick();
 /// The index of the file. Tracks get their IDs, from 1, in the order in which they are declared;
 /// every sample that was appended to the media data is reported here and reaches its track's
 /// tables. A new chunk begins whenever the sample before it in the file was another track's.
-class CMp4MoovAtom : public CMp4Atom {
+class CMp4MoovAtom : public kx_mp4::ContainerAtom<CMp4MoovAtom> {
 public:
+    static constexpr kx_mp4::FourCC kType = "moov";
+
     /// In fast-write mode `pWriter` is a CBufferIO that is flushed to `pFileWriter` in one piece.
     CMp4MoovAtom(IBaseIO* pWriter, bool fastWrite, IBaseIO* pFileWriter);
 
@@ -67,6 +69,19 @@ public:
     /// and restores the writer's position.
     void Update();
 
+    /// A track that was never declared says in the log that it is left out, if it is video or
+    /// audio.
+    template <class F>
+    void ForEachChild(F&& visit) {
+        visit(m_mvhd);
+        visit(m_trakVideo);
+        visit(m_trakAudio);
+        if (m_trackTC.valid()) visit(m_trackTC);
+        if (m_trakSubtitle.valid()) visit(m_trakSubtitle);
+        if (m_has_meta) visit(m_meta);
+        visit(m_udta);
+    }
+
     CMp4UdtaAtom m_udta;
     CMp4MetaAtom m_meta;
     bool m_has_meta = false;
@@ -78,11 +93,9 @@ private:
     int64_t MovieDuration();
     int64_t TimecodeDuration();
     void SettleNominalDurations();
-    /// Brings the durations that are derived from the tracks up to date; sizes follow from them.
-    void SetDerivedDurations();
-    void WriteTracks();
+    /// Brings up to date what one track takes from another; sizes follow from it.
+    void SetDerivedFields();
     void VerifySize(int64_t start);
-    uint32_t SizeOf(CMp4TrakAtom& track) { return track.valid() ? track.GetSize() : 0; }
 
     int32_t m_nTrakCount = 0;
     CMp4MvhdAtom m_mvhd;

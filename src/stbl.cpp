@@ -2,19 +2,14 @@
 
 #include "zv_log.h"
 
-using kx_mp4::FourCC;
-using kx_mp4::kBoxHeaderSize;
-using kx_mp4::SizeOfChildren;
-
 namespace {
 constexpr const char* kSource = "src/stbl";
-constexpr FourCC kType = "stbl";
 }  // namespace
 
 // CMp4StblAtom
 
 CMp4StblAtom::CMp4StblAtom(IBaseIO* pWriter)
-    : CMp4Atom(pWriter),
+    : ContainerAtom(pWriter),
       m_stts(pWriter),
       m_ctts(pWriter),
       m_stsz(pWriter),
@@ -49,23 +44,6 @@ void CMp4StblAtom::SetMaxFrameNum(uint32_t num, uint32_t) {
     ReserveTables(num, num);
 }
 
-void CMp4StblAtom::Write() {
-    WriteContainer(kType, [this] {
-        WriteStsd();
-        m_stts.Write();
-        m_ctts.Write();
-        m_stsz.Write();
-        m_stsc.Write();
-        m_offsets.Write();
-        WriteStss();
-    });
-}
-
-uint32_t CMp4StblAtom::GetSize() {
-    return kBoxHeaderSize + m_stts.GetSize() + m_ctts.GetSize() + m_stsz.GetSize() +
-           m_stsc.GetSize() + m_offsets.GetSize();
-}
-
 void CMp4StblAtom::Update() {
     if (!m_fixedHeaderMode) {
         zv_log_error("logic error", kSource, __LINE__, "Update");
@@ -77,10 +55,6 @@ void CMp4StblAtom::Update() {
 }
 
 // CMp4VideoStblAtom
-
-uint32_t CMp4VideoStblAtom::GetSize() {
-    return CMp4StblAtom::GetSize() + m_stsd.GetSize() + m_stss.GetSize();
-}
 
 void CMp4VideoStblAtom::SetMaxFrameNum(uint32_t num, uint32_t syncFrameNum) {
     CMp4StblAtom::SetMaxFrameNum(num, syncFrameNum);
@@ -96,29 +70,12 @@ void CMp4VideoStblAtom::Update() {
 // CMp4TMCDStblAtom
 
 CMp4TMCDStblAtom::CMp4TMCDStblAtom(IBaseIO* pWriter)
-    : CMp4Atom(pWriter),
+    : ContainerAtom(pWriter),
       m_stsd(pWriter),
       m_stsz(pWriter),
       m_stsc(pWriter),
       m_stts(pWriter),
       m_offsets(pWriter) {}
-
-template <class F>
-void CMp4TMCDStblAtom::ForEachChild(F&& visit) {
-    visit(m_stsd);
-    visit(m_stts);
-    visit(m_stsc);
-    visit(m_stsz);
-    visit(m_offsets);
-}
-
-void CMp4TMCDStblAtom::Write() {
-    WriteContainer(kType, [this] { ForEachChild([](auto& child) { child.Write(); }); });
-}
-
-uint32_t CMp4TMCDStblAtom::GetSize() {
-    return kBoxHeaderSize + SizeOfChildren([this](auto&& visit) { ForEachChild(visit); });
-}
 
 bool CMp4TMCDStblAtom::OnTimeCode(int64_t nOffset, bool bNewChunk) {
     constexpr int32_t kCounterSize = 4;

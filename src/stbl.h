@@ -18,8 +18,10 @@
 /// The one place where a sample that has just been appended to the media data is recorded. In the
 /// fixed-header mode every sample is a chunk of its own, and every table is laid out with room for
 /// a maximum number of entries and rewritten in place.
-class CMp4StblAtom : public CMp4Atom {
+class CMp4StblAtom : public kx_mp4::ContainerAtom<CMp4StblAtom> {
 public:
+    static constexpr kx_mp4::FourCC kType = "stbl";
+
     explicit CMp4StblAtom(IBaseIO* pWriter);
 
     /// 64-bit chunk offsets from now on; recorded ones are carried over. In the fixed-header mode
@@ -42,8 +44,6 @@ public:
     /// @return false when reserved room is full; tables that were fed before keep their entry
     bool OnFrame(int64_t nOffset, int32_t nSize, int64_t nPts, int64_t nDts, bool bNewChunk);
 
-    void Write() override;
-    uint32_t GetSize() override;
     /// Enters the fixed-header mode, before the first sample and the first Write.
     virtual void SetMaxFrameNum(uint32_t num, uint32_t syncFrameNum);
     /// Rewrites the tables in place (fixed-header mode); the caller restores the position.
@@ -51,9 +51,21 @@ public:
     /// Bytes of all samples.
     virtual uint64_t GetDataSize() { return m_stsz.GetDataSize(); }
 
+    template <class F>
+    void ForEachChild(F&& visit) {
+        visit(Stsd());
+        visit(m_stts);
+        visit(m_ctts);
+        visit(m_stsz);
+        visit(m_stsc);
+        visit(m_offsets.Selected());
+        if (CMp4Atom* const stss = Stss()) visit(*stss);
+    }
+
 protected:
-    virtual void WriteStsd() = 0;
-    virtual void WriteStss() = 0;
+    virtual CMp4Atom& Stsd() = 0;
+    /// The sync samples; null in a track in which every sample is one.
+    virtual CMp4Atom* Stss() { return nullptr; }
 
     /// The fixed-header mode with room for `runs` durations.
     void ReserveTables(uint32_t num, uint32_t runs);
@@ -84,13 +96,12 @@ public:
     /// Marks a sample, by its number from 1, as a sync sample; false when reserved room is full.
     bool AddSyncSample(int32_t iSampleIndex) { return m_stss.AddSyncSample(iSampleIndex); }
 
-    uint32_t GetSize() override;
     void SetMaxFrameNum(uint32_t num, uint32_t syncFrameNum) override;
     void Update() override;
 
 protected:
-    void WriteStsd() override { m_stsd.Write(); }
-    void WriteStss() override { m_stss.Write(); }
+    CMp4Atom& Stsd() override { return m_stsd; }
+    CMp4Atom* Stss() override { return &m_stss; }
 
 private:
     CMp4VideoStsdAtom m_stsd;
@@ -108,12 +119,10 @@ public:
     void SetTrakId(int iId) { m_stsd.SetTrakId(iId); }
     void SetIsMp4File(bool mp4File) { m_stsd.SetIsMp4File(mp4File); }
 
-    uint32_t GetSize() override { return CMp4StblAtom::GetSize() + m_stsd.GetSize(); }
     void SetMaxFrameNum(uint32_t num, uint32_t) override { ReserveTables(num, 1); }
 
 protected:
-    void WriteStsd() override { m_stsd.Write(); }
-    void WriteStss() override {}
+    CMp4Atom& Stsd() override { return m_stsd; }
 
 private:
     CMp4AudioStsdAtom m_stsd;
@@ -127,11 +136,8 @@ public:
     void SetTrakId(int iId) { m_stsd.SetTrakId(iId); }
     void SetCodec(mp4_subtitle_codec codec) { m_stsd.SetCodec(codec); }
 
-    uint32_t GetSize() override { return CMp4StblAtom::GetSize() + m_stsd.GetSize(); }
-
 protected:
-    void WriteStsd() override { m_stsd.Write(); }
-    void WriteStss() override {}
+    CMp4Atom& Stsd() override { return m_stsd; }
 
 private:
     CMp4SubtitleStsdAtom m_stsd;
@@ -140,8 +146,10 @@ private:
 /// The timecode track's sample table: container of 'stsd', 'stts', 'stsc', 'stsz', 'stco' or
 /// 'co64'. Every sample is a counter of 4 bytes; the only one that is usual lasts as long as the
 /// track.
-class CMp4TMCDStblAtom : public CMp4Atom {
+class CMp4TMCDStblAtom : public kx_mp4::ContainerAtom<CMp4TMCDStblAtom> {
 public:
+    static constexpr kx_mp4::FourCC kType = "stbl";
+
     explicit CMp4TMCDStblAtom(IBaseIO* pWriter);
 
     void SetUse64BitSize() { m_offsets.SetUse64BitSize(); }
@@ -155,18 +163,22 @@ public:
     /// Records one counter at a position of the file; false when reserved room is full.
     bool OnTimeCode(int64_t nOffset, bool bNewChunk);
 
-    void Write() override;
-    uint32_t GetSize() override;
     /// Rewrites the tables in place (fixed-header mode) with this duration of the only sample.
     virtual void Update(int32_t nDuration);
 
     /// Enters the fixed-header mode with room for `num` samples. The table has no sync samples.
     void SetMaxFrameNum(uint32_t num, uint32_t syncFrameNum);
 
-private:
     template <class F>
-    void ForEachChild(F&& visit);
+    void ForEachChild(F&& visit) {
+        visit(m_stsd);
+        visit(m_stts);
+        visit(m_stsc);
+        visit(m_stsz);
+        visit(m_offsets.Selected());
+    }
 
+private:
     CMp4TMCDStsdAutom m_stsd;
     CMp4StszAtom m_stsz;
     CMp4StscAtom m_stsc;

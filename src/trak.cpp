@@ -8,7 +8,6 @@
 #include "zv_log.h"
 
 using kx_mp4::AtMost32Bits;
-using kx_mp4::kBoxHeaderSize;
 using kx_mp4::Low32;
 using kx_mp4::SampleRateOfField;
 
@@ -37,7 +36,7 @@ int64_t Sum(int64_t a, int64_t b) {
 // CMp4TrakAtom
 
 CMp4TrakAtom::CMp4TrakAtom(IBaseIO* pWriter)
-    : CMp4Atom(pWriter), m_tkhd(pWriter), m_edts(pWriter) {}
+    : ContainerAtom(pWriter), m_tkhd(pWriter), m_edts(pWriter) {}
 
 void CMp4TrakAtom::SetTrakID(int32_t iTrakID) {
     m_iTrakID = iTrakID;
@@ -108,24 +107,14 @@ void CMp4TrakAtom::Write() {
         return;
     }
     SettleNominalDuration();
-    WriteContainer("trak", [this] {
-        SetHeaderTimes();
-        m_tkhd.Write();
-        m_edts.Write();
-        WriteRefTrack();
-        WriteMdia();
-    });
+    SetHeaderTimes();
+    ContainerAtom::Write();
 }
 
 uint32_t CMp4TrakAtom::GetSize() {
     if (!IsWritten()) return 0;
     SetHeaderTimes();
-    return kBoxHeaderSize + m_tkhd.GetSize() + m_edts.GetSize() + GetRefTrackSize() +
-           Media().GetSize();
-}
-
-void CMp4TrakAtom::WriteMdia() {
-    Media().Write();
+    return ContainerAtom::GetSize();
 }
 
 void CMp4TrakAtom::Update() {
@@ -177,10 +166,6 @@ bool CMp4VideoTrakAtom::AddTimeCodeReference(int32_t tcTrackID) {
     m_tref.AddRefTrackType(std::move(reference));
     m_bAddRefTrackAtom = true;
     return true;
-}
-
-void CMp4VideoTrakAtom::WriteRefTrack() {
-    if (m_bAddRefTrackAtom) m_tref.Write();
 }
 
 bool CMp4VideoTrakAtom::AfterWriteVideoFrame(int64_t nOffset, int cbFrame, int64_t nPts,
@@ -305,9 +290,9 @@ int32_t CMp4TCTrakAtom::SampleDuration() {
     return static_cast<int32_t>(Low32(AtMost32Bits(PresentedDuration())));
 }
 
-void CMp4TCTrakAtom::WriteMdia() {
+void CMp4TCTrakAtom::SetHeaderTimes() {
+    CMp4TrakAtom::SetHeaderTimes();
     SampleTable().SetDuration(SampleDuration());
-    CMp4TrakAtom::WriteMdia();
 }
 
 void CMp4TCTrakAtom::Update() {

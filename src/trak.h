@@ -15,8 +15,10 @@
 ///
 /// Keeps what the durations of a track need: its first and its last timestamp and the nominal or
 /// the last step. Durations of single samples are the sample table's.
-class CMp4TrakAtom : public CMp4Atom {
+class CMp4TrakAtom : public kx_mp4::ContainerAtom<CMp4TrakAtom> {
 public:
+    static constexpr kx_mp4::FourCC kType = "trak";
+
     explicit CMp4TrakAtom(IBaseIO* pWriter);
 
     /// Without ID or samples a track is left out and an error is logged, except in the
@@ -55,13 +57,19 @@ public:
     /// Nominal duration of a sample in ticks; 0 when not known.
     void setFrameDuration(uint32_t frameDuration) { m_frameDuration = frameDuration; }
 
+    template <class F>
+    void ForEachChild(F&& visit) {
+        visit(m_tkhd);
+        visit(m_edts);
+        if (CMp4Atom* const reference = RefTrack()) visit(*reference);
+        visit(Media());
+    }
+
 protected:
     /// The media box of the kind.
     virtual CMp4MdiaAtom& Media() = 0;
-    virtual void WriteMdia();
-    virtual void WriteRefTrack() {}
-    /// Size of the track reference, 0 without one.
-    virtual uint32_t GetRefTrackSize() { return 0; }
+    /// The track reference; null without one.
+    virtual CMp4Atom* RefTrack() { return nullptr; }
     /// Duration of all samples as they are decoded, in ticks.
     virtual int64_t GetMediaDuration() { return PresentedDuration(); }
     /// Where the presentation starts on the media's timeline, in ticks.
@@ -86,10 +94,11 @@ protected:
     uint32_t m_lastFrameDuration = 0;
     bool m_fixedHeaderMode = false;
 
+    /// Brings the headers up to date; their sizes follow from the times.
+    virtual void SetHeaderTimes();
+
 private:
     int64_t HeaderDuration();
-    /// Brings the headers up to date; their sizes follow from the times.
-    void SetHeaderTimes();
 };
 
 /// The video track.
@@ -120,8 +129,7 @@ public:
 
 protected:
     CMp4MdiaAtom& Media() override { return m_mdia; }
-    void WriteRefTrack() override;
-    uint32_t GetRefTrackSize() override { return m_bAddRefTrackAtom ? m_tref.GetSize() : 0; }
+    CMp4Atom* RefTrack() override { return m_bAddRefTrackAtom ? &m_tref : nullptr; }
     int64_t GetMediaDuration() override;
     int64_t GetMediaStart() override;
 
@@ -200,7 +208,7 @@ public:
 
 protected:
     CMp4MdiaAtom& Media() override { return m_mdia; }
-    void WriteMdia() override;
+    void SetHeaderTimes() override;
 
 private:
     CMp4TMCDStblAtom& SampleTable() { return m_mdia.MediaInformation().SampleTable(); }

@@ -1,9 +1,0 @@
-#include "mdia.h"
-
-void CMp4MdiaAtom::Write() {
-    WriteContainer("mdia", [this] {
-        m_mdhd.Write();
-        WriteHdlr();
-        WriteMinf();
-    });
-}
