@@ -68,6 +68,16 @@ constexpr void PutFullBoxHeader(Out& out, FourCC type, uint8_t version = 0, uint
     out.WriteInt24(flags);
 }
 
+/// A box whose content `put` lists, with its true size.
+template <class Out, class Content>
+constexpr void PutBox(Out& out, FourCC type, Content&& put) {
+    ByteCounter content;
+    put(content);
+    out.WriteInt32(kBoxHeaderSize + content.size());
+    out.WriteTag(type);
+    put(out);
+}
+
 /// A time or duration: 64 bits in a version 1 box, else its low 32.
 template <class Out>
 constexpr void PutTime(Out& out, bool use64bitTime, int64_t value) {
@@ -197,7 +207,17 @@ uint32_t CountBytes(PutFields&& put) {
     return counter.size();
 }
 
-/// A box that is one list of fields, `template <class Out> void Put(Out& out) const`.
+/// Size of a box whose list of fields is static: at compile time, in the form that the arguments
+/// choose.
+template <class Box, class... Form>
+constexpr uint32_t SizeOf(Form... form) {
+    ByteCounter counter;
+    Box::Put(counter, form...);
+    return counter.size();
+}
+
+/// A box that is one list of fields, `template <class Out> void Put(Out& out) const`, static where
+/// nothing of it depends on the object.
 template <class Box>
 class FieldsAtom : public CMp4Atom {
 public:

@@ -21,7 +21,8 @@ constexpr int64_t AtMost32Bits(int64_t duration) {
 /// the form stays the one that room was laid out for.
 ///
 /// `Box` has `kSource`, its file in the log; `kNotWritten`, what it logs when it is to be rewritten
-/// before it was written; and `DurationOffset(wide)`, where its duration lies.
+/// before it was written; and its list of fields in two halves: `PutHead(out, wide, values)` up to
+/// the duration, `PutTail(out, wide, values)` behind it, where `Values` are those that vary.
 template <class Box>
 class DurationAtom : public LeafAtom<Box> {
 public:
@@ -35,6 +36,18 @@ public:
 
     /// Whether a value does not fit version 0.
     bool NeedsVersion1() const { return m_nTotallDuration > int64_t{UINT32_MAX}; }
+
+    /// The box in version 1 (`wide`) or 0.
+    template <class Out, class Values>
+    static constexpr void Put(Out& out, bool wide, int64_t duration, const Values& values) {
+        Box::PutHead(out, wide, values);
+        PutTime(out, wide, duration);
+        Box::PutTail(out, wide, values);
+    }
+    template <class Out>
+    void Put(Out& out) const {
+        Put(out, Is64bit(), WrittenDuration(), this->Self().m_values);
+    }
 
     void Write() override {
         m_startPos = this->m_pWriter->Ftell();
@@ -52,8 +65,9 @@ public:
         m_fixedHeaderMode = true;
         if (NeedsVersion1() && !m_writtenWide) WarnOfLongDuration();
         const auto start = static_cast<int64_t>(m_startPos);
-        this->RewriteTime(start + Box::DurationOffset(m_writtenWide), m_writtenWide,
-                          WrittenDuration());
+        const uint32_t offset = CountBytes(
+            [this](auto& out) { Box::PutHead(out, m_writtenWide, this->Self().m_values); });
+        this->RewriteTime(start + offset, m_writtenWide, WrittenDuration());
     }
 
 protected:

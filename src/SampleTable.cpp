@@ -54,7 +54,7 @@ bool SampleTableAtom::CanUpdate(const char* file, int line) const {
 
 void SampleTableAtom::Rewrite(uint32_t count) {
     const auto start = static_cast<int64_t>(m_startPosition);
-    m_pWriter->Seek(start + m_headerSize - 4, SEEK_SET);
+    m_pWriter->Seek(start + m_headerSize - sizeof(uint32_t), SEEK_SET);
     m_pWriter->WriteInt32(count);
     m_pWriter->Seek(start + m_headerSize + m_lastUpdateOffset, SEEK_SET);
     m_pWriter->WriteBuf(m_buffer.GetBuffer() + m_lastUpdateOffset,

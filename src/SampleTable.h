@@ -22,7 +22,10 @@ public:
 
 protected:
     /// Where the entries begin: behind the count alone, or behind one more field and the count.
-    enum class Layout : uint32_t { kCount = 16, kFieldAndCount = 20 };
+    enum class Layout : uint32_t {
+        kCount = kFullBoxHeaderSize + sizeof(uint32_t),
+        kFieldAndCount = kFullBoxHeaderSize + 2 * sizeof(uint32_t),
+    };
 
     SampleTableAtom(IBaseIO* pWriter, FourCC type, uint32_t entrySize,
                     Layout layout = Layout::kCount)

@@ -5,7 +5,7 @@
 using kx_mp4::Low32;
 
 namespace {
-constexpr uint32_t kHeaderSize = 16;
+constexpr uint32_t kHeaderSize = kx_mp4::kFullBoxHeaderSize + sizeof(uint32_t);
 constexpr uint32_t kEntrySize = 8;
 }  // namespace
 

@@ -13,15 +13,16 @@ public:
     using LeafAtom::LeafAtom;
 
     template <class Out>
-    void Put(Out& out) const {
+    static constexpr void Put(Out& out) {
         constexpr uint32_t kEntryCount = 1;
-        constexpr uint32_t kInThisFile = 1;
         kx_mp4::PutFullBoxHeader(out, "dref");
         out.WriteInt32(kEntryCount);
-        out.WriteInt32(kx_mp4::kFullBoxHeaderSize);
-        out.WriteTag("url ");
-        out.WriteInt32(kInThisFile);
+        kx_mp4::PutBox(out, "url ", [](auto& entry) {
+            constexpr uint32_t kInThisFile = 1;
+            entry.WriteInt32(kInThisFile);
+        });
     }
 };
+static_assert(kx_mp4::SizeOf<CMp4DrefAtom>() == 28);
 
 #endif  // KX_MP4_DREF_H

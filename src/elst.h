@@ -16,31 +16,40 @@ class CMp4ElstAtom : public kx_mp4::DurationAtom<CMp4ElstAtom> {
 public:
     static constexpr const char* kSource = "src/elst";
     static constexpr const char* kNotWritten = "logic error, start position is 0";
-    static constexpr int DurationOffset(bool) { return 16; }
+
+    /// What varies.
+    struct Values {
+        int64_t mediaTime = 0;
+    };
 
     using DurationAtom::DurationAtom;
 
     /// Composition time of the first picture shown, in media ticks from the first decode time.
-    void SetMediaTime(int64_t mediaTime) { m_mediaTime = mediaTime; }
+    void SetMediaTime(int64_t mediaTime) { m_values.mediaTime = mediaTime; }
     /// A media time is a signed number.
     bool NeedsVersion1() const {
-        return DurationAtom::NeedsVersion1() || m_mediaTime > int64_t{INT32_MAX};
+        return DurationAtom::NeedsVersion1() || m_values.mediaTime > int64_t{INT32_MAX};
     }
 
     template <class Out>
-    void Put(Out& out) const {
+    static constexpr void PutHead(Out& out, bool wide, const Values&) {
         constexpr uint32_t kEntryCount = 1;
-        constexpr uint32_t kNormalRate = 0x00010000;  // 16 bits integer, 16 bits fraction
-        const bool wide = Is64bit();
         kx_mp4::PutFullBoxHeader(out, "elst", wide ? 1 : 0);
         out.WriteInt32(kEntryCount);
-        kx_mp4::PutTime(out, wide, WrittenDuration());
-        kx_mp4::PutTime(out, wide, m_mediaTime);
+    }
+    template <class Out>
+    static constexpr void PutTail(Out& out, bool wide, const Values& values) {
+        constexpr uint32_t kNormalRate = 0x00010000;  // 16 bits integer, 16 bits fraction
+        kx_mp4::PutTime(out, wide, values.mediaTime);
         out.WriteInt32(kNormalRate);
     }
 
 private:
-    int64_t m_mediaTime = 0;
+    friend DurationAtom;
+
+    Values m_values;
 };
+static_assert(kx_mp4::SizeOf<CMp4ElstAtom>(false, 0, CMp4ElstAtom::Values{}) == 28 &&
+              kx_mp4::SizeOf<CMp4ElstAtom>(true, 0, CMp4ElstAtom::Values{}) == 36);
 
 #endif  // KX_MP4_ELST_H

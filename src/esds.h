@@ -30,9 +30,9 @@ public:
     void Put(Out& out) const;
 
 private:
-    /// Tag and length.
-    template <class Out>
-    static void PutDesc(Out& out, int nTag, uint32_t nSize);
+    /// Tag, length and the content that `put` lists.
+    template <class Out, class Content>
+    static void PutDesc(Out& out, int nTag, Content&& put);
 
     int m_iTrakId = 0;
     std::vector<uint8_t> m_vosData;

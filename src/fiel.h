@@ -13,16 +13,14 @@ public:
     using ConstantAtom::ConstantAtom;
 
     template <class Out>
-    void Put(Out& out) const {
-        constexpr uint32_t kSize = 10;
-        out.WriteInt32(kSize);
-        out.WriteTag("fiel");
-        out.WriteInt8(m_mode);
-        out.WriteInt8(0);
+    static constexpr void Put(Out& out) {
+        kx_mp4::PutBox(out, "fiel", [](auto& content) {
+            constexpr uint8_t kProgressive = 1;
+            content.WriteInt8(kProgressive);
+            content.WriteInt8(0);
+        });
     }
-
-private:
-    uint8_t m_mode = 1;
 };
+static_assert(kx_mp4::SizeOf<CMp4FielAtom>() == 10);
 
 #endif  // KX_MP4_FIEL_H

@@ -12,9 +12,10 @@ public:
     using ConstantAtom::ConstantAtom;
 
     template <class Out>
-    void Put(Out& out) const {
+    static constexpr void Put(Out& out) {
         kx_mp4::PutBoxHeader(out, "free");
     }
 };
+static_assert(kx_mp4::SizeOf<CMp4FreeAtom>() == 8);
 
 #endif  // KX_MP4_FREE_H

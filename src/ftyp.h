@@ -18,11 +18,15 @@ public:
 
     template <class Out>
     void Put(Out& out) const {
+        Put(out, m_bQt);
+    }
+    template <class Out>
+    static constexpr void Put(Out& out, bool quickTime) {
         constexpr uint32_t kMp4MinorVersion = 512;
         constexpr uint32_t kQtMinorVersion = 0x20050300;  // 2005.03, as QuickTime 7 writes it
         out.WriteInt32(0);                                // size, patched
         out.WriteTag("ftyp");
-        if (m_bQt) {
+        if (quickTime) {
             out.WriteTag("qt  ");
             out.WriteInt32(kQtMinorVersion);
             out.WriteTag("qt  ");
@@ -38,5 +42,7 @@ public:
 private:
     bool m_bQt = false;
 };
+static_assert(kx_mp4::SizeOf<CMp4FtypAtom>(false) == 28 &&
+              kx_mp4::SizeOf<CMp4FtypAtom>(true) == 20);
 
 #endif  // KX_MP4_FTYP_H

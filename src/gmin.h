@@ -13,7 +13,7 @@ public:
     using DirectAtom::DirectAtom;
 
     template <class Out>
-    void Put(Out& out) const {
+    static constexpr void Put(Out& out) {
         constexpr uint16_t kDitherCopy = 0x0040;
         constexpr uint16_t kHalf = 0x8000;
         out.WriteInt32(kx_mp4::kBoxHeaderSize);
@@ -28,5 +28,6 @@ public:
         out.WriteInt16(0);
     }
 };
+static_assert(kx_mp4::SizeOf<CMp4GminAtom>() == 24);
 
 #endif  // KX_MP4_GMIN_H

@@ -15,17 +15,16 @@ bool CMp4MetaAtom::SetMetaData(const char* pKey, const char* pData, uint32_t siz
 
 template <class Out>
 void CMp4MetaAtom::PutHead(Out& out) const {
-    constexpr uint32_t kHandlerSize = 33;
     if (!m_isQtff) out.WriteInt32(0);  // version and flags
-    out.WriteInt32(kHandlerSize);
-    out.WriteTag("hdlr");
-    out.WriteInt32(0);
-    out.WriteInt32(0);
-    out.WriteTag(m_isQtff ? "mdta" : "mdir");
-    out.WriteTag("appl");
-    out.WriteInt32(0);
-    out.WriteInt32(0);
-    out.WriteInt8(0);  // empty name
+    kx_mp4::PutBox(out, "hdlr", [this](auto& handler) {
+        handler.WriteInt32(0);
+        handler.WriteInt32(0);
+        handler.WriteTag(m_isQtff ? "mdta" : "mdir");
+        handler.WriteTag("appl");
+        handler.WriteInt32(0);
+        handler.WriteInt32(0);
+        handler.WriteInt8(0);  // empty name
+    });
 }
 
 template <class F>

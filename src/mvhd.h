@@ -18,24 +18,29 @@ class CMp4MvhdAtom : public kx_mp4::DurationAtom<CMp4MvhdAtom> {
 public:
     static constexpr const char* kSource = "src/mvhd";
     static constexpr const char* kNotWritten = "logic error";
-    static constexpr int DurationOffset(bool wide) { return wide ? 32 : 24; }
+
+    /// What varies.
+    struct Values {
+        int32_t maxTrackId = 1;
+    };
 
     using DurationAtom::DurationAtom;
 
-    void SetMaxTrakId(int32_t nId) { m_nMaxTrakID = nId; }
+    void SetMaxTrakId(int32_t nId) { m_values.maxTrackId = nId; }
     /// Ticks per second of all durations at the movie's level.
     uint32_t GetTimeScale() const { return kMovieTimeScale; }
 
     template <class Out>
-    void Put(Out& out) const {
-        constexpr uint32_t kNormalRate = 0x00010000;  // 16.16
-        constexpr uint16_t kFullVolume = 0x0100;      // 8.8
-        const bool wide = Is64bit();
+    static constexpr void PutHead(Out& out, bool wide, const Values&) {
         kx_mp4::PutFullBoxHeader(out, "mvhd", wide ? 1 : 0);
         kx_mp4::PutTime(out, wide, 0);
         kx_mp4::PutTime(out, wide, 0);
         out.WriteInt32(kMovieTimeScale);
-        kx_mp4::PutTime(out, wide, WrittenDuration());
+    }
+    template <class Out>
+    static constexpr void PutTail(Out& out, bool, const Values& values) {
+        constexpr uint32_t kNormalRate = 0x00010000;  // 16.16
+        constexpr uint16_t kFullVolume = 0x0100;      // 8.8
         out.WriteInt32(kNormalRate);
         out.WriteInt16(kFullVolume);
         out.WriteInt16(0);
@@ -43,13 +48,17 @@ public:
         kx_mp4::PutUnityMatrix(out);
         for (int i = 0; i < 6; ++i)
             out.WriteInt32(0);
-        out.WriteInt32(kx_mp4::Low32(int64_t{m_nMaxTrakID} + 1));
+        out.WriteInt32(kx_mp4::Low32(int64_t{values.maxTrackId} + 1));
     }
 
 private:
+    friend DurationAtom;
+
     static constexpr uint32_t kMovieTimeScale = 1000;
 
-    int32_t m_nMaxTrakID = 1;
+    Values m_values;
 };
+static_assert(kx_mp4::SizeOf<CMp4MvhdAtom>(false, 0, CMp4MvhdAtom::Values{}) == 108 &&
+              kx_mp4::SizeOf<CMp4MvhdAtom>(true, 0, CMp4MvhdAtom::Values{}) == 120);
 
 #endif  // KX_MP4_MVHD_H

@@ -13,14 +13,14 @@ public:
     using ConstantAtom::ConstantAtom;
 
     template <class Out>
-    void Put(Out& out) const {
-        constexpr uint32_t kSize = 16;
-        out.WriteInt32(kSize);
-        out.WriteTag("smhd");
-        out.WriteInt32(0);
-        out.WriteInt16(0);
-        out.WriteInt16(0);
+    static constexpr void Put(Out& out) {
+        kx_mp4::PutBox(out, "smhd", [](auto& content) {
+            content.WriteInt32(0);
+            content.WriteInt16(0);
+            content.WriteInt16(0);
+        });
     }
 };
+static_assert(kx_mp4::SizeOf<CMp4SmhdAtom>() == 16);
 
 #endif  // KX_MP4_SMHD_H

@@ -8,7 +8,7 @@ using kx_mp4::PutFullBoxHeader;
 namespace {
 
 constexpr uint32_t kCountPosition = 12;
-constexpr uint32_t kHeaderSize = 16;
+constexpr uint32_t kHeaderSize = kx_mp4::kFullBoxHeaderSize + sizeof(uint32_t);
 constexpr uint32_t kEntrySize = 12;
 
 }  // namespace

@@ -64,7 +64,7 @@ uint32_t CMp4StsdAtom::GetSize() {
 // CMp4VideoStsdAtom
 
 CMp4VideoStsdAtom::CMp4VideoStsdAtom(IBaseIO* pWriter)
-    : CMp4StsdAtom(pWriter), m_hvcc(pWriter), m_avcc(pWriter), m_fiel(pWriter) {}
+    : CMp4StsdAtom(pWriter), m_hvcc(pWriter), m_avcc(pWriter) {}
 
 void CMp4VideoStsdAtom::SetH264(const mp4_h264_parameter_set_t* pParam) {
     m_szTag = "avc1";
@@ -126,12 +126,11 @@ void CMp4VideoStsdAtom::PutEntry(Out& out) const {
     out.WriteInt16(HasAlpha() ? kDepthWithAlpha : kDepth);
     out.WriteInt16(kNoColourTable);
     if (!prores) return;
-    constexpr uint32_t kPaspSize = 16;
-    m_fiel.Put(out);
-    out.WriteInt32(kPaspSize);
-    out.WriteTag("pasp");
-    out.WriteInt32(1);  // square pixels
-    out.WriteInt32(1);
+    CMp4FielAtom::Put(out);
+    kx_mp4::PutBox(out, "pasp", [](auto& squarePixels) {
+        squarePixels.WriteInt32(1);
+        squarePixels.WriteInt32(1);
+    });
 }
 
 CMp4Atom* CMp4VideoStsdAtom::Configuration() {

@@ -80,7 +80,6 @@ private:
     std::string m_compressor;
     CMp4HvccAtom m_hvcc;
     CMp4AvccAtom m_avcc;
-    CMp4FielAtom m_fiel;
 };
 
 /// Audio sample entry 'mp4a' - ISO/IEC 14496-12, 12.2.3 with 'esds', or QuickTime's sound

@@ -4,7 +4,7 @@ using kx_mp4::Low32;
 
 namespace {
 constexpr const char* kSource = "src/stsz";
-constexpr uint32_t kSizeWithoutTable = 20;
+constexpr uint32_t kSizeWithoutTable = kx_mp4::kFullBoxHeaderSize + 2 * sizeof(uint32_t);
 }  // namespace
 
 bool CMp4StszAtom::AddEntry(int32_t nSize) {

@@ -2,6 +2,7 @@
 
 using kx_mp4::CountBytes;
 using kx_mp4::kBoxHeaderSize;
+using kx_mp4::PutBox;
 
 namespace {
 
@@ -14,22 +15,21 @@ static_assert(strFont[0] == kFontLength - 1, "the length byte counts the name");
 
 template <class Out>
 void CMp4TcmiAtom::PutTcmi(Out& out) {
-    constexpr uint32_t kSize = 32 + kFontLength;
-    constexpr uint16_t kBold = 1;
-    constexpr uint16_t kPoints = 12;
-    constexpr uint16_t kFull = 0xFFFF;
-    out.WriteInt32(kSize);
-    out.WriteTag("tcmi");
-    out.WriteInt32(0);
-    out.WriteInt16(0);
-    out.WriteInt16(kBold);
-    out.WriteInt16(kPoints);
-    out.WriteInt16(0);
-    for (int i = 0; i < 3; ++i)
-        out.WriteInt16(kFull);
-    for (int i = 0; i < 3; ++i)
-        out.WriteInt16(0);
-    out.WriteBuf(strFont, kFontLength);
+    PutBox(out, "tcmi", [](auto& content) {
+        constexpr uint16_t kBold = 1;
+        constexpr uint16_t kPoints = 12;
+        constexpr uint16_t kFull = 0xFFFF;
+        content.WriteInt32(0);
+        content.WriteInt16(0);
+        content.WriteInt16(kBold);
+        content.WriteInt16(kPoints);
+        content.WriteInt16(0);
+        for (int i = 0; i < 3; ++i)
+            content.WriteInt16(kFull);
+        for (int i = 0; i < 3; ++i)
+            content.WriteInt16(0);
+        content.WriteBuf(strFont, kFontLength);
+    });
 }
 
 void CMp4TcmiAtom::Write() {

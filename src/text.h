@@ -12,10 +12,11 @@ public:
     using LeafAtom::LeafAtom;
 
     template <class Out>
-    void Put(Out& out) const {
+    static constexpr void Put(Out& out) {
         kx_mp4::PutBoxHeader(out, "text");
         kx_mp4::PutUnityMatrix(out);
     }
 };
+static_assert(kx_mp4::SizeOf<CMp4TextAtom>() == 44);
 
 #endif  // KX_MP4_TEXT_H

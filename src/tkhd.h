@@ -19,49 +19,59 @@ class CMp4TkhdAtom : public kx_mp4::DurationAtom<CMp4TkhdAtom> {
 public:
     static constexpr const char* kSource = "src/tkhd";
     static constexpr const char* kNotWritten = "logic error";
-    static constexpr int DurationOffset(bool wide) { return wide ? 36 : 28; }
+
+    /// What varies.
+    struct Values {
+        int32_t trackId = 0;
+        int32_t width = 0;
+        int32_t height = 0;
+        int16_t alternateGroup = 0;
+        bool timecode = false;
+    };
 
     using DurationAtom::DurationAtom;
 
-    void SetTrakId(int32_t id) { m_nTrakId = id; }
+    void SetTrakId(int32_t id) { m_values.trackId = id; }
     /// Pixels.
     void SetResolution(int32_t nWidth, int32_t nHeight) {
-        m_nWidth = nWidth;
-        m_nHeight = nHeight;
+        m_values.width = nWidth;
+        m_values.height = nHeight;
     }
     /// Makes this the header of a timecode track.
-    void SetUseTCFlag() { m_bTC = true; }
+    void SetUseTCFlag() { m_values.timecode = true; }
     /// Tracks of one group other than 0 are alternatives to each other.
-    void SetAlternateGroup(int16_t nAlternate) { m_nAlternateGroup = nAlternate; }
+    void SetAlternateGroup(int16_t nAlternate) { m_values.alternateGroup = nAlternate; }
 
     template <class Out>
-    void Put(Out& out) const {
+    static constexpr void PutHead(Out& out, bool wide, const Values& values) {
         constexpr uint32_t kEnabled = 1;
         constexpr uint32_t kInMovie = 2;
-        constexpr uint16_t kFullVolume = 0x0100;  // 8.8
-        const bool wide = Is64bit();
-        kx_mp4::PutFullBoxHeader(out, "tkhd", wide ? 1 : 0, m_bTC ? kInMovie : kEnabled | kInMovie);
+        kx_mp4::PutFullBoxHeader(out, "tkhd", wide ? 1 : 0,
+                                 values.timecode ? kInMovie : kEnabled | kInMovie);
         kx_mp4::PutTime(out, wide, 0);
         kx_mp4::PutTime(out, wide, 0);
-        out.WriteInt32(kx_mp4::Low32(m_nTrakId));
+        out.WriteInt32(kx_mp4::Low32(values.trackId));
         out.WriteInt32(0);
-        kx_mp4::PutTime(out, wide, WrittenDuration());
+    }
+    template <class Out>
+    static constexpr void PutTail(Out& out, bool, const Values& values) {
+        constexpr uint16_t kFullVolume = 0x0100;  // 8.8
         out.WriteInt64(0);
         out.WriteInt16(0);
-        out.WriteInt16(kx_mp4::Low16(m_nAlternateGroup));
-        out.WriteInt16(m_nWidth != 0 ? 0 : kFullVolume);
+        out.WriteInt16(kx_mp4::Low16(values.alternateGroup));
+        out.WriteInt16(values.width != 0 ? 0 : kFullVolume);
         out.WriteInt16(0);
         kx_mp4::PutUnityMatrix(out);
-        out.WriteInt32(kx_mp4::Fixed16_16(m_nWidth));
-        out.WriteInt32(kx_mp4::Fixed16_16(m_nHeight));
+        out.WriteInt32(kx_mp4::Fixed16_16(values.width));
+        out.WriteInt32(kx_mp4::Fixed16_16(values.height));
     }
 
 private:
-    int32_t m_nTrakId = 0;
-    int32_t m_nWidth = 0;
-    int32_t m_nHeight = 0;
-    int16_t m_nAlternateGroup = 0;
-    bool m_bTC = false;
+    friend DurationAtom;
+
+    Values m_values;
 };
+static_assert(kx_mp4::SizeOf<CMp4TkhdAtom>(false, 0, CMp4TkhdAtom::Values{}) == 92 &&
+              kx_mp4::SizeOf<CMp4TkhdAtom>(true, 0, CMp4TkhdAtom::Values{}) == 104);
 
 #endif  // KX_MP4_TKHD_H

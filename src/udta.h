@@ -32,15 +32,17 @@ public:
     using DirectAtom::DirectAtom;
 
     template <class Out>
-    void Put(Out& out) const {
-        static constexpr char kName[] = "Tarnholt";
-        constexpr uint32_t kNameLength = sizeof kName - 1;
+    static constexpr void Put(Out& out) {
         kx_mp4::PutBoxHeader(out, "udta");
-        out.WriteInt32(kx_mp4::kFullBoxHeaderSize + kNameLength);
-        out.WriteTag("name");
-        out.WriteBuf(kName, kNameLength);
-        out.WriteInt32(0);
+        kx_mp4::PutBox(out, "name", [](auto& name) {
+            name.WriteBuf(kName, kNameLength);
+            name.WriteInt32(0);
+        });
     }
+
+private:
+    static constexpr char kName[] = "Tarnholt";
+    static constexpr uint32_t kNameLength = sizeof kName - 1;
 };
 
 #endif  // KX_MP4_UDTA_H

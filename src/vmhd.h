@@ -13,14 +13,14 @@ public:
     using ConstantAtom::ConstantAtom;
 
     template <class Out>
-    void Put(Out& out) const {
-        constexpr uint32_t kSize = 20;
-        constexpr uint32_t kFlags = 1;
-        out.WriteInt32(kSize);
-        out.WriteTag("vmhd");
-        out.WriteInt32(kFlags);
-        out.WriteInt64(0);
+    static constexpr void Put(Out& out) {
+        kx_mp4::PutBox(out, "vmhd", [](auto& content) {
+            constexpr uint32_t kFlags = 1;
+            content.WriteInt32(kFlags);
+            content.WriteInt64(0);
+        });
     }
 };
+static_assert(kx_mp4::SizeOf<CMp4VmhdAtom>() == 20);
 
 #endif  // KX_MP4_VMHD_H

@@ -2,18 +2,14 @@
 
 using kx_mp4::CountBytes;
 using kx_mp4::FourCC;
+using kx_mp4::PutBox;
 using kx_mp4::PutBoxHeader;
 
 template <class Out>
 void CMp4WaveAtom::PutHead(Out& out) {
-    constexpr uint32_t kChildSize = 12;
     PutBoxHeader(out, "wave");
-    out.WriteInt32(kChildSize);
-    out.WriteTag("frma");
-    out.WriteTag("mp4a");
-    out.WriteInt32(kChildSize);
-    out.WriteTag("mp4a");
-    out.WriteInt32(0);
+    PutBox(out, "frma", [](auto& format) { format.WriteTag("mp4a"); });
+    PutBox(out, "mp4a", [](auto& entry) { entry.WriteInt32(0); });
 }
 
 template <class Out>
