@@ -6,7 +6,6 @@
 #include "zv_log.h"
 
 using kx_mp4::Low32;
-using kx_mp4::PutTime;
 
 CMp4Atom::CMp4Atom(IBaseIO* pWriter) : m_pWriter(pWriter) {
     m_buffer.Init(pWriter);
@@ -44,9 +43,4 @@ void CMp4Atom::CheckSize(int64_t written) {
     if (written == int64_t{expected}) return;
     zv_log_warn("box %s size expect %u, actual:%lld", "src/Atom", __LINE__, "UpdateSize",
                 typeid(*this).name(), expected, static_cast<long long>(written));
-}
-
-void CMp4Atom::RewriteTime(int64_t position, bool use64bitTime, int64_t value) {
-    m_pWriter->Seek(position, SEEK_SET);
-    PutTime(*m_pWriter, use64bitTime, value);
 }

@@ -187,9 +187,6 @@ protected:
         }
     }
 
-    /// Writes a time field of this box again, which lies at `position` in the file.
-    void RewriteTime(int64_t position, bool use64bitTime, int64_t value);
-
     IBaseIO* m_pWriter;
     CBufferIO m_buffer;
 

@@ -12,14 +12,16 @@ class ChunkOffsets {
 public:
     explicit ChunkOffsets(IBaseIO* pWriter) : m_stco(pWriter), m_co64(pWriter) {}
 
-    /// Moves to 64-bit offsets and carries the recorded ones over. Comes before SetMaxFrame:
-    /// reserved room cannot move.
+    /// Moves to 64-bit offsets and carries the recorded ones over. Does nothing once 32-bit room is
+    /// reserved: it lies in the file, and what is behind it cannot move.
     void SetUse64BitSize();
 
-    /// Records a position, without SetUse64BitSize modulo 2^32; false when a reservation is full.
+    /// Records a position; false when a reservation is full or has no room for one past 4 GiB.
     bool AddChunk(int64_t nOffset) {
-        return m_bUse64BitSize ? m_co64.AddChunk(nOffset)
-                               : m_stco.AddChunk(static_cast<int32_t>(Low32(nOffset)));
+        if (m_bUse64BitSize) return m_co64.AddChunk(nOffset);
+        if (m_stco.IsReserved() && nOffset > int64_t{UINT32_MAX})
+            return m_stco.Refuse("src/ChunkOffsets", __LINE__, "AddChunk");
+        return m_stco.AddChunk(static_cast<int32_t>(Low32(nOffset)));
     }
     void SetMaxFrame(uint32_t num) {
         m_bUse64BitSize ? m_co64.SetMaxFrame(num) : m_stco.SetMaxFrame(num);
@@ -38,7 +40,7 @@ private:
 };
 
 inline void ChunkOffsets::SetUse64BitSize() {
-    if (m_bUse64BitSize) return;
+    if (m_bUse64BitSize || m_stco.IsReserved()) return;
     m_bUse64BitSize = true;
     m_stco.ForEachChunk([this](uint32_t offset) { m_co64.AddChunk(offset); });
 }

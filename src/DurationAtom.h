@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "Atom.h"
+#include "PlaceInFile.h"
 #include "zv_log.h"
 
 namespace kx_mp4 {
@@ -50,13 +51,13 @@ public:
     }
 
     void Write() override {
-        m_startPos = this->m_pWriter->Ftell();
+        m_place.Mark(*this->m_pWriter);
         m_writtenWide = Is64bit();
         LeafAtom<Box>::Write();
     }
     /// Rewrites the duration in the file and leaves the writer behind it.
     void Update() {
-        if (m_startPos == 0) {
+        if (!m_place.IsKnown()) {
             zv_log_error(Box::kNotWritten, Box::kSource, __LINE__, "Update");
             return;
         }
@@ -64,10 +65,11 @@ public:
         m_b64bitTime = m_writtenWide;
         m_fixedHeaderMode = true;
         if (NeedsVersion1() && !m_writtenWide) WarnOfLongDuration();
-        const auto start = static_cast<int64_t>(m_startPos);
         const uint32_t offset = CountBytes(
             [this](auto& out) { Box::PutHead(out, m_writtenWide, this->Self().m_values); });
-        this->RewriteTime(start + offset, m_writtenWide, WrittenDuration());
+        m_place.Rewrite(*this->m_pWriter, offset, [this](IBaseIO& writer) {
+            PutTime(writer, m_writtenWide, WrittenDuration());
+        });
     }
 
 protected:
@@ -91,7 +93,7 @@ private:
     bool m_writtenWide = false;
     bool m_longDurationLogged = false;
     int64_t m_nTotallDuration = 0;
-    uint64_t m_startPos = 0;
+    PlaceInFile m_place;
 };
 
 }  // namespace kx_mp4

@@ -1,7 +1,6 @@
 #include "SampleTable.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 
 #include "zv_log.h"
@@ -33,7 +32,7 @@ void SampleTableAtom::WriteTableHeader() {
 }
 
 void SampleTableAtom::WriteTable(uint32_t count) {
-    if (IsReserved()) m_startPosition = m_pWriter->Ftell();
+    if (IsReserved()) m_place.Mark(*m_pWriter);
     WriteTableHeader();
     m_pWriter->WriteInt32(count);
     WriteEntries();
@@ -47,18 +46,18 @@ void SampleTableAtom::WriteEntries() {
 }
 
 bool SampleTableAtom::CanUpdate(const char* file, int line) const {
-    if (m_startPosition != 0) return true;
+    if (m_place.IsKnown()) return true;
     zv_log_error("not in safe mode, logic error", file, line, "Update");
     return false;
 }
 
 void SampleTableAtom::Rewrite(uint32_t count) {
-    const auto start = static_cast<int64_t>(m_startPosition);
-    m_pWriter->Seek(start + m_headerSize - sizeof(uint32_t), SEEK_SET);
-    m_pWriter->WriteInt32(count);
-    m_pWriter->Seek(start + m_headerSize + m_lastUpdateOffset, SEEK_SET);
-    m_pWriter->WriteBuf(m_buffer.GetBuffer() + m_lastUpdateOffset,
+    m_place.Rewrite(*m_pWriter, m_headerSize - uint32_t{sizeof count},
+                    [count](IBaseIO& writer) { writer.WriteInt32(count); });
+    m_place.Rewrite(*m_pWriter, m_headerSize + m_lastUpdateOffset, [this](IBaseIO& writer) {
+        writer.WriteBuf(m_buffer.GetBuffer() + m_lastUpdateOffset,
                         BufferedBytes() - m_lastUpdateOffset);
+    });
     m_lastUpdateOffset = BufferedBytes();
 }
 

@@ -12,6 +12,7 @@
 #define KX_MP4_SAMPLETABLE_H
 
 #include "Atom.h"
+#include "PlaceInFile.h"
 
 namespace kx_mp4 {
 
@@ -19,6 +20,11 @@ class SampleTableAtom : public CMp4Atom {
 public:
     /// Header plus room, or header plus what is in the buffer.
     uint32_t GetSize() override;
+
+    /// Whether the box has the fixed size of a reservation.
+    bool IsReserved() const { return m_maxFrameNum > 0; }
+    /// Logs that the reservation is full; false.
+    bool Refuse(const char* file, int line, const char* function) const;
 
 protected:
     /// Where the entries begin: behind the count alone, or behind one more field and the count.
@@ -34,12 +40,8 @@ protected:
           m_entrySize(entrySize),
           m_headerSize(static_cast<uint32_t>(layout)) {}
 
-    /// Whether the box has the fixed size of a reservation.
-    bool IsReserved() const { return m_maxFrameNum > 0; }
     /// Whether a reservation has no room for another entry.
     bool IsFull() const { return IsReserved() && m_frameNum >= m_maxFrameNum; }
-    /// Logs that the reservation is full; false.
-    bool Refuse(const char* file, int line, const char* function) const;
 
     /// Enters the fixed-header mode. Comes before the first entry: the room is zeroed.
     void Reserve(uint32_t num, bool precise);
@@ -60,7 +62,7 @@ protected:
     void Rewrite(uint32_t count);
 
     uint32_t m_maxFrameNum = 0;
-    uint64_t m_startPosition = 0;
+    PlaceInFile m_place;
     uint32_t m_frameNum = 0;
     uint32_t m_lastUpdateOffset = 0;
 

@@ -25,7 +25,7 @@ bool CMp4StszAtom::IsEqual(int32_t* nSampleSize) const {
 void CMp4StszAtom::Write() {
     int32_t commonSize = 0;
     const bool equal = !IsReserved() && IsEqual(&commonSize);
-    if (IsReserved()) m_startPosition = m_pWriter->Ftell();
+    if (IsReserved()) m_place.Mark(*m_pWriter);
     WriteTableHeader();
     m_pWriter->WriteInt32(equal ? Low32(commonSize) : 0);
     m_pWriter->WriteInt32(IsReserved() ? 0 : BufferedEntries());

@@ -45,7 +45,7 @@ void CMp4SttsAtom::PlacePendingEntry() {
 }
 
 void CMp4SttsAtom::Write() {
-    m_startPosition = m_pWriter->Ftell();
+    m_place.Mark(*m_pWriter);
     PlacePendingEntry();
     WriteTableHeader();
     m_pWriter->WriteInt32(BufferedEntries());

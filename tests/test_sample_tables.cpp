@@ -210,6 +210,20 @@ void CheckReserved(const std::string& head, const std::string& entry, Add&& add)
     EXPECT_EQ(box.GetSize(), full.size());
 }
 
+TEST(SampleTables, ReservedNarrowOffsetsRefuseWhatLiesPast4GiB) {
+    LogCapture log;
+    CBufferIO out;
+    out.Init(nullptr);
+    kx_mp4::ChunkOffsets offsets(&out);
+    offsets.SetMaxFrame(2);
+    const uint32_t size = offsets.Selected().GetSize();
+    EXPECT_TRUE(offsets.AddChunk(UINT32_MAX));
+    offsets.SetUse64BitSize();
+    EXPECT_FALSE(offsets.AddChunk(int64_t{UINT32_MAX} + 1));
+    EXPECT_EQ(log.Count("error", "reach the max frame num 2", "AddChunk"), 1);
+    EXPECT_EQ(offsets.Selected().GetSize(), size) << "the table in the file cannot move";
+}
+
 TEST(SampleTables, ReservedTablesAreRewrittenInPlaceAndRefuseWhenFull) {
     CheckReserved<CMp4StszAtom>("0000001c 7374737a 00000000 00000000", "00000009",
                                 [](auto& box) { return box.AddEntry(9); });
