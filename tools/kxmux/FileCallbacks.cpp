@@ -8,7 +8,6 @@
 
 #include "WidePath.h"
 
-
 namespace kxmux {
 namespace {
 

@@ -15,7 +15,6 @@
 #include "WidePath.h"
 #include "kx_mp4/buffered_io.h"
 
-
 namespace kxmux {
 namespace {
 

@@ -3,7 +3,6 @@
 #include <clocale>
 #include <cstdlib>
 
-
 namespace kxmux {
 namespace {
 
