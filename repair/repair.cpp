@@ -449,6 +449,7 @@ RepairReport Repair(const std::string& recording_path, const RepairOptions& opti
         report.reason = "the recorded parameter sets cannot describe a track";
     }
     report.outcome = RepairOutcome::kFailed;
+    report.output_path.clear();
     return report;
 }
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <stdexcept>
 
 #include "fault_injection.h"
@@ -18,6 +19,9 @@ ssize_t __real_pwrite(int file, const void* bytes, size_t size, off_t position);
 int __real_ftruncate(int file, off_t size);
 int __real_fsync(int file);
 int __real_remove(const char* path);
+int __real_rename(const char* from, const char* to);
+int __real_link(const char* from, const char* to);
+ssize_t __real_pread(int file, void* bytes, size_t size, off_t position);
 }
 
 namespace {
@@ -34,6 +38,16 @@ std::string PathOf(int file) {
 
 bool IsWatched(const std::string& path) {
     return g_log != nullptr && path.compare(0, g_folder.size(), g_folder) == 0;
+}
+
+bool Fails(int file) {
+    return fault_injection::WatchesFiles() && fault_injection::FailsOn(PathOf(file));
+}
+
+/// Names are changed at once, or not.
+bool RefusesName(const char* path) {
+    const bool atOnce = fault_injection::IsShort() || fault_injection::Failure() == EINTR;
+    return !atOnce && fault_injection::FailsOn(path);
 }
 
 void NoteWrite(int file, off_t position, const void* bytes, ssize_t size) {
@@ -73,9 +87,16 @@ ssize_t __wrap_writev(int file, const iovec* pieces, int count) {
     return written;
 }
 
+ssize_t __wrap_pread(int file, void* bytes, size_t size, off_t position) {
+    const bool fails = Fails(file);
+    if (fails && !fault_injection::IsShort()) return fault_injection::Refuse();
+    return __real_pread(file, bytes, fails ? (size + 1) / 2 : size, position);
+}
+
 ssize_t __wrap_pwrite(int file, const void* bytes, size_t size, off_t position) {
-    if (fault_injection::WatchesFiles() && fault_injection::FailsOn(PathOf(file)))
-        return fault_injection::Refuse();
+    const bool fails = Fails(file);
+    if (fails && !fault_injection::IsShort()) return fault_injection::Refuse();
+    if (fails) size = (size + 1) / 2;
     const FaultPause ours;
     const ssize_t written = __real_pwrite(file, bytes, size, position);
     NoteWrite(file, position, bytes, written);
@@ -83,19 +104,25 @@ ssize_t __wrap_pwrite(int file, const void* bytes, size_t size, off_t position) 
 }
 
 int __wrap_ftruncate(int file, off_t size) {
-    if (fault_injection::WatchesFiles() && fault_injection::FailsOn(PathOf(file)))
-        return fault_injection::Refuse();
+    if (Fails(file) && !fault_injection::IsShort()) return fault_injection::Refuse();
     const FaultPause ours;
     Note(FileOperation::kTruncate, PathOf(file), static_cast<uint64_t>(size));
     return __real_ftruncate(file, size);
 }
 
 int __wrap_fsync(int file) {
-    if (fault_injection::WatchesFiles() && fault_injection::FailsOn(PathOf(file)))
-        return fault_injection::Refuse();
+    if (Fails(file) && !fault_injection::IsShort()) return fault_injection::Refuse();
     const FaultPause ours;
     Note(FileOperation::kSync, PathOf(file));
     return __real_fsync(file);
+}
+
+int __wrap_rename(const char* from, const char* to) {
+    return RefusesName(from) ? fault_injection::Refuse() : __real_rename(from, to);
+}
+
+int __wrap_link(const char* from, const char* to) {
+    return RefusesName(from) ? fault_injection::Refuse() : __real_link(from, to);
 }
 
 int __wrap_remove(const char* path) {
