@@ -52,6 +52,17 @@ struct AdtsHeader {
         header.blocks = (data[6] & 3U) + 1;
         return header;
     }
+    /// Whether the frame can be what it says: layer and rate are in use, and bytes follow the
+    /// header at `data` that was read.
+    bool IsPlausible(const uint8_t* data) const {
+        constexpr uint8_t kLayer = 0x06;
+        return (data[1] & kLayer) == 0 && SampleRate() != 0 && frameSize > Size();
+    }
+    /// Whether both frames belong to one stream, which has one configuration.
+    bool SameStream(const AdtsHeader& other) const {
+        return objectType == other.objectType && rateIndex == other.rateIndex &&
+               channels == other.channels;
+    }
     /// Bytes in front of the raw data blocks.
     uint32_t Size() const { return kSize + (hasCrc ? kCrcSize : 0); }
     /// Hz; 0 for a reserved index.

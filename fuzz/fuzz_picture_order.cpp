@@ -8,6 +8,9 @@
 #include "PictureOrder.h"
 #include "VideoFrameParser.h"
 
+namespace h264 = kx_mp4::h264;
+namespace hevc = kx_mp4::hevc;
+
 namespace {
 
 using namespace kxmux;

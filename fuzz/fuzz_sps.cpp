@@ -6,6 +6,9 @@
 #include "H264Syntax.h"
 #include "HevcSyntax.h"
 
+namespace h264 = kx_mp4::h264;
+namespace hevc = kx_mp4::hevc;
+
 namespace {
 
 using namespace kxmux;

@@ -4,7 +4,8 @@
 #include <array>
 
 #include "FourCC.h"
-#include "ParseHevc.h"
+#include "H264Syntax.h"
+#include "HevcSyntax.h"
 
 namespace kx_mp4 {
 
@@ -14,7 +15,6 @@ constexpr uint32_t kLengthField = 4;
 constexpr uint32_t kAtomHeader = 8;
 constexpr uint32_t kLine21Atom = 10;  // header and one byte pair
 constexpr uint8_t kForbiddenZeroBit = 0x80;
-constexpr uint8_t kH264Sps = 7;  // ITU-T H.264, table 7-1
 
 constexpr uint32_t CodeOf(FourCC code) {
     uint32_t value = 0;
@@ -133,9 +133,9 @@ SampleVerdict SampleCheck::CheckNalUnits(const FrameRecord& frame, uint64_t posi
 }
 
 void SampleCheck::CompareParameterSet(uint8_t header, uint32_t length, uint64_t position) {
-    const bool h264 = m_videoCodec == MP4_MVC_H264;
-    const uint8_t type = m_nal->GetTag(&header, 1);
-    if (m_spsMatched || type != (h264 ? kH264Sps : uint8_t{NAL_SPS})) return;
+    const uint8_t spsType = m_videoCodec == MP4_MVC_H264 ? uint8_t{kx_mp4::h264::kNalSps}
+                                                         : uint8_t{kx_mp4::hevc::kNalSps};
+    if (m_spsMatched || m_nal->GetTag(&header, 1) != spsType) return;
     m_spsSeen = true;
     if (length != m_sps.size()) return;
     std::vector<uint8_t> set(length);

@@ -584,7 +584,7 @@ bool MuxerState::GetVideoCodecData(const CVideoFrameParser& frame) {
         return false;
     }
     for (const VIDEO_SLICE& unit : frame) {
-        if (!m_parameterSets.Take(unit, *m_pVideoNalParser, m_videoTrack) &&
+        if (!m_parameterSets.Take(unit.pbData, static_cast<size_t>(unit.cbData), m_videoTrack) &&
             !std::exchange(m_setWarned, true)) {
             zv_log_warn("a video parameter set in the stream cannot be described and is not taken",
                         kSource, __LINE__, "GetVideoCodecData");

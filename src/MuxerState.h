@@ -9,7 +9,7 @@
 #include "AdtsInput.h"
 #include "BaseIO.h"
 #include "MLock.h"
-#include "ParameterSets.h"
+#include "ParameterSetKeeper.h"
 #include "ReservedHeader.h"
 #include "SideFile.h"
 #include "TimestampWatch.h"

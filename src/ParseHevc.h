@@ -8,11 +8,13 @@
 #include <cstdint>
 #include <vector>
 
+#include "HevcSyntax.h"
+
 /// nal_unit_type values that the configuration record is about.
 enum NALUnitType {
-    NAL_VPS = 32,
-    NAL_SPS = 33,
-    NAL_PPS = 34,
+    NAL_VPS = kx_mp4::hevc::kNalVps,
+    NAL_SPS = kx_mp4::hevc::kNalSps,
+    NAL_PPS = kx_mp4::hevc::kNalPps,
 };
 
 /// One parameter set; the bytes are borrowed.
@@ -52,11 +54,6 @@ struct HEVCDecoderConfigurationRecord {
     ARR_HVCCNALUnitArray array;
 };
 
-namespace kx_mp4 {
-class BitReader;
-struct HevcProfileTierLevel;
-}  // namespace kx_mp4
-
 /// Reads parameter sets into a configuration record.
 ///
 /// The sets are given in the order VPS, SPS, PPS. Of each set is read what the record needs; a set
@@ -88,11 +85,11 @@ public:
     HEVCDecoderConfigurationRecord* GetInfo() { return &m_info; }
 
 private:
-    bool ParseSet(uint8_t type, kx_mp4::BitReader& bits);
-    bool ParseVps(kx_mp4::BitReader& bits);
-    bool ParseSps(kx_mp4::BitReader& bits);
-    bool ParsePps(kx_mp4::BitReader& bits);
-    void MergeProfile(const kx_mp4::HevcProfileTierLevel& profile, uint32_t maxSubLayersMinus1);
+    bool ParseSet(uint8_t type, const uint8_t* nal, size_t size);
+    bool ParseVps(const uint8_t* nal, size_t size);
+    bool ParseSps(const uint8_t* nal, size_t size);
+    bool ParsePps(const uint8_t* nal, size_t size);
+    void MergeProfile(const kx_mp4::hevc::ProfileTierLevel& profile, uint8_t subLayers);
     HVCCNALUnitArray& ArrayOf(uint8_t type);
     void AddUnit(uint8_t type, const uint8_t* pbNal, size_t size);
 

@@ -1,6 +1,6 @@
 #include "TrackChecks.h"
 
-#include "ParameterSets.h"
+#include "ParameterSetKeeper.h"
 #include "zv_log.h"
 
 namespace kx_mp4 {

@@ -3,9 +3,13 @@
 #include <cstddef>
 #include <cstring>
 
+#include "H264Syntax.h"
+#include "HevcSyntax.h"
 #include "StartCode.h"
 
 using kx_mp4::FindStartCode;
+namespace h264 = kx_mp4::h264;
+namespace hevc = kx_mp4::hevc;
 
 namespace {
 
@@ -25,22 +29,6 @@ const uint8_t* FirstPrefix(const uint8_t* frame, const uint8_t* searchEnd) {
     }
     return FindStartCode(frame, searchEnd);
 }
-
-// ITU-T H.264, table 7-1.
-enum H264Type : uint8_t {
-    kH264Idr = 5,
-    kH264Sei = 6,
-    kH264AccessUnitDelimiter = 9,  // 7 and 8, between them, are SPS and PPS
-};
-
-// ITU-T H.265, table 7-1.
-enum HevcType : uint8_t {
-    kHevcBlaWLp = 16,
-    kHevcIdrWRadl = 19,
-    kHevcIdrNLp = 20,
-    kHevcCra = 21,
-    kHevcPrefixSei = 39,
-};
 
 }  // namespace
 
@@ -62,16 +50,16 @@ bool CVideoFrameParser::Parse(const uint8_t* pbFrame, int cbFrame) {
 }
 
 uint8_t CH264Nal::GetTag(const uint8_t* pbData, int /*cbData*/) {
-    return pbData[0] & 0x1F;
+    return h264::NalUnitType(pbData[0]);
 }
 
 bool CH264Nal::IsPayload(const uint8_t* pbData, int cbData) {
     const uint8_t type = GetTag(pbData, cbData);
-    return type < kH264Sei || type > kH264AccessUnitDelimiter;
+    return type < h264::kNalSei || type > h264::kNalAccessUnitDelimiter;
 }
 
 bool CH264Nal::IsKeyFrame(const uint8_t* pbData, int cbData) {
-    return GetTag(pbData, cbData) == kH264Idr;
+    return GetTag(pbData, cbData) == h264::kNalIdrSlice;
 }
 
 bool CH264Nal::IsRandomAccess(const uint8_t* pbData, int cbData) {
@@ -79,20 +67,20 @@ bool CH264Nal::IsRandomAccess(const uint8_t* pbData, int cbData) {
 }
 
 uint8_t CHevcNal::GetTag(const uint8_t* pbData, int /*cbData*/) {
-    return static_cast<uint8_t>(pbData[0] >> 1) & 0x3F;
+    return hevc::NalUnitType(pbData[0]);
 }
 
 bool CHevcNal::IsPayload(const uint8_t* pbData, int cbData) {
     const uint8_t type = GetTag(pbData, cbData);
-    return type <= kHevcCra || type == kHevcPrefixSei;
+    return type <= hevc::kNalCra || type == hevc::kNalPrefixSei;
 }
 
 bool CHevcNal::IsKeyFrame(const uint8_t* pbData, int cbData) {
     const uint8_t type = GetTag(pbData, cbData);
-    return type == kHevcIdrWRadl || type == kHevcIdrNLp;
+    return type == hevc::kNalIdrWRadl || type == hevc::kNalIdrNLp;
 }
 
 bool CHevcNal::IsRandomAccess(const uint8_t* pbData, int cbData) {
     const uint8_t type = GetTag(pbData, cbData);
-    return type >= kHevcBlaWLp && type <= kHevcCra;
+    return type >= hevc::kNalBlaWLp && type <= hevc::kNalCra;
 }

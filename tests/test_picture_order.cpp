@@ -13,6 +13,9 @@
 #include "VideoFrameParser.h"
 #include "golden_text.h"
 
+namespace h264 = kx_mp4::h264;
+namespace hevc = kx_mp4::hevc;
+
 namespace kxmux {
 namespace {
 

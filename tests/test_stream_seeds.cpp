@@ -28,6 +28,9 @@
 #include "golden_text.h"
 #include "scratch_folder.h"
 
+namespace h264 = kx_mp4::h264;
+namespace hevc = kx_mp4::hevc;
+
 namespace kxmux {
 namespace {
 
@@ -80,8 +83,9 @@ void OrderVideo(std::ostream& out, mp4_video_codec codec, MemorySource& source) 
 void CutAdts(std::ostream& out, MemorySource& source, size_t step) {
     AdtsCutter cutter(source, step);
     for (AdtsFrame frame; cutter.Next(frame);)
-        out << "  type " << int{frame.header.objectType} << " " << frame.header.sampleRate << " Hz "
-            << int{frame.header.channels} << " channels " << Hex(frame.data, frame.size) << "\n";
+        out << "  type " << int{frame.header.objectType} << " " << frame.header.SampleRate()
+            << " Hz " << int{frame.header.channels} << " channels " << Hex(frame.data, frame.size)
+            << "\n";
     if (cutter.SkippedBytes() != 0) out << "  skipped " << cutter.SkippedBytes() << "\n";
 }
 

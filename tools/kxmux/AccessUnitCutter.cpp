@@ -7,6 +7,9 @@
 #include "H264Syntax.h"
 #include "HevcSyntax.h"
 
+namespace h264 = kx_mp4::h264;
+namespace hevc = kx_mp4::hevc;
+
 namespace kxmux {
 
 namespace {
@@ -19,7 +22,7 @@ public:
     Role Classify(const NalUnit& nal) override {
         switch (h264::NalUnitType(nal.data[0])) {
             case h264::kNalSlice:
-            case kPartitionA:
+            case h264::kNalPartitionA:
             case h264::kNalIdrSlice:
                 return Role::kSlice;
             case h264::kNalAccessUnitDelimiter:
@@ -57,8 +60,6 @@ public:
     }
 
 private:
-    static constexpr uint8_t kPartitionA = 2;
-
     /// Without parameter sets only first_mb_in_slice can be read: the leading ue(v), 0 is one bit.
     bool StartsUnknown(const NalUnit& nal, bool afterDelimiter) {
         m_last.reset();

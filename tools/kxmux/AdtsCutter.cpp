@@ -2,15 +2,13 @@
 
 #include <string>
 
+using kx_mp4::AdtsHeader;
+
 namespace kxmux {
 
 namespace {
 
-constexpr size_t kCrcSize = 2;
 constexpr uint8_t kProtectionAbsent = 0x01;
-// ISO/IEC 14496-3, table 1.18.
-constexpr uint32_t kSampleRates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
-                                     22050, 16000, 12000, 11025, 8000,  7350};
 
 /// Writes aac_frame_length, the 13 bits from bit 30 of the header on.
 void SetFrameSize(uint8_t* header, size_t size) {
@@ -24,7 +22,7 @@ bool IsSynchronised(PieceReader& reader, size_t at) {
     const auto first = ReadAdtsHeader(reader.Data() + at);
     if (!first) return false;
     const size_t next = at + first->frameSize;
-    if (reader.Fill(next + kAdtsHeaderSize)) {
+    if (reader.Fill(next + AdtsHeader::kSize)) {
         const auto second = ReadAdtsHeader(reader.Data() + next);
         return second && second->SameStream(*first);
     }
@@ -34,17 +32,9 @@ bool IsSynchronised(PieceReader& reader, size_t at) {
 }  // namespace
 
 std::optional<AdtsHeader> ReadAdtsHeader(const uint8_t* data) {
-    const bool sync = data[0] == 0xFF && (data[1] & 0xF6) == 0xF0;  // layer is always 0
-    const size_t rateIndex = (data[2] >> 2) & 0x0F;
-    if (!sync || rateIndex >= std::size(kSampleRates)) return {};
-    AdtsHeader header;
-    header.objectType = static_cast<uint8_t>((data[2] >> 6) + 1);
-    header.sampleRate = kSampleRates[rateIndex];
-    header.channels = static_cast<uint8_t>((data[2] & 1) << 2 | data[3] >> 6);
-    header.hasCrc = (data[1] & kProtectionAbsent) == 0;
-    header.frameSize = size_t{data[3] & 0x03U} << 11 | size_t{data[4]} << 3 | data[5] >> 5;
-    header.blocks = (data[6] & 0x03U) + 1;
-    if (header.frameSize <= kAdtsHeaderSize + (header.hasCrc ? kCrcSize : 0)) return {};
+    if (!AdtsHeader::IsThere(data, AdtsHeader::kSize + 1)) return {};
+    const AdtsHeader header = AdtsHeader::Read(data);
+    if (!header.IsPlausible(data)) return {};
     return header;
 }
 
@@ -53,7 +43,7 @@ bool AdtsCutter::Next(AdtsFrame& frame) {
     m_unread = 0;
     if (!m_reader.Fill(1)) return false;
     if (!m_first) Synchronise();
-    if (!m_reader.Fill(kAdtsHeaderSize)) throw StreamError("cut off within the ADTS header");
+    if (!m_reader.Fill(AdtsHeader::kSize)) throw StreamError("cut off within the ADTS header");
     const auto header = ReadAdtsHeader(m_reader.Data());
     if (!header) {
         throw StreamError("no ADTS header at byte " + std::to_string(m_reader.Position()));
@@ -69,9 +59,8 @@ bool AdtsCutter::Next(AdtsFrame& frame) {
     frame = {data, header->frameSize, *header};
     if (!header->hasCrc) return true;
 
-    m_withoutCrc.assign(data, data + kAdtsHeaderSize);
-    m_withoutCrc.insert(m_withoutCrc.end(), data + kAdtsHeaderSize + kCrcSize,
-                        data + header->frameSize);
+    m_withoutCrc.assign(data, data + AdtsHeader::kSize);
+    m_withoutCrc.insert(m_withoutCrc.end(), data + header->Size(), data + header->frameSize);
     m_withoutCrc[1] |= kProtectionAbsent;
     SetFrameSize(m_withoutCrc.data(), m_withoutCrc.size());
     frame.data = m_withoutCrc.data();
@@ -81,8 +70,8 @@ bool AdtsCutter::Next(AdtsFrame& frame) {
 
 void AdtsCutter::Synchronise() {
     size_t at = 0;
-    while (!m_reader.Fill(at + kAdtsHeaderSize) || !IsSynchronised(m_reader, at)) {
-        if (m_reader.Size() < at + kAdtsHeaderSize || at >= kMaxGarbage) {
+    while (!m_reader.Fill(at + AdtsHeader::kSize) || !IsSynchronised(m_reader, at)) {
+        if (m_reader.Size() < at + AdtsHeader::kSize || at >= kMaxGarbage) {
             throw StreamError("no ADTS frames, so it is not an ADTS stream");
         }
         ++at;
@@ -101,8 +90,8 @@ void AdtsCutter::Check(const AdtsHeader& header) const {
     }
     if (m_first && !header.SameStream(*m_first)) {
         throw StreamError("the stream changes to object type " + std::to_string(header.objectType) +
-                          ", " + std::to_string(header.sampleRate) + " Hz, channel configuration " +
-                          std::to_string(header.channels));
+                          ", " + std::to_string(header.SampleRate()) +
+                          " Hz, channel configuration " + std::to_string(header.channels));
     }
 }
 

@@ -8,36 +8,20 @@
 #include <optional>
 #include <vector>
 
+#include "AdtsHeader.h"
 #include "ByteSource.h"
 
 namespace kxmux {
 
-/// Bytes of a header without CRC; the only form that the muxer strips.
-constexpr size_t kAdtsHeaderSize = 7;
-
-struct AdtsHeader {
-    uint8_t objectType = 0;   ///< MPEG-4 audio object type; 2 is AAC LC
-    uint32_t sampleRate = 0;  ///< Hz
-    uint8_t channels = 0;     ///< channel configuration
-    bool hasCrc = false;
-    size_t frameSize = 0;  ///< bytes, header included
-    uint32_t blocks = 0;   ///< raw data blocks in the frame, at least 1
-
-    bool SameStream(const AdtsHeader& other) const {
-        return objectType == other.objectType && sampleRate == other.sampleRate &&
-               channels == other.channels;
-    }
-};
-
-/// Reads the header at `data`, which has at least #kAdtsHeaderSize bytes; nothing when there is
-/// no header, its sampling frequency is reserved or its length shorter than the header.
-std::optional<AdtsHeader> ReadAdtsHeader(const uint8_t* data);
+/// Reads the header at `data`, which has at least AdtsHeader::kSize bytes; nothing when there is no
+/// header, its sampling frequency is reserved or its length shorter than the header.
+std::optional<kx_mp4::AdtsHeader> ReadAdtsHeader(const uint8_t* data);
 
 /// One frame behind a 7-byte header without CRC; the bytes are borrowed from the cutter.
 struct AdtsFrame {
     const uint8_t* data = nullptr;
     size_t size = 0;
-    AdtsHeader header;
+    kx_mp4::AdtsHeader header;
 };
 
 class AdtsCutter {
@@ -58,12 +42,12 @@ public:
 
 private:
     void Synchronise();
-    void Check(const AdtsHeader& header) const;
+    void Check(const kx_mp4::AdtsHeader& header) const;
 
     PieceReader m_reader;
     size_t m_unread = 0;
     size_t m_skipped = 0;
-    std::optional<AdtsHeader> m_first;
+    std::optional<kx_mp4::AdtsHeader> m_first;
     std::vector<uint8_t> m_withoutCrc;
 };
 

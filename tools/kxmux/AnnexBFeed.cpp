@@ -4,8 +4,7 @@
 #include <limits>
 #include <utility>
 
-#include "H264Syntax.h"
-#include "HevcSyntax.h"
+#include "ParameterSetKeeper.h"
 #include "StreamRate.h"
 
 namespace kxmux {
@@ -26,17 +25,10 @@ int16_t SizeOf(const std::vector<uint8_t>& set) {
 void ParameterSetCopies::Collect(mp4_video_codec codec, const AccessUnit& unit) {
     for (size_t i = 0; i < unit.NalCount(); ++i) {
         const NalUnit nal = unit.Nal(i);
-        if (codec == MP4_MVC_H264) {
-            const uint8_t type = h264::NalUnitType(nal.data[0]);
-            if (type == h264::kNalSps) CopyOnce(sps, nal);
-            if (type == h264::kNalPps) CopyOnce(pps, nal);
-            continue;
-        }
-        hevc::NalHeader header;
-        if (!hevc::ParseNalHeader(nal.data, nal.size, &header) || header.layer_id > 0) continue;
-        if (header.type == hevc::kNalVps) CopyOnce(vps, nal);
-        if (header.type == hevc::kNalSps) CopyOnce(sps, nal);
-        if (header.type == hevc::kNalPps) CopyOnce(pps, nal);
+        const auto kind = kx_mp4::KindOfParameterSet(codec, nal.data, nal.size);
+        if (kind == kx_mp4::ParameterSetKind::kVps) CopyOnce(vps, nal);
+        if (kind == kx_mp4::ParameterSetKind::kSps) CopyOnce(sps, nal);
+        if (kind == kx_mp4::ParameterSetKind::kPps) CopyOnce(pps, nal);
     }
 }
 

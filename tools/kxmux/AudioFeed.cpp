@@ -18,12 +18,12 @@ AudioFeed::AudioFeed(Input& input, bool deferred)
 
 mp4_status_t AudioFeed::Declare(CMp4Muxer& muxer) {
     mp4_audio_track_info_t info = {};
-    info.timescale = m_header.sampleRate;
+    info.timescale = static_cast<uint32_t>(m_header.SampleRate());
     info.frame_duration = kSamplesPerFrame;
     info.codec = MP4_MAC_ADTS;
     if (!m_deferred) {
         // The field keeps the low 16 bits of 88200 and 96000, which stand for them.
-        info.sample_rate = static_cast<uint16_t>(m_header.sampleRate);
+        info.sample_rate = static_cast<uint16_t>(m_header.SampleRate());
         info.channels = m_header.channels;
         info.profile = m_header.objectType;
     }
@@ -31,7 +31,7 @@ mp4_status_t AudioFeed::Declare(CMp4Muxer& muxer) {
 }
 
 MediaTime AudioFeed::NextTime() const {
-    return {Frames() * kSamplesPerFrame, m_header.sampleRate};
+    return {Frames() * kSamplesPerFrame, static_cast<uint32_t>(m_header.SampleRate())};
 }
 
 mp4_status_t AudioFeed::Write(CMp4Muxer& muxer) const {
@@ -40,7 +40,7 @@ mp4_status_t AudioFeed::Write(CMp4Muxer& muxer) const {
 }
 
 std::string AudioFeed::Describe() const {
-    return "AAC " + std::to_string(m_header.sampleRate) + " Hz, channel configuration " +
+    return "AAC " + std::to_string(m_header.SampleRate()) + " Hz, channel configuration " +
            std::to_string(m_header.channels);
 }
 

@@ -32,7 +32,7 @@ private:
 
     AdtsCutter m_cutter;
     AdtsFrame m_frame;
-    AdtsHeader m_header;
+    kx_mp4::AdtsHeader m_header;
     bool m_deferred;
 };
 

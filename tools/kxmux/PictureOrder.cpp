@@ -4,6 +4,9 @@
 #include <limits>
 #include <optional>
 
+namespace h264 = kx_mp4::h264;
+namespace hevc = kx_mp4::hevc;
+
 namespace kxmux {
 namespace {
 
@@ -39,9 +42,8 @@ public:
             return Fail(type == h264::kNalSps ? "the sequence parameter set cannot be read"
                                               : "the picture parameter set cannot be read");
         }
-        constexpr uint8_t kPartitionA = 2;
         const bool slice =
-            type == h264::kNalSlice || type == h264::kNalIdrSlice || type == kPartitionA;
+            type == h264::kNalSlice || type == h264::kNalIdrSlice || type == h264::kNalPartitionA;
         if (!slice || m_slice) return true;
         h264::SliceHeader header;
         if (!h264::ParseSliceHeader(nal, size, m_sets, &header)) {

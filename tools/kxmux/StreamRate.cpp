@@ -6,6 +6,9 @@
 #include "H264Syntax.h"
 #include "HevcSyntax.h"
 
+namespace h264 = kx_mp4::h264;
+namespace hevc = kx_mp4::hevc;
+
 namespace kxmux {
 namespace {
 
@@ -29,12 +32,13 @@ std::optional<FrameRate> H264FrameRate(const std::vector<uint8_t>& sps) {
 
 std::optional<FrameRate> HevcFrameRate(const std::vector<uint8_t>& vps,
                                        const std::vector<uint8_t>& sps) {
-    hevc::Timing timing;
-    if (!hevc::ParseSpsTiming(sps.data(), sps.size(), &timing) &&
-        !hevc::ParseVpsTiming(vps.data(), vps.size(), &timing)) {
-        return {};
-    }
-    return RateOf(timing.time_scale, timing.num_units_in_tick);
+    hevc::Sps set;
+    hevc::Vps video;
+    if (hevc::DescribeSps(sps.data(), sps.size(), &set) && set.timing.present)
+        return RateOf(set.timing.time_scale, set.timing.num_units_in_tick);
+    if (hevc::DescribeVps(vps.data(), vps.size(), &video) && video.timing.present)
+        return RateOf(video.timing.time_scale, video.timing.num_units_in_tick);
+    return {};
 }
 
 }  // namespace kxmux

@@ -4,9 +4,7 @@
 
 #include "BitReader.h"
 
-using kx_mp4::BitReader;
-
-namespace kxmux::h264 {
+namespace kx_mp4::h264 {
 namespace {
 
 constexpr uint32_t kMaxSpsId = 31;
@@ -114,23 +112,9 @@ bool SkipHrd(BitReader& bits) {
     return bits.Ok();
 }
 
-void SkipVideoSignal(BitReader& bits) {
-    constexpr uint32_t kExtendedSar = 255;
-    if (bits.Flag() && bits.U(8) == kExtendedSar) bits.Skip(32);
-    if (bits.Flag()) bits.Skip(1);  // overscan
-    if (bits.Flag()) {
-        bits.Skip(4);                    // video_format, video_full_range_flag
-        if (bits.Flag()) bits.Skip(24);  // colour description
-    }
-    if (bits.Flag()) {
-        bits.Ue();  // chroma_sample_loc_type_top_field
-        bits.Ue();  // chroma_sample_loc_type_bottom_field
-    }
-}
-
 /// vui_parameters(), E.1.1.
 bool ReadVui(BitReader& bits, Sps& sps) {
-    SkipVideoSignal(bits);
+    sps.signal = ReadVideoSignal(bits);
     if (bits.Flag()) {
         sps.num_units_in_tick = bits.U(32);
         sps.time_scale = bits.U(32);
@@ -428,4 +412,4 @@ bool StartsNewPicture(const SliceHeader& previous, const SliceHeader& current) {
            previous.delta_pic_order_cnt != current.delta_pic_order_cnt;
 }
 
-}  // namespace kxmux::h264
+}  // namespace kx_mp4::h264

@@ -1,16 +1,17 @@
 /// @file
-/// The parameter sets of one type that a stream has sent so far.
-#ifndef KXMUX_PARAMETERSETTABLE_H
-#define KXMUX_PARAMETERSETTABLE_H
+/// The parameter sets that a stream has sent so far, of either codec.
+#ifndef KX_MP4_CODEC_PARAMETERSETTABLE_H
+#define KX_MP4_CODEC_PARAMETERSETTABLE_H
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 
-namespace kxmux {
+namespace kx_mp4 {
 
-/// Sets by their `id`, which is below `Ids`. A set takes memory when it comes: few ids are used.
+/// Sets of one type by their `id`, which is below `Ids`. A set takes memory when it comes: few ids
+/// are used.
 template <class Set, size_t Ids>
 class ParameterSetTable {
 public:
@@ -32,6 +33,19 @@ private:
     std::array<std::unique_ptr<Set>, Ids> m_sets;
 };
 
-}  // namespace kxmux
+/// The sequence and picture parameter sets that the slices of a stream refer to.
+template <class Sps, size_t SpsIds, class Pps, size_t PpsIds>
+class ParameterSetTables {
+public:
+    /// Null when the stream has not sent the set.
+    const Sps* FindSps(uint32_t id) const { return m_sps.Find(id); }
+    const Pps* FindPps(uint32_t id) const { return m_pps.Find(id); }
 
-#endif  // KXMUX_PARAMETERSETTABLE_H
+protected:
+    ParameterSetTable<Sps, SpsIds> m_sps;
+    ParameterSetTable<Pps, PpsIds> m_pps;
+};
+
+}  // namespace kx_mp4
+
+#endif  // KX_MP4_CODEC_PARAMETERSETTABLE_H

@@ -1,12 +1,12 @@
 /// @file
 /// Parameter sets and slice headers of ITU-T H.264 (7.3.2, 7.3.3, Annex E), as far as picture
-/// size and picture order need them.
+/// size, picture order and the file's description of the stream need them.
 ///
 /// NAL units are given without start code, beginning with the header byte. Nothing is read past
 /// their end; what is cut off or out of its range is refused. Sets of scalable and multiview
 /// extensions (subset parameter sets) are not read.
-#ifndef KXMUX_H264SYNTAX_H
-#define KXMUX_H264SYNTAX_H
+#ifndef KX_MP4_CODEC_H264SYNTAX_H
+#define KX_MP4_CODEC_H264SYNTAX_H
 
 #include <array>
 #include <cstddef>
@@ -14,12 +14,14 @@
 #include <vector>
 
 #include "ParameterSetTable.h"
+#include "VideoSignal.h"
 
-namespace kxmux::h264 {
+namespace kx_mp4::h264 {
 
 /// nal_unit_type, table 7-1.
 enum NalType : uint8_t {
     kNalSlice = 1,
+    kNalPartitionA = 2,
     kNalIdrSlice = 5,
     kNalSei = 6,
     kNalSps = 7,
@@ -53,7 +55,8 @@ struct Sps {
     bool frame_mbs_only = true;
     uint32_t width = 0;   ///< Luma samples of a frame after cropping.
     uint32_t height = 0;  ///< Luma samples of a frame after cropping.
-    /// VUI, Annex E; not given by the stream: 0.
+    /// VUI, Annex E; numbers that the stream does not give are 0.
+    VideoSignal signal;
     uint32_t num_units_in_tick = 0;
     uint32_t time_scale = 0;
     bool has_bitstream_restriction = false;
@@ -108,18 +111,11 @@ bool ParseSps(const uint8_t* nal, size_t size, Sps* sps);
 bool ParsePps(const uint8_t* nal, size_t size, Pps* pps);
 
 /// The parameter sets that a stream has sent so far.
-class ParameterSets {
+class ParameterSets : public ParameterSetTables<Sps, 32, Pps, 256> {
 public:
     /// Keeps the set that the unit holds; false when it is a set that cannot be read. Units of
     /// other types are ignored.
     bool Add(const uint8_t* nal, size_t size);
-    /// Null when the stream has not sent the set.
-    const Sps* FindSps(uint32_t id) const { return m_sps.Find(id); }
-    const Pps* FindPps(uint32_t id) const { return m_pps.Find(id); }
-
-private:
-    ParameterSetTable<Sps, 32> m_sps;
-    ParameterSetTable<Pps, 256> m_pps;
 };
 
 /// Reads the header of a slice (nal_unit_type 1 or 5, or 2 of a data-partitioned slice). False
@@ -131,6 +127,6 @@ bool ParseSliceHeader(const uint8_t* nal, size_t size, const ParameterSets& sets
 /// 7.4.1.2.4. Slices of redundant pictures (redundant_pic_cnt not 0) must be left out.
 bool StartsNewPicture(const SliceHeader& previous, const SliceHeader& current);
 
-}  // namespace kxmux::h264
+}  // namespace kx_mp4::h264
 
-#endif  // KXMUX_H264SYNTAX_H
+#endif  // KX_MP4_CODEC_H264SYNTAX_H
