@@ -2,11 +2,10 @@
 // says how to read and to refresh it.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <memory>
 #include <string>
 
+#include "golden_text.h"
 #include "program_runner.h"
 #include "scratch_folder.h"
 
@@ -40,23 +39,11 @@ private:
 };
 
 TEST(CommandLines, PrintWhatIsKept) {
-    const std::string path = KX_MP4_GOLDEN_FOLDER "/command_lines.txt";
-    const Lines lines = SplitLines(ReadFile(path));
-    std::string text;
     std::unique_ptr<Shell> shell;
-    for (size_t i = 0; i < lines.size(); ++i) {
-        text += lines[i] + "\n";
-        if (lines[i].rfind("## ", 0) == 0) shell = std::make_unique<Shell>();
-        if (lines[i].rfind("$ ", 0) != 0) continue;
-        std::string kept;
-        const std::string& line = lines[i];
-        while (i + 1 < lines.size() && std::string(" !=").find(lines[i + 1][0]) < 3)
-            kept += lines[++i] + "\n";
-        const std::string printed = shell->Run(line.substr(2));
-        EXPECT_EQ(printed, kept) << line;
-        text += printed;
-    }
-    if (std::getenv("KX_MP4_UPDATE_GOLDEN") != nullptr) std::ofstream(path) << text;
+    ExpectLinesKept("command_lines", [&shell](const std::string& line) {
+        if (line[0] == '#') shell = std::make_unique<Shell>();
+        return line[0] == '#' ? std::string() : shell->Run(line.substr(2));
+    });
 }
 
 }  // namespace

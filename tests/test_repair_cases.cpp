@@ -2,14 +2,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "golden_text.h"
 #include "kx_mp4/repair.h"
 #include "repair_scenario.h"
 #include "write_log.h"
@@ -235,24 +234,9 @@ private:
 };
 
 TEST(RepairCases, EndAsIsKept) {
-    const std::string path = KX_MP4_GOLDEN_FOLDER "/repairs.txt";
-    std::ifstream file(path);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(file, line);)
-        lines.push_back(line);
-    std::string text;
-    for (size_t i = 0; i < lines.size(); ++i) {
-        text += lines[i] + "\n";
-        if (lines[i][0] != '$') continue;
-        SCOPED_TRACE(lines[i]);
-        const std::string reported = RepairCase(lines[i].substr(1)).Run();
-        std::string kept;
-        while (i + 1 < lines.size() && lines[i + 1][0] == ' ')
-            kept += lines[++i] + "\n";
-        EXPECT_EQ(reported, kept);
-        text += reported;
-    }
-    if (std::getenv("KX_MP4_UPDATE_GOLDEN") != nullptr) std::ofstream(path) << text;
+    ExpectLinesKept("repairs", [](const std::string& line) {
+        return line[0] == '$' ? RepairCase(line.substr(1)).Run() : std::string();
+    });
 }
 
 }  // namespace

@@ -24,6 +24,7 @@
 #include "ProResCutter.h"
 #include "Scc.h"
 #include "StreamRate.h"
+#include "Timecode.h"
 #include "TrackFeed.h"
 #include "golden_text.h"
 #include "scratch_folder.h"
@@ -176,6 +177,27 @@ TEST(StreamSeeds, CaptionsAreSentAsIsKept) {
         }
         const auto rounded = file.Packets(0xFFFFFFFF);
         if (!rounded.empty()) out << "  last at " << rounded.back().timestamp << " of 2^32 - 1\n";
+    });
+}
+
+TEST(Timecodes, CountAsIsKept) {
+    ExpectLinesKept("timecodes", [](const std::string& line) -> std::string {
+        if (line[0] == '#') return {};
+        const size_t end = line.find(']');
+        std::istringstream rate(line.substr(end + 1));
+        FrameRate frameRate;
+        char slash = 0;
+        rate >> frameRate.num >> slash >> frameRate.den;
+        Timecode timecode;
+        std::string error;
+        if (!timecode.Parse(line.substr(3, end - 3), frameRate, &error))
+            return "  error: " + error + "\n";
+        const mp4_time_code_track_info_t track = timecode.TrackInfo();
+        std::ostringstream out;
+        out << "  frame " << timecode.FrameCount() << " at " << int{track.frame_rate}
+            << " a second, " << track.frame_duration << " of " << track.timescale
+            << " ticks, flags " << int{track.flags} << "\n";
+        return out.str();
     });
 }
 

@@ -119,14 +119,16 @@ private:
 };
 
 void ReadBrands(const Box& ftyp, MovieMap& map) {
-    constexpr uint64_t kMostBrands = 32;
+    constexpr size_t kMostBrands = 32;
     const auto brandAt = [&ftyp](uint64_t at) {
         const Bytes brand = ftyp.Peek(at, 4);
         return movie::PrintableType({brand.begin(), brand.end()});
     };
-    map.brand = brandAt(8);
-    for (uint64_t at = 16; at + 4 <= ftyp.size && at < 16 + 4 * kMostBrands; at += 4)
+    map.brand = brandAt(ftyp.headerSize);
+    for (uint64_t at = ftyp.headerSize + 8; at + 4 <= ftyp.size; at += 4) {
+        if (map.compatibleBrands.size() == kMostBrands) return;
         map.compatibleBrands.push_back(brandAt(at));
+    }
 }
 
 void ReadTopLevel(const movie::Movie& movie, MovieMap& map) {

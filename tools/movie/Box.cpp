@@ -147,8 +147,9 @@ Box TreeReader::ReadTopBox(uint64_t offset) {
 }
 
 void TreeReader::ReadChildren(Box& parent, const std::string& grandparent, int depth) {
-    const uint64_t start = ChildrenStart(parent, grandparent);
+    uint64_t start = ChildrenStart(parent, grandparent);
     if (start == 0) return;
+    start += parent.headerSize - kHeader;
     const uint64_t end = parent.offset + parent.size;
     uint64_t offset = parent.offset + std::min(start, parent.size);
     while (offset < end) {
