@@ -15,7 +15,6 @@
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 /// The status of the exception that the call throws; success when it throws none.
 template <class Call>
@@ -105,12 +104,12 @@ TEST_F(FileWriter, RefusesPathsItCannotOpen) {
 
 TEST_F(FileWriter, ReportsFailuresOnceAndStaysInError) {
     ASSERT_EQ(Open("/dev/full"), MP4_STATUS_SUCCESS);
-    ::testing::internal::CaptureStdout();
     EXPECT_EQ(StatusOf([&] { m_writer.WriteInt32(1); }), MP4_STATUS_NO_SPACE_LEFT);
     EXPECT_NO_THROW(m_writer.WriteInt32(2));
-    EXPECT_THAT(::testing::internal::GetCapturedStdout(),
-                ::testing::AllOf(HasSubstr("BaseIO : Error - [line "),
-                                 HasSubstr("] Write error No space left on device !\n\n")));
+    ASSERT_EQ(m_log.Lines().size(), 1U);
+    EXPECT_THAT(m_log.Lines()[0].text,
+                ::testing::MatchesRegex("BaseIO : Error - .line [0-9]+. Write error No space left "
+                                        "on device !\n\n"));
     EXPECT_EQ(m_writer.get_error_code(), MP4_STATUS_NO_SPACE_LEFT);
     EXPECT_FALSE(m_writer.IsValid());
 

@@ -14,8 +14,9 @@
 
 namespace {
 
-/// The output drops these frames' bytes and keeps their positions. (Readers take no larger ones.)
-constexpr uint32_t kFrameSize = 0x30000000;
+/// The output drops these frames' bytes and keeps their positions, of which no byte is 0. (Readers
+/// take no larger frames.)
+constexpr uint32_t kFrameSize = 0x30010203;
 /// So many of them pass 4 GiB.
 constexpr uint64_t kFrames = 6;
 constexpr uint8_t kFrame[1] = {};  // never read: ProRes frames are handed through

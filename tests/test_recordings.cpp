@@ -61,10 +61,9 @@ public:
         m_out.str({});
         m_log.Clear();
         const std::string& call = m_words.at(0);
-        if (call == "ask")
-            Ask();
-        else if (call == "side")
-            TellSideFile();
+        const auto question = kQuestions.find(call);
+        if (question != kQuestions.end())
+            (this->*question->second)();
         else
             Tell(kCalls.at(call)(*this));
         for (const std::string& complaint : m_log.Complaints())
@@ -75,7 +74,9 @@ public:
 
 private:
     using Call = mp4_status_t (*)(Replay&);
+    using Question = void (Replay::*)();
     static const std::map<std::string, Call> kCalls;
+    static const std::map<std::string, Question> kQuestions;
 
     void Tell(mp4_status_t status) {
         if (status != MP4_STATUS_SUCCESS) m_out << "  " << mp4_status_string(status) << "\n";
@@ -108,11 +109,17 @@ private:
 
     /// A NAL unit by its name or its digits.
     static Bytes Unit(const std::string& text) {
-        static const std::map<std::string, Bytes> kNames{
-            {"sps", test_pattern::kSps},  {"pps", test_pattern::kPps}, {"VPS", streams::kHevcVps},
-            {"SPS", streams::kHevcSps},   {"PPS", streams::kHevcPps},  {"idr", Hex("658884")},
-            {"slice", Hex("419a02")},     {"IDR", Hex("260180")},      {"SLICE", Hex("0201d0")},
-            {"large", Bytes(40000, 0x67)}};
+        static const std::map<std::string, Bytes> kNames{{"sps", test_pattern::kSps},
+                                                         {"pps", test_pattern::kPps},
+                                                         {"VPS", streams::kHevcVps},
+                                                         {"SPS", streams::kHevcSps},
+                                                         {"PPS", streams::kHevcPps},
+                                                         {"idr", Hex("658884")},
+                                                         {"slice", Hex("419a02")},
+                                                         {"IDR", Hex("260180")},
+                                                         {"SLICE", Hex("0201d0")},
+                                                         {"large", Bytes(40000, 0x67)},
+                                                         {"none", {}}};
         const auto named = kNames.find(text);
         return named != kNames.end() ? named->second : Hex(text);
     }
@@ -218,7 +225,7 @@ private:
     }
     template <class Write>
     mp4_status_t Packets(Write&& write) {
-        return Frames(Word(1), Hex(Word(2)), [&](const Bytes& frame, uint64_t time) {
+        return Frames(Word(1), Unit(Word(2)), [&](const Bytes& frame, uint64_t time) {
             return (m_muxer.*write)(frame.data(), static_cast<uint32_t>(frame.size()), time);
         });
     }
@@ -230,6 +237,20 @@ private:
               << (m_muxer.IsRepairInfoActive() ? "active" : "not active") << "\n";
     }
 
+    /// Settles nothing, as the question for the duration does.
+    void TellSize() { m_out << "  moov " << m_muxer.GetMoovSize() << "\n"; }
+    void TellStatuses() {
+        for (int i = -1; i < 64; ++i) {
+            const std::string name = mp4_status_string(streams::Forged<mp4_status_t>(i));
+            m_out << "  " << i << " " << name << "\n";
+        }
+    }
+    void TellCalls() {
+        for (const std::string& call : m_output->calls)
+            if (call != "tell")
+                m_out << (call.compare(0, 4, "init") == 0 ? "  init" : "  " + call) << "\n";
+        m_output->calls.clear();
+    }
     void TellSideFile() {
         const Bytes file = ReadFile(m_path + ".info");
         kx_mp4::InfoReader reader(m_path + ".info");
@@ -319,6 +340,13 @@ const std::map<std::string, Replay::Call> Replay::kCalls{
     {"offsets", [](Replay& r) { return r.m_muxer.SetCompositionOffsets(r.Number(1) != 0); }},
     {"flush", [](Replay& r) { return r.m_muxer.Flush(); }},
     {"close", [](Replay& r) { return r.m_muxer.Close(); }}};
+
+const std::map<std::string, Replay::Question> Replay::kQuestions{
+    {"ask", &Replay::Ask},
+    {"size", &Replay::TellSize},
+    {"calls", &Replay::TellCalls},
+    {"statuses", &Replay::TellStatuses},
+    {"side", &Replay::TellSideFile}};
 
 class Recordings : public ::testing::TestWithParam<const char*> {};
 

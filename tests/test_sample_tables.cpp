@@ -1,9 +1,7 @@
-// The sample tables: what they record, how they are written once at the end, and how they are
-// rewritten in place in room reserved for them.
+// The sample tables in room reserved for them: rewritten in place, and refused when it is full. How
+// they are written at the end of a recording shows in the recordings.
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <numeric>
 #include <type_traits>
 
 #include "co64.h"
@@ -32,47 +30,6 @@ public:
         return Bytes(all.begin() + 4, all.end());
     }
 };
-
-template <class Box>
-Bytes Written(Box& box) {
-    CBufferIO out;
-    out.Init(nullptr);
-    box.setWriter(&out);
-    box.Write();
-    EXPECT_EQ(box.GetSize(), out.GetSize());
-    return BytesOf(out);
-}
-
-TEST(SampleTables, DecodeTimesBecomeRunsOfDurations) {
-    const struct {
-        std::vector<int64_t> times;
-        int32_t defaultDuration;  // 0: not set
-        std::string runs;         // count of runs, then runs
-    } kTable[] = {
-        {{}, 0, "00000000"},
-        {{700}, 0, "00000001 00000001 00000001"},
-        {{700}, 1001, "00000001 00000001 000003e9"},
-        {{0, 10, 20, 30}, 0, "00000001 00000004 0000000a"},
-        {{5, 15, 25, 35}, 99, "00000001 00000004 0000000a"},
-        {{0, 10, 20, 25}, 0, "00000002 00000002 0000000a 00000002 00000005"},
-        {{0, 10, 15, 25}, 0, "00000003 00000001 0000000a 00000001 00000005 00000002 0000000a"},
-        {{0, 10, 7}, 0, "00000002 00000001 0000000a 00000002 fffffffd"},
-        {{0, 0, 0}, 0, "00000001 00000003 00000000"},
-        {{0, int64_t{1} << 32, (int64_t{1} << 32) + 7},
-         0,
-         "00000002 00000001 00000000 00000002 00000007"},
-    };
-    for (const auto& row : kTable) {
-        CMp4SttsAtom stts(nullptr);
-        if (row.defaultDuration != 0) stts.SetFrameDuration(row.defaultDuration);
-        for (const int64_t time : row.times)
-            EXPECT_TRUE(stts.AddEntry(time));
-        const Bytes content = Hex("73747473 00000000" + row.runs);
-        const Bytes expected = Bytes{0, 0, 0, static_cast<uint8_t>(content.size() + 4)} + content;
-        EXPECT_EQ(Written(stts), expected) << row.runs;
-        EXPECT_EQ(Written(stts), expected) << "a second time: " << row.runs;
-    }
-}
 
 TEST(SampleTables, ReservedRunsHoldThePendingOneToo) {
     LogCapture log;
@@ -109,75 +66,6 @@ TEST(SampleTables, ReservedRunsAreRewrittenInPlace) {
     EXPECT_EQ(file.Table(), Hex("00000028 73747473 00000000 00000002 00000002 0000000a"
                                 "00000003 00000005") +
                                 Bytes(8, 0));
-}
-
-TEST(SampleTables, EqualSizesNeedNoTable) {
-    const std::pair<std::vector<int32_t>, std::string> kTable[] = {
-        {{}, "00000014 7374737a 00000000 00000000 00000000"},
-        {{7}, "00000014 7374737a 00000000 00000007 00000001"},
-        {{100, 100, 100}, "00000014 7374737a 00000000 00000064 00000003"},
-        {{1, 2, 1}, "00000020 7374737a 00000000 00000000 00000003 00000001 00000002 00000001"},
-        {{0, 0}, "00000014 7374737a 00000000 00000000 00000002"},
-    };
-    for (const auto& [sizes, box] : kTable) {
-        CMp4StszAtom stsz(nullptr);
-        for (const int32_t size : sizes)
-            EXPECT_TRUE(stsz.AddEntry(size));
-        EXPECT_EQ(Written(stsz), Hex(box));
-        EXPECT_EQ(Written(stsz), Hex(box)) << "a second time";
-        EXPECT_EQ(stsz.GetDataSize(), std::accumulate(sizes.begin(), sizes.end(), uint64_t{0}));
-    }
-}
-
-TEST(SampleTables, ChunksOfTheSameLengthShareAnEntry) {
-    const struct {
-        std::vector<int> chunks;
-        std::string box;
-    } kTable[] = {
-        {{}, "00000010 73747363 00000000 00000000"},
-        {{1}, "0000001c 73747363 00000000 00000001 00000001 00000001 00000001"},
-        {{5, 5, 3, 3, 5},
-         "00000034 73747363 00000000 00000003 00000001 00000005 00000001"
-         "00000003 00000003 00000001 00000005 00000005 00000001"},
-    };
-    for (const auto& row : kTable) {
-        CMp4StscAtom stsc(nullptr);
-        stsc.AddEntry(false);  // continues nothing: not counted
-        for (const int samples : row.chunks)
-            for (int i = 0; i < samples; ++i)
-                stsc.AddEntry(i == 0);
-        EXPECT_EQ(Written(stsc), Hex(row.box));
-        EXPECT_EQ(Written(stsc), Hex(row.box)) << "a second time";
-        stsc.SetFixedHeader();
-        EXPECT_EQ(Written(stsc),
-                  Hex("0000001c 73747363 00000000 00000001 00000001 00000001 00000001"));
-    }
-}
-
-TEST(SampleTables, CompositionOffsetsAreWrittenOnlyWhenThereAreAny) {
-    const struct {
-        std::vector<int64_t> offsets;
-        std::string box;
-    } kTable[] = {
-        {{}, ""},
-        {{0, 0, 0}, ""},
-        {{0, 2, 2}, "00000020 63747473 00000000 00000002 00000001 00000000 00000002 00000002"},
-        {{1, -1}, "00000020 63747473 01000000 00000002 00000001 00000001 00000001 ffffffff"},
-    };
-    for (const auto& row : kTable) {
-        CMp4CttsAtom ctts(nullptr);
-        int64_t time = 100;
-        for (const int64_t offset : row.offsets) {
-            ctts.AddEntry(time + offset, time);
-            time += 10;
-        }
-        EXPECT_EQ(ctts.HasOffsets(), !row.box.empty());
-        EXPECT_EQ(Written(ctts), Hex(row.box));
-        EXPECT_EQ(Written(ctts), Hex(row.box)) << "a second time";
-    }
-    EXPECT_TRUE(CMp4CttsAtom::OffsetFits(int64_t{1} << 31, 1));
-    EXPECT_FALSE(CMp4CttsAtom::OffsetFits(int64_t{1} << 31, 0));
-    EXPECT_FALSE(CMp4CttsAtom::OffsetFits(INT64_MAX, -1));
 }
 
 /// Fills a table with room for two entries. `head` is the box up to the count of entries, `entry`
@@ -235,69 +123,49 @@ TEST(SampleTables, ReservedTablesAreRewrittenInPlaceAndRefuseWhenFull) {
                                 [](auto& box) { return box.AddSyncSample(9); });
 }
 
-class SampleTableContainer : public ::testing::Test {
-protected:
-    SampleTableContainer() { m_file.Init(nullptr); }
-
-    /// The only box in the file.
-    const Box& Read() {
-        m_movie = std::make_unique<MovieReader>(BytesOf(m_file));
-        return m_movie->File().children.at(0);
-    }
-
-    LogCapture m_log;
-    CBufferIO m_file;
-    std::unique_ptr<MovieReader> m_movie;
-};
-
-TEST_F(SampleTableContainer, OffsetsPastFourGibibytesNeedTheLargeTable) {
-    const int64_t kOffsets[] = {40, 0xFFFFFF00, 0x100000100};
+TEST(SampleTables, ReservedContainersGiveEverySampleItsOwnChunk) {
+    LogCapture log;
     for (const bool large : {false, true}) {
-        m_file.Init(nullptr);
-        CMp4VideoStblAtom video(&m_file);
-        for (const int64_t offset : kOffsets) {
-            video.OnFrame(offset, 4, 0, 0, true);
-            if (large) video.SetUse64BitSize();  // the first is recorded already
-        }
+        TableFile file;
+        CMp4VideoStblAtom video(&file);
+        if (large) video.SetUse64BitSize();
+        video.SetMaxFrameNum(3, 2);
         video.Write();
-        EXPECT_EQ(video.GetSize(), m_file.GetSize());
-        EXPECT_EQ(Read().ChildTypes(),
-                  std::string("stsd stts stsz stsc ") + (large ? "co64" : "stco") + " stss");
-        const Box& table = Read().At(large ? "co64" : "stco");
-        EXPECT_EQ(table.U32(12), 3U);
-        for (uint64_t i = 0; i < 3; ++i) {
-            const auto offset = static_cast<uint64_t>(kOffsets[i]);
-            if (large) {
-                EXPECT_EQ(table.U64(16 + 8 * i), offset);
-            } else {
-                EXPECT_EQ(table.U32(16 + 4 * i), offset & UINT32_MAX) << "modulo 2^32";
-            }
+        const uint64_t size = file.GetSize();
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_TRUE(video.OnFrame(100 + i, 5 + i, i * 10, i * 10, false));
+            EXPECT_EQ(video.AddSyncSample(i + 1), i < 2);
+            video.Update();
         }
+        EXPECT_FALSE(video.OnFrame(200, 9, 30, 30, false));
+        EXPECT_EQ(file.GetSize(), size) << "the layout never moves";
+        EXPECT_EQ(video.GetSize(), size - 4);
+        const MovieReader movie(file.Table());
+        const Box& stbl = movie.At("stbl");
+        EXPECT_EQ(stbl.At("stsz").Content(16, 16), Hex("00000003 00000005 00000006 00000007"));
+        EXPECT_EQ(stbl.At(large ? "co64" : "stco").Content(12, large ? 28 : 16),
+                  large ? Hex("00000003 0000000000000064 0000000000000065 0000000000000066")
+                        : Hex("00000003 00000064 00000065 00000066"));
+        EXPECT_EQ(stbl.At("stss").Content(12, 12), Hex("00000002 00000001 00000002"));
+        EXPECT_EQ(stbl.At("stts").Content(12, 12), Hex("00000001 00000003 0000000a"));
+        EXPECT_EQ(stbl.At("stsc").Content(12, 16), Hex("00000001 00000001 00000001 00000001"));
     }
 }
 
-TEST_F(SampleTableContainer, FixedHeaderGivesEverySampleItsOwnChunk) {
-    CMp4VideoStblAtom video(&m_file);
-    m_file.WriteInt32(8);  // a box before it: position 0 means "never written"
-    m_file.WriteTag("free");
-    video.SetMaxFrameNum(3, 2);
-    video.Write();
-    const uint64_t size = m_file.GetSize();
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_TRUE(video.OnFrame(100 + i, 5 + i, i * 10, i * 10, false));
-        EXPECT_EQ(video.AddSyncSample(i + 1), i < 2);
-        video.Update();
-    }
-    EXPECT_FALSE(video.OnFrame(200, 9, 30, 30, false));
-    EXPECT_EQ(m_file.GetSize(), size) << "the layout never moves";
-    EXPECT_EQ(video.GetSize(), size - 8);
-    Read();
-    const Box& stbl = m_movie->At("stbl");
-    EXPECT_EQ(stbl.At("stsz").Content(16, 16), Hex("00000003 00000005 00000006 00000007"));
-    EXPECT_EQ(stbl.At("stco").Content(12, 16), Hex("00000003 00000064 00000065 00000066"));
-    EXPECT_EQ(stbl.At("stss").Content(12, 12), Hex("00000002 00000001 00000002"));
-    EXPECT_EQ(stbl.At("stts").Content(12, 12), Hex("00000001 00000003 0000000a"));
-    EXPECT_EQ(stbl.At("stsc").size, 28U);
+// Sound has room for one run of durations: a step of another length is refused.
+TEST(SampleTables, ReservedSoundHasOneRun) {
+    LogCapture log;
+    TableFile file;
+    CMp4AudioStblAtom audio(&file);
+    audio.SetMaxFrameNum(4, 0);
+    audio.Write();
+    for (const int64_t time : {0, 1024, 2048})
+        EXPECT_TRUE(audio.OnFrame(100, 5, time, time, false));
+    EXPECT_FALSE(audio.OnFrame(100, 5, 3000, 3000, false));
+    EXPECT_EQ(log.Count("error", "reach the max frame num 1", "AddEntry"), 1);
+    audio.Update();
+    EXPECT_EQ(MovieReader(file.Table()).At("stbl/stts").Content(12, 12),
+              Hex("00000001 00000003 00000400"));
 }
 
 }  // namespace

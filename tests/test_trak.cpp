@@ -1,4 +1,4 @@
-// Tracks: headers, edit list, references, media boxes and the timing of a track as a whole.
+// Tracks in room reserved for them: headers and tables are rewritten in place and never move.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -33,14 +33,6 @@ protected:
     const Box& ReadAgain() {
         m_movie = std::make_unique<MovieReader>(BytesOf(m_out));
         return m_movie->File().children.at(1);
-    }
-
-    std::unique_ptr<CMp4VideoTrakAtom> VideoTrack(mp4_video_track_info_t info) {
-        auto track = std::make_unique<CMp4VideoTrakAtom>(&m_out);
-        track->SetTrakID(1);
-        track->SetVideoInfo(&info);
-        track->setMoovTimeScale(1000);
-        return track;
     }
 
     LogCapture m_log;
@@ -106,7 +98,11 @@ TEST_F(TrackBoxes, HeadersTakeVersion1WhenAskedForOrNeededAndAreRewrittenInPlace
 
 TEST_F(TrackBoxes, NoDurationMovesATrackWithRoomReserved) {
     constexpr int64_t kFarTime = int64_t{kPast32Bits} * 90;  // in milliseconds past 32 bits
-    auto track = VideoTrack(streams::H264Track());
+    const auto info = streams::H264Track();
+    const auto track = std::make_unique<CMp4VideoTrakAtom>(&m_out);
+    track->SetTrakID(1);
+    track->SetVideoInfo(&info);
+    track->setMoovTimeScale(1000);
     track->SetFixedHeaderMode(true);
     Read(*track);
     const uint64_t size = m_out.GetSize();
@@ -115,24 +111,6 @@ TEST_F(TrackBoxes, NoDurationMovesATrackWithRoomReserved) {
     track->CMp4TrakAtom::Update();
     EXPECT_EQ(m_out.GetSize(), size);
     EXPECT_EQ(ReadAgain().At("tkhd").U32(28), UINT32_MAX);
-}
-
-TEST_F(TrackBoxes, References) {
-    CMp4RefTrackTypeAtom type(&m_out);
-    for (const int bad : {11, 12, -1})
-        type.SetRefType(bad);
-    for (const int id : {3, 3, 4})
-        type.SetRefTrack(id);
-    EXPECT_TRUE(type.IsRefTrack(4));
-    EXPECT_FALSE(type.IsRefTrack(5));
-    EXPECT_EQ(Read(type).Content(0, 16), Hex("00000010 746d6364 00000003 00000004"));
-    type.SetRefType(REFERENCE_TRACK_CHAP);
-    for (int id = 5; id < 20; ++id)
-        type.SetRefTrack(id);
-    m_out.Init(nullptr);
-    type.Write();
-    EXPECT_EQ(BytesOf(m_out).size(), 8U + 4 * 8) << "past eight they are ignored";
-    EXPECT_EQ(m_out.GetBuffer()[4], 0U) << "only one type has a code";
 }
 
 TEST(Rescale, IsExactWhereverTheResultFits) {
@@ -152,59 +130,6 @@ TEST(Rescale, IsExactWhereverTheResultFits) {
     };
     for (const auto& row : kTable)
         EXPECT_EQ(kx_mp4::Rescale(row.value, row.numerator, row.denominator), row.result);
-}
-
-TEST_F(TrackBoxes, DurationCountsTheLastSample) {
-    const struct {
-        uint32_t timescale;
-        uint64_t nominal;
-        std::vector<int64_t> times;
-        bool firstIsSync;
-        uint32_t media;  // in ticks
-        uint32_t movie;  // in milliseconds
-    } kTable[] = {
-        {90000, 3000, {0, 3000, 6000}, true, 9000, 100},
-        {90000, 0, {0, 3000, 7000}, true, 11000, 122},  // the last step counts once more
-        {90000, 3000, {9000, 12000}, true, 6000, 66},
-        {90000, 3000, {9000, 12000}, false, 15000, 166},      // counted from 0
-        {90000, 0, {0, 3000, 9000, 6000}, true, 12000, 133},  // a step back is no duration
-        {0, 40, {0, 40}, true, 80, 80},                       // 1000 stands for 0
-        {30000, 1001, {0}, true, 1001, 33},
-        {4000000000U, 1000000, {0, 1000000}, true, 2000000, 0},
-    };
-    for (const auto& row : kTable) {
-        auto info = streams::H264Track();
-        info.timescale = row.timescale;
-        info.frame_duration = row.nominal;
-        auto track = VideoTrack(info);
-        bool sync = row.firstIsSync;
-        for (const int64_t time : row.times) {
-            EXPECT_TRUE(track->AfterWriteVideoFrame(40, 10, time, time, sync, time == 0));
-            sync = false;
-        }
-        EXPECT_EQ(track->GetDuration(), row.media);
-        EXPECT_EQ(track->GetDuration(), row.media) << "asking does not change it";
-        const Box& trak = Read(*track);
-        EXPECT_EQ(trak.At("mdia/mdhd").U32(20), row.timescale == 0 ? 1000 : row.timescale);
-        EXPECT_EQ(trak.At("mdia/mdhd").U32(24), row.media);
-        EXPECT_EQ(trak.At("tkhd").U32(28), row.movie);
-        EXPECT_EQ(trak.At("edts/elst").U32(16), row.movie);
-    }
-}
-
-TEST_F(TrackBoxes, ATrackWithoutIdOrSamplesIsLeftOut) {
-    auto video = VideoTrack(streams::H264Track());
-    CMp4SubtitleTrakAtom captions(&m_out);
-    captions.AfterWriteFrame(40, 10, 0, true);
-    for (CMp4TrakAtom* const track :
-         {static_cast<CMp4TrakAtom*>(video.get()), static_cast<CMp4TrakAtom*>(&captions)}) {
-        EXPECT_EQ(track->GetSize(), 0U);
-        track->Write();
-    }
-    EXPECT_EQ(m_out.GetSize(), 0U);
-    EXPECT_EQ(m_log.Count("error", "write without track data", "Write"), 2);
-    EXPECT_FALSE(captions.valid());
-    EXPECT_TRUE(video->valid());
 }
 
 TEST_F(TrackBoxes, TimecodeTrackInFixedHeaderModeHoldsOneSample) {
