@@ -242,7 +242,7 @@ private:
     void TellStatuses() {
         for (int i = -1; i < 64; ++i) {
             const std::string name = mp4_status_string(streams::Forged<mp4_status_t>(i));
-            m_out << "  " << i << " " << name << "\n";
+            if (i < 0 || name != "MP4_STATUS_(unknown)") m_out << "  " << i << " " << name << "\n";
         }
     }
     void TellCalls() {

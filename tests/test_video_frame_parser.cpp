@@ -152,17 +152,6 @@ TEST(VideoFrameParser, SplitsAsTheLoop) {
     }
 }
 
-TEST(VideoFrameParser, KnowsBothStartCodesAndWhatIsNone) {
-    EXPECT_EQ(Split({0, 0, 0, 1, 0x67, 0xAA, 0, 0, 1, 0x68, 0xBB}), (Slices{{4, 2}, {9, 2}}));
-    EXPECT_EQ(Split({0, 0, 1, 0x65, 0x88}), (Slices{{3, 2}}));
-    EXPECT_EQ(Split({0, 0, 1, 0, 0, 1, 0x65}), (Slices{{3, 0}, {6, 1}}));
-    EXPECT_EQ(Split({0, 0, 0, 0, 1, 0x65}), (Slices{{5, 1}}));
-    EXPECT_EQ(Split({9, 0, 0, 1, 0x65, 0, 0, 0, 0, 1, 0x41}), (Slices{{4, 2}, {10, 1}}));
-    EXPECT_EQ(Split({0, 0, 1, 0x65, 0, 0, 1}), (Slices{{3, 4}}));
-    EXPECT_EQ(Split({0, 0, 1}), Slices{});
-    EXPECT_EQ(Split({1, 2, 3, 4, 5, 6}), Slices{});
-}
-
 TEST(VideoFrameParser, RefusesNoFrameAndForgetsTheOneBefore) {
     CVideoFrameParser parser;
     Split({0, 0, 1, 0x65});  // the first search of a program chooses among several
