@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+
 #include "test_pattern.h"
 
 namespace streams {
@@ -22,6 +24,16 @@ const Bytes kCaptionSample = Hex("0000000a 63646174 942c 0000000a 63647432 8080"
 
 int16_t SizeOf(const Bytes& set) {
     return static_cast<int16_t>(set.size());
+}
+
+/// Bytes of a random number that look neither like a start code nor like an end.
+Bytes Noise(uint32_t seed, uint32_t smallest, uint32_t largest) {
+    std::mt19937 random(seed);
+    Bytes bytes(smallest + random() % (largest - smallest));
+    for (uint8_t& byte : bytes)
+        byte = static_cast<uint8_t>(1 + random() % 255);
+    bytes.back() |= 7;  // ends a raw data block of AAC
+    return bytes;
 }
 
 mp4_video_track_info_t VideoTrack(mp4_video_codec codec) {
@@ -146,11 +158,16 @@ std::vector<Step> SetUpEverything(const mp4_video_track_info_t& video,
 std::vector<Step> WriteEverything(uint32_t pictures, const Recipe& recipe) {
     std::vector<Step> steps;
     const bool prores = recipe.codec == MP4_MVC_PRORES;
-    const Bytes silence = recipe.deferred ? test_pattern::AdtsSilence() : test_pattern::kSilence;
     for (uint32_t i = 0; i < pictures; ++i) {
         const std::string number = std::to_string(i);
         const auto time = [i](uint32_t ticks) { return int64_t{i} * ticks; };
-        const auto units = PictureUnits(i, recipe.codec);
+        auto units = PictureUnits(i, recipe.codec);
+        Bytes sound = test_pattern::kSilence;
+        if (recipe.noise != 0) {
+            const uint32_t largest = units.size() > 1 ? 9000 : 2500;
+            units.back() = units.back() + Noise(recipe.noise * 7919 + i, 200, largest);
+            sound = Bytes{0x21} + Noise(recipe.noise * 104729 + i, 80, 400);
+        }
         steps.push_back(
             {"WriteVideoFrame " + number,
              [frame = prores ? units[0] : AccessUnit(units), i](CMp4Muxer& m) {
@@ -160,13 +177,13 @@ std::vector<Step> WriteEverything(uint32_t pictures, const Recipe& recipe) {
              },
              Expected{"vide", prores ? units[0] : LengthPrefixed(units), time(kPictureTicks),
                       prores || i % test_pattern::kKeyFrameDistance == 0}});
-        steps.push_back({"WriteAudioFrame " + number,
-                         [i, silence](CMp4Muxer& m) {
-                             return m.WriteAudioFrame(silence.data(),
-                                                      static_cast<uint32_t>(silence.size()),
-                                                      uint64_t{i} * kAacTicks);
-                         },
-                         Expected{"soun", test_pattern::kSilence, time(kAacTicks), true}});
+        steps.push_back(
+            {"WriteAudioFrame " + number,
+             [i, frame = recipe.deferred ? test_pattern::AdtsSilence() : sound](CMp4Muxer& m) {
+                 return m.WriteAudioFrame(frame.data(), static_cast<uint32_t>(frame.size()),
+                                          uint64_t{i} * kAacTicks);
+             },
+             Expected{"soun", sound, time(kAacTicks), true}});
         if (i == 0)
             steps.push_back({"WriteTimeCode",
                              [](CMp4Muxer& m) { return m.WriteTimeCode(kTimecode); },

@@ -53,6 +53,7 @@ std::vector<Bytes> PictureUnits(uint32_t number, mp4_video_codec codec = MP4_MVC
 struct Recipe {
     mp4_video_codec codec = MP4_MVC_H264;
     bool deferred = false;  ///< Parameter sets and AAC configuration come with the frames.
+    uint32_t noise = 0;  ///< Not 0: pictures and sound of many sizes, which only this number has.
 };
 std::string Name(const Recipe& recipe);
 
