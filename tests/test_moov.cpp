@@ -63,19 +63,20 @@ TEST(ReservedHeader, RewritesDurationsAndTheMediaSizeWhenTheirTimeHasCome) {
         const uint64_t at = file.Ftell();
         mdat.Write();
         ReservedHeader header(1);
-        const auto duration = [&] {
+        const auto duration = [&](const char* box) {
             Bytes boxes = BytesOf(file);
             boxes.resize(at);
-            return MovieReader(boxes).At("moov/mvhd").Uint(wide ? 32 : 24, wide ? 8 : 4);
+            return MovieReader(boxes).At(box).Uint(wide ? 32 : 24, wide ? 8 : 4);
         };
-        uint64_t rewritten = duration();
+        uint64_t rewritten = duration("moov/mvhd");
         const auto frame = [&](int number, bool reachesTheFile) {
             const uint64_t before = header.SizeBeforeFrame(file);
             moov.AfterWriteVideoFrame(48, 10, number * 90000, number * 90000, true);
+            moov.AfterWriteAudioFrame(48, 10, number * 48000);
             if (reachesTheFile) file.WriteInt64(0);
             header.AfterVideoFrame(file, before, moov, mdat);
-            const bool was = duration() != rewritten;
-            rewritten = duration();
+            const bool was = duration("moov/mvhd") != rewritten;
+            rewritten = duration("moov/mvhd");
             EXPECT_EQ(file.Ftell(), file.GetSize()) << "the writer is back where it stood";
             return was;
         };
@@ -83,6 +84,8 @@ TEST(ReservedHeader, RewritesDurationsAndTheMediaSizeWhenTheirTimeHasCome) {
         EXPECT_FALSE(frame(2, false)) << "its bytes have not reached the file";
         EXPECT_TRUE(frame(3, true));
         EXPECT_EQ(rewritten, 3033U);
+        EXPECT_EQ(duration("moov/trak[0]/mdia/mdhd"), 3 * 90000U + 3000);
+        EXPECT_EQ(duration("moov/trak[1]/mdia/mdhd"), 3 * 48000U + 1024);
         const Bytes box = BytesOf(file);
         const Bytes head(box.begin() + static_cast<ptrdiff_t>(at), box.end());
         EXPECT_EQ(head, Hex(wide ? "00000001 6d646174 0000000000000020" : "00000018 6d646174") +

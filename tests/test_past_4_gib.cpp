@@ -62,8 +62,13 @@ TEST_F(Past4GiB, AnMp4FileGrowsIntoIt) {
     Open(L"a.mp4");
     const std::array<uint8_t, 5> sound = {1, 2, 3, 4, 5};
     ASSERT_EQ(muxer.WriteAudioFrame(sound.data(), sound.size(), 0), MP4_STATUS_SUCCESS);
-    for (uint64_t i = 0; i < kFrames; ++i)
+    // Sound between the pictures, so that they have chunks whose offsets are widened later.
+    for (uint64_t i = 0; i < kFrames; ++i) {
         ASSERT_EQ(WriteHugeFrame(i), MP4_STATUS_SUCCESS);
+        if (i == 1) {
+            ASSERT_EQ(muxer.WriteAudioFrame(sound.data(), sound.size(), 1024), MP4_STATUS_SUCCESS);
+        }
+    }
     mp4_time_code_track_info_t timecode{25, 1, 25, 0};
     ASSERT_EQ(muxer.SetTCMDTrack(&timecode), MP4_STATUS_SUCCESS);
     ASSERT_EQ(muxer.WriteTimeCode(7), MP4_STATUS_SUCCESS);
@@ -75,12 +80,12 @@ TEST_F(Past4GiB, AnMp4FileGrowsIntoIt) {
     EXPECT_EQ(movie.File().ChildTypes(), "ftyp mdat moov");
     EXPECT_EQ(movie.At("mdat").offset, 28U);
     EXPECT_EQ(movie.At("mdat").headerSize, 16U);
-    EXPECT_EQ(movie.At("mdat").size, 16 + 5 + 4 + (kFrames + 1) * kFrameSize);
+    EXPECT_EQ(movie.At("mdat").size, 16 + 2 * 5 + 4 + (kFrames + 1) * kFrameSize);
     const Track& video = movie.TrackOf("vide");
     ASSERT_EQ(video.samples.size(), kFrames + 1);
     for (uint64_t i = 0; i < kFrames; ++i)
-        EXPECT_EQ(video.samples[i].offset, 44 + 5 + i * kFrameSize);
-    EXPECT_EQ(video.samples[kFrames].offset, 44 + 5 + 4 + kFrames * kFrameSize);
+        EXPECT_EQ(video.samples[i].offset, 44 + (i > 1 ? 10 : 5) + i * kFrameSize);
+    EXPECT_EQ(video.samples[kFrames].offset, 44 + 10 + 4 + kFrames * kFrameSize);
     EXPECT_NE(movie.TrackOf("tmcd").box->Find("mdia/minf/stbl/co64"), nullptr);
     // What lies below 4 GiB keeps its narrow table.
     EXPECT_NE(movie.TrackOf("soun").box->Find("mdia/minf/stbl/stco"), nullptr);
