@@ -263,12 +263,12 @@ public:
 template <class ForEachChild>
 uint32_t SizeOfChildren(ForEachChild&& forEachChild) {
     uint32_t size = 0;
-    forEachChild([&size](auto& child) { size += child.GetSize(); });
+    forEachChild([&size](auto& child, auto...) { size += child.GetSize(); });
     return size;
 }
 
 /// A plain container: a header and the children that `template <class F> void ForEachChild(F&& f)`
-/// lists in their order.
+/// lists in their order; a child that a virtual operation of the container writes, with it.
 template <class Box>
 class ContainerAtom : public CMp4Atom {
 public:
@@ -276,7 +276,13 @@ public:
 
     void Write() override {
         WriteContainer(Box::kType, [this] {
-            static_cast<Box&>(*this).ForEachChild([](auto& child) { child.Write(); });
+            Box& self = static_cast<Box&>(*this);
+            self.ForEachChild([&self]([[maybe_unused]] auto& child, auto... write) {
+                if constexpr (sizeof...(write) == 0)
+                    child.Write();
+                else
+                    ((self.*write)(), ...);
+            });
         });
     }
     uint32_t GetSize() override {

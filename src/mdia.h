@@ -31,11 +31,13 @@ public:
     template <class F>
     void ForEachChild(F&& visit) {
         visit(m_mdhd);
-        visit(Hdlr());
-        visit(Minf());
+        visit(Hdlr(), &CMp4MdiaAtom::WriteHdlr);
+        visit(Minf(), &CMp4MdiaAtom::WriteMinf);
     }
 
 protected:
+    virtual void WriteHdlr() { Hdlr().Write(); }
+    virtual void WriteMinf() { Minf().Write(); }
     virtual CMp4Atom& Hdlr() = 0;
     virtual CMp4Atom& Minf() = 0;
 

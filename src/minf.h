@@ -24,13 +24,15 @@ public:
 
     template <class F>
     void ForEachChild(F&& visit) {
-        visit(Mhd());
+        visit(Mhd(), &CMp4MinfAtom::WriteMhd);
         visit(m_UrlHdlr);
         visit(m_dinf);
-        visit(Stbl());
+        visit(Stbl(), &CMp4MinfAtom::WriteStbl);
     }
 
 protected:
+    virtual void WriteMhd() { Mhd().Write(); }
+    virtual void WriteStbl() { Stbl().Write(); }
     /// The media header.
     virtual CMp4Atom& Mhd() = 0;
     virtual CMp4Atom& Stbl() = 0;

@@ -53,16 +53,20 @@ public:
 
     template <class F>
     void ForEachChild(F&& visit) {
-        visit(Stsd());
+        visit(Stsd(), &CMp4StblAtom::WriteStsd);
         visit(m_stts);
         visit(m_ctts);
         visit(m_stsz);
         visit(m_stsc);
         visit(m_offsets.Selected());
-        if (CMp4Atom* const stss = Stss()) visit(*stss);
+        if (CMp4Atom* const stss = Stss()) visit(*stss, &CMp4StblAtom::WriteStss);
     }
 
 protected:
+    virtual void WriteStsd() { Stsd().Write(); }
+    virtual void WriteStss() {
+        if (CMp4Atom* const stss = Stss()) stss->Write();
+    }
     virtual CMp4Atom& Stsd() = 0;
     /// The sync samples; null in a track in which every sample is one.
     virtual CMp4Atom* Stss() { return nullptr; }

@@ -41,6 +41,13 @@ public:
     /// A track of the fixed-header mode is written even before its first sample.
     virtual void SetFixedHeaderMode(bool mode);
 
+protected:
+    virtual void WriteMdia() { Media().Write(); }
+    virtual void WriteRefTrack() {
+        if (CMp4Atom* const reference = RefTrack()) reference->Write();
+    }
+
+public:
     /// Ticks per second of the movie; comes before Write and GetSize.
     void setMoovTimeScale(uint32_t timescale) { m_moovTimeScale = timescale; }
     void SetTrakID(int32_t iTrakID);
@@ -61,8 +68,8 @@ public:
     void ForEachChild(F&& visit) {
         visit(m_tkhd);
         visit(m_edts);
-        if (CMp4Atom* const reference = RefTrack()) visit(*reference);
-        visit(Media());
+        if (CMp4Atom* const reference = RefTrack()) visit(*reference, &CMp4TrakAtom::WriteRefTrack);
+        visit(Media(), &CMp4TrakAtom::WriteMdia);
     }
 
 protected:

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <memory>
 
 #include "Rescale.h"
@@ -151,6 +152,54 @@ TEST_F(TrackBoxes, TimecodeTrackInFixedHeaderModeHoldsOneSample) {
     EXPECT_EQ(trak.At("mdia/minf/stbl/stsz").U32(16), 1U);
     track.AfterWriteTimeCode(0x5678, false);
     EXPECT_EQ(m_log.Count("error", "reach the max frame num 1", "AddChunk"), 1);
+}
+
+/// The place of a virtual operation in its class' table, as the Itanium ABI keeps it in a pointer.
+template <class Class, class Return, class... Arguments>
+ptrdiff_t SlotOf(Return (Class::*operation)(Arguments...)) {
+    ptrdiff_t place = 0;
+    std::memcpy(&place, &operation, sizeof place);
+    return place / static_cast<ptrdiff_t>(sizeof(void*));
+}
+
+TEST(Slots, OperationsOfAKindStandBeforeThoseThatWereAdded) {
+    struct Trak : CMp4TrakAtom {
+        static auto Slots() {
+            return std::array{SlotOf(&Trak::valid),           SlotOf(&Trak::GetSampleNumbers),
+                              SlotOf(&Trak::SetUse64bitTime), SlotOf(&Trak::GetTimeScale),
+                              SlotOf(&Trak::Update),          SlotOf(&Trak::GetDataSize),
+                              SlotOf(&Trak::GetBitrate),      SlotOf(&Trak::SetFixedHeaderMode),
+                              SlotOf(&Trak::WriteMdia),       SlotOf(&Trak::WriteRefTrack)};
+        }
+    };
+    struct Mdia : CMp4MdiaAtom {
+        static auto Slots() {
+            return std::array{SlotOf(&Mdia::GetDataSize), SlotOf(&Mdia::WriteHdlr),
+                              SlotOf(&Mdia::WriteMinf)};
+        }
+    };
+    struct Minf : CMp4MinfAtom {
+        static auto Slots() {
+            return std::array{SlotOf(&Minf::GetDataSize), SlotOf(&Minf::WriteMhd),
+                              SlotOf(&Minf::WriteStbl)};
+        }
+    };
+    struct Stbl : CMp4StblAtom {
+        static auto Slots() {
+            return std::array{SlotOf(&Stbl::SetMaxFrameNum), SlotOf(&Stbl::Update),
+                              SlotOf(&Stbl::GetDataSize), SlotOf(&Stbl::WriteStsd),
+                              SlotOf(&Stbl::WriteStss)};
+        }
+    };
+    const auto expectFollowing = [](const auto& slots) {
+        ptrdiff_t expected = 4;  // behind the destructors, Write and GetSize
+        for (const ptrdiff_t slot : slots)
+            EXPECT_EQ(slot, expected++);
+    };
+    expectFollowing(Trak::Slots());
+    expectFollowing(Mdia::Slots());
+    expectFollowing(Minf::Slots());
+    expectFollowing(Stbl::Slots());
 }
 
 }  // namespace
