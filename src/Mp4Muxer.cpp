@@ -82,6 +82,11 @@ mp4_status_t CMp4Muxer::SetCompositionOffsets(bool enable) {
     return m_state->SetCompositionOffsets(enable);
 }
 
+mp4_status_t CMp4Muxer::SetLiveIndex(uint32_t interval_ms) {
+    CMAutoLock lock(m_state->m_lockWrite);
+    return Guarded([&] { return m_state->SetLiveIndex(interval_ms); });
+}
+
 mp4_status_t CMp4Muxer::SetVideoTrack(const mp4_video_track_info* pTrackInfo) {
     return Guarded([&] { return m_state->SetVideoTrack(pTrackInfo); });
 }

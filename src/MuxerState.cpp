@@ -63,7 +63,8 @@ mp4_status_t MuxerState::Create(const wchar_t* pFilePath, const mp4_config_t& co
     LogFlags(config);
     m_fastHeaderWrite = WantsFastHeaderWrite(config);
     const mp4_status_t opened = OpenFiles(pFilePath, config);
-    if (opened == MP4_STATUS_SUCCESS) CreateBoxes(config.flags);
+    m_flags = config.flags;
+    if (opened == MP4_STATUS_SUCCESS) CreateBoxes();
     return opened;
 }
 
@@ -77,6 +78,8 @@ void MuxerState::ResetFileState() {
     m_audioTrack = {};
     m_audioHasCodecData = false;
     m_subtitleTrack = {};
+    m_timecodeTrack = {};
+    m_live.Reset();
     m_fastHeaderWrite = false;
     m_pVideoNalParser = nullptr;
     m_bIsQtFile = false;
@@ -107,12 +110,12 @@ mp4_status_t MuxerState::OpenFiles(const wchar_t* pFilePath, const mp4_config_t&
     return m_sideFile.Open(config.flags);
 }
 
-void MuxerState::CreateBoxes(uint32_t flags) {
+void MuxerState::CreateBoxes() {
     IBaseIO* const writer = m_pWriter.get();
     m_bIsQtFile = std::wcsstr(m_pwszFilePath, L"mov") != nullptr;
     m_ftyp = std::make_unique<CMp4FtypAtom>(writer);
     m_free = std::make_unique<CMp4FreeAtom>(writer);
-    m_mdat = std::make_unique<CMp4MdatAtom>(writer, (flags & MP4_FLAG_64BIT_SIZE) != 0);
+    m_mdat = std::make_unique<CMp4MdatAtom>(writer, (m_flags & MP4_FLAG_64BIT_SIZE) != 0);
     if (m_fastHeaderWrite) {
         m_headerWriter = std::make_unique<CBufferIO>();
         m_headerWriter->Init(writer);
@@ -120,12 +123,16 @@ void MuxerState::CreateBoxes(uint32_t flags) {
     } else {
         m_moov = std::make_unique<CMp4MoovAtom>(writer, false, nullptr);
     }
-    if ((flags & MP4_FLAG_64BIT_SIZE) != 0) m_moov->SetUse64bitSize();
-    if ((flags & MP4_FLAG_64BIT_TIME) != 0) m_moov->SetUse64bitTime();
-    m_moov->m_meta.SetIsQtff(true);
-    m_moov->SetIsMp4File(!m_bIsQtFile);
+    ConfigureMovie(*m_moov);
     m_mdat->SetFreeBoxBefore(!m_bIsQtFile);
     m_ftyp->SetQt(m_bIsQtFile);
+}
+
+void MuxerState::ConfigureMovie(CMp4MoovAtom& movie) const {
+    if ((m_flags & MP4_FLAG_64BIT_SIZE) != 0) movie.SetUse64bitSize();
+    if ((m_flags & MP4_FLAG_64BIT_TIME) != 0) movie.SetUse64bitTime();
+    movie.m_meta.SetIsQtff(true);
+    movie.SetIsMp4File(!m_bIsQtFile);
 }
 
 mp4_status_t MuxerState::WriteHeader() {
@@ -140,8 +147,8 @@ mp4_status_t MuxerState::WriteHeader() {
     if (status != MP4_STATUS_SUCCESS) return status;
     m_writeHeader = true;
     m_sideFile.Write([this](CInfoWriter& writer) {
-        const mp4_status_t written =
-            writer.WriteMdatOffset(static_cast<uint32_t>(m_mdat->GetStartPos()));
+        const int64_t mdat = m_live.IsOn() ? m_live.MdatPosition() : m_mdat->GetStartPos();
+        const mp4_status_t written = writer.WriteMdatOffset(static_cast<uint32_t>(mdat));
         return written == MP4_STATUS_SUCCESS ? writer.Flush() : written;
     });
     zv_log_info("write header cost time %llums", kSource, __LINE__, "WriteHeader", Elapsed(start));
@@ -151,9 +158,13 @@ mp4_status_t MuxerState::WriteHeader() {
 mp4_status_t MuxerState::WriteHeaderBoxes() {
     try {
         m_ftyp->Write();
-        if (!m_bIsQtFile) m_free->Write();
-        if (m_reserved.IsOn()) m_moov->Write();
-        m_mdat->Write();
+        if (m_live.IsOn()) {
+            m_live.WriteHeader(*m_pWriter);
+        } else {
+            if (!m_bIsQtFile) m_free->Write();
+            if (m_reserved.IsOn()) m_moov->Write();
+            m_mdat->Write();
+        }
         m_nCurFileSize = static_cast<int64_t>(m_pWriter->Ftell());
         return MP4_STATUS_SUCCESS;
     } catch (const kx_mp4_exception& e) {
@@ -226,26 +237,42 @@ bool MuxerState::FinishMovie(mp4_status_t* status) {
     // A writer in error drops every write, so there is nothing that could still be finished.
     if (m_indexLost || !m_pWriter->IsValid()) return false;
     const mp4_status_t finished = Guarded([this] {
-        int64_t start = GetTimeTick();
-        m_mdat->Finish(m_pwszFilePath);
-        int64_t now = GetTimeTick();
-        zv_log_info("Muxer - Close - mdat finish takes %lld ms", kSource, __LINE__, "Close",
-                    static_cast<long long>(now - start));
-        start = now;
-        if (m_fastHeaderWrite) m_headerWriter->Init(m_pWriter.get(), m_moov->GetSize());
-        if (m_reserved.IsOn())
-            m_moov->Update();
-        else
-            m_moov->Write();
-        now = GetTimeTick();
-        zv_log_info("Muxer - Close - moov write takes %lld ms", kSource, __LINE__, "Close",
-                    static_cast<long long>(now - start));
+        const int64_t start = GetTimeTick();
+        if (m_live.IsOn()) {
+            FinishLiveMovie();
+        } else {
+            m_mdat->Finish(m_pwszFilePath);
+            zv_log_info("Muxer - Close - mdat finish takes %lld ms", kSource, __LINE__, "Close",
+                        static_cast<long long>(GetTimeTick() - start));
+            WriteMovie();
+        }
         PushMovie();
         return MP4_STATUS_SUCCESS;
     });
     if (finished == MP4_STATUS_SUCCESS) return true;
     *status = finished;
     return false;
+}
+
+void MuxerState::WriteMovie() {
+    const int64_t start = GetTimeTick();
+    if (m_fastHeaderWrite) m_headerWriter->Init(m_pWriter.get(), m_moov->GetSize());
+    if (m_reserved.IsOn())
+        m_moov->Update();
+    else
+        m_moov->Write();
+    zv_log_info("Muxer - Close - moov write takes %lld ms", kSource, __LINE__, "Close",
+                static_cast<long long>(GetTimeTick() - start));
+}
+
+/// The movie box grows inside the `mdat` that is open, and counts once the device has all of it.
+void MuxerState::FinishLiveMovie() {
+    m_live.EndLastInterval([this](CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks) {
+        DeclareTracks(movie, tracks);
+    });
+    const auto movieBox = static_cast<int64_t>(m_pWriter->Ftell());
+    WriteMovie();
+    m_live.Finish(movieBox);
 }
 
 void MuxerState::ReleaseBoxes() {
@@ -299,6 +326,41 @@ mp4_status_t MuxerState::SetCompositionOffsets(bool enable) {
     return MP4_STATUS_SUCCESS;
 }
 
+mp4_status_t MuxerState::SetLiveIndex(uint32_t interval_ms) {
+    const mp4_status_t ready = CheckRecording(__LINE__, "SetLiveIndex");
+    if (ready != MP4_STATUS_SUCCESS) return ready;
+    if (m_reserved.IsOn()) return MP4_STATUS_UNSUPPORTED;
+    if (m_writeHeader) {
+        zv_log_error(
+            "the live index can only be set before the first frame and, with a repair info file, "
+            "before the first track",
+            kSource, __LINE__, "SetLiveIndex");
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    m_live.SetInterval(interval_ms);
+    return MP4_STATUS_SUCCESS;
+}
+
+void MuxerState::DeclareTracks(CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks) const {
+    ConfigureMovie(movie);
+    for (const LiveTrack track : tracks) {
+        switch (track) {
+            case LiveTrack::kVideo:
+                movie.SetVideoTrack(&m_videoTrack);
+                break;
+            case LiveTrack::kAudio:
+                movie.SetAudioTrack(&m_audioTrack);
+                break;
+            case LiveTrack::kCaption:
+                movie.SetSubtitleTrack(&m_subtitleTrack);
+                break;
+            case LiveTrack::kTimecode:
+                movie.SetTCMDTrack(&m_timecodeTrack);
+                break;
+        }
+    }
+}
+
 /// Nothing of an earlier declaration changes before this one is taken.
 mp4_status_t MuxerState::SetVideoTrack(const mp4_video_track_info* pTrackInfo) {
     mp4_status_t status = CheckRecording(__LINE__, "SetVideoTrack");
@@ -313,7 +375,9 @@ mp4_status_t MuxerState::SetVideoTrack(const mp4_video_track_info* pTrackInfo) {
     m_pVideoNalParser = std::move(parser);
     m_videoTrack = info;
     m_videoHasCodecData = complete;
+    m_live.Declare(LiveTrack::kVideo, complete, info.timescale, info.frame_duration);
     if (complete) {
+        m_parameterSets.KeepGiven(m_videoTrack);
         ReportDroppedFrames(__LINE__, "SetVideoTrack");
         return RecordInRepairInfo(
             [&](CInfoWriter& writer) { return writer.WriteVideoFormat(&info); });
@@ -334,6 +398,8 @@ mp4_status_t MuxerState::SetAudioTrack(const mp4_audio_track_info_t* pTrackInfo)
     if (status != MP4_STATUS_SUCCESS) return status;
     m_audioTrack = *pTrackInfo;
     m_audioHasCodecData = complete;
+    m_live.Declare(LiveTrack::kAudio, complete, m_audioTrack.timescale,
+                   m_audioTrack.frame_duration);
     if (!complete) return MP4_STATUS_SUCCESS;
     m_moov->SetAudioTrack(pTrackInfo);
     return RecordInRepairInfo(
@@ -348,6 +414,7 @@ mp4_status_t MuxerState::SetSubtitleTrack(const mp4_subtitle_track_info_t* pTrac
     if (pTrackInfo == nullptr) return MP4_STATUS_INVALID_PARAMETER;
     m_subtitleTrack = *pTrackInfo;
     m_moov->SetSubtitleTrack(pTrackInfo);
+    m_live.Declare(LiveTrack::kCaption, true, pTrackInfo->timescale, 0);
     return RecordInRepairInfo(
         [&](CInfoWriter& writer) { return writer.WriteSubtitleFormat(pTrackInfo); });
 }
@@ -357,6 +424,8 @@ mp4_status_t MuxerState::SetTCMDTrack(const mp4_time_code_track_info_t* pTrackIn
     if (ready != MP4_STATUS_SUCCESS) return ready;
     if (pTrackInfo == nullptr) return MP4_STATUS_INVALID_PARAMETER;
     m_moov->SetTCMDTrack(pTrackInfo);
+    m_timecodeTrack = *pTrackInfo;
+    m_live.Declare(LiveTrack::kTimecode, true, pTrackInfo->timescale, pTrackInfo->frame_duration);
     return RecordInRepairInfo(
         [&](CInfoWriter& writer) { return writer.WriteTimeCodeFormat(pTrackInfo); });
 }
@@ -387,7 +456,8 @@ mp4_status_t MuxerState::CheckRecording(int line, const char* function) const {
 }
 
 bool MuxerState::HasRoomInFile(uint64_t bytes, const char* function) const {
-    if (m_mdat->CanEndAt(m_nCurFileSize + static_cast<int64_t>(bytes))) return true;
+    if (m_live.IsOn() || m_mdat->CanEndAt(m_nCurFileSize + static_cast<int64_t>(bytes)))
+        return true;
     zv_log_error(
         "media data would pass 4 GiB, which this QuickTime movie cannot describe: create it with "
         "the 64-bit size option (flag 2); the sample is refused",
@@ -415,6 +485,22 @@ mp4_status_t MuxerState::WriteSample(Write&& write, LogUnexpected&& logUnexpecte
         logUnexpected();
         return MP4_STATUS_UNEXPECTED_ERROR;
     }
+}
+
+mp4_status_t MuxerState::IndexInterval(LiveTrack track, int64_t dts) {
+    if (!m_live.IsDue(track, dts)) return MP4_STATUS_SUCCESS;
+    const mp4_status_t status = WriteSample(
+        [&] {
+            m_live.EndInterval(track, dts,
+                               [this](CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks) {
+                                   DeclareTracks(movie, tracks);
+                               });
+        },
+        [] {});
+    if (status != MP4_STATUS_SUCCESS) return status;
+    m_nCurFileSize = static_cast<int64_t>(m_pWriter->Ftell());
+    m_moov->EndChunk();
+    return MP4_STATUS_SUCCESS;
 }
 
 template <class Index, class Record>
@@ -530,6 +616,8 @@ mp4_status_t MuxerState::AppendVideoFrame(const uint8_t* buf, uint32_t size,
     if (status != MP4_STATUS_SUCCESS) return status;
     if (!HasRoomInFile(sampleSize, "WriteVideoFrame")) return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
 
+    status = IndexInterval(LiveTrack::kVideo, dts);
+    if (status != MP4_STATUS_SUCCESS) return status;
     const uint64_t fileSizeBefore = m_reserved.SizeBeforeFrame(*m_pWriter);
     status = WriteSample(
         [&] {
@@ -548,8 +636,10 @@ mp4_status_t MuxerState::AppendVideoFrame(const uint8_t* buf, uint32_t size,
     status = AddSample(
         bytes,
         [&] {
-            return indexed =
-                       m_moov->AfterWriteVideoFrame(m_nCurFileSize, bytes, pts, dts, keyFrame);
+            indexed = m_moov->AfterWriteVideoFrame(m_nCurFileSize, bytes, pts, dts, keyFrame);
+            m_live.AddSample(LiveTrack::kVideo, m_nCurFileSize, static_cast<uint32_t>(bytes),
+                             m_compositionOffsets ? pts : dts, dts, keyFrame);
+            return indexed;
         },
         [&](CInfoWriter& writer) { return writer.WriteVideoFrame(bytes, pts, dts, keyFrame); });
     if (indexed) m_times.OnVideo(pts, dts, m_videoTrack.timescale, m_compositionOffsets);
@@ -594,6 +684,8 @@ bool MuxerState::GetVideoCodecData(const CVideoFrameParser& frame) {
         zv_log_info("found video codec data in stream, set video track info", kSource, __LINE__,
                     "GetVideoCodecData");
         m_moov->SetVideoTrack(&m_videoTrack);
+        m_live.Declare(LiveTrack::kVideo, true, m_videoTrack.timescale,
+                       m_videoTrack.frame_duration);
         m_sideFile.Write(
             [this](CInfoWriter& writer) { return writer.WriteVideoFormat(&m_videoTrack); });
         return true;
@@ -623,6 +715,7 @@ mp4_status_t MuxerState::ConfigureAdts(const uint8_t* buf, uint32_t size) {
     if (status != MP4_STATUS_SUCCESS) return status;
     m_moov->SetAudioTrack(&m_audioTrack);
     m_audioHasCodecData = true;
+    m_live.Declare(LiveTrack::kAudio, true, m_audioTrack.timescale, m_audioTrack.frame_duration);
     if (!m_sideFile.IsOpen()) return MP4_STATUS_SUCCESS;
     status = EnsureHeader();
     if (status != MP4_STATUS_SUCCESS) return status;
@@ -633,18 +726,25 @@ mp4_status_t MuxerState::ConfigureAdts(const uint8_t* buf, uint32_t size) {
 
 mp4_status_t MuxerState::AppendAudioFrame(const uint8_t* sample, uint32_t size, int64_t timestamp) {
     if (!HasRoomInFile(size, "WriteAudioFrame")) return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
-    mp4_status_t status =
-        WriteSample([&] { m_pWriter->WriteBuf(sample, size); },
-                    [&] {
-                        zv_log_error("write buffer exception, buffer size %d", kSource, __LINE__,
-                                     "WriteAudioFrame", static_cast<int>(size));
-                    });
+    mp4_status_t status = IndexInterval(LiveTrack::kAudio, timestamp);
+    if (status != MP4_STATUS_SUCCESS) return status;
+    status = WriteSample([&] { m_pWriter->WriteBuf(sample, size); },
+                         [&] {
+                             zv_log_error("write buffer exception, buffer size %d", kSource,
+                                          __LINE__, "WriteAudioFrame", static_cast<int>(size));
+                         });
     if (status != MP4_STATUS_SUCCESS) return status;
     const auto bytes = static_cast<int>(size);
     bool indexed = false;
     status = AddSample(
         bytes,
-        [&] { return indexed = m_moov->AfterWriteAudioFrame(m_nCurFileSize, bytes, timestamp); },
+        [&] {
+            indexed = m_moov->AfterWriteAudioFrame(m_nCurFileSize, bytes, timestamp);
+            if (indexed)
+                m_live.AddSample(LiveTrack::kAudio, m_nCurFileSize, size, timestamp, timestamp,
+                                 true);
+            return indexed;
+        },
         [&](CInfoWriter& writer) { return writer.WriteAudioFrame(bytes, timestamp); });
     if (indexed) m_times.OnAudio(timestamp, m_audioTrack.timescale);
     if (status == MP4_STATUS_NO_SPACE_LEFT_IN_HEADER)
@@ -690,7 +790,9 @@ mp4_status_t MuxerState::CheckCaption(uint32_t size) const {
 
 mp4_status_t MuxerState::AppendCaption(const uint8_t* buf, uint32_t size, int64_t timestamp) {
     int bytes = 0;
-    mp4_status_t status = WriteSample(
+    mp4_status_t status = IndexInterval(LiveTrack::kCaption, timestamp);
+    if (status != MP4_STATUS_SUCCESS) return status;
+    status = WriteSample(
         [&] {
             GatheredWrite gathered(m_gatheringWriter);
             bytes =
@@ -704,6 +806,8 @@ mp4_status_t MuxerState::AppendCaption(const uint8_t* buf, uint32_t size, int64_
         bytes,
         [&] {
             m_moov->AfterWriteSubtitleFrame(m_nCurFileSize, bytes, timestamp);
+            m_live.AddSample(LiveTrack::kCaption, m_nCurFileSize, static_cast<uint32_t>(bytes),
+                             timestamp, timestamp, true);
             return indexed = true;
         },
         [&](CInfoWriter& writer) { return writer.WriteSubtitleFrame(bytes, timestamp); });
@@ -724,6 +828,7 @@ mp4_status_t MuxerState::WriteTimeCode(int nTimeCode) {
         kCounterSize,
         [&] {
             m_moov->AfterWriteTimeCode(m_nCurFileSize);
+            m_live.AddSample(LiveTrack::kTimecode, m_nCurFileSize, kCounterSize, 0, 0, true);
             return true;
         },
         [&](CInfoWriter& writer) { return writer.WriteTimeCode(nTimeCode); });

@@ -5,9 +5,11 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "AdtsInput.h"
 #include "BaseIO.h"
+#include "LiveIndex.h"
 #include "MLock.h"
 #include "ParameterSetKeeper.h"
 #include "ReservedHeader.h"
@@ -49,11 +51,15 @@ struct MuxerState {
     /// What a recording leaves behind in the fields.
     void ResetFileState();
     mp4_status_t OpenFiles(const wchar_t* pFilePath, const mp4_config_t& config);
-    void CreateBoxes(uint32_t flags);
+    void CreateBoxes();
+    /// What the creation options say of a movie box.
+    void ConfigureMovie(CMp4MoovAtom& movie) const;
     mp4_status_t WriteHeader();
     mp4_status_t WriteHeaderBoxes();
     mp4_status_t EnsureHeader();
     bool FinishMovie(mp4_status_t* status);
+    void WriteMovie();
+    void FinishLiveMovie();
     void PushMovie();
     mp4_status_t CloseWriter();
     void ReleaseBoxes();
@@ -67,6 +73,9 @@ struct MuxerState {
     // Set-up
 
     mp4_status_t SetCompositionOffsets(bool enable);
+    mp4_status_t SetLiveIndex(uint32_t interval_ms);
+    /// Declares tracks to the movie box of the live index.
+    void DeclareTracks(CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks) const;
     mp4_status_t SetVideoTrack(const mp4_video_track_info* pTrackInfo);
     mp4_status_t SetAudioTrack(const mp4_audio_track_info_t* pTrackInfo);
     mp4_status_t SetSubtitleTrack(const mp4_subtitle_track_info_t* pTrackInfo);
@@ -88,6 +97,8 @@ struct MuxerState {
     /// Writes a sample's bytes; `logUnexpected` reports a failure that is not one of I/O.
     template <class Write, class LogUnexpected>
     mp4_status_t WriteSample(Write&& write, LogUnexpected&& logUnexpected);
+    /// Ends the interval of the live index when it is over before this sample.
+    mp4_status_t IndexInterval(LiveTrack track, int64_t dts);
     /// Takes note of a sample whose bytes are in the output: in the movie box (`index`, false when
     /// it refuses), in the repair info file (`record`), in the next sample's offset.
     template <class Index, class Record>
@@ -131,6 +142,9 @@ struct MuxerState {
     mp4_audio_track_info_t m_audioTrack{};
     bool m_audioHasCodecData = false;
     mp4_subtitle_track_info_t m_subtitleTrack{};
+    mp4_time_code_track_info_t m_timecodeTrack{};
+    uint32_t m_flags = 0;  // of the configuration
+    LiveIndex m_live;
     std::unique_ptr<CMp4FtypAtom> m_ftyp;
     std::unique_ptr<CMp4FreeAtom> m_free;
     std::unique_ptr<CMp4MdatAtom> m_mdat;

@@ -101,6 +101,16 @@ bool CMp4MoovAtom::SetMetaData(const char* pKey, const char* pData, uint32_t siz
     return true;
 }
 
+void CMp4MoovAtom::SetForFragments(int64_t videoStart) {
+    m_mvex = std::make_unique<CMp4MvexAtom>(m_pWriter);
+    for (CMp4TrakAtom* const track :
+         {static_cast<CMp4TrakAtom*>(&m_trakVideo), static_cast<CMp4TrakAtom*>(&m_trakAudio),
+          static_cast<CMp4TrakAtom*>(&m_trackTC), static_cast<CMp4TrakAtom*>(&m_trakSubtitle)}) {
+        track->SetForFragments(track == &m_trakVideo ? videoStart : 0);
+        if (track->valid()) m_mvex->AddTrack(track->GetTrakID());
+    }
+}
+
 // Samples
 
 bool CMp4MoovAtom::OpensChunk(const CMp4TrakAtom& track) {
@@ -138,6 +148,7 @@ void CMp4MoovAtom::AfterWriteTimeCode(int64_t nOffSet) {
 // Queries
 
 int64_t CMp4MoovAtom::MovieDuration() {
+    if (m_mvex != nullptr) return 0;
     return std::max(m_trakVideo.PresentedDurationMS(), m_trakAudio.PresentedDurationMS());
 }
 

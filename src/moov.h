@@ -2,10 +2,12 @@
 #define KX_MP4_MOOV_H
 
 #include <cstdint>
+#include <memory>
 
 #include "Atom.h"
 #include "kx_mp4/kx_mp4.h"
 #include "meta.h"
+#include "mvex.h"
 #include "mvhd.h"
 #include "trak.h"
 #include "udta.h"
@@ -14,7 +16,8 @@
 int64_t GetTimeTick();
 
 /// Movie Box, 'moov' - ISO/IEC 14496-12, 8.2.1 - at the end of the file - container of 'mvhd', the
-/// video, audio, timecode and caption 'trak' that have samples, 'meta' (custom keys) and 'udta'
+/// video, audio, timecode and caption 'trak' that have samples, 'meta' (custom keys), 'udta' and,
+/// in a live index, 'mvex'
 ///
 /// The index of the file. Tracks get their IDs, from 1, in the order in which they are declared;
 /// every sample that was appended to the media data is reported here and reaches its track's
@@ -47,6 +50,10 @@ public:
     bool SetMetaData(const char* pKey, const char* pData, uint32_t size, mp4_meta_data_type_t type,
                      const char* key_namespace);
 
+    /// Makes this the movie box of a file whose samples are listed by movie fragments: the tracks
+    /// declared so far are written without samples, the video's edit starts at `videoStart` ticks.
+    void SetForFragments(int64_t videoStart);
+
     /// Records a video sample: position in the file, bytes, times in the track's ticks. False when
     /// reserved room is full. A track whose offsets pass 32 bits moves to 64-bit ones.
     bool AfterWriteVideoFrame(int64_t nOffset, int cbFrame, int64_t nPts, int64_t nDts, bool bSync);
@@ -56,6 +63,9 @@ public:
     void AfterWriteSubtitleFrame(int64_t nOffset, int cbFrame, int64_t nTimeStamp);
     /// Records a timecode sample of 4 bytes.
     void AfterWriteTimeCode(int64_t nOffSet);
+
+    /// Bytes that are no sample lie before the next one, which therefore opens a chunk.
+    void EndChunk() { m_iLastTrakId = 0; }
 
     /// The longer of the video and the audio duration in milliseconds.
     uint64_t GetDurationMS();
@@ -74,12 +84,13 @@ public:
     template <class F>
     void ForEachChild(F&& visit) {
         visit(m_mvhd);
-        visit(m_trakVideo);
-        visit(m_trakAudio);
+        if (m_mvex == nullptr || m_trakVideo.valid()) visit(m_trakVideo);
+        if (m_mvex == nullptr || m_trakAudio.valid()) visit(m_trakAudio);
         if (m_trackTC.valid()) visit(m_trackTC);
         if (m_trakSubtitle.valid()) visit(m_trakSubtitle);
         if (m_has_meta) visit(m_meta);
         visit(m_udta);
+        if (m_mvex != nullptr) visit(*m_mvex);
     }
 
     CMp4UdtaAtom m_udta;
@@ -107,6 +118,7 @@ private:
     bool m_fastWrite;
     IBaseIO* m_pFileWriter;
     bool m_isQtFile = false;
+    std::unique_ptr<CMp4MvexAtom> m_mvex;
 };
 
 #endif  // KX_MP4_MOOV_H

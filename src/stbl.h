@@ -100,17 +100,21 @@ public:
     /// Marks a sample, by its number from 1, as a sync sample; false when reserved room is full.
     bool AddSyncSample(int32_t iSampleIndex) { return m_stss.AddSyncSample(iSampleIndex); }
 
+    /// Leaves the sync samples to the movie fragments: an empty list would say that there are none.
+    void SetForFragments() { m_forFragments = true; }
+
     void SetMaxFrameNum(uint32_t num, uint32_t syncFrameNum) override;
     void Update() override;
 
 protected:
     CMp4Atom& Stsd() override { return m_stsd; }
-    CMp4Atom* Stss() override { return &m_stss; }
+    CMp4Atom* Stss() override { return m_forFragments ? nullptr : &m_stss; }
 
 private:
     CMp4VideoStsdAtom m_stsd;
     CMp4StssAtom m_stss;
     uint32_t m_syncFrameNum = 0;
+    bool m_forFragments = false;
 };
 
 /// The audio track's sample table. In the fixed-header mode it has room for one duration.

@@ -93,7 +93,17 @@ int64_t CMp4TrakAtom::HeaderDuration() {
                : kx_mp4::Rescale(duration, m_moovTimeScale, GetTimeScale());
 }
 
+void CMp4TrakAtom::SetForFragments(int64_t mediaStart) {
+    m_forFragments = true;
+    m_fragmentsStart = mediaStart;
+}
+
 void CMp4TrakAtom::SetHeaderTimes() {
+    if (m_forFragments) {
+        // Durations of 0 leave it to the fragments how long the track lasts.
+        m_edts.SetMediaTime(m_fragmentsStart);
+        return;
+    }
     const int64_t duration = HeaderDuration();
     m_tkhd.SetDuration(duration);
     m_edts.SetDuration(duration);
@@ -210,6 +220,11 @@ int64_t CMp4VideoTrakAtom::GetMediaStart() {
     // A picture shown before the first decode time lies before the media's timeline: an edit
     // cannot start there.
     return std::max<int64_t>(0, Difference(m_span.firstPts, m_span.firstDts));
+}
+
+void CMp4VideoTrakAtom::SetForFragments(int64_t mediaStart) {
+    CMp4TrakAtom::SetForFragments(mediaStart);
+    SampleTable().SetForFragments();
 }
 
 void CMp4VideoTrakAtom::Update() {

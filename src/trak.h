@@ -40,6 +40,9 @@ public:
     virtual double GetBitrate();
     /// A track of the fixed-header mode is written even before its first sample.
     virtual void SetFixedHeaderMode(bool mode);
+    /// Describes samples that movie fragments list: the track is written without any, its durations
+    /// are 0 and its edit starts at `mediaStart` ticks.
+    virtual void SetForFragments(int64_t mediaStart);
 
 protected:
     virtual void WriteMdia() { Media().Write(); }
@@ -84,7 +87,7 @@ protected:
 
     /// Takes the next sample's timestamp.
     void AdvanceClock(int64_t timestamp);
-    bool HasSamples() { return m_iTrakID > 0 && GetSampleNumbers() > 0; }
+    bool HasSamples() { return m_iTrakID > 0 && (m_forFragments || GetSampleNumbers() > 0); }
     bool IsWritten() { return m_fixedHeaderMode || HasSamples(); }
     /// The nominal duration, or this step when none is known.
     uint32_t LastSampleDuration(uint32_t lastStep) const {
@@ -100,6 +103,8 @@ protected:
     uint32_t m_frameDuration = 0;
     uint32_t m_lastFrameDuration = 0;
     bool m_fixedHeaderMode = false;
+    bool m_forFragments = false;
+    int64_t m_fragmentsStart = 0;
 
     /// Brings the headers up to date; their sizes follow from the times.
     virtual void SetHeaderTimes();
@@ -119,6 +124,7 @@ public:
     uint64_t GetDataSize() override { return m_mdia.GetDataSize(); }
     void SettleNominalDuration() override;
     int64_t PresentedDuration() override;
+    void SetForFragments(int64_t mediaStart) override;
 
     int32_t GetWidth() const { return m_info.width; }
     int32_t GetHeight() const { return m_info.height; }

@@ -81,6 +81,7 @@ int MemoryOutput::Write(kx_mp4_handle handle, const void* buffer, uint32_t size)
         return output.failureResult;
     }
     const auto* bytes = static_cast<const uint8_t*>(buffer);
+    if (output.onWrite) output.onWrite(output.m_position, bytes, size);
     for (uint64_t i = 0, piece = 0; i < size && size < output.dropFrom; i += piece) {
         const uint64_t inPage = (output.m_position + i) % kPageSize;
         piece = std::min(size - i, kPageSize - inPage);

@@ -4,6 +4,7 @@
 #define KX_MP4_TESTS_MEMORY_OUTPUT_H
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -24,6 +25,9 @@ public:
     bool refuseInit = false;
     /// Writes of at least this size only move the position: their bytes read as zeros.
     uint32_t dropFrom = UINT32_MAX;
+
+    /// Sees every write that succeeds: position and bytes.
+    std::function<void(uint64_t position, const uint8_t* bytes, uint32_t size)> onWrite;
 
     /// "init path", "write 4", "seek 0 0", "tell", "flush", "uninit", in order.
     std::vector<std::string> calls;

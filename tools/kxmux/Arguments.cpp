@@ -9,6 +9,8 @@
 namespace kxmux {
 namespace {
 
+constexpr double kMillisecondsPerSecond = 1000;
+
 /// The whole text as a decimal number from 1 to `max`.
 bool ParseNumber(std::string_view text, uint32_t max, uint32_t* value) {
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), *value);
@@ -121,6 +123,10 @@ void Arguments::AddOutput(CLI::App& app) {
         "--no-repair", m_noRepair,
         "Keep no repair info file (OUTPUT.info, for kxrepair) beside the output while recording");
     app.add_flag("--repair", "Keep one, which is the default")->excludes(noRepair);
+    app.add_option("--live", m_liveSeconds,
+                   "Keep the output playable at every moment: an index of what came every SECONDS")
+        ->check(CLI::Range(0.001, 4294967.0))
+        ->type_name("SECONDS");
     app.add_flag("--64bit", m_64bit, "64-bit sizes and times");
     auto* const callbacks = app.add_flag("--callback-io", m_callbackIo, "Write through callbacks");
     app.add_flag("--buffered", m_buffered, "Write through the library's buffered file output")
@@ -194,6 +200,7 @@ RecordingOptions Arguments::Options() const {
     options.audio = m_audio;
     options.captions = m_captions;
     options.use64bit = m_64bit;
+    options.liveIndexMs = static_cast<uint32_t>(m_liveSeconds * kMillisecondsPerSecond);
     return options;
 }
 

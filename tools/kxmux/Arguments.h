@@ -54,6 +54,7 @@ private:
     bool m_callbackIo = false;
     bool m_buffered = false;
     bool m_noCompositionOffsets = false;
+    double m_liveSeconds = 0;
 };
 
 }  // namespace kxmux

@@ -135,6 +135,8 @@ void Recording::Create() {
 }
 
 void Recording::Declare() {
+    if (m_options.liveIndexMs != 0)
+        Require(m_muxer.SetLiveIndex(m_options.liveIndexMs), m_output.Path() + ": live index");
     for (TrackFeed* feed : m_feeds) {
         Require(feed->Declare(m_muxer), feed->Path() + ": the track is refused");
     }

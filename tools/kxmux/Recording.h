@@ -30,6 +30,7 @@ struct RecordingOptions {
     std::string timecode;  ///< of the first frame; empty: none
     std::vector<std::pair<std::string, std::string>> metadata;
     bool use64bit = false;
+    uint32_t liveIndexMs = 0;  ///< interval of the live index; 0: none
 };
 
 /// What a line of progress shows.
