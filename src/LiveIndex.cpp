@@ -45,11 +45,12 @@ void LiveIndex::Declare(LiveTrack track, bool configured, uint32_t timescale,
     state.frameDuration = Low32(static_cast<int64_t>(frameDuration));
     if (configured && !state.configured) m_order.push_back(track);
     state.configured = state.configured || configured;
-    if (isNew && m_begun && IsRunning())
+    if (isNew && m_begun && IsRunning()) {
         zv_log_warn(
             "a track is declared after the live index has begun, it will only be in the "
             "final index",
             kSource, __LINE__, "Declare");
+    }
 }
 
 void LiveIndex::WriteHeader(IBaseIO& writer) {
