@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <initializer_list>
 
 #include "Rescale.h"
 #include "zv_log.h"
@@ -103,10 +104,12 @@ bool CMp4MoovAtom::SetMetaData(const char* pKey, const char* pData, uint32_t siz
 
 void CMp4MoovAtom::SetForFragments(int64_t videoStart) {
     m_mvex = std::make_unique<CMp4MvexAtom>(m_pWriter);
-    for (CMp4TrakAtom* const track :
-         {static_cast<CMp4TrakAtom*>(&m_trakVideo), static_cast<CMp4TrakAtom*>(&m_trakAudio),
-          static_cast<CMp4TrakAtom*>(&m_trackTC), static_cast<CMp4TrakAtom*>(&m_trakSubtitle)}) {
-        track->SetForFragments(track == &m_trakVideo ? videoStart : 0);
+    m_trakVideo.SetForFragments(videoStart);
+    m_trakAudio.SetForFragments(0);
+    m_trackTC.SetForFragments(0);
+    m_trakSubtitle.SetForFragments(0);
+    for (CMp4TrakAtom* const track : std::initializer_list<CMp4TrakAtom*>{
+             &m_trakVideo, &m_trakAudio, &m_trackTC, &m_trakSubtitle}) {
         if (track->valid()) m_mvex->AddTrack(track->GetTrakID());
     }
 }

@@ -42,7 +42,7 @@ public:
     virtual void SetFixedHeaderMode(bool mode);
     /// Describes samples that movie fragments list: the track is written without any, its durations
     /// are 0 and its edit starts at `mediaStart` ticks.
-    virtual void SetForFragments(int64_t mediaStart);
+    void SetForFragments(int64_t mediaStart);
 
 protected:
     virtual void WriteMdia() { Media().Write(); }
@@ -124,7 +124,8 @@ public:
     uint64_t GetDataSize() override { return m_mdia.GetDataSize(); }
     void SettleNominalDuration() override;
     int64_t PresentedDuration() override;
-    void SetForFragments(int64_t mediaStart) override;
+    /// As the base's, and without sync samples.
+    void SetForFragments(int64_t mediaStart);
 
     int32_t GetWidth() const { return m_info.width; }
     int32_t GetHeight() const { return m_info.height; }
