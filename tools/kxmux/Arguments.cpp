@@ -125,7 +125,7 @@ void Arguments::AddOutput(CLI::App& app) {
     app.add_flag("--repair", "Keep one, which is the default")->excludes(noRepair);
     app.add_option("--live", m_liveSeconds,
                    "Keep the output playable at every moment: an index of what came every SECONDS")
-        ->check(CLI::Range(0.001, 4294967.0))
+        ->check(CLI::Range(0.001, 86400.0))
         ->type_name("SECONDS");
     app.add_flag("--64bit", m_64bit, "64-bit sizes and times");
     auto* const callbacks = app.add_flag("--callback-io", m_callbackIo, "Write through callbacks");
