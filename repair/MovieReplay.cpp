@@ -10,18 +10,9 @@ struct MovieReplay::Visitor {
 
     bool operator()(const FrameRecord& frame) const { return replay.ApplyFrame(frame, position); }
     bool operator()(const MetadataRecord& item) const { return replay.ApplyMetadata(item); }
-    bool operator()(const VideoFormatRecord& format) const {
-        const mp4_video_track_info_t info = format.Info();
-        return replay.m_moov.SetVideoTrack(&info);
-    }
-    bool operator()(const mp4_audio_track_info_t& info) const {
-        return replay.m_moov.SetAudioTrack(&info);
-    }
-    bool operator()(const mp4_subtitle_track_info_t& info) const {
-        return replay.m_moov.SetSubtitleTrack(&info);
-    }
-    bool operator()(const mp4_time_code_track_info_t& info) const {
-        return replay.m_moov.SetTCMDTrack(&info);
+    template <class Format>
+    bool operator()(const Format& format) const {
+        return replay.ApplyFormat(format);
     }
 };
 
@@ -31,17 +22,79 @@ MovieReplay::MovieReplay(RepairOutput& output, const RecordingLayout& layout, ui
       m_layout(layout),
       m_free(&output),
       m_mdat(&output, layout.largeMdat),
-      m_moov(&output, false, nullptr) {
-    if ((flags & MP4_FLAG_64BIT_SIZE) != 0) m_moov.SetUse64bitSize();
-    if ((flags & MP4_FLAG_64BIT_TIME) != 0) m_moov.SetUse64bitTime();
-    m_moov.m_meta.SetIsQtff(true);
-    m_moov.SetIsMp4File(!layout.quicktime);
+      m_moov(&output, false, nullptr),
+      m_flags(flags),
+      m_compositionOffsets(compositionOffsets) {
+    ConfigureMovie(m_moov);
     m_moov.SetCompositionOffsets(compositionOffsets);
     m_mdat.SetFreeBoxBefore(!layout.quicktime);
+    if (layout.live) {
+        m_live.SetInterval(1);  // the intervals are those of the recording
+        m_live.Resume(output, static_cast<int64_t>(layout.liveHeader));
+    }
     PlaceHeader();
 }
 
+void MovieReplay::ConfigureMovie(CMp4MoovAtom& movie) const {
+    if ((m_flags & MP4_FLAG_64BIT_SIZE) != 0) movie.SetUse64bitSize();
+    if ((m_flags & MP4_FLAG_64BIT_TIME) != 0) movie.SetUse64bitTime();
+    movie.m_meta.SetIsQtff(true);
+    movie.SetIsMp4File(!m_layout.quicktime);
+}
+
+void MovieReplay::DeclareTracks(CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks) const {
+    ConfigureMovie(movie);
+    const mp4_video_track_info_t video = m_video.Info();
+    for (const LiveTrack track : tracks) {
+        switch (track) {
+            case LiveTrack::kVideo:
+                movie.SetVideoTrack(&video);
+                break;
+            case LiveTrack::kAudio:
+                movie.SetAudioTrack(&m_audio);
+                break;
+            case LiveTrack::kCaption:
+                movie.SetSubtitleTrack(&m_captions);
+                break;
+            case LiveTrack::kTimecode:
+                movie.SetTCMDTrack(&m_timecode);
+                break;
+        }
+    }
+}
+
+bool MovieReplay::ApplyFormat(const VideoFormatRecord& format) {
+    m_video = format;
+    const mp4_video_track_info_t info = m_video.Info();
+    m_live.Declare(LiveTrack::kVideo, true, info.timescale, info.frame_duration);
+    return m_moov.SetVideoTrack(&info);
+}
+
+bool MovieReplay::ApplyFormat(const mp4_audio_track_info_t& info) {
+    m_audio = info;
+    m_live.Declare(LiveTrack::kAudio, true, info.timescale, info.frame_duration);
+    return m_moov.SetAudioTrack(&info);
+}
+
+bool MovieReplay::ApplyFormat(const mp4_subtitle_track_info_t& info) {
+    m_captions = info;
+    m_live.Declare(LiveTrack::kCaption, true, info.timescale, 0);
+    return m_moov.SetSubtitleTrack(&info);
+}
+
+bool MovieReplay::ApplyFormat(const mp4_time_code_track_info_t& info) {
+    m_timecode = info;
+    m_live.Declare(LiveTrack::kTimecode, true, info.timescale, info.frame_duration);
+    return m_moov.SetTCMDTrack(&info);
+}
+
+void MovieReplay::SkipIndex(uint64_t mediaBegin) {
+    m_live.SkipIndex(static_cast<int64_t>(mediaBegin) - LiveIndex::kMdatHeaderSize);
+    m_moov.EndChunk();
+}
+
 void MovieReplay::PlaceHeader() {
+    if (m_layout.live) return;
     const auto mdat = static_cast<int64_t>(m_layout.mdatPosition);
     m_output.Seek(m_layout.quicktime ? mdat : mdat - kBoxHeaderSize, SEEK_SET);
     if (!m_layout.quicktime) m_free.Write();
@@ -54,23 +107,34 @@ bool MovieReplay::Apply(const InfoRecord& record, uint64_t position) {
 
 bool MovieReplay::HasRoomFor(const FrameRecord& frame, uint64_t position) const {
     const bool narrow = frame.track == kRepairCaption;  // caption tracks stay at 32-bit offsets
-    return m_mdat.CanEndAt(static_cast<int64_t>(position + frame.size)) &&
+    return CanEndAt(position + frame.size) &&
            (!narrow || position <= UINT32_MAX);
 }
 
 bool MovieReplay::ApplyFrame(const FrameRecord& frame, uint64_t position) {
     const auto offset = static_cast<int64_t>(position);
     const auto size = static_cast<int>(frame.size);
+    const auto note = [&](LiveTrack track, int64_t pts, int64_t dts, bool sync) {
+        m_live.AddSample(track, offset, frame.size, pts, dts, sync);
+    };
     switch (frame.track) {
         case kRepairVideo:
-            return m_moov.AfterWriteVideoFrame(offset, size, frame.pts, frame.dts, frame.sync);
+            if (!m_moov.AfterWriteVideoFrame(offset, size, frame.pts, frame.dts, frame.sync))
+                return false;
+            note(LiveTrack::kVideo, m_compositionOffsets ? frame.pts : frame.dts, frame.dts,
+                 frame.sync);
+            return true;
         case kRepairAudio:
-            return m_moov.AfterWriteAudioFrame(offset, size, frame.pts);
+            if (!m_moov.AfterWriteAudioFrame(offset, size, frame.pts)) return false;
+            note(LiveTrack::kAudio, frame.pts, frame.pts, true);
+            return true;
         case kRepairCaption:
             m_moov.AfterWriteSubtitleFrame(offset, size, frame.pts);
+            note(LiveTrack::kCaption, frame.pts, frame.pts, true);
             return true;
         default:
             m_moov.AfterWriteTimeCode(offset);
+            note(LiveTrack::kTimecode, 0, 0, true);
             return true;
     }
 }
@@ -82,6 +146,7 @@ bool MovieReplay::ApplyMetadata(const MetadataRecord& item) {
 }
 
 void MovieReplay::WriteMediaHeader(uint64_t mediaEnd) {
+    if (m_layout.live) return;  // the last step of the index
     PlaceHeader();
     m_output.Seek(static_cast<int64_t>(mediaEnd), SEEK_SET);
     m_mdat.Finish(nullptr);
@@ -89,7 +154,17 @@ void MovieReplay::WriteMediaHeader(uint64_t mediaEnd) {
 
 uint64_t MovieReplay::WriteIndex(uint64_t mediaEnd) {
     m_output.Seek(static_cast<int64_t>(mediaEnd), SEEK_SET);
+    if (!m_layout.live) {
+        m_moov.Write();
+        return m_output.Ftell();
+    }
+    LiveIndex live = m_live;  // the index may be written more than once, for trial first
+    live.EndLastInterval([this](CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks) {
+        DeclareTracks(movie, tracks);
+    });
+    const auto movieBox = static_cast<int64_t>(m_output.Ftell());
     m_moov.Write();
+    live.Finish(movieBox);
     return m_output.Ftell();
 }
 

@@ -4,8 +4,10 @@
 #define KX_MP4_REPAIR_MOVIEREPLAY_H
 
 #include <cstdint>
+#include <vector>
 
 #include "InfoReader.h"
+#include "LiveIndex.h"
 #include "RecordingLayout.h"
 #include "RepairOutput.h"
 #include "free.h"
@@ -25,12 +27,15 @@ public:
     bool HasRoomFor(const FrameRecord& frame, uint64_t position) const;
     /// Whether the media data's header can describe media data up to there.
     bool CanEndAt(uint64_t mediaEnd) const {
-        return m_mdat.CanEndAt(static_cast<int64_t>(mediaEnd));
+        return m_layout.live || m_mdat.CanEndAt(static_cast<int64_t>(mediaEnd));
     }
     /// Takes a format, a metadata item or a frame whose sample lies at `position`. False when the
     /// boxes refuse it, as they did when the muxer offered it: an audio frame without a track
     /// leaves its bytes in the media data, but has no place in the index.
     bool Apply(const InfoRecord& record, uint64_t position);
+
+    /// The samples that follow lie behind an index of those before, from this position on.
+    void SkipIndex(uint64_t mediaBegin);
 
     /// The media data's header as it was while recording, then its final size for data that ends
     /// at `mediaEnd`.
@@ -42,6 +47,12 @@ private:
     struct Visitor;
 
     void PlaceHeader();
+    bool ApplyFormat(const VideoFormatRecord& format);
+    bool ApplyFormat(const mp4_audio_track_info_t& info);
+    bool ApplyFormat(const mp4_subtitle_track_info_t& info);
+    bool ApplyFormat(const mp4_time_code_track_info_t& info);
+    void ConfigureMovie(CMp4MoovAtom& movie) const;
+    void DeclareTracks(CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks) const;
     bool ApplyFrame(const FrameRecord& frame, uint64_t position);
     bool ApplyMetadata(const MetadataRecord& item);
 
@@ -50,6 +61,14 @@ private:
     CMp4FreeAtom m_free;
     CMp4MdatAtom m_mdat;
     CMp4MoovAtom m_moov;
+    const uint8_t m_flags;
+    const bool m_compositionOffsets;
+    LiveIndex m_live;  // off without one in the recording
+    // What its movie box is made of.
+    VideoFormatRecord m_video;
+    mp4_audio_track_info_t m_audio{};
+    mp4_subtitle_track_info_t m_captions{};
+    mp4_time_code_track_info_t m_timecode{};
 };
 
 }  // namespace kx_mp4

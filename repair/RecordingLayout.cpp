@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Atom.h"
+#include "LiveIndex.h"
 #include "RepairRefused.h"
 #include "kx_mp4/kx_mp4.h"
 
@@ -109,11 +110,53 @@ bool IsMovieBox(const PosixFile& file, uint64_t begin, uint64_t end) {
     return true;
 }
 
+/// | free | mdat | moov | moof | mdat | moof | mdat (open) ...
+///          ^ position
+void ReadLiveLayout(const PosixFile& file, RecordingLayout& layout, uint64_t position) {
+    layout.live = true;
+    layout.mdatPosition = position;
+    layout.liveHeader = position - LiveIndex::kFreeSize;
+    layout.mediaBegin = position + LiveIndex::kMdatHeaderSize;
+    uint64_t end = file.Size();
+    if (end < layout.mediaBegin) throw RepairRefused("the recording ends before its media data");
+    // Closed: the header of the whole recording is no longer hidden in the 'free' box.
+    if (BoxHeader(file, layout.liveHeader).Size() == kHeader) {
+        const uint64_t size = BoxHeader(file, layout.liveHeader + kHeader).LargeSize();
+        end = std::min(end, layout.liveHeader + kHeader + std::min(size, end));
+        layout.hasMovieBox = IsMovieBox(file, end, file.Size());
+    }
+    layout.mediaLimit = end;
+    for (;;) {
+        const BoxHeader mdat(file, position);
+        if (!mdat.Is("mdat")) throw RepairRefused("no media data box lies where the index ends");
+        const bool open = mdat.Size() == 0;
+        const uint64_t size = open ? end - position : mdat.LargeSize();
+        if (size < LiveIndex::kMdatHeaderSize || size > end - position)
+            throw RepairRefused("the media data's header does not hold");
+        layout.extents.push_back({position + LiveIndex::kMdatHeaderSize, position + size});
+        if (open) return;
+        position += size;
+        for (BoxHeader box(file, position); box.Is("moov") || box.Is("moof");
+             box = BoxHeader(file, position))
+            position += std::max(box.Size(), kHeader);
+    }
+}
+
 }  // namespace
+
+bool BeginsLiveIndex(const PosixFile& file, uint64_t position) {
+    if (file.Size() < position + kHeader) return true;
+    const BoxHeader box(file, position);
+    return box.Is("moov") || box.Is("moof");
+}
 
 RecordingLayout ReadRecordingLayout(const PosixFile& file, uint8_t flags, uint32_t mdatPosition) {
     RecordingLayout layout;
     uint64_t position = ReadFileType(file, layout);
+    if (position + LiveIndex::kFreeSize == mdatPosition) {
+        ReadLiveLayout(file, layout, mdatPosition);
+        return layout;
+    }
     if (!layout.quicktime) position += kHeader;  // free
     if (position != mdatPosition)
         throw RepairRefused("the repair info file belongs to another recording: media data at " +
@@ -133,6 +176,7 @@ RecordingLayout ReadRecordingLayout(const PosixFile& file, uint8_t flags, uint32
     //                                 ^ 1A08  ^ 1A2C
     layout.mediaLimit = mediaEnd < fileEnd && BeginsMovieBox(file, mediaEnd) ? mediaEnd : fileEnd;
     layout.hasMovieBox = mediaEnd < fileEnd && IsMovieBox(file, mediaEnd, fileEnd);
+    layout.extents = {{layout.mediaBegin, layout.mediaLimit}};
     return layout;
 }
 

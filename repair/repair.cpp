@@ -78,6 +78,8 @@ private:
     void CheckRecords();
     bool Keep(const InfoRecord& record);
     bool KeepFrame(const FrameRecord& frame);
+    void SkipIndexes();
+    void FindEnd();
     void Count(const FrameRecord& frame, bool indexed);
     void Distrust(const FrameRecord& frame, const char* doubt);
     uint64_t TimeOf(const FrameRecord& frame);
@@ -105,6 +107,8 @@ private:
     RepairOutput m_output;
     std::optional<MovieReplay> m_movie;
     uint64_t m_mediaEnd = 0;
+    size_t m_extent = 0;       // of the media data, where the records stand
+    uint64_t m_indexBytes = 0;  // of a live index, between the samples so far
     uint64_t m_told = 0;
     struct Clock {
         uint32_t timescale = 0;
@@ -169,6 +173,7 @@ bool RepairRun::Check() {
 
     CheckRecords();
     if (m_needsOffsets) return false;
+    FindEnd();
     Conclude();
     TryIndex();
     return true;
@@ -216,7 +221,32 @@ bool RepairRun::Keep(const InfoRecord& record) {
     return false;
 }
 
+/// Samples go on behind an index of those before.
+void RepairRun::SkipIndexes() {
+    const std::vector<MediaExtent>& extents = m_layout.extents;
+    while (m_extent + 1 < extents.size() && m_mediaEnd == extents[m_extent].end) {
+        const uint64_t next = extents[++m_extent].begin;
+        m_indexBytes += next - m_mediaEnd;
+        m_mediaEnd = next;
+        m_movie->SkipIndex(next);
+    }
+}
+
+/// Where the index has to lie. A live index that was being written behind the last sample is not
+/// media data, and is written anew.
+void RepairRun::FindEnd() {
+    if (!m_layout.live) return;
+    SkipIndexes();
+    if (m_extent + 1 == m_layout.extents.size() && BeginsLiveIndex(m_recording, m_mediaEnd))
+        m_layout.mediaLimit = m_mediaEnd;
+}
+
 bool RepairRun::KeepFrame(const FrameRecord& frame) {
+    SkipIndexes();
+    if (m_layout.live && frame.size > m_layout.extents[m_extent].end - m_mediaEnd) {
+        m_problem = "its sample is not all there";
+        return false;
+    }
     const SampleVerdict verdict = m_check->Check(frame, m_mediaEnd);
     if (verdict == SampleVerdict::kRefuted) {
         m_problem = m_check->Problem();
@@ -284,7 +314,7 @@ void RepairRun::NoteFormat(const InfoRecord& record) {
 
 void RepairRun::Conclude() {
     const uint64_t unexplained = m_layout.mediaLimit - m_mediaEnd;
-    m_report.media_bytes_kept = m_mediaEnd - m_layout.mediaBegin;
+    m_report.media_bytes_kept = m_mediaEnd - m_layout.mediaBegin - m_indexBytes;
     m_report.media_bytes_unexplained = unexplained;
     if (m_mediaEnd == m_layout.mediaBegin && unexplained != 0) {
         throw RepairRefused("no frame of the recording is explained (" +

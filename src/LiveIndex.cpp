@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <vector>
 
 #include "Rescale.h"
 #include "zv_log.h"
@@ -55,17 +56,21 @@ void LiveIndex::Declare(LiveTrack track, bool configured, uint32_t timescale,
 
 void LiveIndex::WriteHeader(IBaseIO& writer) {
     constexpr uint32_t kLargeSizeFollows = 1;
+    Resume(writer, static_cast<int64_t>(writer.Ftell()));
+    CBufferIO header;
+    header.Init(&writer);
+    header.WriteInt32(kFreeSize);
+    header.WriteTag("free");
+    PutLargeMdatHeader(header, kLargeSizeFollows);
+    PutLargeMdatHeader(header, 0);
+    header.Flush();
+}
+
+void LiveIndex::Resume(IBaseIO& writer, int64_t headerPosition) {
     m_writer = &writer;
-    m_headerPosition = static_cast<int64_t>(writer.Ftell());
+    m_headerPosition = headerPosition;
     m_mdatPosition = MdatPosition();
     m_intervalEnd = m_mdatPosition + kMdatHeaderSize;
-    m_index = std::make_unique<CBufferIO>();
-    m_index->Init(&writer);
-    m_index->WriteInt32(kFreeSize);
-    m_index->WriteTag("free");
-    PutLargeMdatHeader(*m_index, kLargeSizeFollows);
-    PutLargeMdatHeader(*m_index, 0);
-    m_index->Flush();
 }
 
 // Samples
@@ -161,40 +166,52 @@ int64_t LiveIndex::TimecodeDuration() const {
 /// A failure of the output passes through; until the last byte is there, what was written is a
 /// part of the open `mdat`.
 void LiveIndex::WriteIndex(const FillMovie& fill) {
-    const bool begun = m_begun;
+    CBufferIO index;
+    index.Init(m_writer);
     try {
-        MakeIndex(fill);
+        MakeIndex(index, fill);
     } catch (...) {
-        m_begun = begun;
         GiveUp();
         return;
     }
     const int64_t end = static_cast<int64_t>(m_writer->Ftell());
-    m_index->Flush();
+    index.Flush();
     CloseMdat(end);
     ForgetInterval();
 }
 
-void LiveIndex::MakeIndex(const FillMovie& fill) {
-    if (!m_begun) MakeMovieBox(fill);
-    m_begun = true;
-    CMp4MoofAtom moof(m_index.get());
+void LiveIndex::MakeIndex(CBufferIO& index, const FillMovie& fill) {
+    if (!m_begun) MakeMovieBox(index, fill);
+    CMp4MoofAtom moof(&index);
     moof.Set(++m_sequence, m_pending, m_mdatPosition + kMdatHeaderSize);
     moof.Write();
-    PutLargeMdatHeader(*m_index, 0);
+    PutLargeMdatHeader(index, 0);
 }
 
-void LiveIndex::MakeMovieBox(const FillMovie& fill) {
+void LiveIndex::MakeMovieBox(CBufferIO& index, const FillMovie& fill) {
     const Track& video = m_tracks[IndexOf(LiveTrack::kVideo)];
-    CMp4MoovAtom movie(m_index.get(), false, nullptr);
+    CMp4MoovAtom movie(&index, false, nullptr);
     fill(movie, m_order);
     movie.SetForFragments(
         video.started ? std::max<int64_t>(0, Difference(video.firstPts, video.start)) : 0);
     movie.Write();
-    // The movie box hands out its IDs in this order too.
+    BeginMovie();
+}
+
+/// Hands out the IDs in the order in which the movie box does.
+void LiveIndex::BeginMovie() {
     int32_t id = 0;
     for (const LiveTrack track : m_order)
         m_pending[IndexOf(track)].trackId = ++id;
+    m_begun = true;
+}
+
+void LiveIndex::SkipIndex(int64_t nextMdat) {
+    if (!m_begun) BeginMovie();
+    ++m_sequence;
+    m_mdatPosition = nextMdat;
+    m_intervalEnd = nextMdat + kMdatHeaderSize;
+    ForgetInterval();
 }
 
 /// Closes the open `mdat` at `end`, where the index lies; the next one has been opened behind it.
@@ -217,7 +234,6 @@ void LiveIndex::ForgetInterval() {
 
 void LiveIndex::GiveUp() {
     m_givenUp = true;
-    m_index = nullptr;
     ForgetInterval();
     zv_log_warn("no live index can be made any more, the recording goes on without it", kSource,
                 __LINE__, "GiveUp");

@@ -7,7 +7,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <vector>
 
 #include "BaseIO.h"
@@ -64,6 +63,8 @@ public:
 
     /// Writes `free` and the first, open `mdat`. The writer is borrowed from here on.
     void WriteHeader(IBaseIO& writer);
+    /// Takes up a header that lies at this position already.
+    void Resume(IBaseIO& writer, int64_t headerPosition);
     /// Position of the first `mdat`.
     int64_t MdatPosition() const { return m_headerPosition + kFreeSize; }
 
@@ -76,6 +77,8 @@ public:
     /// Ends the interval before a sample of this track and decode time: writes its index and opens
     /// the next `mdat`.
     void EndInterval(LiveTrack track, int64_t dts, const FillMovie& fill);
+    /// The same for an index that lies in the file already, in front of the `mdat` at this position.
+    void SkipIndex(int64_t nextMdat);
     /// The same when no sample follows.
     void EndLastInterval(const FillMovie& fill);
     /// Makes everything that was written up to `movieBox`, where the index of the whole recording
@@ -103,8 +106,9 @@ private:
     void SettleLastDurations();
     int64_t TimecodeDuration() const;
     void WriteIndex(const FillMovie& fill);
-    void MakeIndex(const FillMovie& fill);
-    void MakeMovieBox(const FillMovie& fill);
+    void MakeIndex(CBufferIO& index, const FillMovie& fill);
+    void MakeMovieBox(CBufferIO& index, const FillMovie& fill);
+    void BeginMovie();
     void CloseMdat(int64_t end);
     void ForgetInterval();
     void GiveUp();
@@ -121,7 +125,6 @@ private:
     std::vector<LiveTrack> m_order;  // of the configured tracks
     std::array<Track, kTracks> m_tracks;
     std::array<FragmentTrack, kTracks> m_pending;
-    std::unique_ptr<CBufferIO> m_index;
 };
 
 }  // namespace kx_mp4
