@@ -107,8 +107,7 @@ bool MovieReplay::Apply(const InfoRecord& record, uint64_t position) {
 
 bool MovieReplay::HasRoomFor(const FrameRecord& frame, uint64_t position) const {
     const bool narrow = frame.track == kRepairCaption;  // caption tracks stay at 32-bit offsets
-    return CanEndAt(position + frame.size) &&
-           (!narrow || position <= UINT32_MAX);
+    return CanEndAt(position + frame.size) && (!narrow || position <= UINT32_MAX);
 }
 
 bool MovieReplay::ApplyFrame(const FrameRecord& frame, uint64_t position) {

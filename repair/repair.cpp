@@ -107,7 +107,7 @@ private:
     RepairOutput m_output;
     std::optional<MovieReplay> m_movie;
     uint64_t m_mediaEnd = 0;
-    size_t m_extent = 0;       // of the media data, where the records stand
+    size_t m_extent = 0;        // of the media data, where the records stand
     uint64_t m_indexBytes = 0;  // of a live index, between the samples so far
     uint64_t m_told = 0;
     struct Clock {
@@ -352,6 +352,14 @@ void RepairRun::Conclude() {
 /// What a person should look at before the recording itself is changed.
 void RepairRun::RefuseInPlace() {
     if (m_report.outcome == RepairOutcome::kWhole) return;
+    if (m_layout.live && m_report.media_bytes_unexplained != 0) {
+        // The index of an interval would lie behind half a sample, where a second repair, after
+        // this one was killed, could take it for the other half.
+        throw RepairRefused("the last " + std::to_string(m_report.media_bytes_unexplained) +
+                            " bytes of a recording with a live index have no record, which only a "
+                            "copy can leave out (" +
+                            m_report.reason + ")");
+    }
     // An index that is there describes more than the records do, though not always truly.
     if (m_layout.hasMovieBox && m_report.media_bytes_unexplained != 0 && !HasThisIndex()) {
         throw RepairRefused("the recording already has an index, of more than its records hold (" +

@@ -77,7 +77,8 @@ public:
     /// Ends the interval before a sample of this track and decode time: writes its index and opens
     /// the next `mdat`.
     void EndInterval(LiveTrack track, int64_t dts, const FillMovie& fill);
-    /// The same for an index that lies in the file already, in front of the `mdat` at this position.
+    /// The same for an index that lies in the file already, in front of the `mdat` at this
+    /// position.
     void SkipIndex(int64_t nextMdat);
     /// The same when no sample follows.
     void EndLastInterval(const FillMovie& fill);

@@ -83,6 +83,9 @@ Bytes Maker::Picture(uint32_t number) {
 }
 
 void Maker::AddSetUp() {
+    if (m_scenario.liveMs != 0)
+        Add([ms = m_scenario.liveMs](CMp4Muxer& muxer) { return muxer.SetLiveIndex(ms); },
+            CallKind::kLive);
     if (m_scenario.offsets)
         Add([](CMp4Muxer& muxer) { return muxer.SetCompositionOffsets(true); }, CallKind::kSetUp);
     const bool waits = m_scenario.deferred && m_scenario.codec != MP4_MVC_PRORES;
@@ -231,8 +234,10 @@ Bytes FinishedInMemory(const std::string& path, uint32_t flags, const std::vecto
     mp4_config_t config = streams::CallbackConfig(flags, output.Functions());
     CMp4Muxer muxer;
     Require(muxer.Create(std::wstring(path.begin(), path.end()).c_str(), &config));
+    const size_t first = !calls.empty() && calls[0].kind == CallKind::kLive ? 1 : 0;
+    if (first == 1) Require(calls[0].run(muxer));
     WriteHeaderOnly(muxer);
-    for (size_t i = 0; i < count; ++i) {
+    for (size_t i = first; i < count; ++i) {
         const bool half = stopHalfway && i + 1 == count;
         Require(half ? calls[i].configuration(muxer) : calls[i].run(muxer));
     }

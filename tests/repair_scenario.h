@@ -16,13 +16,13 @@
 
 namespace repair_scenario {
 
-enum class CallKind { kSetUp, kFlush, kVideo, kAudio, kCaption, kTimecode };
+enum class CallKind { kLive, kSetUp, kFlush, kVideo, kAudio, kCaption, kTimecode };
 
 /// One public call.
 struct Call {
     std::function<mp4_status_t(CMp4Muxer&)> run;
     CallKind kind = CallKind::kSetUp;
-    bool IsFrame() const { return kind != CallKind::kSetUp && kind != CallKind::kFlush; }
+    bool IsFrame() const { return kind > CallKind::kFlush; }
     /// For a frame that also configures its track: only the configuration, as a call.
     std::function<mp4_status_t(CMp4Muxer&)> configuration = nullptr;
 };
@@ -34,6 +34,7 @@ struct Scenario {
     bool declareTwice = false;  // every track
     bool offsets = false;       // composition offsets, and presentation times of their own
     bool soundOnly = false;
+    uint32_t liveMs = 0;  // interval of the live index; 0: none
     uint32_t pictures = 8;
     uint32_t smallestPicture = 40;
     uint32_t largestPicture = 300;
