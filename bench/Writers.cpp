@@ -21,7 +21,8 @@ void Check(mp4_status_t status, const char* operation) {
 
 class KxWriter : public Writer {
 public:
-    KxWriter(uint32_t flags, mp4_file_io_func_t* output) : m_flags(flags), m_output(output) {}
+    KxWriter(uint32_t flags, mp4_file_io_func_t* output, uint32_t liveIndexMs = 0)
+        : m_flags(flags), m_output(output), m_liveIndexMs(liveIndexMs) {}
 
     void Open(const std::string& path, const Workload::Shape& shape) override {
         mp4_config_t config = {};
@@ -29,6 +30,7 @@ public:
         config.io_mode = m_output == nullptr ? MP4_IO_FILE : MP4_IO_EXTERNAL;
         config.func = m_output;
         Check(m_muxer.Create(std::wstring(path.begin(), path.end()).c_str(), &config), "Create");
+        Check(m_muxer.SetLiveIndex(m_liveIndexMs), "SetLiveIndex");
         mp4_video_track_info_t video = {};
         video.timescale = kVideoTimescale;
         video.codec = MP4_MVC_H264;
@@ -64,6 +66,7 @@ private:
     CMp4Muxer m_muxer;
     uint32_t m_flags;
     mp4_file_io_func_t* m_output;
+    uint32_t m_liveIndexMs;
 };
 
 /// A file that is written without any index.
@@ -137,6 +140,11 @@ std::vector<WriterKind> WriterKinds() {
         {"kx_mp4", [] { return std::make_unique<KxWriter>(0, nullptr); }},
         {"kx_mp4, repair file",
          [] { return std::make_unique<KxWriter>(MP4_FLAG_REPAIR_INFO, nullptr); }},
+        {"kx_mp4, live index",
+         [] {
+             constexpr uint32_t kIntervalMs = 1000;
+             return std::make_unique<KxWriter>(0, nullptr, kIntervalMs);
+         }},
         {"kx_mp4, buffered", [] { return std::make_unique<KxWriter>(0, kx_mp4_buffered_io()); }},
 #ifdef KX_MP4_BENCH_LIBAVFORMAT
         {kLibavformat, MakeLibavformatWriter},

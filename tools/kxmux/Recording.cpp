@@ -230,6 +230,8 @@ std::string Recording::HowItWasLeft() {
     StopSignal::SetFarewell("");
     if (!HoldsFrames() && m_output.Discard()) return "; nothing was recorded";
     const std::string left = "; " + m_output.Path() + " is unfinished, it ";
+    if (status != MP4_STATUS_SUCCESS && m_options.liveIndexMs != 0 && !m_output.HasRepairInfo())
+        return left + "holds what its live index lists; kxrepair finishes it";
     if (status != MP4_STATUS_SUCCESS) return left + "has no index; " + m_output.RepairHint();
     return left + "holds " + std::to_string(LeadingFeed().Frames()) + " frames of " +
            LeadingFeed().Path() + " from before";

@@ -9,6 +9,7 @@
 #include <exception>
 #include <string>
 
+#include "LiveRecording.h"
 #include "RepairReportText.h"
 #include "kx_mp4/kx_mp4.h"
 #include "kx_mp4/repair.h"
@@ -73,7 +74,39 @@ bool ShowProgress(const kx_mp4::RepairProgress& progress) {
     return true;
 }
 
+/// Without a repair info file, what the recording's own live index says is all there is.
+bool WantsLiveIndex(const Arguments& arguments) {
+    const kx_mp4::RepairOptions& options = arguments.options;
+    return options.info_path.empty() && options.output_path.empty() && !arguments.json &&
+           access((arguments.recording + ".info").c_str(), F_OK) != 0 &&
+           access(arguments.recording.c_str(), R_OK) == 0 &&
+           kxrepair::IsLiveRecording(arguments.recording);
+}
+
+int FinishLiveIndex(const Arguments& arguments) {
+    constexpr double kMillisecondsPerSecond = 1000.0;
+    const std::string& path = arguments.recording;
+    kxrepair::LiveReport report;
+    try {
+        report = kxrepair::FinishLiveRecording(path, arguments.options.dry_run);
+    } catch (const std::exception& error) {
+        std::printf("%s: not repaired: %s\n", path.c_str(), error.what());
+        return static_cast<int>(kx_mp4::RepairOutcome::kFailed);
+    }
+    std::printf("%s: %s by its live index\n", path.c_str(),
+                arguments.options.dry_run ? "would be finished in place" : "finished in place");
+    for (const kxrepair::LiveReport::Track& track : report.tracks)
+        std::printf("  %s: %llu samples, %.3f s\n", track.handler.c_str(),
+                    static_cast<unsigned long long>(track.samples),
+                    static_cast<double>(track.milliseconds) / kMillisecondsPerSecond);
+    if (report.bytesBehind == 0) return static_cast<int>(kx_mp4::RepairOutcome::kWhole);
+    std::printf("  %llu bytes behind the last index are left without one\n",
+                static_cast<unsigned long long>(report.bytesBehind));
+    return static_cast<int>(kx_mp4::RepairOutcome::kLoss);
+}
+
 int Run(Arguments& arguments) {
+    if (WantsLiveIndex(arguments)) return FinishLiveIndex(arguments);
     const bool terminal = isatty(STDERR_FILENO) == 1;
     if (terminal) arguments.options.progress = ShowProgress;
     const kx_mp4::RepairReport report = kx_mp4::Repair(arguments.recording, arguments.options);
