@@ -171,11 +171,13 @@ private:
     void SettleTimecode() {
         for (size_t i = 0; i < m_tracks.size(); ++i) {
             if (m_found.tracks[i].handler != "tmcd" || m_tracks[i].samples.size() != 1) continue;
-            for (size_t v = 0; v < m_tracks.size(); ++v)
-                if (m_found.tracks[v].handler == "vide")
+            for (size_t v = 0; v < m_tracks.size(); ++v) {
+                if (m_found.tracks[v].handler == "vide") {
                     m_tracks[i].samples[0].duration =
                         Rescale(m_tracks[v].PresentedDuration(), m_found.tracks[i].timescale,
                                 m_found.tracks[v].timescale);
+                }
+            }
         }
     }
     int64_t MovieDuration() const {
