@@ -7,7 +7,7 @@ Records MP4 and QuickTime with `kxmux --live`, makes from each N states in which
 the file, and compares what the readers find with the samples of the intervals that were over. Needs
 ffmpeg and ffprobe; gst-launch-1.0, mediainfo, mkvmerge, chromium and node (with mediabunny and
 mp4box resolvable from the working directory) take part when they are there. --peers tells too what
-the same readers make of other programs' fragmented files, cut at the same fractions. Fails when a
+the same readers make of other programs' fragmented files, cut at fractions of their length. Fails when a
 reader misses a sample or finds another one.
 """
 import argparse
@@ -97,7 +97,7 @@ class Recording:
     def states(self, wanted):
         """States in and between the writes, from the end of the first interval on."""
         found, last = [], len(self.mdats) - 1
-        steps = max(1, wanted // (4 * last))
+        steps = max(1, -(-wanted // last))
         for closed in range(1, last + 1):
             at = self.mdats[closed]
             end = self.mdats[closed + 1] if closed < last else len(self.data)
@@ -113,7 +113,8 @@ class Recording:
         for part in (8, 100, (len(self.data) - movie) // 2, len(self.data) - movie):
             found.append(self.state(movie + part, last))
         found.append((self.data, self.finished[-1]))
-        return found
+        count = min(wanted, len(found))
+        return [found[(i + 1) * len(found) // count - 1] for i in range(count)]
 
 
 def packets(path):
@@ -161,7 +162,8 @@ def gstreamer(path):
 
 def javascript(path):
     shown = run(["node", HERE / "live_index_readers.mjs", path])
-    return json.loads(shown.stdout.splitlines()[-1])
+    lines = shown.stdout.splitlines()
+    return json.loads(lines[-1]) if lines else {}
 
 
 def of_library(name):
@@ -257,6 +259,13 @@ def check(recording, readers, wanted, folder):
     return sum(failures.values())
 
 
+def attempt(read, path):
+    try:
+        return read(path)
+    except (KeyError, ValueError, subprocess.TimeoutExpired):
+        return {"nothing": 0}
+
+
 def brief(found):
     return {kind: len(value) if isinstance(value, list) else value for kind, value in found.items()}
 
@@ -280,8 +289,8 @@ def peers(folder, readers):
         command = [str(part).replace("%s", str(whole)) for part in command]
         try:
             made = run(command if command[0] != "ffmpeg" else command + [str(whole)])
-        except (OSError, subprocess.TimeoutExpired) as error:
-            print(f"{name}: {error}")
+        except (OSError, subprocess.TimeoutExpired):
+            print(f"{name}: was not made")
             continue
         if made.returncode != 0 or not whole.exists():
             print(f"{name}: this version does not make it")
@@ -291,7 +300,7 @@ def peers(folder, readers):
             cut = folder / "cut.mp4"
             cut.write_bytes(data[:len(data) * percent // 100])
             print(f"{name} at {percent} %: " + "; ".join(
-                f"{reader} {brief(read(cut))}" for reader, read in readers.items()))
+                f"{reader} {brief(attempt(read, cut))}" for reader, read in readers.items()))
 
 
 def main():

@@ -5,7 +5,9 @@
 #include <filesystem>
 #include <map>
 #include <random>
+#include <tuple>
 
+#include "LiveRecording.h"
 #include "kx_mp4/repair.h"
 #include "repair_scenario.h"
 #include "write_log.h"
@@ -234,6 +236,54 @@ TEST_F(CrashAtEveryByte, LiveRepairInPlace) {
     EXPECT_EQ(Repair(path, options).outcome, RepairOutcome::kFailed);
     EXPECT_TRUE(ReadFile(path) == torn);
     EXPECT_EQ(RepairAgain(path).outcome, RepairOutcome::kLoss);
+}
+
+// Without a repair info file: no write makes a sample disappear, and a second run completes the
+// first.
+TEST_F(CrashAtEveryByte, FinishedByItsLiveIndexAlone) {
+    namespace movie = kx_mp4::movie;
+    const auto samplesOf = [](const Bytes& file) {
+        std::vector<std::tuple<size_t, uint64_t, uint32_t, int64_t, int64_t, bool>> samples;
+        const movie::Movie found = movie::ReadMovie(std::make_shared<movie::MemorySource>(file));
+        movie::VisitSamples(found, [&](size_t track, const Sample& s) {
+            samples.emplace_back(track, s.offset, s.size, s.dts, s.cts, s.sync);
+        });
+        std::stable_sort(samples.begin(), samples.end());
+        return samples;
+    };
+    Scenario scenario;
+    scenario.largestPicture = 60;
+    scenario.liveMs = 60;
+    scenario.offsets = true;
+    const std::string path = m_folder.Path("a.mp4");
+    CutOff(path, 0, CallsOf(scenario));
+    FileStates files;
+    files.Of(path) = ReadFile(path);
+    const auto samples = samplesOf(ReadFile(path));
+    EXPECT_GT(samples.size(), 15U);
+    EXPECT_NE(kxrepair::FinishLiveRecording(path, true).bytesBehind, 0U);
+    EXPECT_TRUE(ReadFile(path) == files.Of(path));
+    std::vector<FileOperation> operations;
+    {
+        WriteLog log(path);
+        kxrepair::FinishLiveRecording(path, false);
+        operations = log.operations;
+    }
+    for (const FileOperation& operation : operations) {
+        for (size_t cut = 1; cut <= operation.bytes.size(); ++cut) {
+            FileStates torn = files;
+            torn.Apply(operation, cut);
+            ASSERT_EQ(samplesOf(torn.Of(path)), samples);
+            WriteWholeFile(path, torn.Of(path));
+            if (kxrepair::IsLiveRecording(path)) kxrepair::FinishLiveRecording(path, false);
+            ASSERT_EQ(samplesOf(ReadFile(path)), samples);
+            ASSERT_EQ(MovieReader(ReadFile(path)).File().ChildTypes(), "ftyp free mdat moov");
+            ++m_states;
+        }
+        files.Apply(operation);
+    }
+    EXPECT_GT(m_states, 1000U);
+    EXPECT_FALSE(kxrepair::IsLiveRecording(path));
 }
 
 // A repair in place that is killed at any byte leaves what a second one completes.
