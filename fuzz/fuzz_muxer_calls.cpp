@@ -250,6 +250,9 @@ void Caller::CallOnce() {
             m_muxer.WriteAudioFrame(Pointer(frame), static_cast<uint32_t>(frame.size()), Time());
             return;
         }
+        case 13:
+            m_muxer.SetLiveIndex(Any<uint8_t>());
+            return;
         default: {
             const Bytes frame = Frame({{0, 0, 0, 1, 0x65},
                                        {0, 0, 1, 0x41},
