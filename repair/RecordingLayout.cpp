@@ -110,6 +110,28 @@ bool IsMovieBox(const PosixFile& file, uint64_t begin, uint64_t end) {
     return true;
 }
 
+/// Reads the `mdat` at `position` and goes on to the next one; false behind the last one.
+bool ReadLiveExtent(const PosixFile& file, RecordingLayout& layout, uint64_t& position,
+                    uint64_t end) {
+    const BoxHeader mdat(file, position);
+    const uint64_t left = end - position;
+    const bool open = mdat.Size() == 0;
+    const uint64_t size = open ? left : std::min(mdat.LargeSize(), left);
+    if (!mdat.Is("mdat") || size < LiveIndex::kMdatHeaderSize)
+        throw RepairRefused("no media data box lies where the live index ends");
+    const uint64_t mediaEnd = position + size;
+    layout.extents.push_back({position + LiveIndex::kMdatHeaderSize, mediaEnd});
+    if (open) return false;
+    position = mediaEnd;
+    for (BoxHeader box(file, position); box.Is("moov") || box.Is("moof");
+         box = BoxHeader(file, position))
+        position += std::max(box.Size(), kHeader);
+    if (position <= end && end - position >= LiveIndex::kMdatHeaderSize) return true;
+    // The header reached the disk, and not all of the index behind it: that is written anew.
+    layout.mediaLimit = mediaEnd;
+    return false;
+}
+
 /// | free | mdat | moov | moof | mdat | moof | mdat (open) ...
 ///          ^ position
 void ReadLiveLayout(const PosixFile& file, RecordingLayout& layout, uint64_t position) {
@@ -126,19 +148,7 @@ void ReadLiveLayout(const PosixFile& file, RecordingLayout& layout, uint64_t pos
         layout.hasMovieBox = IsMovieBox(file, end, file.Size());
     }
     layout.mediaLimit = end;
-    for (;;) {
-        const BoxHeader mdat(file, position);
-        if (!mdat.Is("mdat")) throw RepairRefused("no media data box lies where the index ends");
-        const bool open = mdat.Size() == 0;
-        const uint64_t size = open ? end - position : mdat.LargeSize();
-        if (size < LiveIndex::kMdatHeaderSize || size > end - position)
-            throw RepairRefused("the media data's header does not hold");
-        layout.extents.push_back({position + LiveIndex::kMdatHeaderSize, position + size});
-        if (open) return;
-        position += size;
-        for (BoxHeader box(file, position); box.Is("moov") || box.Is("moof");
-             box = BoxHeader(file, position))
-            position += std::max(box.Size(), kHeader);
+    while (ReadLiveExtent(file, layout, position, end)) {
     }
 }
 

@@ -203,7 +203,8 @@ TEST_F(CrashAtEveryByte, LiveRepairInPlace) {
     CutOff(path, 0, CallsOf(scenario));
     const Bytes info = ReadFile(path + ".info");
     FileStates files;
-    files.Of(path) = ReadFile(path);
+    const Bytes recording = ReadFile(path);
+    files.Of(path) = recording;
     EXPECT_TRUE(ReadFile(RepairAgain(path).output_path) == expected);
     RepairOptions options;
     options.in_place = true;
@@ -228,6 +229,22 @@ TEST_F(CrashAtEveryByte, LiveRepairInPlace) {
         files.Apply(operation);
     }
     EXPECT_GT(m_states, 2000U);
+    // A power cut: a header is closed, and not all of the index behind it is there.
+    const std::string tag = "moof";
+    const auto moof = std::find_end(recording.begin(), recording.end(), tag.begin(), tag.end()) - 4;
+    const std::ptrdiff_t indexBytes = (moof[2] << 8 | moof[3]) + 16;  // with the header behind it
+    std::vector<uint64_t> kept;
+    for (std::ptrdiff_t bytes = 0; bytes < indexBytes; ++bytes) {
+        WriteWholeFile(path, Bytes(recording.begin(), moof + bytes));
+        WriteWholeFile(path + ".info", info);
+        const RepairReport report = RepairAgain(path);
+        ASSERT_EQ(report.outcome, RepairOutcome::kLoss) << report.reason;
+        ASSERT_EQ(report.media_bytes_unexplained, 0U);
+        kept.push_back(report.media_bytes_kept);
+        ASSERT_EQ(MovieReader(ReadFile(report.output_path)).File().ChildTypes(),
+                  "ftyp free mdat moov");
+    }
+    EXPECT_EQ(std::count(kept.begin(), kept.end(), kept[0]), indexBytes);
     // Half a frame behind the last record: not in place.
     CutOff(path, 0, CallsOf(scenario));
     Bytes torn = ReadFile(path);
