@@ -166,7 +166,12 @@ void Caller::SetVideoTrack() {
         track.h264 = {Pointer(sets[0]), size(sets[0]), Pointer(sets[1]), size(sets[1])};
     if (m_input.ConsumeIntegralInRange(0, 9) == 0 && track.codec != MP4_MVC_PRORES)
         track.h264.sps_size = static_cast<int16_t>(-Any<uint8_t>());
-    m_muxer.SetVideoTrack(m_input.ConsumeIntegralInRange(0, 19) == 0 ? nullptr : &track);
+    const auto* const given = m_input.ConsumeIntegralInRange(0, 19) == 0 ? nullptr : &track;
+    const Bytes record = Frame({{1, 0, 0, 0, 0xFF, 0xE1, 0, 4, 0x67, 0x64, 0, 10, 1, 0, 1, 0x68}});
+    if (m_input.ConsumeBool())
+        m_muxer.SetVideoTrack(given);
+    else
+        m_muxer.SetVideoTrack(given, Pointer(record), static_cast<uint32_t>(record.size()));
 }
 
 void Caller::SetAudioTrack() {
@@ -203,6 +208,9 @@ void Caller::Query() {
     m_muxer.GetMoovSize();
     m_muxer.GetVideoBitrate();
     m_muxer.GetAudioBitrate();
+    mp4_statistics_t statistics{};
+    statistics.struct_size = m_input.ConsumeIntegralInRange<size_t>(0, sizeof statistics);
+    m_muxer.GetStatistics(&statistics);
     m_muxer.Flush();
 }
 
@@ -255,6 +263,7 @@ void Caller::CallOnce() {
             return;
         default: {
             const Bytes frame = Frame({{0, 0, 0, 1, 0x65},
+                                       {0, 0, 0, 2, 0x65, 0x88, 0, 0, 0, 1, 0x41},
                                        {0, 0, 1, 0x41},
                                        {0, 0, 1, 0x67, 0x64, 0, 10, 0, 0, 1, 0x68, 0xEB, 0, 0, 1},
                                        {0, 0, 1, 0x40, 1, 0, 0, 1, 0x42, 1, 0, 0, 1, 0x44, 1}});

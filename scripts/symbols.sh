@@ -30,7 +30,7 @@ compare cmake/kx_mp4_repair.symbols < <(exported build/package/repair/libkx_mp4_
 
 # Classes and functions at global scope, by the first part of their names.
 compare cmake/global.names < <(
-    find build/package -name '*.o' -print0 | xargs -0 nm -C --defined-only |
+    nm -C --defined-only build/package/libkx_mp4_internal.a |
         sed -nE 's/^[0-9a-f]+ [TWBDRV] (.*)/\1/p' |
         sed -E 's/^(vtable for|typeinfo for|typeinfo name for|non-virtual thunk to) //' |
         grep -oE '^[A-Za-z_][A-Za-z_0-9]*(::|\(|$)' | sed -E 's/(::|\()$//' |

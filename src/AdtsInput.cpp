@@ -4,7 +4,7 @@
 
 #include "AdtsHeader.h"
 #include "Atom.h"
-#include "zv_log.h"
+#include "Log.h"
 
 namespace kx_mp4 {
 namespace {
@@ -14,14 +14,14 @@ constexpr const char* kSource = "src/AdtsInput";
 mp4_status_t AdtsInput::Configure(const uint8_t* frame, uint32_t size,
                                   mp4_audio_track_info_t& track) {
     if (!AdtsHeader::IsThere(frame, size)) {
-        zv_log_error("invalid ADTS stream, please check it.", kSource, __LINE__, "WriteAudioFrame");
+        LogError("invalid ADTS stream, please check it.", kSource, __LINE__, "WriteAudioFrame");
         return MP4_STATUS_INVALID_ADTS_STREAM;
     }
     const AdtsHeader header = AdtsHeader::Read(frame);
     track.profile = header.objectType;
     track.sample_rate = Low16(header.SampleRate());
     track.channels = header.channels;
-    zv_log_info("ADTS stream, get and set audio track", kSource, __LINE__, "WriteAudioFrame");
+    LogInfo("ADTS stream, get and set audio track", kSource, __LINE__, "WriteAudioFrame");
     return MP4_STATUS_SUCCESS;
 }
 
@@ -32,7 +32,7 @@ uint32_t AdtsInput::BytesToStrip(const uint8_t* frame, uint32_t size) {
     const AdtsHeader header = AdtsHeader::Read(frame);
     const bool oneFrame = header.frameSize == size;
     if ((!oneFrame || header.blocks > 1) && !std::exchange(m_warned, true)) {
-        zv_log_warn(
+        LogWarn(
             "ADTS frame of %u bytes and %u raw data blocks in a buffer of %u bytes: a call "
             "takes one frame of one block; stored as it is, said once",
             kSource, __LINE__, "WriteAudioFrame", header.frameSize, header.blocks, size);

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <typeinfo>
 
-#include "zv_log.h"
+#include "Log.h"
 
 using kx_mp4::Low32;
 
@@ -41,6 +41,6 @@ void CMp4Atom::UpdateBufferSize(int64_t nStartPos) {
 void CMp4Atom::CheckSize(int64_t written) {
     const uint32_t expected = GetSize();
     if (written == int64_t{expected}) return;
-    zv_log_warn("box %s size expect %u, actual:%lld", "src/Atom", __LINE__, "UpdateSize",
-                typeid(*this).name(), expected, static_cast<long long>(written));
+    kx_mp4::LogWarn("box %s size expect %u, actual:%lld", "src/Atom", __LINE__, "UpdateSize",
+                    typeid(*this).name(), expected, static_cast<long long>(written));
 }

@@ -13,8 +13,8 @@
 
 #include "FileLock.h"
 #include "GatherList.h"
+#include "Log.h"
 #include "Retry.h"
-#include "zv_log.h"
 
 using kx_mp4::ConvertPath;
 using kx_mp4::FileLock;
@@ -25,8 +25,6 @@ using kx_mp4::Retry;
 namespace {
 
 constexpr const char* kSource = "src/BaseIO";
-constexpr const char* kWriteErrorLine = "BaseIO : Error - [line %d] Write error %s !\n\n";
-constexpr const char* kSeekErrorLine = "BaseIO : Error - [line %d] Seek error %s !\n\n";
 
 }  // namespace
 
@@ -50,19 +48,21 @@ int IBaseIO::EnterError() {
 
 void IBaseIO::FailSeek(int line) {
     const int code = EnterError();
-    std::printf(kSeekErrorLine, line, std::strerror(code));
+    kx_mp4::Print(MP4_LOG_ERROR, "BaseIO : Error - [line %d] Seek error %s !\n\n", kSource, line,
+                  "Seek", line, std::strerror(code));
     throw kx_mp4_exception(code);
 }
 
 void IBaseIO::FailWrite(int line) {
     const int code = EnterError();
-    std::printf(kWriteErrorLine, line, std::strerror(code));
+    kx_mp4::Print(MP4_LOG_ERROR, "BaseIO : Error - [line %d] Write error %s !\n\n", kSource, line,
+                  "Write", line, std::strerror(code));
     throw kx_mp4_exception(code);
 }
 
 void IBaseIO::FailRead(int line) {
     const int code = EnterError();
-    std::printf("[line %d] Read EOF !\n", line);
+    kx_mp4::Print(MP4_LOG_ERROR, "[line %d] Read EOF !\n", kSource, line, "Read", line);
     throw kx_mp4_exception(code);
 }
 
@@ -82,7 +82,8 @@ bool IFileIOBase::Uninit() {
     m_closedWell = close(m_hFile) == 0 || errno == EINTR;
     if (!m_closedWell) {
         m_err_code = errno;
-        zv_log_error("closing the file failed, error:%d", kSource, __LINE__, "Uninit", m_err_code);
+        kx_mp4::LogError("closing the file failed, error:%d", kSource, __LINE__, "Uninit",
+                         m_err_code);
     }
     m_hFile = -1;
     return true;
@@ -178,12 +179,12 @@ void IFileIOBase::Read(void* pbBuf, uint32_t cbBuf) {
 mp4_status_t kx_mp4::ConvertPath(const wchar_t* pFilePath, NarrowPath& path) {
     const size_t length = std::wcstombs(nullptr, pFilePath, 0);
     if (length == static_cast<size_t>(-1)) {
-        zv_log_error("wcstombs failed", kSource, __LINE__, "Init");
+        kx_mp4::LogError("wcstombs failed", kSource, __LINE__, "Init");
         errno = EILSEQ;
         return MP4_STATUS_INVALID_PARAMETER;
     }
     if (length >= path.size() - 1) {
-        zv_log_error("file path reach the max path size 1024", kSource, __LINE__, "Init");
+        kx_mp4::LogError("file path reach the max path size 1024", kSource, __LINE__, "Init");
         errno = ENAMETOOLONG;
         return MP4_STATUS_FILE_NAME_TOO_LONG;
     }
@@ -195,7 +196,11 @@ mp4_status_t CFileWriter::Init(const wchar_t* pFilePath, uint32_t, uint32_t) {
     NarrowPath path;
     const mp4_status_t status = ConvertPath(pFilePath, path);
     if (status != MP4_STATUS_SUCCESS) return status;
-    return Open(path.data(), O_TRUNC);
+    return Init(path.data());
+}
+
+mp4_status_t CFileWriter::Init(const char* path) {
+    return Open(path, O_TRUNC);
 }
 
 mp4_status_t CFileWriter::Open(const char* path, int flags) {
@@ -203,7 +208,7 @@ mp4_status_t CFileWriter::Open(const char* path, int flags) {
         [&] { return open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC | flags, 0644); });
     if (m_hFile < 0) {
         const int code = errno;
-        zv_log_error("open file '%s' failed, error:%d", kSource, __LINE__, "Init", path, code);
+        kx_mp4::LogError("open file '%s' failed, error:%d", kSource, __LINE__, "Init", path, code);
         return kx_mp4_exception::convert_error(code);
     }
     m_status = IO_VALID;
@@ -216,13 +221,13 @@ mp4_status_t CFileWriter::InitLocked(const char* path, FileLock& lock) {
         if (status != MP4_STATUS_SUCCESS) return status;
         const int code = lock.Take(m_hFile);
         if (code == EWOULDBLOCK) {
-            zv_log_error("file '%s' is in use by another recording or a repair", kSource, __LINE__,
-                         "Init", path);
+            kx_mp4::LogError("file '%s' is in use by another recording or a repair", kSource,
+                             __LINE__, "Init", path);
             Uninit();
             return MP4_STATUS_DEVICE_OR_RESOURCE_BUSY;
         }
         if (code != 0) {
-            zv_log_warn(
+            kx_mp4::LogWarn(
                 "file '%s' cannot be locked (error:%d), a repair would not see that it is "
                 "in use",
                 kSource, __LINE__, "Init", path, code);
@@ -246,7 +251,8 @@ mp4_status_t CFileWriter::Empty(const char* path) {
     if (fstat(m_hFile, &opened) != 0 || !S_ISREG(opened.st_mode)) return MP4_STATUS_SUCCESS;
     if (Retry([this] { return ftruncate(m_hFile, 0); }) == 0) return MP4_STATUS_SUCCESS;
     const int code = errno;
-    zv_log_error("file '%s' cannot be emptied, error:%d", kSource, __LINE__, "Init", path, code);
+    kx_mp4::LogError("file '%s' cannot be emptied, error:%d", kSource, __LINE__, "Init", path,
+                     code);
     Uninit();
     return kx_mp4_exception::convert_error(code);
 }

@@ -52,6 +52,9 @@ public:
     virtual bool IsInBuffer(int64_t offset, int origin) = 0;
     /// Size of the output; 0 in every writer.
     virtual uint64_t GetFileSize() { return 0; }
+    /// Whether closing, the last moment at which some outputs tell of bytes that were lost, found
+    /// no failure. The failure is in get_error_code.
+    virtual bool ClosedWell() const { return true; }
 
     /// Whether the stream is open and has not failed.
     bool IsValid() const { return m_status == IO_VALID; }
@@ -149,9 +152,7 @@ public:
                               uint32_t nBufferBlocks) = 0;
 
     bool Uninit() override;
-    /// Whether closing the file, the last moment at which some file systems tell of bytes that were
-    /// lost, found no failure. The failure is in get_error_code.
-    bool ClosedWell() const { return m_closedWell; }
+    bool ClosedWell() const override { return m_closedWell; }
     uint64_t Ftell() override;
     void Seek(int64_t offset, int origin) override;
     void Flush() override;
@@ -203,7 +204,10 @@ public:
     mp4_status_t Init(const wchar_t* pFilePath, uint32_t nBlockSize,
                       uint32_t nBufferBlocks) override;
 
-    /// The same for a path in the system's own bytes, and nobody else's file: it is emptied only
+    /// The same for a path in the system's own bytes.
+    mp4_status_t Init(const char* path);
+
+    /// The same, and nobody else's file: it is emptied only
     /// when the lock could be taken. Where files cannot be locked, a warning is logged.
     /// @return #MP4_STATUS_DEVICE_OR_RESOURCE_BUSY when somebody holds the lock, or the status of
     ///         a failed open.

@@ -3,7 +3,7 @@
 #include <cstddef>
 
 #include "Atom.h"
-#include "zv_log.h"
+#include "Log.h"
 
 namespace kx_mp4 {
 namespace {
@@ -21,7 +21,7 @@ constexpr uint8_t kAtomSize608 = 10;
 uint32_t Write608(IBaseIO& writer, const uint8_t* packet, uint32_t size) {
     constexpr uint8_t kFieldMask = 0x03;
     if (size < kHeaderSize + kTripletSize || packet[0] != kMark || packet[1] != kMark608) {
-        zv_log_error("subtitle 608 frame format error", kSource, __LINE__, "WriteCC608");
+        LogError("subtitle 608 frame format error", kSource, __LINE__, "WriteCC608");
         return 0;
     }
     uint8_t atoms[2][kAtomSize608] = {{0, 0, 0, kAtomSize608, 'c', 'd', 'a', 't', 0, 0},
@@ -44,7 +44,7 @@ uint32_t Write608(IBaseIO& writer, const uint8_t* packet, uint32_t size) {
 uint32_t Write708(IBaseIO& writer, const uint8_t* packet, uint32_t size) {
     if (size < kHeaderSize || packet[0] != kMark || packet[1] != kMark708 ||
         packet[2] > size - kHeaderSize) {
-        zv_log_error("subtitle 708 frame format error", kSource, __LINE__, "WriteCC708");
+        LogError("subtitle 708 frame format error", kSource, __LINE__, "WriteCC708");
         return 0;
     }
     const uint32_t length = packet[2];

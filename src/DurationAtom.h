@@ -4,8 +4,8 @@
 #include <algorithm>
 
 #include "Atom.h"
+#include "Log.h"
 #include "PlaceInFile.h"
-#include "zv_log.h"
 
 namespace kx_mp4 {
 
@@ -58,7 +58,7 @@ public:
     /// Rewrites the duration in the file and leaves the writer behind it.
     void Update() {
         if (!m_place.IsKnown()) {
-            zv_log_error(Box::kNotWritten, Box::kSource, __LINE__, "Update");
+            LogError(Box::kNotWritten, Box::kSource, __LINE__, "Update");
             return;
         }
         // Whatever lies behind the box in the file keeps its place.
@@ -84,8 +84,8 @@ private:
     void WarnOfLongDuration() {
         if (m_longDurationLogged) return;
         m_longDurationLogged = true;
-        zv_log_warn("a duration of %lld ticks has no room in the 32 bits reserved for it",
-                    Box::kSource, __LINE__, "Update", static_cast<long long>(m_nTotallDuration));
+        LogWarn("a duration of %lld ticks has no room in the 32 bits reserved for it", Box::kSource,
+                __LINE__, "Update", static_cast<long long>(m_nTotallDuration));
     }
 
     bool m_b64bitTime = false;

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <string>
 
+#include "Log.h"
 #include "keys.h"
-#include "zv_log.h"
 
 using kx_mp4::ConvertPath;
 using kx_mp4::NarrowPath;
@@ -45,6 +45,7 @@ mp4_status_t CInfoWriter::Fail(mp4_status_t status) {
 
 mp4_status_t CInfoWriter::Flush() {
     try {
+        const kx_mp4::FigureTimer timer(m_figures, &kx_mp4::Figures::OnPush);
         m_writer.Flush();
         return MP4_STATUS_SUCCESS;
     } catch (const kx_mp4_exception& e) {
@@ -56,11 +57,13 @@ mp4_status_t CInfoWriter::Flush() {
 
 bool CInfoWriter::setFlushInterval(uint32_t interval) {
     if (interval < kSmallestFlushInterval) {
-        std::printf("ERROR:info file flush interval(%d) too small\n", static_cast<int>(interval));
+        kx_mp4::Print(MP4_LOG_ERROR, "ERROR:info file flush interval(%d) too small\n",
+                      "src/InfoWriter", __LINE__, "setFlushInterval", static_cast<int>(interval));
         return false;
     }
-    std::printf("change info file flush interval from %d to %d\n",
-                static_cast<int>(m_flush_interval), static_cast<int>(interval));
+    kx_mp4::Print(MP4_LOG_INFO, "change info file flush interval from %d to %d\n", "src/InfoWriter",
+                  __LINE__, "setFlushInterval", static_cast<int>(m_flush_interval),
+                  static_cast<int>(interval));
     m_flush_interval = interval;
     return true;
 }
@@ -191,8 +194,8 @@ mp4_status_t CInfoWriter::WriteVideoFrame(int cbFrame, int64_t nPts, int64_t nDt
     ++m_video_num;
     if (m_video_num - m_video_flush_num >= m_flush_interval) {
         if (Flush() != MP4_STATUS_SUCCESS)
-            zv_log_error("repair info file cannot be pushed to the device, it ends here", kSource,
-                         __LINE__, "WriteVideoFrame");
+            kx_mp4::LogError("repair info file cannot be pushed to the device, it ends here",
+                             kSource, __LINE__, "WriteVideoFrame");
         m_video_flush_num = m_video_num;
     }
     return status;

@@ -15,6 +15,7 @@
 #include <cstdint>
 
 #include "BaseIO.h"
+#include "Figures.h"
 #include "FileLock.h"
 #include "kx_mp4/kx_mp4.h"
 
@@ -99,6 +100,8 @@ public:
     mp4_status_t Create(const char* path);
     /// Pushes the file to the storage device.
     mp4_status_t Flush();
+    /// Has the pushes timed. Null, as at first, for none; else it must outlive the writer's use.
+    void SetFigures(kx_mp4::Figures* figures) { m_figures = figures; }
     /// Closes the file; it stays on disk and locked.
     void Close();
     /// Gives the lock back. Nothing is written any more, and the recording has been finished or
@@ -150,6 +153,7 @@ private:
     CFileWriter m_writer;
     CBufferIO m_record;  // the one that is being put together
     kx_mp4::FileLock m_lock;
+    kx_mp4::Figures* m_figures = nullptr;
     std::atomic<bool> m_active{false};
     mp4_status_t m_failure = MP4_STATUS_SUCCESS;
     uint32_t m_video_num = 0;

@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <vector>
 
+#include "Log.h"
 #include "Rescale.h"
-#include "zv_log.h"
 
 namespace kx_mp4 {
 namespace {
@@ -47,7 +47,7 @@ void LiveIndex::Declare(LiveTrack track, bool configured, uint32_t timescale,
     if (configured && !state.configured) m_order.push_back(track);
     state.configured = state.configured || configured;
     if (isNew && m_begun && IsRunning()) {
-        zv_log_warn(
+        LogWarn(
             "a track is declared after the live index has begun, it will only be in the "
             "final index",
             kSource, __LINE__, "Declare");
@@ -235,8 +235,8 @@ void LiveIndex::ForgetInterval() {
 void LiveIndex::GiveUp() {
     m_givenUp = true;
     ForgetInterval();
-    zv_log_warn("no live index can be made any more, the recording goes on without it", kSource,
-                __LINE__, "GiveUp");
+    LogWarn("no live index can be made any more, the recording goes on without it", kSource,
+            __LINE__, "GiveUp");
 }
 
 void LiveIndex::Finish(int64_t movieBox) {

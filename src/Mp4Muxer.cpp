@@ -1,16 +1,31 @@
 #include "Mp4Muxer.h"
 
+#include "Log.h"
 #include "MuxerState.h"
-#include "zv_log.h"
 
 using kx_mp4::Guarded;
+using kx_mp4::LogScope;
+using kx_mp4::MuxerState;
 
 namespace {
+
 constexpr const char* kSource = "src/Mp4Muxer";
+
+/// What every operation has around it: the object's log, and a status for whatever is thrown.
+template <class Work>
+mp4_status_t Operation(const MuxerState& state, Work&& work) {
+    const LogScope log(state.m_log);
+    return Guarded(work);
+}
+
 }  // namespace
 
-CMp4Muxer::CMp4Muxer() : m_state(std::make_unique<kx_mp4::MuxerState>()) {}
-CMp4Muxer::~CMp4Muxer() = default;
+CMp4Muxer::CMp4Muxer() : m_state(std::make_unique<MuxerState>()) {}
+
+CMp4Muxer::~CMp4Muxer() {
+    const LogScope log(m_state->m_log);
+    m_state = nullptr;
+}
 
 mp4_status_t CMp4Muxer::Create(const wchar_t* pFilePath, uint32_t nBlockSize,
                                uint32_t nBufferBlocks, uint8_t uFlag, mp4_io_mode ioMode,
@@ -25,19 +40,43 @@ mp4_status_t CMp4Muxer::Create(const wchar_t* pFilePath, uint32_t nBlockSize,
 
 mp4_status_t CMp4Muxer::Create(const wchar_t* pFilePath, mp4_config_t* config) {
     if (pFilePath == nullptr || config == nullptr) return MP4_STATUS_INVALID_PARAMETER;
-    if (m_state->m_pWriter != nullptr) return MP4_STATUS_DEVICE_OR_RESOURCE_BUSY;
-    const mp4_status_t status = Guarded([&] { return m_state->Create(pFilePath, *config); });
-    if (status != MP4_STATUS_SUCCESS) Close();
-    return status;
+    return Operation(*m_state, [&] {
+        const kx_mp4::RecordingName name(pFilePath);
+        return m_state->CreateOrRelease({name, MP4_CONTAINER_FROM_PATH, *config, nullptr});
+    });
+}
+
+mp4_status_t CMp4Muxer::Create(std::string_view path, mp4_container container,
+                               const mp4_config_t& config) {
+    return Operation(*m_state, [&] {
+        const kx_mp4::RecordingName name(path);
+        return m_state->CreateOrRelease({name, container, config, nullptr});
+    });
+}
+
+mp4_status_t CMp4Muxer::Create(std::string_view path, mp4_container container, uint32_t flags,
+                               const mp4_io_callbacks_t& callbacks) {
+    mp4_config_t config{};
+    config.flags = flags;
+    config.io_mode = MP4_IO_EXTERNAL;
+    return Operation(*m_state, [&] {
+        const kx_mp4::RecordingName name(path);
+        return m_state->CreateOrRelease({name, container, config, &callbacks});
+    });
 }
 
 mp4_status_t CMp4Muxer::Close() {
+    const LogScope log(m_state->m_log);
     CMAutoLock lock(m_state->m_lockWrite);
     return m_state->Close();
 }
 
+void CMp4Muxer::SetLogCallback(mp4_log_callback_t function, void* user) {
+    m_state->m_log = {function, user};
+}
+
 bool CMp4Muxer::IsOpen() {
-    return m_state->IsOpen();
+    return m_state->m_isOpen;
 }
 
 bool CMp4Muxer::IsRepairInfoActive() const {
@@ -49,93 +88,117 @@ int64_t CMp4Muxer::GetCurFileSize() {
 }
 
 mp4_status_t CMp4Muxer::Flush() {
-    return Guarded([this] { return m_state->Flush(); });
+    return Operation(*m_state, [this] {
+        const mp4_status_t status = m_state->Flush();
+        m_state->m_isOpen = m_state->IsOpen();
+        return status;
+    });
 }
 
 uint64_t CMp4Muxer::GetDurationMS() {
-    CMAutoLock lock(m_state->m_lockWrite);
     if (!IsOpen()) {
-        zv_log_error("no open file, can't get duration", kSource, __LINE__, "GetDurationMS");
+        const LogScope log(m_state->m_log);
+        kx_mp4::LogError("no open file, can't get duration", kSource, __LINE__, "GetDurationMS");
         return 0;
     }
-    return m_state->m_moov->GetDurationMS();
+    return m_state->GetIndexFigures().durationMs;
 }
 
 uint32_t CMp4Muxer::GetMoovSize() {
-    return m_state->m_moov != nullptr ? m_state->m_moov->GetSize() : 0;
+    const LogScope log(m_state->m_log);
+    return m_state->GetMoovSize();
 }
 
 double CMp4Muxer::GetVideoBitrate() {
-    return m_state->m_moov != nullptr ? m_state->m_moov->GetVideoBitrate() : -1.0;
+    return m_state->GetIndexFigures().videoBitrate;
 }
 
 double CMp4Muxer::GetAudioBitrate() {
-    return m_state->m_moov != nullptr ? m_state->m_moov->GetAudioBitrate() : -1.0;
+    return m_state->GetIndexFigures().audioBitrate;
+}
+
+mp4_status_t CMp4Muxer::GetStatistics(mp4_statistics_t* statistics) {
+    if (statistics == nullptr) return MP4_STATUS_INVALID_PARAMETER;
+    return m_state->GetStatistics(*statistics);
 }
 
 mp4_status_t CMp4Muxer::SetRepairFlushInterval(uint32_t interval) {
+    const LogScope log(m_state->m_log);
     return m_state->m_sideFile.SetFlushInterval(interval) ? MP4_STATUS_SUCCESS
                                                           : MP4_STATUS_INVALID_PARAMETER;
 }
 
 mp4_status_t CMp4Muxer::SetCompositionOffsets(bool enable) {
-    return m_state->SetCompositionOffsets(enable);
+    return Operation(*m_state, [&] { return m_state->SetCompositionOffsets(enable); });
 }
 
 mp4_status_t CMp4Muxer::SetLiveIndex(uint32_t interval_ms) {
-    CMAutoLock lock(m_state->m_lockWrite);
-    return Guarded([&] { return m_state->SetLiveIndex(interval_ms); });
+    return Operation(*m_state, [&] {
+        CMAutoLock lock(m_state->m_lockWrite);
+        return m_state->SetLiveIndex(interval_ms);
+    });
 }
 
 mp4_status_t CMp4Muxer::SetVideoTrack(const mp4_video_track_info* pTrackInfo) {
-    return Guarded([&] { return m_state->SetVideoTrack(pTrackInfo); });
+    return Operation(*m_state, [&] { return m_state->SetVideoTrack(pTrackInfo); });
+}
+
+mp4_status_t CMp4Muxer::SetVideoTrack(const mp4_video_track_info* pTrackInfo, const uint8_t* record,
+                                      uint32_t recordSize) {
+    return Operation(*m_state,
+                     [&] { return m_state->SetVideoTrack(pTrackInfo, record, recordSize); });
 }
 
 mp4_status_t CMp4Muxer::SetAudioTrack(const mp4_audio_track_info_t* pTrackInfo) {
-    return Guarded([&] { return m_state->SetAudioTrack(pTrackInfo); });
+    return Operation(*m_state, [&] { return m_state->SetAudioTrack(pTrackInfo); });
 }
 
 mp4_status_t CMp4Muxer::SetSubtitleTrack(const mp4_subtitle_track_info_t* pTrackInfo) {
-    return Guarded([&] { return m_state->SetSubtitleTrack(pTrackInfo); });
+    return Operation(*m_state, [&] { return m_state->SetSubtitleTrack(pTrackInfo); });
 }
 
 mp4_status_t CMp4Muxer::SetTCMDTrack(const mp4_time_code_track_info_t* pTrackInfo) {
-    return Guarded([&] { return m_state->SetTCMDTrack(pTrackInfo); });
+    return Operation(*m_state, [&] { return m_state->SetTCMDTrack(pTrackInfo); });
 }
 
 mp4_status_t CMp4Muxer::SetMetadata(const char* pKey, const char* pData, uint32_t size,
                                     mp4_meta_data_type_t type, const char* key_namespace) {
-    return Guarded([&] { return m_state->SetMetadata(pKey, pData, size, type, key_namespace); });
+    return Operation(*m_state,
+                     [&] { return m_state->SetMetadata(pKey, pData, size, type, key_namespace); });
 }
 
 mp4_status_t CMp4Muxer::WriteVideoFrame(const uint8_t* buf, uint32_t size, uint64_t pts,
                                         uint64_t dts) {
-    return Guarded([&] { return m_state->WriteVideoFrame(buf, size, pts, dts); });
+    return Operation(*m_state, [&] { return m_state->WriteVideoFrame(buf, size, pts, dts); });
 }
 
 mp4_status_t CMp4Muxer::WriteAudioFrame(const uint8_t* buf, uint32_t size, uint64_t timestamp) {
-    if (buf == nullptr || size == 0) {
-        zv_log_warn("write audio frame with empty data", kSource, __LINE__, "WriteAudioFrame");
-        return MP4_STATUS_SUCCESS;
-    }
-    return Guarded([&] {
-        CMAutoLock lock(m_state->m_lockWrite);
+    const auto start = kx_mp4::Figures::Clock::now();
+    return Operation(*m_state, [&] {
+        if (buf == nullptr || size == 0) {
+            kx_mp4::LogWarn("write audio frame with empty data", kSource, __LINE__,
+                            "WriteAudioFrame");
+            return MP4_STATUS_SUCCESS;
+        }
+        const MuxerState::FrameCall call(*m_state, start);
         return m_state->m_sideFile.Answer(m_state->WriteAudioFrame(buf, size, timestamp));
     });
 }
 
 mp4_status_t CMp4Muxer::WriteSubtitleFrame(const uint8_t* buf, uint32_t size, uint64_t timestamp) {
-    const mp4_status_t possible = m_state->m_reserved.CheckCaptions("WriteSubtitleFrame");
-    if (possible != MP4_STATUS_SUCCESS) return possible;
-    return Guarded([&] {
-        CMAutoLock lock(m_state->m_lockWrite);
+    const auto start = kx_mp4::Figures::Clock::now();
+    return Operation(*m_state, [&] {
+        const mp4_status_t possible = m_state->m_reserved.CheckCaptions("WriteSubtitleFrame");
+        if (possible != MP4_STATUS_SUCCESS) return possible;
+        const MuxerState::FrameCall call(*m_state, start);
         return m_state->m_sideFile.Answer(m_state->WriteSubtitleFrame(buf, size, timestamp));
     });
 }
 
 mp4_status_t CMp4Muxer::WriteTimeCode(int nTimeCode) {
-    return Guarded([&] {
-        CMAutoLock lock(m_state->m_lockWrite);
+    const auto start = kx_mp4::Figures::Clock::now();
+    return Operation(*m_state, [&] {
+        const MuxerState::FrameCall call(*m_state, start);
         return m_state->m_sideFile.Answer(m_state->WriteTimeCode(nTimeCode));
     });
 }

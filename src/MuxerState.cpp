@@ -1,16 +1,17 @@
 #include "MuxerState.h"
 
+#include <algorithm>
 #include <climits>
-#include <cstdio>
+#include <cstddef>
+#include <cstring>
 #include <cwchar>
 #include <iterator>
 #include <utility>
 
 #include "CaptionAtoms.h"
-#include "Output.h"
+#include "Log.h"
 #include "TrackChecks.h"
 #include "ctts.h"
-#include "zv_log.h"
 
 namespace kx_mp4 {
 namespace {
@@ -28,6 +29,9 @@ std::unique_ptr<IVideoNalParser> NalParserOf(mp4_video_codec codec) {
             return nullptr;
     }
 }
+
+void DropLine(void*, mp4_log_level_t, const char*, int, const char*, const char*) {}
+const LogSink kSilence = {DropLine, nullptr};
 
 /// Bytes of the NAL units, each behind its length.
 uint64_t LengthPrefixedSize(const CVideoFrameParser& frame) {
@@ -58,13 +62,25 @@ MuxerState::~MuxerState() {
 
 // Life of a file
 
-mp4_status_t MuxerState::Create(const wchar_t* pFilePath, const mp4_config_t& config) {
+mp4_status_t MuxerState::CreateOrRelease(const OutputRequest& request) {
+    if (!request.name.IsValid()) return MP4_STATUS_INVALID_PARAMETER;
+    if (m_pWriter != nullptr) return MP4_STATUS_DEVICE_OR_RESOURCE_BUSY;
+    const mp4_status_t status = Guarded([&] { return Create(request); });
+    if (status == MP4_STATUS_SUCCESS) return status;
+    CMAutoLock lock(m_lockWrite);
+    Close();
+    return status;
+}
+
+mp4_status_t MuxerState::Create(const OutputRequest& request) {
     ResetFileState();
-    LogFlags(config);
-    m_fastHeaderWrite = WantsFastHeaderWrite(config);
-    const mp4_status_t opened = OpenFiles(pFilePath, config);
-    m_flags = config.flags;
+    LogFlags(request.config);
+    m_fastHeaderWrite = WantsFastHeaderWrite(request.config);
+    m_bIsQtFile = IsQuickTime(request);
+    const mp4_status_t opened = OpenFiles(request);
+    m_flags = request.config.flags;
     if (opened == MP4_STATUS_SUCCESS) CreateBoxes();
+    m_isOpen = opened == MP4_STATUS_SUCCESS;
     return opened;
 }
 
@@ -91,28 +107,30 @@ void MuxerState::ResetFileState() {
     m_droppedVideoFrames = 0;
     m_adts = {};
     m_times = {};
+    m_nalLengthSize = 0;
+    m_figures.Reset();
 }
 
 /// The repair info file comes last: it may hold all that is left of an earlier recording.
-mp4_status_t MuxerState::OpenFiles(const wchar_t* pFilePath, const mp4_config_t& config) {
-    const bool repairInfo = (config.flags & MP4_FLAG_REPAIR_INFO) != 0;
+mp4_status_t MuxerState::OpenFiles(const OutputRequest& request) {
+    const bool repairInfo = (request.config.flags & MP4_FLAG_REPAIR_INFO) != 0;
     if (repairInfo) {
-        const mp4_status_t named = m_sideFile.SetName(pFilePath);
+        const mp4_status_t named = m_sideFile.SetName(request.name);
         if (named != MP4_STATUS_SUCCESS) return named;
     }
-    if (std::wcslen(pFilePath) >= std::size(m_pwszFilePath)) {
-        zv_log_error("file path reach the max path size 1024", kSource, __LINE__, "Create");
+    const std::wstring& path = request.name.WideString();
+    if (path.size() >= std::size(m_pwszFilePath)) {
+        LogError("file path reach the max path size 1024", kSource, __LINE__, "Create");
         return MP4_STATUS_FILE_NAME_TOO_LONG;
     }
-    std::wcscpy(m_pwszFilePath, pFilePath);
-    const mp4_status_t opened = OpenOutput(pFilePath, config, m_pWriter, m_gatheringWriter);
+    std::wcscpy(m_pwszFilePath, path.c_str());
+    const mp4_status_t opened = OpenOutput(request, m_pWriter, m_gatheringWriter);
     if (opened != MP4_STATUS_SUCCESS || !repairInfo) return opened;
-    return m_sideFile.Open(config.flags);
+    return m_sideFile.Open(request.config.flags);
 }
 
 void MuxerState::CreateBoxes() {
     IBaseIO* const writer = m_pWriter.get();
-    m_bIsQtFile = std::wcsstr(m_pwszFilePath, L"mov") != nullptr;
     m_ftyp = std::make_unique<CMp4FtypAtom>(writer);
     m_free = std::make_unique<CMp4FreeAtom>(writer);
     m_mdat = std::make_unique<CMp4MdatAtom>(writer, (m_flags & MP4_FLAG_64BIT_SIZE) != 0);
@@ -126,6 +144,8 @@ void MuxerState::CreateBoxes() {
     ConfigureMovie(*m_moov);
     m_mdat->SetFreeBoxBefore(!m_bIsQtFile);
     m_ftyp->SetQt(m_bIsQtFile);
+    CMAutoLock lock(m_indexLock);
+    m_indexOpen = true;
 }
 
 void MuxerState::ConfigureMovie(CMp4MoovAtom& movie) const {
@@ -138,12 +158,12 @@ void MuxerState::ConfigureMovie(CMp4MoovAtom& movie) const {
 mp4_status_t MuxerState::WriteHeader() {
     const int64_t start = GetTimeTick();
     if (m_writeHeader) {
-        zv_log_error("header already write", kSource, __LINE__, "WriteHeader");
-        zv_log_info("write header cost time %llums", kSource, __LINE__, "WriteHeader",
-                    Elapsed(start));
+        LogError("header already write", kSource, __LINE__, "WriteHeader");
+        LogInfo("write header cost time %llums", kSource, __LINE__, "WriteHeader", Elapsed(start));
         return MP4_STATUS_SUCCESS;
     }
-    mp4_status_t status = WriteHeaderBoxes();
+    const mp4_status_t status = WriteHeaderBoxes();
+    m_isOpen = IsOpen();
     if (status != MP4_STATUS_SUCCESS) return status;
     m_writeHeader = true;
     m_sideFile.Write([this](CInfoWriter& writer) {
@@ -151,7 +171,7 @@ mp4_status_t MuxerState::WriteHeader() {
         const mp4_status_t written = writer.WriteMdatOffset(static_cast<uint32_t>(mdat));
         return written == MP4_STATUS_SUCCESS ? writer.Flush() : written;
     });
-    zv_log_info("write header cost time %llums", kSource, __LINE__, "WriteHeader", Elapsed(start));
+    LogInfo("write header cost time %llums", kSource, __LINE__, "WriteHeader", Elapsed(start));
     return MP4_STATUS_SUCCESS;
 }
 
@@ -170,9 +190,9 @@ mp4_status_t MuxerState::WriteHeaderBoxes() {
     } catch (const kx_mp4_exception& e) {
         return e.error();
     } catch (const std::exception& e) {
-        zv_log_error("exception:%s", kSource, __LINE__, "WriteHeader", e.what());
+        LogError("exception:%s", kSource, __LINE__, "WriteHeader", e.what());
     } catch (...) {
-        zv_log_error("exception", kSource, __LINE__, "WriteHeader");
+        LogError("exception", kSource, __LINE__, "WriteHeader");
     }
     m_indexLost = true;  // a second header would not stand where the first began
     return MP4_STATUS_UNEXPECTED_ERROR;
@@ -188,20 +208,21 @@ mp4_status_t MuxerState::Close() {
     if (m_pWriter != nullptr && !m_pWriter->IsValid()) status = m_pWriter->get_error_code();
     if (m_sideFile.IsOpen()) m_sideFile.Close();
     ReportDroppedFrames(__LINE__, "Close");
+    FreezeIndexFigures();
     int64_t start = 0;
     if (!m_writeHeader) {
-        zv_log_info("no data, ignore finish call", kSource, __LINE__, "Close");
+        LogInfo("no data, ignore finish call", kSource, __LINE__, "Close");
     } else if (FinishMovie(&status)) {
         start = GetTimeTick();
         m_sideFile.Remove();
-        zv_log_info("Muxer - Close - remove info file takes %lld ms", kSource, __LINE__, "Close",
-                    static_cast<long long>(GetTimeTick() - start));
+        LogInfo("Muxer - Close - remove info file takes %lld ms", kSource, __LINE__, "Close",
+                static_cast<long long>(GetTimeTick() - start));
     }
     start = GetTimeTick();
     const mp4_status_t closed = Guarded([this] { return CloseWriter(); });
     if (status == MP4_STATUS_SUCCESS) status = closed;
-    zv_log_info("Muxer - Close - uninit takes %lld ms", kSource, __LINE__, "Close",
-                static_cast<long long>(GetTimeTick() - start));
+    LogInfo("Muxer - Close - uninit takes %lld ms", kSource, __LINE__, "Close",
+            static_cast<long long>(GetTimeTick() - start));
     ReleaseBoxes();
     m_sideFile.Unlock();
     m_writeHeader = false;
@@ -217,18 +238,17 @@ mp4_status_t MuxerState::CloseWriter() {
         return MP4_STATUS_SUCCESS;
     });
     m_pWriter->Uninit();
-    if (m_gatheringWriter != nullptr && !m_gatheringWriter->ClosedWell())
-        return m_gatheringWriter->get_error_code();
-    return asked;
+    return m_pWriter->ClosedWell() ? asked : m_pWriter->get_error_code();
 }
 
 /// The repair info file may only go when what it stands for is on the device.
 void MuxerState::PushMovie() {
     if (!m_sideFile.IsWanted() || m_gatheringWriter == nullptr) return;
     const int64_t start = GetTimeTick();
+    const FigureTimer timer(&m_figures, &Figures::OnPush);
     m_gatheringWriter->Flush();
-    zv_log_info("Muxer - Close - flush takes %lld ms", kSource, __LINE__, "Close",
-                static_cast<long long>(GetTimeTick() - start));
+    LogInfo("Muxer - Close - flush takes %lld ms", kSource, __LINE__, "Close",
+            static_cast<long long>(GetTimeTick() - start));
 }
 
 /// | ftyp | free | mdat 8 ....... |   becomes   | ftyp | free | mdat n ....... | moov |
@@ -242,8 +262,8 @@ bool MuxerState::FinishMovie(mp4_status_t* status) {
             FinishLiveMovie();
         } else {
             m_mdat->Finish(m_pwszFilePath);
-            zv_log_info("Muxer - Close - mdat finish takes %lld ms", kSource, __LINE__, "Close",
-                        static_cast<long long>(GetTimeTick() - start));
+            LogInfo("Muxer - Close - mdat finish takes %lld ms", kSource, __LINE__, "Close",
+                    static_cast<long long>(GetTimeTick() - start));
             WriteMovie();
         }
         PushMovie();
@@ -261,8 +281,8 @@ void MuxerState::WriteMovie() {
         m_moov->Update();
     else
         m_moov->Write();
-    zv_log_info("Muxer - Close - moov write takes %lld ms", kSource, __LINE__, "Close",
-                static_cast<long long>(GetTimeTick() - start));
+    LogInfo("Muxer - Close - moov write takes %lld ms", kSource, __LINE__, "Close",
+            static_cast<long long>(GetTimeTick() - start));
 }
 
 /// The movie box grows inside the `mdat` that is open, and counts once the device has all of it.
@@ -275,7 +295,20 @@ void MuxerState::FinishLiveMovie() {
     m_live.Finish(movieBox);
 }
 
+void MuxerState::FreezeIndexFigures() {
+    const IndexFigures last = GetIndexFigures();
+    CMAutoLock lock(m_indexLock);
+    m_lastIndex = last;
+    m_indexOpen = false;
+}
+
 void MuxerState::ReleaseBoxes() {
+    m_isOpen = false;
+    {
+        CMAutoLock lock(m_indexLock);
+        m_lastIndex = {};
+        m_indexOpen = false;
+    }
     m_headerWriter = nullptr;
     m_gatheringWriter = nullptr;
     m_pWriter = nullptr;
@@ -287,19 +320,48 @@ void MuxerState::ReleaseBoxes() {
 
 // Queries
 
+/// What a size complains of is told by GetMoovSize and when the index is written.
+MuxerState::IndexFigures MuxerState::GetIndexFigures() {
+    const LogScope silent(kSilence);
+    CMAutoLock lock(m_indexLock);
+    if (!m_indexOpen) return m_lastIndex;
+    return {m_moov->GetDurationMS(), m_moov->GetSize(), m_moov->GetVideoBitrate(),
+            m_moov->GetAudioBitrate()};
+}
+
+uint32_t MuxerState::GetMoovSize() {
+    CMAutoLock lock(m_indexLock);
+    return m_indexOpen ? m_moov->GetSize() : m_lastIndex.bytes;
+}
+
+mp4_status_t MuxerState::GetStatistics(mp4_statistics_t& statistics) {
+    const size_t size = statistics.struct_size;
+    if (size < sizeof size) return MP4_STATUS_INVALID_PARAMETER;
+    mp4_statistics_t all{};
+    m_figures.Fill(all);
+    all.struct_size = size;
+    all.index_bytes = GetIndexFigures().bytes;
+    all.repair_info_active = m_sideFile.IsActive() ? 1 : 0;
+    std::memcpy(&statistics, &all, std::min(size, sizeof all));
+    return MP4_STATUS_SUCCESS;
+}
+
 mp4_status_t MuxerState::NotOpenAnswer(int line, const char* function) const {
     if (m_pWriter != nullptr) return m_pWriter->get_error_code();
-    zv_log_error("file not open!", kSource, line, function);
+    LogError("file not open!", kSource, line, function);
     return MP4_STATUS_FILE_NOT_OPEN;
 }
 
 mp4_status_t MuxerState::Flush() {
     if (!IsOpen()) {
         if (m_pWriter != nullptr) return m_pWriter->get_error_code();
-        zv_log_error("no open file, can't do flush", kSource, __LINE__, "Flush");
+        LogError("no open file, can't do flush", kSource, __LINE__, "Flush");
         return MP4_STATUS_FILE_NOT_OPEN;
     }
-    m_pWriter->Flush();
+    {
+        const FigureTimer timer(&m_figures, &Figures::OnPush);
+        m_pWriter->Flush();
+    }
     return m_sideFile.IsWanted() ? m_sideFile.Flush() : MP4_STATUS_SUCCESS;
 }
 
@@ -317,12 +379,12 @@ mp4_status_t MuxerState::SetCompositionOffsets(bool enable) {
     const mp4_status_t ready = CheckRecording(__LINE__, "SetCompositionOffsets");
     if (ready != MP4_STATUS_SUCCESS) return ready;
     if (m_hasSamples) {
-        zv_log_error("composition offsets can only be set before the first frame", kSource,
-                     __LINE__, "SetCompositionOffsets");
+        LogError("composition offsets can only be set before the first frame", kSource, __LINE__,
+                 "SetCompositionOffsets");
         return MP4_STATUS_INVALID_PARAMETER;
     }
     m_compositionOffsets = enable;
-    m_moov->SetCompositionOffsets(enable);
+    ChangeIndex([enable](CMp4MoovAtom& moov) { moov.SetCompositionOffsets(enable); });
     return MP4_STATUS_SUCCESS;
 }
 
@@ -331,7 +393,7 @@ mp4_status_t MuxerState::SetLiveIndex(uint32_t interval_ms) {
     if (ready != MP4_STATUS_SUCCESS) return ready;
     if (m_reserved.IsOn()) return MP4_STATUS_UNSUPPORTED;
     if (m_writeHeader) {
-        zv_log_error(
+        LogError(
             "the live index can only be set before the first frame and, with a repair info file, "
             "before the first track",
             kSource, __LINE__, "SetLiveIndex");
@@ -361,18 +423,35 @@ void MuxerState::DeclareTracks(CMp4MoovAtom& movie, const std::vector<LiveTrack>
     }
 }
 
-/// Nothing of an earlier declaration changes before this one is taken.
 mp4_status_t MuxerState::SetVideoTrack(const mp4_video_track_info* pTrackInfo) {
+    const mp4_status_t ready = CheckRecording(__LINE__, "SetVideoTrack");
+    if (ready != MP4_STATUS_SUCCESS) return ready;
+    if (pTrackInfo == nullptr) return MP4_STATUS_INVALID_PARAMETER;
+    return DeclareVideoTrack(*pTrackInfo, 0);
+}
+
+mp4_status_t MuxerState::SetVideoTrack(const mp4_video_track_info* pTrackInfo,
+                                       const uint8_t* record, uint32_t recordSize) {
     mp4_status_t status = CheckRecording(__LINE__, "SetVideoTrack");
     if (status != MP4_STATUS_SUCCESS) return status;
     if (pTrackInfo == nullptr) return MP4_STATUS_INVALID_PARAMETER;
     mp4_video_track_info_t info = *pTrackInfo;
+    uint32_t nalLengthSize = 0;
+    status = TakeConfigurationRecord(record, recordSize, info, nalLengthSize);
+    if (status != MP4_STATUS_SUCCESS) return status;
+    return DeclareVideoTrack(info, nalLengthSize);
+}
+
+/// Nothing of an earlier declaration changes before this one is taken.
+mp4_status_t MuxerState::DeclareVideoTrack(mp4_video_track_info_t info, uint32_t nalLengthSize) {
     bool complete = false;
-    status = CheckVideoTrack(info, m_reserved, complete);
+    const mp4_status_t status = CheckVideoTrack(info, m_reserved, complete);
     if (status != MP4_STATUS_SUCCESS) return status;
     std::unique_ptr<IVideoNalParser> parser = NalParserOf(info.codec);
-    if (complete && !m_moov->SetVideoTrack(&info)) return MP4_STATUS_UNEXPECTED_ERROR;
+    const auto declare = [&info](CMp4MoovAtom& moov) { return moov.SetVideoTrack(&info); };
+    if (complete && !ChangeIndex(declare)) return MP4_STATUS_UNEXPECTED_ERROR;
     m_pVideoNalParser = std::move(parser);
+    m_nalLengthSize = nalLengthSize;
     m_videoTrack = info;
     m_videoHasCodecData = complete;
     m_live.Declare(LiveTrack::kVideo, complete, info.timescale, info.frame_duration);
@@ -383,8 +462,8 @@ mp4_status_t MuxerState::SetVideoTrack(const mp4_video_track_info* pTrackInfo) {
             [&](CInfoWriter& writer) { return writer.WriteVideoFormat(&info); });
     }
     m_parameterSets.KeepGiven(m_videoTrack);
-    zv_log_info("no codec data in video track info, try to find it in stream", kSource, __LINE__,
-                "SetVideoTrack");
+    LogInfo("no codec data in video track info, try to find it in stream", kSource, __LINE__,
+            "SetVideoTrack");
     return MP4_STATUS_SUCCESS;
 }
 
@@ -401,7 +480,7 @@ mp4_status_t MuxerState::SetAudioTrack(const mp4_audio_track_info_t* pTrackInfo)
     m_live.Declare(LiveTrack::kAudio, complete, m_audioTrack.timescale,
                    m_audioTrack.frame_duration);
     if (!complete) return MP4_STATUS_SUCCESS;
-    m_moov->SetAudioTrack(pTrackInfo);
+    ChangeIndex([pTrackInfo](CMp4MoovAtom& moov) { moov.SetAudioTrack(pTrackInfo); });
     return RecordInRepairInfo(
         [&](CInfoWriter& writer) { return writer.WriteAudioFormat(pTrackInfo); });
 }
@@ -413,7 +492,7 @@ mp4_status_t MuxerState::SetSubtitleTrack(const mp4_subtitle_track_info_t* pTrac
     if (status != MP4_STATUS_SUCCESS) return status;
     if (pTrackInfo == nullptr) return MP4_STATUS_INVALID_PARAMETER;
     m_subtitleTrack = *pTrackInfo;
-    m_moov->SetSubtitleTrack(pTrackInfo);
+    ChangeIndex([pTrackInfo](CMp4MoovAtom& moov) { moov.SetSubtitleTrack(pTrackInfo); });
     m_live.Declare(LiveTrack::kCaption, true, pTrackInfo->timescale, 0);
     return RecordInRepairInfo(
         [&](CInfoWriter& writer) { return writer.WriteSubtitleFormat(pTrackInfo); });
@@ -423,7 +502,7 @@ mp4_status_t MuxerState::SetTCMDTrack(const mp4_time_code_track_info_t* pTrackIn
     const mp4_status_t ready = CheckRecording(__LINE__, "SetTCMDTrack");
     if (ready != MP4_STATUS_SUCCESS) return ready;
     if (pTrackInfo == nullptr) return MP4_STATUS_INVALID_PARAMETER;
-    m_moov->SetTCMDTrack(pTrackInfo);
+    ChangeIndex([pTrackInfo](CMp4MoovAtom& moov) { moov.SetTCMDTrack(pTrackInfo); });
     m_timecodeTrack = *pTrackInfo;
     m_live.Declare(LiveTrack::kTimecode, true, pTrackInfo->timescale, pTrackInfo->frame_duration);
     return RecordInRepairInfo(
@@ -436,8 +515,11 @@ mp4_status_t MuxerState::SetMetadata(const char* pKey, const char* pData, uint32
     if (status != MP4_STATUS_SUCCESS) return status;
     status = CheckMetadata(pKey, pData, size, type);
     if (status != MP4_STATUS_SUCCESS) return status;
-    if (!m_moov->SetMetaData(pKey, pData, size, type, key_namespace)) {
-        zv_log_error("set meta key %s failed", kSource, __LINE__, "SetMetadata", pKey);
+    const bool taken = ChangeIndex([&](CMp4MoovAtom& moov) {
+        return moov.SetMetaData(pKey, pData, size, type, key_namespace);
+    });
+    if (!taken) {
+        LogError("set meta key %s failed", kSource, __LINE__, "SetMetadata", pKey);
         return MP4_STATUS_INVALID_PARAMETER;
     }
     return RecordInRepairInfo([&](CInfoWriter& writer) {
@@ -450,15 +532,14 @@ mp4_status_t MuxerState::SetMetadata(const char* pKey, const char* pData, uint32
 mp4_status_t MuxerState::CheckRecording(int line, const char* function) const {
     if (!IsOpen()) return NotOpenAnswer(line, function);
     if (!m_indexLost) return MP4_STATUS_SUCCESS;
-    zv_log_error("the index of this file is lost, no more frames are taken", kSource, line,
-                 function);
+    LogError("the index of this file is lost, no more frames are taken", kSource, line, function);
     return MP4_STATUS_UNEXPECTED_ERROR;
 }
 
 bool MuxerState::HasRoomInFile(uint64_t bytes, const char* function) const {
     if (m_live.IsOn() || m_mdat->CanEndAt(m_nCurFileSize + static_cast<int64_t>(bytes)))
         return true;
-    zv_log_error(
+    LogError(
         "media data would pass 4 GiB, which this QuickTime movie cannot describe: create it with "
         "the 64-bit size option (flag 2); the sample is refused",
         kSource, __LINE__, function);
@@ -467,14 +548,15 @@ bool MuxerState::HasRoomInFile(uint64_t bytes, const char* function) const {
 
 mp4_status_t MuxerState::CheckSampleSize(uint64_t bytes, const char* function) {
     if (IsSampleSize(bytes)) return MP4_STATUS_SUCCESS;
-    zv_log_error("a sample of %llu bytes is too large, the limit is 2 GiB", kSource, __LINE__,
-                 function, static_cast<unsigned long long>(bytes));
+    LogError("a sample of %llu bytes is too large, the limit is 2 GiB", kSource, __LINE__, function,
+             static_cast<unsigned long long>(bytes));
     return MP4_STATUS_INVALID_PARAMETER;
 }
 
 template <class Write, class LogUnexpected>
 mp4_status_t MuxerState::WriteSample(Write&& write, LogUnexpected&& logUnexpected) {
     try {
+        const FigureTimer timer(&m_figures, &Figures::OnWrite);
         write();
         return MP4_STATUS_SUCCESS;
     } catch (const kx_mp4_exception& e) {
@@ -499,7 +581,7 @@ mp4_status_t MuxerState::IndexInterval(LiveTrack track, int64_t dts) {
         [] {});
     if (status != MP4_STATUS_SUCCESS) return status;
     m_nCurFileSize = static_cast<int64_t>(m_pWriter->Ftell());
-    m_moov->EndChunk();
+    ChangeIndex([](CMp4MoovAtom& moov) { moov.EndChunk(); });
     return MP4_STATUS_SUCCESS;
 }
 
@@ -508,12 +590,13 @@ mp4_status_t MuxerState::AddSample(int bytes, Index&& index, Record&& record) {
     m_hasSamples = true;
     bool indexed = false;
     try {
+        CMAutoLock lock(m_indexLock);
         indexed = index();
     } catch (...) {
         // Some of the tables hold the sample and some do not, or have lost what they held.
         m_indexLost = true;
-        zv_log_error("no memory for the index, it is lost; the media data is in the file", kSource,
-                     __LINE__, "AddSample");
+        LogError("no memory for the index, it is lost; the media data is in the file", kSource,
+                 __LINE__, "AddSample");
         return MP4_STATUS_UNEXPECTED_ERROR;
     }
     // A refused sample's bytes stay where they are, between those of the samples around it: the
@@ -528,11 +611,17 @@ mp4_status_t MuxerState::AddSample(int bytes, Index&& index, Record&& record) {
 mp4_status_t MuxerState::WriteVideoFrame(const uint8_t* buf, uint32_t size, uint64_t pts,
                                          uint64_t dts) {
     // Splitting needs no lock, so that it does not hold up the other tracks.
+    const auto start = Figures::Clock::now();
     CVideoFrameParser frame;
     const bool parsed = m_videoTrack.codec != MP4_MVC_PRORES && buf != nullptr &&
-                        IsSampleSize(size) && frame.Parse(buf, static_cast<int>(size));
-    CMAutoLock lock(m_lockWrite);
+                        IsSampleSize(size) && Split(frame, buf, static_cast<int>(size));
+    FrameCall call(*this, start);
     return m_sideFile.Answer(RecordVideoFrame(buf, size, frame, parsed, pts, dts));
+}
+
+bool MuxerState::Split(CVideoFrameParser& frame, const uint8_t* buf, int size) const {
+    return m_nalLengthSize == 0 ? frame.Parse(buf, size)
+                                : frame.ParseLengths(buf, size, m_nalLengthSize);
 }
 
 mp4_status_t MuxerState::RecordVideoFrame(const uint8_t* buf, uint32_t size,
@@ -541,7 +630,7 @@ mp4_status_t MuxerState::RecordVideoFrame(const uint8_t* buf, uint32_t size,
     mp4_status_t status = CheckRecording(__LINE__, "WriteVideoFrame");
     if (status != MP4_STATUS_SUCCESS) return status;
     if (buf == nullptr || size == 0) {
-        zv_log_error("write video frame with empty data", kSource, __LINE__, "WriteVideoFrame");
+        LogError("write video frame with empty data", kSource, __LINE__, "WriteVideoFrame");
         return MP4_STATUS_SUCCESS;
     }
     status = CheckSampleSize(size, "WriteVideoFrame");
@@ -564,31 +653,32 @@ mp4_status_t MuxerState::RecordVideoFrame(const uint8_t* buf, uint32_t size,
 
 mp4_status_t MuxerState::DropVideoFrame() {
     if (m_droppedVideoFrames == 0)
-        zv_log_warn("no codec data, drop frame", kSource, __LINE__, "WriteVideoFrame");
+        LogWarn("no codec data, drop frame", kSource, __LINE__, "WriteVideoFrame");
     ++m_droppedVideoFrames;
+    m_figures.OnDropped(Figures::kVideo);
     return MP4_STATUS_SUCCESS;
 }
 
 void MuxerState::ReportDroppedFrames(int line, const char* function) {
     if (m_droppedVideoFrames == 0) return;
-    zv_log_warn("no codec data, %llu frames dropped", kSource, line, function,
-                static_cast<unsigned long long>(m_droppedVideoFrames));
+    LogWarn("no codec data, %llu frames dropped", kSource, line, function,
+            static_cast<unsigned long long>(m_droppedVideoFrames));
     m_droppedVideoFrames = 0;
 }
 
 mp4_status_t MuxerState::CheckVideoTimes(int64_t pts, int64_t dts) const {
     if (!m_compositionOffsets) return MP4_STATUS_SUCCESS;
     if (!CMp4CttsAtom::OffsetFits(pts, dts)) {
-        zv_log_error("composition offset from %llu to %llu does not fit 32 bits", kSource, __LINE__,
-                     "WriteVideoFrame", static_cast<unsigned long long>(dts),
-                     static_cast<unsigned long long>(pts));
+        LogError("composition offset from %llu to %llu does not fit 32 bits", kSource, __LINE__,
+                 "WriteVideoFrame", static_cast<unsigned long long>(dts),
+                 static_cast<unsigned long long>(pts));
         return MP4_STATUS_INVALID_PARAMETER;
     }
     if (m_times.VideoGoesBack(dts)) {
         // Offsets count from the decode times, which the sample table adds up from the steps.
-        zv_log_error("decode time goes back from %lld to %lld, the frame is refused", kSource,
-                     __LINE__, "WriteVideoFrame", static_cast<long long>(m_times.LastVideo()),
-                     static_cast<long long>(dts));
+        LogError("decode time goes back from %lld to %lld, the frame is refused", kSource, __LINE__,
+                 "WriteVideoFrame", static_cast<long long>(m_times.LastVideo()),
+                 static_cast<long long>(dts));
         return MP4_STATUS_INVALID_PARAMETER;
     }
     return MP4_STATUS_SUCCESS;
@@ -597,11 +687,11 @@ mp4_status_t MuxerState::CheckVideoTimes(int64_t pts, int64_t dts) const {
 mp4_status_t MuxerState::CheckVideoFrame(bool parsed) const {
     const bool prores = m_videoTrack.codec == MP4_MVC_PRORES;
     if (!prores && !parsed) {
-        zv_log_error("Parse video frame fail !", kSource, __LINE__, "WriteVideoFrame");
+        LogError("Parse video frame fail !", kSource, __LINE__, "WriteVideoFrame");
         return MP4_STATUS_INVALID_VIDEO_STREAM;
     }
     if (!prores && m_pVideoNalParser == nullptr) {
-        zv_log_error("invalid video track!", kSource, __LINE__, "WriteVideoFrame");
+        LogError("invalid video track!", kSource, __LINE__, "WriteVideoFrame");
         return MP4_STATUS_INVALID_VIDEO_TRACK;
     }
     return MP4_STATUS_SUCCESS;
@@ -626,7 +716,7 @@ mp4_status_t MuxerState::AppendVideoFrame(const uint8_t* buf, uint32_t size,
             else
                 WriteNalUnits(frame);
         },
-        [] { zv_log_error("exception when write file", kSource, __LINE__, "WriteVideoFrame"); });
+        [] { LogError("exception when write file", kSource, __LINE__, "WriteVideoFrame"); });
     if (status != MP4_STATUS_SUCCESS) return status;
     m_reserved.AfterVideoFrame(*m_pWriter, fileSizeBefore, *m_moov, *m_mdat);
 
@@ -642,7 +732,10 @@ mp4_status_t MuxerState::AppendVideoFrame(const uint8_t* buf, uint32_t size,
             return indexed;
         },
         [&](CInfoWriter& writer) { return writer.WriteVideoFrame(bytes, pts, dts, keyFrame); });
-    if (indexed) m_times.OnVideo(pts, dts, m_videoTrack.timescale, m_compositionOffsets);
+    if (!indexed) return status;
+    m_figures.OnSample(Figures::kVideo, sampleSize, dts, m_videoTrack.timescale);
+    if (m_times.OnVideo(pts, dts, m_videoTrack.timescale, m_compositionOffsets))
+        m_figures.OnOddTime(Figures::kVideo);
     return status;
 }
 
@@ -669,21 +762,21 @@ bool MuxerState::HasSyncSlice(const CVideoFrameParser& frame) const {
 
 bool MuxerState::GetVideoCodecData(const CVideoFrameParser& frame) {
     if (m_videoTrack.codec != MP4_MVC_H264 && m_videoTrack.codec != MP4_MVC_HEVC) {
-        zv_log_error("unknown codec type %d", kSource, __LINE__, "GetVideoCodecData",
-                     m_videoTrack.codec);
+        LogError("unknown codec type %d", kSource, __LINE__, "GetVideoCodecData",
+                 m_videoTrack.codec);
         return false;
     }
     for (const VIDEO_SLICE& unit : frame) {
         if (!m_parameterSets.Take(unit.pbData, static_cast<size_t>(unit.cbData), m_videoTrack) &&
             !std::exchange(m_setWarned, true)) {
-            zv_log_warn("a video parameter set in the stream cannot be described and is not taken",
-                        kSource, __LINE__, "GetVideoCodecData");
+            LogWarn("a video parameter set in the stream cannot be described and is not taken",
+                    kSource, __LINE__, "GetVideoCodecData");
         }
         if (!ParameterSetKeeper::IsComplete(m_videoTrack)) continue;
         m_videoHasCodecData = true;
-        zv_log_info("found video codec data in stream, set video track info", kSource, __LINE__,
-                    "GetVideoCodecData");
-        m_moov->SetVideoTrack(&m_videoTrack);
+        LogInfo("found video codec data in stream, set video track info", kSource, __LINE__,
+                "GetVideoCodecData");
+        ChangeIndex([this](CMp4MoovAtom& moov) { moov.SetVideoTrack(&m_videoTrack); });
         m_live.Declare(LiveTrack::kVideo, true, m_videoTrack.timescale,
                        m_videoTrack.frame_duration);
         m_sideFile.Write(
@@ -713,7 +806,7 @@ mp4_status_t MuxerState::WriteAudioFrame(const uint8_t* buf, uint32_t size, uint
 mp4_status_t MuxerState::ConfigureAdts(const uint8_t* buf, uint32_t size) {
     mp4_status_t status = AdtsInput::Configure(buf, size, m_audioTrack);
     if (status != MP4_STATUS_SUCCESS) return status;
-    m_moov->SetAudioTrack(&m_audioTrack);
+    ChangeIndex([this](CMp4MoovAtom& moov) { moov.SetAudioTrack(&m_audioTrack); });
     m_audioHasCodecData = true;
     m_live.Declare(LiveTrack::kAudio, true, m_audioTrack.timescale, m_audioTrack.frame_duration);
     if (!m_sideFile.IsOpen()) return MP4_STATUS_SUCCESS;
@@ -730,8 +823,8 @@ mp4_status_t MuxerState::AppendAudioFrame(const uint8_t* sample, uint32_t size, 
     if (status != MP4_STATUS_SUCCESS) return status;
     status = WriteSample([&] { m_pWriter->WriteBuf(sample, size); },
                          [&] {
-                             zv_log_error("write buffer exception, buffer size %d", kSource,
-                                          __LINE__, "WriteAudioFrame", static_cast<int>(size));
+                             LogError("write buffer exception, buffer size %d", kSource, __LINE__,
+                                      "WriteAudioFrame", static_cast<int>(size));
                          });
     if (status != MP4_STATUS_SUCCESS) return status;
     const auto bytes = static_cast<int>(size);
@@ -746,9 +839,13 @@ mp4_status_t MuxerState::AppendAudioFrame(const uint8_t* sample, uint32_t size, 
             return indexed;
         },
         [&](CInfoWriter& writer) { return writer.WriteAudioFrame(bytes, timestamp); });
-    if (indexed) m_times.OnAudio(timestamp, m_audioTrack.timescale);
+    if (indexed) {
+        m_figures.OnSample(Figures::kAudio, size, timestamp, m_audioTrack.timescale);
+        if (m_times.OnAudio(timestamp, m_audioTrack.timescale))
+            m_figures.OnOddTime(Figures::kAudio);
+    }
     if (status == MP4_STATUS_NO_SPACE_LEFT_IN_HEADER)
-        zv_log_error("call AfterWriteAudioFrame failed", kSource, __LINE__, "WriteAudioFrame");
+        LogError("call AfterWriteAudioFrame failed", kSource, __LINE__, "WriteAudioFrame");
     return status;
 }
 
@@ -758,8 +855,7 @@ mp4_status_t MuxerState::WriteSubtitleFrame(const uint8_t* buf, uint32_t size, u
     mp4_status_t status = CheckRecording(__LINE__, "WriteSubtitleFrame");
     if (status != MP4_STATUS_SUCCESS) return status;
     if (buf == nullptr || size == 0) {
-        zv_log_warn("write subtitle frame with empty data", kSource, __LINE__,
-                    "WriteSubtitleFrame");
+        LogWarn("write subtitle frame with empty data", kSource, __LINE__, "WriteSubtitleFrame");
         return MP4_STATUS_SUCCESS;
     }
     status = EnsureHeader();
@@ -772,8 +868,7 @@ mp4_status_t MuxerState::WriteSubtitleFrame(const uint8_t* buf, uint32_t size, u
 mp4_status_t MuxerState::CheckCaption(uint32_t size) const {
     const mp4_subtitle_codec codec = m_subtitleTrack.codec;
     if (codec != MP4_SUBTITLE_CODEC_CC608 && codec != MP4_SUBTITLE_CODEC_CC708) {
-        zv_log_error("unknown subtitle codec type %d", kSource, __LINE__, "WriteSubtitleFrame",
-                     codec);
+        LogError("unknown subtitle codec type %d", kSource, __LINE__, "WriteSubtitleFrame", codec);
         return MP4_STATUS_INVALID_SUBTITLE_TYPE;
     }
     const uint64_t largest = LargestCaptionSample(size);
@@ -781,8 +876,8 @@ mp4_status_t MuxerState::CheckCaption(uint32_t size) const {
     if (status != MP4_STATUS_SUCCESS) return status;
     if (!HasRoomInFile(largest, "WriteSubtitleFrame")) return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
     if (m_nCurFileSize > int64_t{UINT32_MAX}) {
-        zv_log_error("the caption track has 32-bit offsets and cannot go past 4 GiB", kSource,
-                     __LINE__, "WriteSubtitleFrame");
+        LogError("the caption track has 32-bit offsets and cannot go past 4 GiB", kSource, __LINE__,
+                 "WriteSubtitleFrame");
         return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
     }
     return MP4_STATUS_SUCCESS;
@@ -801,17 +896,20 @@ mp4_status_t MuxerState::AppendCaption(const uint8_t* buf, uint32_t size, int64_
         },
         [] {});
     if (status != MP4_STATUS_SUCCESS) return status;
-    bool indexed = false;
     status = AddSample(
         bytes,
         [&] {
             m_moov->AfterWriteSubtitleFrame(m_nCurFileSize, bytes, timestamp);
             m_live.AddSample(LiveTrack::kCaption, m_nCurFileSize, static_cast<uint32_t>(bytes),
                              timestamp, timestamp, true);
-            return indexed = true;
+            return true;
         },
         [&](CInfoWriter& writer) { return writer.WriteSubtitleFrame(bytes, timestamp); });
-    if (indexed) m_times.OnCaption(timestamp, m_subtitleTrack.timescale);
+    if (m_indexLost) return status;
+    m_figures.OnSample(Figures::kCaptions, static_cast<uint64_t>(bytes), timestamp,
+                       m_subtitleTrack.timescale);
+    if (m_times.OnCaption(timestamp, m_subtitleTrack.timescale))
+        m_figures.OnOddTime(Figures::kCaptions);
     return status;
 }
 
@@ -824,7 +922,7 @@ mp4_status_t MuxerState::WriteTimeCode(int nTimeCode) {
     if (!HasRoomInFile(kCounterSize, "WriteTimeCode")) return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
     status = WriteSample([&] { m_pWriter->WriteInt32(static_cast<uint32_t>(nTimeCode)); }, [] {});
     if (status != MP4_STATUS_SUCCESS) return status;
-    return AddSample(
+    status = AddSample(
         kCounterSize,
         [&] {
             m_moov->AfterWriteTimeCode(m_nCurFileSize);
@@ -832,6 +930,8 @@ mp4_status_t MuxerState::WriteTimeCode(int nTimeCode) {
             return true;
         },
         [&](CInfoWriter& writer) { return writer.WriteTimeCode(nTimeCode); });
+    if (!m_indexLost) m_figures.OnSample(Figures::kTimecode, kCounterSize, 0, 0);
+    return status;
 }
 
 }  // namespace kx_mp4

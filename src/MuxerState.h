@@ -3,14 +3,18 @@
 #ifndef KX_MP4_MUXERSTATE_H
 #define KX_MP4_MUXERSTATE_H
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <vector>
 
 #include "AdtsInput.h"
 #include "BaseIO.h"
+#include "Figures.h"
 #include "LiveIndex.h"
+#include "Log.h"
 #include "MLock.h"
+#include "Output.h"
 #include "ParameterSetKeeper.h"
 #include "ReservedHeader.h"
 #include "SideFile.h"
@@ -39,6 +43,24 @@ mp4_status_t Guarded(Operation&& operation) {
 /// The muxer's fields and its road from a call to the file. The operations that CMp4Muxer has too
 /// are what those do, without the guard against exceptions.
 struct MuxerState {
+    /// The muxer's lock during one call of a frame writer, which is timed.
+    class FrameCall {
+    public:
+        explicit FrameCall(MuxerState& state, Figures::Clock::time_point start)
+            : m_lock(state.m_lockWrite), m_state(state), m_start(start) {}
+        ~FrameCall() {
+            m_state.m_isOpen = m_state.IsOpen();
+            m_state.m_figures.OnCall(Figures::Clock::now() - m_start);
+        }
+        FrameCall(const FrameCall&) = delete;
+        FrameCall& operator=(const FrameCall&) = delete;
+
+    private:
+        CMAutoLock m_lock;
+        MuxerState& m_state;
+        Figures::Clock::time_point m_start;
+    };
+
     MuxerState() = default;
     MuxerState(const MuxerState&) = delete;
     MuxerState& operator=(const MuxerState&) = delete;
@@ -46,11 +68,13 @@ struct MuxerState {
 
     // Life of a file
 
-    mp4_status_t Create(const wchar_t* pFilePath, const mp4_config_t& config);
+    /// Refuses a request while a file is open, and leaves nothing open when it fails.
+    mp4_status_t CreateOrRelease(const OutputRequest& request);
+    mp4_status_t Create(const OutputRequest& request);
     mp4_status_t Close();
     /// What a recording leaves behind in the fields.
     void ResetFileState();
-    mp4_status_t OpenFiles(const wchar_t* pFilePath, const mp4_config_t& config);
+    mp4_status_t OpenFiles(const OutputRequest& request);
     void CreateBoxes();
     /// What the creation options say of a movie box.
     void ConfigureMovie(CMp4MoovAtom& movie) const;
@@ -62,10 +86,22 @@ struct MuxerState {
     void FinishLiveMovie();
     void PushMovie();
     mp4_status_t CloseWriter();
+    /// Queries go on with what the movie box says now.
+    void FreezeIndexFigures();
     void ReleaseBoxes();
 
     // Queries
 
+    /// What the movie box tells, for any thread at any time; waits for no write.
+    struct IndexFigures {
+        uint64_t durationMs = 0;
+        uint32_t bytes = 0;
+        double videoBitrate = -1.0;
+        double audioBitrate = -1.0;
+    };
+    IndexFigures GetIndexFigures();
+    uint32_t GetMoovSize();
+    mp4_status_t GetStatistics(mp4_statistics_t& statistics);
     bool IsOpen() const { return m_pWriter != nullptr && m_pWriter->IsValid(); }
     mp4_status_t NotOpenAnswer(int line, const char* function) const;
     mp4_status_t Flush();
@@ -77,6 +113,16 @@ struct MuxerState {
     /// Declares tracks to the movie box of the live index.
     void DeclareTracks(CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks) const;
     mp4_status_t SetVideoTrack(const mp4_video_track_info* pTrackInfo);
+    mp4_status_t SetVideoTrack(const mp4_video_track_info* pTrackInfo, const uint8_t* record,
+                               uint32_t recordSize);
+    /// What both have in common; the size is m_nalLengthSize.
+    mp4_status_t DeclareVideoTrack(mp4_video_track_info_t info, uint32_t nalLengthSize);
+    /// Changes what the movie box says, with no query in between.
+    template <class Change>
+    auto ChangeIndex(Change&& change) {
+        CMAutoLock lock(m_indexLock);
+        return change(*m_moov);
+    }
     mp4_status_t SetAudioTrack(const mp4_audio_track_info_t* pTrackInfo);
     mp4_status_t SetSubtitleTrack(const mp4_subtitle_track_info_t* pTrackInfo);
     mp4_status_t SetTCMDTrack(const mp4_time_code_track_info_t* pTrackInfo);
@@ -100,13 +146,16 @@ struct MuxerState {
     /// Ends the interval of the live index when it is over before this sample.
     mp4_status_t IndexInterval(LiveTrack track, int64_t dts);
     /// Takes note of a sample whose bytes are in the output: in the movie box (`index`, false when
-    /// it refuses), in the repair info file (`record`), in the next sample's offset.
+    /// it refuses), in the repair info file (`record`), in the next sample's offset. The caller
+    /// holds the muxer's lock.
     template <class Index, class Record>
     mp4_status_t AddSample(int bytes, Index&& index, Record&& record);
 
     // Video
 
     mp4_status_t WriteVideoFrame(const uint8_t* buf, uint32_t size, uint64_t pts, uint64_t dts);
+    /// Into NAL units, by start codes or lengths.
+    bool Split(CVideoFrameParser& frame, const uint8_t* buf, int size) const;
     mp4_status_t RecordVideoFrame(const uint8_t* buf, uint32_t size, const CVideoFrameParser& frame,
                                   bool parsed, uint64_t pts, uint64_t dts);
     mp4_status_t CheckVideoFrame(bool parsed) const;
@@ -132,11 +181,13 @@ struct MuxerState {
     mp4_status_t AppendCaption(const uint8_t* buf, uint32_t size, int64_t timestamp);
     mp4_status_t WriteTimeCode(int nTimeCode);
 
+    LogSink m_log;
+    Figures m_figures;
     std::unique_ptr<IBaseIO> m_pWriter;
     ReservedHeader m_reserved;
-    SideFile m_sideFile;
+    SideFile m_sideFile{m_figures};
     wchar_t m_pwszFilePath[1024] = {};
-    int64_t m_nCurFileSize = 0;
+    SharedNumber<int64_t> m_nCurFileSize;
     mp4_video_track_info_t m_videoTrack{};
     bool m_videoHasCodecData = true;
     mp4_audio_track_info_t m_audioTrack{};
@@ -165,6 +216,13 @@ struct MuxerState {
     uint64_t m_droppedVideoFrames = 0;  // while parameter sets are looked for
     AdtsInput m_adts;
     TimestampWatch m_times;
+    uint32_t m_nalLengthSize = 0;  // of the caller's frames; 0 for start codes
+
+    // What queries see. The lock is never held over I/O; where both are, it is taken second.
+    CMLock m_indexLock;
+    bool m_indexOpen = false;  // the movie box answers, else what it said last
+    IndexFigures m_lastIndex;
+    std::atomic<bool> m_isOpen{false};
 };
 
 }  // namespace kx_mp4

@@ -2,7 +2,8 @@
 
 #include <utility>
 
-#include "zv_log.h"
+#include "CallbackWriter.h"
+#include "Log.h"
 
 namespace kx_mp4 {
 namespace {
@@ -14,13 +15,15 @@ bool HasAllCallbacks(const mp4_file_io_func_t& func) {
            func.seek != nullptr && func.flush != nullptr && func.write != nullptr;
 }
 
-mp4_status_t OpenFile(const wchar_t* path, std::unique_ptr<IBaseIO>& writer,
+mp4_status_t OpenFile(const RecordingName& name, std::unique_ptr<IBaseIO>& writer,
                       IFileIOBase*& gathering) {
     auto file = std::make_unique<CFileWriter>();
     file->PrepareGather();
-    const mp4_status_t status = file->Init(path, 0, 0);
+    NarrowPath path;
+    mp4_status_t status = name.Convert("", path);
+    if (status == MP4_STATUS_SUCCESS) status = file->Init(path.data());
     if (status != MP4_STATUS_SUCCESS) {
-        zv_log_error("init CFileWriter writer failed", kSource, __LINE__, "Create");
+        LogError("init CFileWriter writer failed", kSource, __LINE__, "Create");
         return status;
     }
     gathering = file.get();
@@ -28,42 +31,59 @@ mp4_status_t OpenFile(const wchar_t* path, std::unique_ptr<IBaseIO>& writer,
     return MP4_STATUS_SUCCESS;
 }
 
-mp4_status_t OpenCallbacks(const wchar_t* path, mp4_file_io_func_t* func,
-                           std::unique_ptr<IBaseIO>& writer) {
+mp4_status_t RefuseCallbacks() {
+    LogError("init external writer failed", kSource, __LINE__, "Create");
+    return MP4_STATUS_INVALID_PARAMETER;
+}
+
+mp4_status_t OpenExternal(const wchar_t* path, mp4_file_io_func_t* func,
+                          std::unique_ptr<IBaseIO>& writer) {
     if (func == nullptr) {
-        zv_log_error("error: pFunc should not be null when use external io mode", kSource, __LINE__,
-                     "Create");
+        LogError("error: pFunc should not be null when use external io mode", kSource, __LINE__,
+                 "Create");
         return MP4_STATUS_INVALID_PARAMETER;
     }
     auto external = std::make_unique<ExternalWriter>(func);
-    if (!HasAllCallbacks(*func) || external->Init(path, 0, 0) != MP4_STATUS_SUCCESS) {
-        zv_log_error("init external writer failed", kSource, __LINE__, "Create");
-        return MP4_STATUS_INVALID_PARAMETER;
-    }
+    if (!HasAllCallbacks(*func) || external->Init(path, 0, 0) != MP4_STATUS_SUCCESS)
+        return RefuseCallbacks();
+    writer = std::move(external);
+    return MP4_STATUS_SUCCESS;
+}
+
+mp4_status_t OpenCallbacks(const char* path, const mp4_io_callbacks_t& callbacks,
+                           std::unique_ptr<IBaseIO>& writer) {
+    auto external = std::make_unique<CallbackWriter>(callbacks);
+    if (!CallbackWriter::IsComplete(callbacks) || !external->Open(path)) return RefuseCallbacks();
     writer = std::move(external);
     return MP4_STATUS_SUCCESS;
 }
 
 }  // namespace
 
-mp4_status_t OpenOutput(const wchar_t* path, const mp4_config_t& config,
-                        std::unique_ptr<IBaseIO>& writer, IFileIOBase*& gathering) {
-    switch (config.io_mode) {
+mp4_status_t OpenOutput(const OutputRequest& request, std::unique_ptr<IBaseIO>& writer,
+                        IFileIOBase*& gathering) {
+    if (request.callbacks != nullptr)
+        return OpenCallbacks(request.name.Utf8(), *request.callbacks, writer);
+    switch (request.config.io_mode) {
         case MP4_IO_FILE:
-            return OpenFile(path, writer, gathering);
+            return OpenFile(request.name, writer, gathering);
         case MP4_IO_EXTERNAL:
-            return OpenCallbacks(path, config.func, writer);
+            return OpenExternal(request.name.Wide(), request.config.func, writer);
         case MP4_IO_DIRECT:
-            zv_log_error("mac os platform do not support direct io yet", kSource, __LINE__,
-                         "Create");
+            LogError("mac os platform do not support direct io yet", kSource, __LINE__, "Create");
             return MP4_STATUS_UNSUPPORTED;
         case MP4_IO_SAFE_WRITE:
-            zv_log_error("mac os platform do not support safe write mode", kSource, __LINE__,
-                         "Create");
+            LogError("mac os platform do not support safe write mode", kSource, __LINE__, "Create");
             return MP4_STATUS_UNSUPPORTED;
         default:
             return MP4_STATUS_UNSUPPORTED;
     }
+}
+
+bool IsQuickTime(const OutputRequest& request) {
+    if (request.container != MP4_CONTAINER_FROM_PATH)
+        return request.container == MP4_CONTAINER_QUICKTIME;
+    return request.name.WideString().find(L"mov") != std::wstring::npos;
 }
 
 bool WantsFastHeaderWrite(const mp4_config_t& config) {
@@ -71,14 +91,13 @@ bool WantsFastHeaderWrite(const mp4_config_t& config) {
 }
 
 void LogFlags(const mp4_config_t& config) {
-    zv_log_info("mp4 flag is %d", kSource, __LINE__, "Create", static_cast<int>(config.flags));
+    LogInfo("mp4 flag is %d", kSource, __LINE__, "Create", static_cast<int>(config.flags));
     if ((config.flags & MP4_FLAG_SAFE_MODE) != 0)
-        zv_log_warn("safe mode flag already deprecated", kSource, __LINE__, "Create");
+        LogWarn("safe mode flag already deprecated", kSource, __LINE__, "Create");
     if (WantsFastHeaderWrite(config))
-        zv_log_info("fast header write enabled", kSource, __LINE__, "Create");
+        LogInfo("fast header write enabled", kSource, __LINE__, "Create");
     else if ((config.flags & MP4_FLAG_FAST_HEADER_WRITE) != 0)
-        zv_log_warn("fast header write flag only valid in direct io mode", kSource, __LINE__,
-                    "Create");
+        LogWarn("fast header write flag only valid in direct io mode", kSource, __LINE__, "Create");
 }
 
 }  // namespace kx_mp4

@@ -6,20 +6,31 @@
 #include <memory>
 
 #include "BaseIO.h"
+#include "RecordingName.h"
 #include "kx_mp4/kx_mp4.h"
 
 namespace kx_mp4 {
 
-/// Opens the output that the configuration asks for, and logs why it cannot be.
+/// What is asked of an output.
+struct OutputRequest {
+    const RecordingName& name;
+    mp4_container container = MP4_CONTAINER_FROM_PATH;
+    const mp4_config_t& config;
+    const mp4_io_callbacks_t* callbacks = nullptr;  ///< Of the second form; go before the rest.
+};
+
+/// Opens the output that is asked for, and logs why it cannot be.
 ///
 /// @param writer     The open output; untouched when it is refused.
 /// @param gathering  The same object when it is a file, whose writes can be gathered; else null.
 /// @return #MP4_STATUS_INVALID_PARAMETER without callbacks, when they refuse, or for a path that
-/// the
-///         locale cannot convert; #MP4_STATUS_FILE_NAME_TOO_LONG; #MP4_STATUS_UNSUPPORTED for modes
+///         cannot be converted; #MP4_STATUS_FILE_NAME_TOO_LONG; #MP4_STATUS_UNSUPPORTED for modes
 ///         that are not there; the status of a failed open.
-mp4_status_t OpenOutput(const wchar_t* path, const mp4_config_t& config,
-                        std::unique_ptr<IBaseIO>& writer, IFileIOBase*& gathering);
+mp4_status_t OpenOutput(const OutputRequest& request, std::unique_ptr<IBaseIO>& writer,
+                        IFileIOBase*& gathering);
+
+/// Whether the movie is a QuickTime movie.
+bool IsQuickTime(const OutputRequest& request);
 
 /// Whether the index is to leave in one write, a form of direct I/O only.
 bool WantsFastHeaderWrite(const mp4_config_t& config);

@@ -1,9 +1,9 @@
 #include "ReservedHeader.h"
 
 #include "BaseIO.h"
+#include "Log.h"
 #include "mdat.h"
 #include "moov.h"
-#include "zv_log.h"
 
 namespace kx_mp4 {
 namespace {
@@ -12,20 +12,20 @@ constexpr const char* kSource = "src/ReservedHeader";
 
 mp4_status_t ReservedHeader::CheckDuration(uint64_t frameDuration, const char* function) const {
     if (!m_safeWrite || frameDuration != 0) return MP4_STATUS_SUCCESS;
-    zv_log_error("please set frame_duration in safe mode", kSource, __LINE__, function);
+    LogError("please set frame_duration in safe mode", kSource, __LINE__, function);
     return MP4_STATUS_INVALID_PARAMETER;
 }
 
 mp4_status_t ReservedHeader::CheckConfiguration(bool complete, const char* kind,
                                                 const char* function) const {
     if (!m_safeWrite || complete) return MP4_STATUS_SUCCESS;
-    zv_log_error("please provide %s codec data in safe mode", kSource, __LINE__, function, kind);
+    LogError("please provide %s codec data in safe mode", kSource, __LINE__, function, kind);
     return MP4_STATUS_INVALID_PARAMETER;
 }
 
 mp4_status_t ReservedHeader::CheckCaptions(const char* function) const {
     if (!m_safeWrite) return MP4_STATUS_SUCCESS;
-    zv_log_error("subtitle not supported in safe mode", kSource, __LINE__, function);
+    LogError("subtitle not supported in safe mode", kSource, __LINE__, function);
     return MP4_STATUS_UNSUPPORTED;
 }
 
@@ -43,8 +43,8 @@ void ReservedHeader::AfterVideoFrame(IBaseIO& writer, uint64_t sizeBefore, CMp4M
     moov.Update();
     mdat.Update();
     m_lastWriteVideoFrameNum = m_videoFrameNum;
-    zv_log_info("update header to %u cost time %llums", kSource, __LINE__, "WriteVideoFrame",
-                m_videoFrameNum, static_cast<unsigned long long>(GetTimeTick() - start));
+    LogInfo("update header to %u cost time %llums", kSource, __LINE__, "WriteVideoFrame",
+            m_videoFrameNum, static_cast<unsigned long long>(GetTimeTick() - start));
 }
 
 }  // namespace kx_mp4

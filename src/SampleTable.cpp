@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "zv_log.h"
+#include "Log.h"
 
 namespace kx_mp4 {
 
@@ -12,7 +12,7 @@ uint32_t SampleTableAtom::GetSize() {
 }
 
 bool SampleTableAtom::Refuse(const char* file, int line, const char* function) const {
-    zv_log_error("reach the max frame num %u", file, line, function, m_maxFrameNum);
+    LogError("reach the max frame num %u", file, line, function, m_maxFrameNum);
     return false;
 }
 
@@ -47,7 +47,7 @@ void SampleTableAtom::WriteEntries() {
 
 bool SampleTableAtom::CanUpdate(const char* file, int line) const {
     if (m_place.IsKnown()) return true;
-    zv_log_error("not in safe mode, logic error", file, line, "Update");
+    LogError("not in safe mode, logic error", file, line, "Update");
     return false;
 }
 

@@ -6,18 +6,16 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
-#include <cwchar>
 #include <iterator>
 
-#include "BaseIO.h"
 #include "FileLock.h"
+#include "Log.h"
 #include "defines.h"
-#include "zv_log.h"
 
 namespace kx_mp4 {
 namespace {
 
-constexpr wchar_t kExtension[] = L".info";
+constexpr char kExtension[] = ".info";
 /// Room for the name of a file, with its terminator.
 constexpr size_t kNameRoom = 1024;
 
@@ -37,16 +35,16 @@ void SideFile::Reset() {
     m_untold = MP4_STATUS_SUCCESS;
 }
 
-mp4_status_t SideFile::SetName(const wchar_t* recording) {
-    if (std::wcslen(recording) + std::size(kExtension) > kNameRoom)
+mp4_status_t SideFile::SetName(const RecordingName& recording) {
+    if (recording.WideString().size() + std::size(kExtension) > kNameRoom)
         return MP4_STATUS_INVALID_PARAMETER;
     NarrowPath path;
-    const mp4_status_t status = ConvertPath((std::wstring(recording) + kExtension).c_str(), path);
+    const mp4_status_t status = recording.Convert(kExtension, path);
     if (status != MP4_STATUS_SUCCESS) return status;
     m_path = AbsolutePath(path.data());
     if (!FileLock::IsHeld(m_path.c_str())) return MP4_STATUS_SUCCESS;
-    zv_log_error("'%s' belongs to a recording that is running, or to a repair", "src/SideFile",
-                 __LINE__, "Create", m_path.c_str());
+    LogError("'%s' belongs to a recording that is running, or to a repair", "src/SideFile",
+             __LINE__, "Create", m_path.c_str());
     return MP4_STATUS_DEVICE_OR_RESOURCE_BUSY;
 }
 

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "InfoWriter.h"
+#include "RecordingName.h"
 #include "kx_mp4/kx_mp4.h"
 
 namespace kx_mp4 {
@@ -15,18 +16,20 @@ namespace kx_mp4 {
 /// kept until the running operation answers with it, once.
 class SideFile {
 public:
-    SideFile() = default;
+    /// The pushes to the storage device are noted in `figures`, which must outlive this object's
+    /// use.
+    explicit SideFile(Figures& figures) { m_writer.SetFigures(&figures); }
     SideFile(const SideFile&) = delete;
     SideFile& operator=(const SideFile&) = delete;
 
     /// Forgets the recording before.
     void Reset();
     /// Wants a file beside the recording of this name. Nothing is opened.
-    /// @return #MP4_STATUS_INVALID_PARAMETER for a name that cannot be converted or to which
-    /// ".info"
-    ///         cannot be added, #MP4_STATUS_DEVICE_OR_RESOURCE_BUSY when the file belongs to a
-    ///         recording that is running or to a repair.
-    mp4_status_t SetName(const wchar_t* recording);
+    /// @return #MP4_STATUS_INVALID_PARAMETER for a name that cannot be converted or to which the
+    ///         extension cannot be added, #MP4_STATUS_FILE_NAME_TOO_LONG,
+    ///         #MP4_STATUS_DEVICE_OR_RESOURCE_BUSY when the file belongs to a recording that is
+    ///         running or to a repair.
+    mp4_status_t SetName(const RecordingName& recording);
     /// Creates the file, or empties the one of an earlier recording. Leaves none when it fails.
     mp4_status_t Open(uint32_t flags);
 

@@ -1,7 +1,7 @@
 #include "TimestampWatch.h"
 
+#include "Log.h"
 #include "Rescale.h"
-#include "zv_log.h"
 
 namespace kx_mp4 {
 
@@ -18,7 +18,7 @@ uint64_t Distance(int64_t earlier, int64_t later) {
 
 }  // namespace
 
-void TimestampWatch::Take(Track& track, int64_t time, uint32_t timescale, const char* name,
+bool TimestampWatch::Take(Track& track, int64_t time, uint32_t timescale, const char* name,
                           const char* function) {
     constexpr uint64_t kSecondsPerHour = 3600;
     const int64_t last = track.last;
@@ -27,42 +27,43 @@ void TimestampWatch::Take(Track& track, int64_t time, uint32_t timescale, const 
         track.started = true;
         track.first = time;
         track.timescale = timescale;
-        return;
+        return false;
     }
     const bool back = time < last;
     const bool jump = !back && Distance(last, time) > kSecondsPerHour * timescale;
     const bool known = track.inRun;
     track.inRun = back || jump;
-    if (!track.inRun || known) return;
+    if (!track.inRun || known) return track.inRun;
     if (back)
-        zv_log_warn("%s decode time goes back from %lld to %lld", kSource, __LINE__, function, name,
-                    static_cast<long long>(last), static_cast<long long>(time));
+        LogWarn("%s decode time goes back from %lld to %lld", kSource, __LINE__, function, name,
+                static_cast<long long>(last), static_cast<long long>(time));
     else
-        zv_log_warn("%s decode time jumps from %lld to %lld, by more than an hour", kSource,
-                    __LINE__, function, name, static_cast<long long>(last),
-                    static_cast<long long>(time));
+        LogWarn("%s decode time jumps from %lld to %lld, by more than an hour", kSource, __LINE__,
+                function, name, static_cast<long long>(last), static_cast<long long>(time));
+    return true;
 }
 
-void TimestampWatch::OnVideo(int64_t pts, int64_t dts, uint32_t timescale,
+bool TimestampWatch::OnVideo(int64_t pts, int64_t dts, uint32_t timescale,
                              bool compositionOffsets) {
     if (!m_video.started && m_videoWaits) CompareStarts(pts, timescale);
-    Take(m_video, dts, timescale, "video", "WriteVideoFrame");
-    if (compositionOffsets || pts == dts || m_lostOffsetsLogged) return;
+    const bool odd = Take(m_video, dts, timescale, "video", "WriteVideoFrame");
+    if (compositionOffsets || pts == dts || m_lostOffsetsLogged) return odd;
     m_lostOffsetsLogged = true;
-    zv_log_warn(
+    LogWarn(
         "presentation time %lld differs from decode time %lld, but only decode times are recorded: "
         "call SetCompositionOffsets before the first frame",
         kSource, __LINE__, "WriteVideoFrame", static_cast<long long>(pts),
         static_cast<long long>(dts));
+    return odd;
 }
 
-void TimestampWatch::OnAudio(int64_t time, uint32_t timescale) {
-    Take(m_audio, time, timescale, "audio", "WriteAudioFrame");
+bool TimestampWatch::OnAudio(int64_t time, uint32_t timescale) {
+    return Take(m_audio, time, timescale, "audio", "WriteAudioFrame");
 }
 
-void TimestampWatch::OnCaption(int64_t time, uint32_t timescale) {
-    Take(m_caption, time, timescale == 0 ? kDefaultTimeScale : timescale, "caption",
-         "WriteSubtitleFrame");
+bool TimestampWatch::OnCaption(int64_t time, uint32_t timescale) {
+    return Take(m_caption, time, timescale == 0 ? kDefaultTimeScale : timescale, "caption",
+                "WriteSubtitleFrame");
 }
 
 /// Tracks start together in the file, whatever their first times are.
@@ -73,7 +74,7 @@ void TimestampWatch::CompareStarts(int64_t pts, uint32_t timescale) const {
     const int64_t start = Rescale(other.first, kMillisecondsPerSecond, other.timescale);
     if (picture == start) return;
     const uint64_t apart = picture > start ? Distance(start, picture) : Distance(picture, start);
-    zv_log_warn(
+    LogWarn(
         "video waited for its parameter sets: the first picture is at %lld ms, the first %s sample "
         "at %lld ms, %llu ms apart",
         kSource, __LINE__, "WriteVideoFrame", static_cast<long long>(picture),

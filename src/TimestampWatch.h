@@ -21,12 +21,13 @@ public:
     /// A picture was searched for parameter sets: video waits while other tracks may go on.
     void VideoWaits() { m_videoWaits = true; }
 
-    /// A picture was recorded; times in ticks of this timescale.
-    void OnVideo(int64_t pts, int64_t dts, uint32_t timescale, bool compositionOffsets);
-    /// A sound sample was recorded.
-    void OnAudio(int64_t time, uint32_t timescale);
-    /// A caption sample was recorded; a timescale of 0 is 1000.
-    void OnCaption(int64_t time, uint32_t timescale);
+    // A sample was recorded; times in ticks of this timescale. Whether its decode time went back,
+    // or forward by more than an hour.
+
+    bool OnVideo(int64_t pts, int64_t dts, uint32_t timescale, bool compositionOffsets);
+    bool OnAudio(int64_t time, uint32_t timescale);
+    /// A timescale of 0 is 1000.
+    bool OnCaption(int64_t time, uint32_t timescale);
 
 private:
     /// What is remembered of a track.
@@ -38,7 +39,7 @@ private:
         uint32_t timescale = 0;  ///< Ticks per second of the first sample's time.
     };
 
-    static void Take(Track& track, int64_t time, uint32_t timescale, const char* name,
+    static bool Take(Track& track, int64_t time, uint32_t timescale, const char* name,
                      const char* function);
     void CompareStarts(int64_t pts, uint32_t timescale) const;
 

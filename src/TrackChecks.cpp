@@ -1,7 +1,10 @@
 #include "TrackChecks.h"
 
+#include <cstdint>
+
+#include "ConfigurationRecord.h"
+#include "Log.h"
 #include "ParameterSetKeeper.h"
-#include "zv_log.h"
 
 namespace kx_mp4 {
 namespace {
@@ -10,12 +13,12 @@ constexpr const char* kSource = "src/TrackChecks";
 
 mp4_status_t CheckPicture(const mp4_video_track_info_t& info) {
     if (info.timescale == 0) {
-        zv_log_error("invalid video timescale", kSource, __LINE__, "SetVideoTrack");
+        LogError("invalid video timescale", kSource, __LINE__, "SetVideoTrack");
         return MP4_STATUS_INVALID_PARAMETER;
     }
     if (info.width == 0 || info.height == 0) {
-        zv_log_error("invalid video width(%u) or height(%u)", kSource, __LINE__, "SetVideoTrack",
-                     info.width, info.height);
+        LogError("invalid video width(%u) or height(%u)", kSource, __LINE__, "SetVideoTrack",
+                 info.width, info.height);
         return MP4_STATUS_INVALID_PARAMETER;
     }
     return MP4_STATUS_SUCCESS;
@@ -23,16 +26,16 @@ mp4_status_t CheckPicture(const mp4_video_track_info_t& info) {
 
 mp4_status_t CheckParameterSets(mp4_video_track_info_t& info) {
     if (!ParameterSetKeeper::Normalise(info)) {
-        zv_log_error("negative parameter set size", kSource, __LINE__, "SetVideoTrack");
+        LogError("negative parameter set size", kSource, __LINE__, "SetVideoTrack");
         return MP4_STATUS_INVALID_PARAMETER;
     }
     if (info.codec != MP4_MVC_H264 && info.codec != MP4_MVC_HEVC && info.codec != MP4_MVC_PRORES) {
-        zv_log_error("invalid codec type %d", kSource, __LINE__, "SetVideoTrack", info.codec);
+        LogError("invalid codec type %d", kSource, __LINE__, "SetVideoTrack", info.codec);
         return MP4_STATUS_INVALID_CODEC_TYPE;
     }
     if (!ParameterSetKeeper::AreUsable(info)) {
-        zv_log_error("the video parameter sets cannot be described, the track is refused", kSource,
-                     __LINE__, "SetVideoTrack");
+        LogError("the video parameter sets cannot be described, the track is refused", kSource,
+                 __LINE__, "SetVideoTrack");
         return MP4_STATUS_UNEXPECTED_ERROR;
     }
     return MP4_STATUS_SUCCESS;
@@ -42,16 +45,16 @@ mp4_status_t CheckAudioCodec(const mp4_audio_track_info_t& info, bool complete) 
     switch (info.codec) {
         case MP4_MAC_AAC:
             if (complete) return MP4_STATUS_SUCCESS;
-            zv_log_error("invalid audio channel(%d) or sample rate(%d)", kSource, __LINE__,
-                         "SetAudioTrack", info.channels, info.sample_rate);
+            LogError("invalid audio channel(%d) or sample rate(%d)", kSource, __LINE__,
+                     "SetAudioTrack", info.channels, info.sample_rate);
             return MP4_STATUS_INVALID_PARAMETER;
         case MP4_MAC_ADTS:
             if (!complete)
-                zv_log_info("audio codec is adts, wait audio stream to get meta data", kSource,
-                            __LINE__, "SetAudioTrack");
+                LogInfo("audio codec is adts, wait audio stream to get meta data", kSource,
+                        __LINE__, "SetAudioTrack");
             return MP4_STATUS_SUCCESS;
         default:
-            zv_log_error("invalid audio codec %d", kSource, __LINE__, "SetAudioTrack", info.codec);
+            LogError("invalid audio codec %d", kSource, __LINE__, "SetAudioTrack", info.codec);
             return MP4_STATUS_INVALID_PARAMETER;
     }
 }
@@ -70,10 +73,33 @@ mp4_status_t CheckVideoTrack(mp4_video_track_info_t& info, const ReservedHeader&
     return reserved.CheckConfiguration(complete, "video", "SetVideoTrack");
 }
 
+mp4_status_t TakeConfigurationRecord(const uint8_t* record, uint32_t size,
+                                     mp4_video_track_info_t& info, uint32_t& lengthSize) {
+    const auto read = ReadConfigurationRecord(info.codec, record, size);
+    const bool fits = read && read->vps.size <= INT16_MAX && read->sps.size <= INT16_MAX &&
+                      read->pps.size <= INT16_MAX;
+    if (!fits) {
+        LogError("the decoder configuration record cannot be read", kSource, __LINE__,
+                 "SetVideoTrack");
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    if (read->hasMoreSets)
+        LogWarn("the decoder configuration record has several sets of a kind, the first is taken",
+                kSource, __LINE__, "SetVideoTrack");
+    const auto sizeOf = [](const RecordedSet& set) { return static_cast<int16_t>(set.size); };
+    if (info.codec == MP4_MVC_H264)
+        info.h264 = {read->sps.data, sizeOf(read->sps), read->pps.data, sizeOf(read->pps)};
+    else
+        info.hevc = {read->sps.data,    sizeOf(read->sps), read->pps.data,
+                     sizeOf(read->pps), read->vps.data,    sizeOf(read->vps)};
+    lengthSize = read->lengthSize;
+    return MP4_STATUS_SUCCESS;
+}
+
 mp4_status_t CheckAudioTrack(const mp4_audio_track_info_t& info, const ReservedHeader& reserved,
                              bool& complete) {
     if (info.timescale == 0) {
-        zv_log_error("invalid timescale in audio track", kSource, __LINE__, "SetAudioTrack");
+        LogError("invalid timescale in audio track", kSource, __LINE__, "SetAudioTrack");
         return MP4_STATUS_INVALID_PARAMETER;
     }
     mp4_status_t status = reserved.CheckDuration(info.frame_duration, "SetAudioTrack");
@@ -87,12 +113,12 @@ mp4_status_t CheckAudioTrack(const mp4_audio_track_info_t& info, const ReservedH
 mp4_status_t CheckMetadata(const char* key, const char* data, uint32_t size,
                            mp4_meta_data_type_t type) {
     if (key == nullptr || data == nullptr) {
-        zv_log_error("invalid meta data", kSource, __LINE__, "SetMetadata");
+        LogError("invalid meta data", kSource, __LINE__, "SetMetadata");
         return MP4_STATUS_INVALID_PARAMETER;
     }
     const bool sized = type == MP4_META_DATA_TYPE_INT || type == MP4_META_DATA_TYPE_RAW;
     if (sized && size == 0) {
-        zv_log_error("invalid meta(%s) data length 0", kSource, __LINE__, "SetMetadata", key);
+        LogError("invalid meta(%s) data length 0", kSource, __LINE__, "SetMetadata", key);
         return MP4_STATUS_INVALID_PARAMETER;
     }
     return MP4_STATUS_SUCCESS;

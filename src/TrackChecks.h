@@ -15,6 +15,11 @@ namespace kx_mp4 {
 /// @return As CMp4Muxer::SetVideoTrack.
 mp4_status_t CheckVideoTrack(mp4_video_track_info_t& info, const ReservedHeader& reserved,
                              bool& complete);
+/// Puts the parameter sets of an `avcC` or `hvcC` record into the description; they stay in the
+/// record. `lengthSize` is what is in front of each NAL unit of the frames, in bytes.
+/// @return As CMp4Muxer::SetVideoTrack with a record.
+mp4_status_t TakeConfigurationRecord(const uint8_t* record, uint32_t size,
+                                     mp4_video_track_info_t& info, uint32_t& lengthSize);
 /// `complete` tells whether the configuration is there.
 /// @return As CMp4Muxer::SetAudioTrack.
 mp4_status_t CheckAudioTrack(const mp4_audio_track_info_t& info, const ReservedHeader& reserved,

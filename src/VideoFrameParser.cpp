@@ -49,6 +49,22 @@ bool CVideoFrameParser::Parse(const uint8_t* pbFrame, int cbFrame) {
     return !empty();
 }
 
+bool CVideoFrameParser::ParseLengths(const uint8_t* pbFrame, int cbFrame, uint32_t lengthSize) {
+    clear();
+    if (pbFrame == nullptr) return false;
+    const uint8_t* const end = pbFrame + cbFrame;
+    for (const uint8_t* next = pbFrame; next != end;) {
+        if (static_cast<size_t>(end - next) < lengthSize) return false;
+        uint32_t length = 0;
+        for (uint32_t i = 0; i < lengthSize; ++i)
+            length = length << 8 | *next++;
+        if (static_cast<size_t>(end - next) < length) return false;
+        if (length != 0) push_back(Slice(next, next + length));
+        next += length;
+    }
+    return !empty();
+}
+
 uint8_t CH264Nal::GetTag(const uint8_t* pbData, int /*cbData*/) {
     return h264::NalUnitType(pbData[0]);
 }

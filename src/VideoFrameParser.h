@@ -29,6 +29,10 @@ public:
     /// Bytes before the first start code are ignored; the zero byte of a four-byte start code does
     /// not belong to the unit before it; a start code that ends the frame is not taken for one.
     bool Parse(const uint8_t* pbFrame, int cbFrame);
+
+    /// The same for units behind their lengths of 1, 2 or 4 bytes (ISO/IEC 14496-15, 5.3.2). False
+    /// unless the lengths fill the frame exactly; empty units are left out.
+    bool ParseLengths(const uint8_t* pbFrame, int cbFrame, uint32_t lengthSize);
 };
 
 /// Classifies NAL units by their header. `pbData` points at the header byte.

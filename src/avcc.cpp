@@ -1,6 +1,6 @@
 #include "avcc.h"
 
-#include "zv_log.h"
+#include "Log.h"
 
 using kx_mp4::CountBytes;
 using kx_mp4::PutBoxHeader;
@@ -52,8 +52,8 @@ void CMp4AvccAtom::calcSize() {
 
 void CMp4AvccAtom::Write() {
     if (m_sps.size() < kSmallestSps || m_pps.empty()) {
-        zv_log_error("Invalid sps(%d) or pps(%d) size !", "src/avcc", __LINE__, "Write",
-                     static_cast<int>(m_sps.size()), static_cast<int>(m_pps.size()));
+        kx_mp4::LogError("Invalid sps(%d) or pps(%d) size !", "src/avcc", __LINE__, "Write",
+                         static_cast<int>(m_sps.size()), static_cast<int>(m_pps.size()));
         throw int{kUnusableParameterSets};
     }
     WriteLeaf(*this);

@@ -1,6 +1,6 @@
 #include "co64.h"
 
-#include "zv_log.h"
+#include "Log.h"
 
 namespace {
 constexpr const char* kSource = "src/co64";
@@ -15,7 +15,7 @@ bool CMp4Co64Atom::AddChunk(int64_t nOffset) {
 
 void CMp4Co64Atom::SetMaxFrame(uint32_t num) {
     Reserve(num, false);
-    zv_log_info("max frame number:%u", kSource, __LINE__, "SetMaxFrame", num);
+    kx_mp4::LogInfo("max frame number:%u", kSource, __LINE__, "SetMaxFrame", num);
 }
 
 void CMp4Co64Atom::Update() {

@@ -1,6 +1,6 @@
 #include "hvcc.h"
 
-#include "zv_log.h"
+#include "Log.h"
 
 using kx_mp4::CountBytes;
 using kx_mp4::Low16;
@@ -41,7 +41,7 @@ CMp4HvccAtom::ParameterSet CMp4HvccAtom::Parse(NALUnitType type, const uint8_t* 
     if (size > 0) copy.assign(set, set + size);
     const auto bytes = static_cast<int>(copy.size());
     if (m_pParser->ParseNAL(copy.data(), bytes)) return copy;
-    zv_log_error("%s", kSource, __LINE__, "SetVosData", failure);
+    kx_mp4::LogError("%s", kSource, __LINE__, "SetVosData", failure);
     m_pParser->AddUnparsed(static_cast<uint8_t>(type), copy.data(), bytes);
     return copy;
 }
@@ -76,7 +76,7 @@ void CMp4HvccAtom::calcSize() {
 
 void CMp4HvccAtom::Write() {
     if (!m_pParser || m_vps.empty() || m_sps.empty() || m_pps.empty()) {
-        zv_log_error("NULL hevc head !", kSource, __LINE__, "Write");
+        kx_mp4::LogError("NULL hevc head !", kSource, __LINE__, "Write");
         throw int{kUnusableParameterSets};
     }
     m_pParser->Finish();

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "zv_log.h"
+#include "Log.h"
 
 using kx_mp4::CountBytes;
 using kx_mp4::FourCC;
@@ -148,7 +148,8 @@ void CMp4IlstAtom::Put(Out& out) const {
                     out, [&] { out.WriteInt32(Low32(item.index)); }, item.type, item.value);
                 break;
             default:
-                zv_log_error("unknown meta data type:%d", "src/ilst", __LINE__, "Write", item.type);
+                kx_mp4::LogError("unknown meta data type:%d", "src/ilst", __LINE__, "Write",
+                                 item.type);
         }
     }
 }

@@ -2,8 +2,8 @@
 
 #include <cstdio>
 
+#include "Log.h"
 #include "free.h"
-#include "zv_log.h"
 
 using kx_mp4::FourCC;
 using kx_mp4::kBoxHeaderSize;
@@ -41,8 +41,8 @@ void CMp4MdatAtom::Update() {
         m_pWriter->Seek(m_nStartPos, SEEK_SET);
         m_pWriter->WriteInt32(Low32(size));
     }
-    zv_log_info("update mdat size to %lld", "src/mdat", __LINE__, "Update",
-                static_cast<long long>(size));
+    kx_mp4::LogInfo("update mdat size to %lld", "src/mdat", __LINE__, "Update",
+                    static_cast<long long>(size));
     m_pWriter->Seek(end, SEEK_SET);
 }
 

@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <initializer_list>
 
+#include "Log.h"
 #include "Rescale.h"
-#include "zv_log.h"
 
 namespace {
 
@@ -193,21 +193,21 @@ void CMp4MoovAtom::Write() {
     SettleNominalDurations();
     SetDerivedFields();
     ContainerAtom::Write();
-    zv_log_info("moov update size finished", kSource, __LINE__, "Write");
+    kx_mp4::LogInfo("moov update size finished", kSource, __LINE__, "Write");
     VerifySize(start);
     if (!m_fastWrite) return;
     const uint64_t size = m_pWriter->Ftell();
     m_pWriter->Flush();
-    zv_log_info("moov flush finished, size:%llu", kSource, __LINE__, "Write",
-                static_cast<unsigned long long>(size));
+    kx_mp4::LogInfo("moov flush finished, size:%llu", kSource, __LINE__, "Write",
+                    static_cast<unsigned long long>(size));
 }
 
 void CMp4MoovAtom::VerifySize(int64_t start) {
     const int64_t written = WriterPos() - start;
     if (written == int64_t{GetSize()}) return;
-    zv_log_warn("calc size(%u) not equal to moov real size:%lli", kSource, __LINE__, "Write",
-                GetSize(), static_cast<long long>(written));
-    zv_log_info(
+    kx_mp4::LogWarn("calc size(%u) not equal to moov real size:%lli", kSource, __LINE__, "Write",
+                    GetSize(), static_cast<long long>(written));
+    kx_mp4::LogInfo(
         "m_mvhd size:%u, m_trakVideo size:%u, m_trakAudio size:%u, m_trakSubtitle size:%u, "
         "m_trackTC size:%u, m_udta size:%u",
         kSource, __LINE__, "Write", m_mvhd.GetSize(), m_trakVideo.GetSize(), m_trakAudio.GetSize(),

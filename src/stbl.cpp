@@ -1,6 +1,6 @@
 #include "stbl.h"
 
-#include "zv_log.h"
+#include "Log.h"
 
 namespace {
 constexpr const char* kSource = "src/stbl";
@@ -46,7 +46,7 @@ void CMp4StblAtom::SetMaxFrameNum(uint32_t num, uint32_t) {
 
 void CMp4StblAtom::Update() {
     if (!m_fixedHeaderMode) {
-        zv_log_error("logic error", kSource, __LINE__, "Update");
+        kx_mp4::LogError("logic error", kSource, __LINE__, "Update");
         return;
     }
     m_stsz.Update();
@@ -101,7 +101,7 @@ void CMp4TMCDStblAtom::SetMaxFrameNum(uint32_t num, uint32_t) {
 
 void CMp4TMCDStblAtom::Update(int32_t nDuration) {
     if (!m_fixedHeaderMode) {
-        zv_log_error("logic error", kSource, __LINE__, "Update");
+        kx_mp4::LogError("logic error", kSource, __LINE__, "Update");
         return;
     }
     m_stsz.Update();

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <iterator>
 
-#include "zv_log.h"
+#include "Log.h"
 
 using kx_mp4::CountBytes;
 using kx_mp4::Fixed16_16;
@@ -83,7 +83,7 @@ void CMp4VideoStsdAtom::SetProRes(const mp4_prores_parameter_set_t* pParam) {
         m_fourcc = kProResKinds[format].fourcc;
         m_compressor = kProResKinds[format].compressor;
     } else {
-        zv_log_error("invalid prores format %d", kSource, __LINE__, "SetProRes", format);
+        kx_mp4::LogError("invalid prores format %d", kSource, __LINE__, "SetProRes", format);
     }
     m_szTag = m_fourcc;
 }
@@ -240,7 +240,7 @@ void CMp4SubtitleStsdAtom::SetCodec(mp4_subtitle_codec codec) {
             m_szTag = "c708";
             break;
         default:
-            zv_log_error("unknown subtitle codec %d", kSource, __LINE__, "SetCodec", codec);
+            kx_mp4::LogError("unknown subtitle codec %d", kSource, __LINE__, "SetCodec", codec);
     }
 }
 

@@ -1,6 +1,6 @@
 #include "stss.h"
 
-#include "zv_log.h"
+#include "Log.h"
 
 using kx_mp4::Low32;
 
@@ -10,8 +10,8 @@ constexpr const char* kSource = "src/stss";
 
 bool CMp4StssAtom::AddSyncSample(int32_t iSampleIndex) {
     if (IsFull()) {
-        zv_log_error("video sync frame box(stss) have no left space", kSource, __LINE__,
-                     "AddSyncSample");
+        kx_mp4::LogError("video sync frame box(stss) have no left space", kSource, __LINE__,
+                         "AddSyncSample");
         return false;
     }
     ++m_frameNum;

@@ -4,8 +4,8 @@
 #include <memory>
 
 #include "AudioES.h"
+#include "Log.h"
 #include "Rescale.h"
-#include "zv_log.h"
 
 using kx_mp4::AtMost32Bits;
 using kx_mp4::Low32;
@@ -113,7 +113,7 @@ void CMp4TrakAtom::SetHeaderTimes() {
 
 void CMp4TrakAtom::Write() {
     if (!IsWritten()) {
-        zv_log_error("write without track data", "src/trak", __LINE__, "Write");
+        kx_mp4::LogError("write without track data", "src/trak", __LINE__, "Write");
         return;
     }
     SettleNominalDuration();
@@ -253,8 +253,8 @@ void CMp4AudioTrakAtom::SetAudioInfo(const mp4_audio_track_info_t* pTrackInfo) {
     setFrameDuration(frameDuration);
     if (m_info.codec != MP4_MAC_AAC && m_info.codec != MP4_MAC_ADTS) return;
     if (!CAudioES::CanDescribe(m_info.profile))
-        zv_log_warn("AAC object type %d cannot be described, it is recorded as AAC LC", "src/trak",
-                    __LINE__, "SetAudioInfo", m_info.profile);
+        kx_mp4::LogWarn("AAC object type %d cannot be described, it is recorded as AAC LC",
+                        "src/trak", __LINE__, "SetAudioInfo", m_info.profile);
     uint8_t szEs[CAudioES::kMaxConfigSize] = {};
     const int size = CAudioES::Generate(m_info.profile, sampleRate, m_info.channels, szEs);
     SampleTable().SetAAC(szEs, size);

@@ -13,13 +13,18 @@ namespace {
 std::mutex g_mutex;
 std::vector<LogLine> g_lines;
 
+void KeepText(const char* level, const char* text, const char* file, int line,
+              const char* function) {
+    const FaultPause ours;  // the memory of this list is none of the library's
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    g_lines.push_back({level, text, file, function, line});
+}
+
 void Keep(const char* level, const char* format, const char* file, int line, const char* function,
           va_list arguments) {
     char text[1024];
     std::vsnprintf(text, sizeof text, format, arguments);
-    const FaultPause ours;  // the memory of this list is none of the library's
-    const std::lock_guard<std::mutex> lock(g_mutex);
-    g_lines.push_back({level, text, file, function, line});
+    KeepText(level, text, file, line, function);
 }
 
 }  // namespace
@@ -51,11 +56,14 @@ void zv_log_info(const char* format, const char* file, int line, const char* fun
 extern "C" int __wrap_printf(const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    const bool ours = std::strstr(format, "[line %d]") != nullptr;
-    if (ours) Keep("print", format, "", 0, "", arguments);
-    const int printed = ours ? 0 : std::vprintf(format, arguments);
+    char text[1024];
+    const int length = std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
-    return printed;
+    if (std::strstr(text, "[line ") != nullptr)
+        KeepText("print", text, "", 0, "");
+    else
+        std::fputs(text, stdout);
+    return length;
 }
 // NOLINTEND(bugprone-reserved-identifier)
 

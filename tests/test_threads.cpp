@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -105,10 +107,13 @@ TEST_F(Threads, FourWriteAndAFifthAsks) {
         std::atomic<bool> done{false};
         std::thread asking([&] {
             uint64_t last = 0;
+            mp4_statistics_t statistics{};
+            statistics.struct_size = sizeof statistics;
             while (!done) {
                 const uint64_t now = m_muxer.GetDurationMS();
                 EXPECT_GE(now, last);
                 last = now;
+                EXPECT_EQ(m_muxer.GetStatistics(&statistics), MP4_STATUS_SUCCESS);
             }
         });
         const auto taken = WriteFromFourThreads([] {});
@@ -119,6 +124,74 @@ TEST_F(Threads, FourWriteAndAFifthAsks) {
         EXPECT_EQ(taken, std::vector<uint32_t>(4, kFrames));
         ExpectFile(taken);
     }
+}
+
+/// An output whose next large write waits until it is let go.
+struct StuckOutput {
+    std::mutex mutex;
+    std::condition_variable changed;
+    int64_t position = 0;
+    bool armed = false;
+    bool stuck = false;
+
+    static StuckOutput& Of(void* user) { return *static_cast<StuckOutput*>(user); }
+    static int64_t Tell(void* user) { return Of(user).position; }
+    static int Seek(void* user, int64_t offset, int) {
+        Of(user).position = offset;
+        return 1;
+    }
+    static int Write(void* user, const void*, uint32_t size) {
+        StuckOutput& out = Of(user);
+        out.position += size;
+        std::unique_lock<std::mutex> lock(out.mutex);
+        if (!out.armed) return 1;
+        out.stuck = true;
+        out.changed.notify_all();
+        out.changed.wait(lock, [&out] { return !out.armed; });
+        return 1;
+    }
+    void Arm(bool on) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        armed = on;
+        changed.notify_all();
+    }
+    void AwaitStuck() {
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait(lock, [this] { return stuck; });
+        stuck = false;
+    }
+};
+
+// If a query waited for the write, the write would never be let go.
+TEST_F(Threads, QueriesDoNotWaitForAWriteNorForClose) {
+    StuckOutput out;
+    ASSERT_EQ(m_muxer.Create("out.mp4", MP4_CONTAINER_MP4, 0,
+                             {&out, nullptr, nullptr, StuckOutput::Tell, StuckOutput::Seek, nullptr,
+                              StuckOutput::Write}),
+              MP4_STATUS_SUCCESS);
+    ASSERT_EQ(streams::Run(m_muxer, streams::Everything(10)), MP4_STATUS_SUCCESS);
+    const uint64_t duration = m_muxer.GetDurationMS();
+    ASSERT_GT(duration, 0U);
+    for (const bool closing : {false, true}) {
+        out.Arm(true);
+        std::thread blocked(
+            [&] { EXPECT_EQ(closing ? m_muxer.Close() : Video(10), MP4_STATUS_SUCCESS); });
+        out.AwaitStuck();
+        EXPECT_TRUE(m_muxer.IsOpen());
+        EXPECT_GE(m_muxer.GetDurationMS(), duration);
+        EXPECT_GT(m_muxer.GetMoovSize(), 0U);
+        EXPECT_GT(m_muxer.GetVideoBitrate(), 0.0);
+        EXPECT_GT(m_muxer.GetAudioBitrate(), 0.0);
+        EXPECT_GT(m_muxer.GetCurFileSize(), 0);
+        mp4_statistics_t statistics{};
+        statistics.struct_size = sizeof statistics;
+        EXPECT_EQ(m_muxer.GetStatistics(&statistics), MP4_STATUS_SUCCESS);
+        EXPECT_EQ(statistics.video.samples, closing ? 11U : 10U);
+        out.Arm(false);
+        blocked.join();
+    }
+    EXPECT_FALSE(m_muxer.IsOpen());
+    EXPECT_EQ(m_muxer.GetMoovSize(), 0U);
 }
 
 TEST_F(Threads, CloseWhileOthersWrite) {

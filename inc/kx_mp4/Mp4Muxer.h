@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string_view>
 
 #include "kx_mp4/export.h"
 #include "kx_mp4/kx_mp4.h"
@@ -21,9 +22,10 @@ struct MuxerState;
 ///
 /// | ftyp | free (MP4 only) | mdat: samples of all tracks, as they came ... | moov |
 ///
-/// Threads: Close, GetDurationMS and the four frame writers lock, so frames of different tracks
-/// may come from different threads. Nothing else locks: the caller must not run Create, the set-up
-/// operations, Flush or the other queries at the same time as a locked operation.
+/// Threads: Close and the four frame writers lock, so frames of different tracks may come from
+/// different threads. The queries may be asked by any thread at any time and wait for no write.
+/// Nothing else locks: the caller must not run Create, the set-up operations or
+/// Flush at the same time as a locked operation.
 ///
 /// Every operation catches what is thrown inside. Statuses that any of them can return:
 /// #MP4_STATUS_FILE_NOT_OPEN without a file; after a failed write, seek or sync the status of that
@@ -62,6 +64,27 @@ public:
     mp4_status_t Create(const wchar_t* pFilePath, uint32_t nBlockSize, uint32_t nBufferBlocks,
                         uint8_t uFlag, mp4_io_mode ioMode, mp4_file_io_func_t* pFunc);
 
+    /// The same for a path in UTF-8, which needs no locale: it is taken for the system's bytes, and
+    /// callbacks of #mp4_file_io_func_t get it in wide characters.
+    ///
+    /// @param path       The path, copied; at most 1022 bytes, with the repair info file 1017.
+    /// @param container  The kind of file.
+    /// @param config     Read during the call; its callbacks must live until Close has returned.
+    /// @return As above; #MP4_STATUS_INVALID_PARAMETER for an empty path, and for one that is not
+    ///         UTF-8 or has a zero byte.
+    mp4_status_t Create(std::string_view path, mp4_container container, const mp4_config_t& config);
+    /// The same with the caller's output in its second form.
+    ///
+    /// @param path       The path in UTF-8, copied; `open` gets it, and the repair info file lies
+    ///                   beside it.
+    /// @param container  The kind of file.
+    /// @param flags      Bits of #mp4_config_flag.
+    /// @param callbacks  Copied.
+    /// @return As above; #MP4_STATUS_INVALID_PARAMETER also when `tell`, `seek` or `write` is
+    ///         missing, or `open` fails.
+    mp4_status_t Create(std::string_view path, mp4_container container, uint32_t flags,
+                        const mp4_io_callbacks_t& callbacks);
+
     /// Finishes the file: true media data size, index, then the repair info file is removed. With
     /// one beside a file of its own, the movie is pushed to the storage device before.
     ///
@@ -70,7 +93,14 @@ public:
     /// empty, which is a success. A second Close does nothing.
     mp4_status_t Close();
 
-    /// Whether a file is open and its writer has not failed.
+    /// Sends this object's log lines to `function` instead of the link-time functions of zv_log.h,
+    /// and what would go to standard output as well. Not while another operation runs.
+    ///
+    /// @param function  Null goes back to the link-time functions.
+    /// @param user      Its first argument; must live as long as this object or until replaced.
+    void SetLogCallback(mp4_log_callback_t function, void* user);
+
+    /// Whether a file is open and its writer has not failed, as the last operation left it.
     bool IsOpen();
     /// Whether a repair info file was asked for and everything so far is in it. For any thread at
     /// any time.
@@ -88,6 +118,14 @@ public:
     double GetVideoBitrate();
     /// KiB per second of the audio track so far, -1 when not open.
     double GetAudioBitrate();
+    /// Counts and times of the recording that runs, or of the last one.
+    ///
+    /// Any thread may call it at any time; it waits for no write. The numbers are each right, but
+    /// not all of one moment.
+    /// @param statistics  The caller sets `struct_size`; everything that lies within it is filled
+    /// in.
+    /// @return #MP4_STATUS_INVALID_PARAMETER for null or a `struct_size` that does not hold itself.
+    mp4_status_t GetStatistics(mp4_statistics_t* statistics);
     /// Video frames between two pushes of the repair info file to the storage device; at least 10,
     /// otherwise #MP4_STATUS_INVALID_PARAMETER. 900 by default.
     mp4_status_t SetRepairFlushInterval(uint32_t interval);
@@ -125,6 +163,20 @@ public:
     ///         #MP4_STATUS_UNEXPECTED_ERROR for parameter sets that the file cannot describe. A
     ///         refused declaration leaves the one before it in place.
     mp4_status_t SetVideoTrack(const mp4_video_track_info* pTrackInfo);
+    /// Declares a video track whose frames have a length in front of each NAL unit instead of start
+    /// codes (ISO/IEC 14496-15, 5.3.2), as many capture interfaces give them. The file is the same
+    /// as from start codes.
+    ///
+    /// @param pTrackInfo  As above; its parameter sets are not looked at.
+    /// @param record      The `avcC` or `hvcC` record without box header; read during the call. Of
+    ///                    several sets of a kind the first is taken, which is logged. Without sets
+    ///                    they are taken from the stream.
+    /// @param recordSize  Bytes.
+    /// @return As above; #MP4_STATUS_INVALID_PARAMETER also for ProRes and for a record that cannot
+    ///         be read. WriteVideoFrame then answers #MP4_STATUS_INVALID_VIDEO_STREAM for lengths
+    ///         that do not fill the frame.
+    mp4_status_t SetVideoTrack(const mp4_video_track_info* pTrackInfo, const uint8_t* record,
+                               uint32_t recordSize);
     /// Declares the audio track. ADTS without sample rate or channels takes both, and the profile,
     /// from the first frame's header.
     /// @return #MP4_STATUS_INVALID_PARAMETER for null, a timescale of 0, an unknown codec, or raw

@@ -7,6 +7,7 @@
 #ifndef KX_MP4_KX_MP4_H
 #define KX_MP4_KX_MP4_H
 
+#include <cstddef>
 #include <cstdint>
 
 #include "kx_mp4/export.h"
@@ -221,6 +222,91 @@ typedef struct mp4_config {
                                                 ///< recording (until Close has returned).
     mp4_safe_write_config_t safe_write_config;  ///< Not read.
 } mp4_config_t;
+
+/// The kind of file, for CMp4Muxer::Create with a UTF-8 path.
+enum mp4_container : int {
+    MP4_CONTAINER_FROM_PATH = 0,  ///< A path that contains "mov" anywhere gives a QuickTime movie.
+    MP4_CONTAINER_MP4 = 1,        ///< ISO base media file.
+    MP4_CONTAINER_QUICKTIME = 2,  ///< QuickTime movie.
+};
+
+/// The caller's output with an argument of the caller's, the second form of #mp4_file_io_func_t.
+///
+/// The output must be seekable: sizes are patched in place. Callbacks run on the thread that is
+/// inside the muxer's operation, one at a time, under the muxer's lock; they must not call back
+/// into the muxer. The record is copied; what `user` points to must live until Close has returned.
+/// Those that return an int say 1 for success; anything else is a failure that the operation
+/// answers with, by the errno that the callback leaves.
+typedef struct mp4_io_callbacks {
+    void* user;  ///< The first argument of every callback; not looked at.
+    /// Opens the output; the path is UTF-8. May be null. A failure refuses Create.
+    int (*open)(void* user, const char* path);
+    /// Closes the output; called once. May be null. Close answers with its failure.
+    int (*close)(void* user);
+    /// The current write position in bytes; negative is a failure.
+    int64_t (*tell)(void* user);
+    /// Moves the position; `whence` is SEEK_SET, SEEK_CUR or SEEK_END.
+    int (*seek)(void* user, int64_t offset, int whence);
+    /// Pushes what was written to storage. May be null.
+    int (*flush)(void* user);
+    /// Writes exactly `size` bytes, never 0.
+    int (*write)(void* user, const void* buffer, uint32_t size);
+} mp4_io_callbacks_t;
+
+/// How much a log line matters.
+typedef enum mp4_log_level : int {
+    MP4_LOG_INFO = 0,     ///< Progress and timings.
+    MP4_LOG_WARNING = 1,  ///< Something doubtful that the library went on from.
+    MP4_LOG_ERROR = 2,    ///< A failure.
+} mp4_log_level_t;
+
+/// Takes one log line of a muxer, on the thread that is inside its operation. It must not throw,
+/// nor call back into the muxer, nor wait for a thread that does; the strings live during the call.
+///
+/// @param user       As given to CMp4Muxer::SetLogCallback.
+/// @param level      How much it matters.
+/// @param source     The source file without extension, such as "src/MuxerState".
+/// @param line       The line in it.
+/// @param operation  The operation that logs, such as "Create".
+/// @param text       The line without a newline, at most 1023 bytes.
+typedef void (*mp4_log_callback_t)(void* user, mp4_log_level_t level, const char* source, int line,
+                                   const char* operation, const char* text);
+
+/// What CMp4Muxer::GetStatistics tells of a track.
+typedef struct mp4_track_statistics {
+    uint64_t samples;    ///< In the index.
+    uint64_t bytes;      ///< Of these samples.
+    int64_t first_time;  ///< Decode time of the first sample, ticks.
+    int64_t last_time;   ///< Decode time of the last sample, ticks.
+    uint32_t timescale;  ///< Ticks per second; 0 without samples.
+    uint64_t dropped;    ///< Frames that were taken and are not in the file.
+    uint64_t odd_times;  ///< Decode times that went back, or forward by more than an hour.
+} mp4_track_statistics_t;
+
+/// Entries of mp4_statistics_t::calls.
+constexpr size_t MP4_CALL_DURATIONS = 32;
+
+/// What CMp4Muxer::GetStatistics tells of the recording that runs, or of the last one.
+typedef struct mp4_statistics {
+    /// Bytes of this record as the caller knows it; set before the call. A later library fills in
+    /// no more than that.
+    size_t struct_size;
+    mp4_track_statistics_t video;     ///< Video track.
+    mp4_track_statistics_t audio;     ///< Audio track.
+    mp4_track_statistics_t captions;  ///< Caption track.
+    mp4_track_statistics_t timecode;  ///< Timecode track; its times are 0.
+    uint64_t last_write_us;           ///< Microseconds that the last sample's write took.
+    uint64_t longest_write_us;        ///< The longest of them.
+    uint64_t last_push_us;            ///< Microseconds that the last push of the output or the
+                                      ///< repair info file to the storage device took.
+    uint64_t longest_push_us;         ///< The longest of them.
+    /// How many calls of the frame writers took how long, waiting included: less than 1
+    /// microsecond, 1, 2 to 3, 4 to 7, and so on by powers of two; the last entry also holds
+    /// everything longer.
+    uint64_t calls[MP4_CALL_DURATIONS];
+    uint64_t index_bytes;         ///< As CMp4Muxer::GetMoovSize.
+    uint32_t repair_info_active;  ///< 1 or 0, as CMp4Muxer::IsRepairInfoActive.
+} mp4_statistics_t;
 
 extern "C" {
 /// The name of a status, such as "MP4_STATUS_NO_SPACE_LEFT", for logs and messages.
