@@ -7,7 +7,6 @@
 #include "AdtsHeader.h"
 
 using kx_mp4::kAacSampleRates;
-using kx_mp4::SampleRateOfField;
 
 namespace {
 
