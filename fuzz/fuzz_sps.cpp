@@ -11,8 +11,6 @@ namespace hevc = kx_mp4::hevc;
 
 namespace {
 
-using namespace kxmux;
-
 void Require(bool holds) {
     if (!holds) std::abort();
 }

@@ -349,7 +349,7 @@ TEST(Door, StatisticsCountWhatIsInTheFileAndWhatIsNot) {
     ASSERT_EQ(muxer.SetVideoTrack(&deferred), MP4_STATUS_SUCCESS);
     ASSERT_EQ(muxer.SetAudioTrack(&audio), MP4_STATUS_SUCCESS);
     ASSERT_EQ(Write(muxer, Hex("00000001 4188"), 0), MP4_STATUS_SUCCESS);  // no parameter sets yet
-    for (const uint64_t time : {9000, 12000, 3000})
+    for (const uint64_t time : {9000U, 12000U, 3000U})
         ASSERT_EQ(Write(muxer, streams::AccessUnit(streams::PictureUnits(0)), time),
                   MP4_STATUS_SUCCESS);
     const Bytes sound(7, 0x21);

@@ -26,7 +26,6 @@ using namespace repair_scenario;
 
 namespace {
 
-constexpr uint32_t kBothWide = MP4_FLAG_64BIT_SIZE | MP4_FLAG_64BIT_TIME;
 constexpr size_t kFirstSample = 44;
 constexpr uint64_t kPast32Bits = uint64_t{5} << 32;
 

@@ -128,7 +128,7 @@ TEST(StreamSeeds, AreCutAsIsKept) {
     ExpectReplayKept("stream_cutters", [](std::ostream& out, const Bytes& seed) {
         const std::string text = Cut(seed, 3);
         out << text;
-        for (const size_t step : {1, 2, 7, 100000})
+        for (const size_t step : {1U, 2U, 7U, 100000U})
             EXPECT_EQ(Cut(seed, step), text) << "in pieces of " << step;
     });
     // Given up long before all of it is in memory.
