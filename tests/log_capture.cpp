@@ -5,7 +5,7 @@
 #include <cstring>
 #include <mutex>
 
-#include "fault_injection.h"
+#include "system_calls.h"
 #include "zv_log.h"
 
 namespace {

@@ -6,10 +6,55 @@
 
 MemoryOutput* MemoryOutput::s_next = nullptr;
 
+namespace {
+
+MemoryOutput& Of(void* output) {
+    return *static_cast<MemoryOutput*>(output);
+}
+
+}  // namespace
+
 mp4_file_io_func_t* MemoryOutput::Functions() {
     s_next = this;
-    m_functions = {Init, Uninit, Tell, Seek, Flush, Read, Write};
+    m_functions.init = [](kx_mp4_handle* handle, const wchar_t* path, uint32_t blockSize,
+                          uint32_t blocks) {
+        *handle = s_next;
+        const std::wstring wide(path);
+        return s_next->Init(std::string(wide.begin(), wide.end()) + " " +
+                            std::to_string(blockSize) + " " + std::to_string(blocks));
+    };
+    m_functions.uninit = [](kx_mp4_handle out) { return Of(out).Uninit(); };
+    m_functions.tell = [](kx_mp4_handle out) {
+        Of(out).Called("tell");
+        return Of(out).m_position;
+    };
+    m_functions.seek = [](kx_mp4_handle out, int64_t offset, int whence) {
+        Of(out).Seek(offset, whence);
+    };
+    m_functions.flush = [](kx_mp4_handle out) { Of(out).Called("flush"); };
+    m_functions.read = [](kx_mp4_handle, void*, uint32_t) { return 0; };
+    m_functions.write = [](kx_mp4_handle out, const void* buffer, uint32_t size) {
+        return Of(out).Write(buffer, size);
+    };
     return &m_functions;
+}
+
+mp4_io_callbacks_t MemoryOutput::Callbacks() {
+    mp4_io_callbacks_t callbacks{};
+    callbacks.user = this;
+    callbacks.open = [](void* out, const char* path) { return Of(out).Init(path) ? 1 : 0; };
+    callbacks.close = [](void* out) { return Of(out).Uninit() ? 1 : 0; };
+    callbacks.tell = [](void* out) {
+        return Of(out).Called("tell") ? static_cast<int64_t>(Of(out).m_position) : -1;
+    };
+    callbacks.seek = [](void* out, int64_t offset, int whence) {
+        return Of(out).Seek(offset, whence) ? 1 : 0;
+    };
+    callbacks.flush = [](void* out) { return Of(out).Called("flush") ? 1 : 0; };
+    callbacks.write = [](void* out, const void* buffer, uint32_t size) {
+        return Of(out).Write(buffer, size);
+    };
+    return callbacks;
 }
 
 uint8_t MemoryOutput::ByteAt(uint64_t position) const {
@@ -30,66 +75,45 @@ MovieReader MemoryOutput::Movie() const {
     return MovieReader(m_size, [this](uint64_t position) { return ByteAt(position); });
 }
 
-bool MemoryOutput::Init(kx_mp4_handle* handle, const wchar_t* path, uint32_t blockSize,
-                        uint32_t blocks) {
-    MemoryOutput& output = *s_next;
-    std::string call = "init ";
-    for (; *path != 0; ++path)
-        call += static_cast<char>(*path);
-    output.calls.push_back(call + " " + std::to_string(blockSize) + " " + std::to_string(blocks));
-    if (output.refuseInit) return false;
-    output.open = true;
-    *handle = &output;
-    return true;
+bool MemoryOutput::Called(const std::string& call) {
+    calls.push_back(call);
+    if (!onCall || onCall(std::string_view(call).substr(0, call.find(' ')))) return true;
+    errno = failureErrno;
+    return false;
 }
 
-bool MemoryOutput::Uninit(kx_mp4_handle handle) {
-    auto& output = *static_cast<MemoryOutput*>(handle);
-    output.calls.push_back("uninit");
-    output.open = false;
-    return true;
+bool MemoryOutput::Init(const std::string& arguments) {
+    open = Called("init " + arguments);
+    return open;
 }
 
-uint64_t MemoryOutput::Tell(kx_mp4_handle handle) {
-    auto& output = *static_cast<MemoryOutput*>(handle);
-    output.calls.push_back("tell");
-    return output.m_position;
+bool MemoryOutput::Uninit() {
+    open = false;
+    return Called("uninit");
 }
 
-void MemoryOutput::Seek(kx_mp4_handle handle, int64_t offset, int whence) {
-    auto& output = *static_cast<MemoryOutput*>(handle);
-    output.calls.push_back("seek " + std::to_string(offset) + " " + std::to_string(whence));
-    const uint64_t base = whence == SEEK_SET   ? 0
-                          : whence == SEEK_CUR ? output.m_position
-                                               : output.m_size;
-    output.m_position = base + static_cast<uint64_t>(offset);
+bool MemoryOutput::Seek(int64_t offset, int whence) {
+    const uint64_t base = whence == SEEK_SET ? 0 : whence == SEEK_CUR ? m_position : m_size;
+    m_position = base + static_cast<uint64_t>(offset);
+    return Called("seek " + std::to_string(offset) + " " + std::to_string(whence));
 }
 
-void MemoryOutput::Flush(kx_mp4_handle handle) {
-    static_cast<MemoryOutput*>(handle)->calls.push_back("flush");
-}
-
-int MemoryOutput::Read(kx_mp4_handle, void*, uint32_t) {
-    return 0;
-}
-
-int MemoryOutput::Write(kx_mp4_handle handle, const void* buffer, uint32_t size) {
-    auto& output = *static_cast<MemoryOutput*>(handle);
-    output.calls.push_back("write " + std::to_string(size));
-    if (++output.writes >= output.failingWrite && output.failingWrite != 0) {
-        errno = output.failureErrno;
-        return output.failureResult;
+int MemoryOutput::Write(const void* buffer, uint32_t size) {
+    const bool good = Called("write " + std::to_string(size));
+    if (!good || (++writes >= failingWrite && failingWrite != 0)) {
+        errno = failureErrno;
+        return failureResult;
     }
     const auto* bytes = static_cast<const uint8_t*>(buffer);
-    if (output.onWrite) output.onWrite(output.m_position, bytes, size);
-    for (uint64_t i = 0, piece = 0; i < size && size < output.dropFrom; i += piece) {
-        const uint64_t inPage = (output.m_position + i) % kPageSize;
+    if (onWrite) onWrite(m_position, bytes, size);
+    for (uint64_t i = 0, piece = 0; i < size && size < dropFrom; i += piece) {
+        const uint64_t inPage = (m_position + i) % kPageSize;
         piece = std::min(size - i, kPageSize - inPage);
-        Bytes& page = output.m_pages[(output.m_position + i) / kPageSize];
+        Bytes& page = m_pages[(m_position + i) / kPageSize];
         page.resize(kPageSize);
         std::copy_n(bytes + i, piece, page.data() + inPage);
     }
-    output.m_position += size;
-    output.m_size = std::max(output.m_size, output.m_position);
+    m_position += size;
+    m_size = std::max(m_size, m_position);
     return 1;
 }

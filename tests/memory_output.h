@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kx_mp4/kx_mp4.h"
@@ -16,16 +17,20 @@ class MemoryOutput {
 public:
     /// The callbacks; the next `init` opens this output.
     mp4_file_io_func_t* Functions();
+    /// Those with an argument.
+    mp4_io_callbacks_t Callbacks();
 
     /// The `failingWrite`-th write (from 1) and every later one fails with this error number.
     int failingWrite = 0;
     int failureErrno = 28;  // ENOSPC
     /// What a failing write returns; anything but 1 is a failure.
     int failureResult = 0;
-    bool refuseInit = false;
     /// Writes of at least this size only move the position: their bytes read as zeros.
     uint32_t dropFrom = UINT32_MAX;
 
+    /// Comes before each callback ("init", "uninit", "tell", "seek", "flush", "write"): may wait,
+    /// throw, or answer that it fails.
+    std::function<bool(std::string_view callback)> onCall;
     /// Sees every write that succeeds: position and bytes.
     std::function<void(uint64_t position, const uint8_t* bytes, uint32_t size)> onWrite;
 
@@ -42,14 +47,11 @@ public:
 private:
     static constexpr uint64_t kPageSize = 4096;
 
-    static bool Init(kx_mp4_handle* handle, const wchar_t* path, uint32_t blockSize,
-                     uint32_t blocks);
-    static bool Uninit(kx_mp4_handle handle);
-    static uint64_t Tell(kx_mp4_handle handle);
-    static void Seek(kx_mp4_handle handle, int64_t offset, int whence);
-    static void Flush(kx_mp4_handle handle);
-    static int Read(kx_mp4_handle handle, void* buffer, uint32_t size);
-    static int Write(kx_mp4_handle handle, const void* buffer, uint32_t size);
+    bool Called(const std::string& call);
+    bool Init(const std::string& arguments);
+    bool Uninit();
+    bool Seek(int64_t offset, int whence);
+    int Write(const void* buffer, uint32_t size);
 
     static MemoryOutput* s_next;
 

@@ -206,6 +206,28 @@ std::vector<Step> Everything(uint32_t pictures, const Recipe& recipe) {
     return steps;
 }
 
+std::vector<Step> EveryCall() {
+    using Muxer = CMp4Muxer;
+    auto steps = Everything(1);
+    for (Step& step : std::vector<Step>{
+             {"SetVideoTrack null", [](Muxer& m) { return m.SetVideoTrack(nullptr); }},
+             {"SetAudioTrack null", [](Muxer& m) { return m.SetAudioTrack(nullptr); }},
+             {"SetSubtitleTrack null", [](Muxer& m) { return m.SetSubtitleTrack(nullptr); }},
+             {"SetTCMDTrack null", [](Muxer& m) { return m.SetTCMDTrack(nullptr); }},
+             {"SetMetadata null",
+              [](Muxer& m) {
+                  return m.SetMetadata(nullptr, nullptr, 0, MP4_META_DATA_TYPE_RAW, nullptr);
+              }},
+             {"SetLiveIndex", [](Muxer& m) { return m.SetLiveIndex(1000); }},
+             {"SetCompositionOffsets", [](Muxer& m) { return m.SetCompositionOffsets(true); }},
+             {"WriteVideoFrame null", [](Muxer& m) { return m.WriteVideoFrame(nullptr, 0, 0, 0); }},
+             {"WriteSubtitleFrame null",
+              [](Muxer& m) { return m.WriteSubtitleFrame(nullptr, 0, 0); }},
+             {"Flush", [](Muxer& m) { return m.Flush(); }}})
+        steps.push_back(std::move(step));
+    return steps;
+}
+
 std::vector<Expected> ExpectEverything(uint32_t pictures, const Recipe& recipe) {
     std::vector<Expected> samples;
     for (const Step& step : WriteEverything(pictures, recipe))

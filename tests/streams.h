@@ -81,6 +81,9 @@ std::vector<Step> SetUpEverything(const Recipe& recipe);
 std::vector<Step> WriteEverything(uint32_t pictures, const Recipe& recipe = {});
 /// Set-up and frames.
 std::vector<Step> Everything(uint32_t pictures, const Recipe& recipe = {});
+/// Every operation that answers with a status and needs a file, with arguments that are fine and
+/// with null everything; "Flush" comes last.
+std::vector<Step> EveryCall();
 std::vector<Expected> ExpectEverything(uint32_t pictures, const Recipe& recipe = {});
 
 mp4_config_t FileConfig(uint32_t flags);

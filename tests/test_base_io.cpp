@@ -6,11 +6,11 @@
 #include <string>
 
 #include "BaseIO.h"
-#include "fault_injection.h"
 #include "log_capture.h"
 #include "memory_output.h"
 #include "movie_reader.h"
 #include "scratch_folder.h"
+#include "system_calls.h"
 
 namespace {
 
@@ -237,9 +237,9 @@ TEST(BufferIo, ReportsMemoryThatIsNotThere) {
 TEST(ExternalWriter, AdaptsTheCallbacks) {
     MemoryOutput output;
     ExternalWriter writer(output.Functions());
-    output.refuseInit = true;
+    output.onCall = [](std::string_view callback) { return callback != "init"; };
     EXPECT_EQ(writer.Init(L"a", 0, 0), MP4_STATUS_EXTERNAL_FUNC_FAILED);
-    output.refuseInit = false;
+    output.onCall = nullptr;
     ASSERT_EQ(writer.Init(L"b", 3, 4), MP4_STATUS_SUCCESS);
     writer.WriteInt32(5);
     EXPECT_EQ(writer.Ftell(), 4U);

@@ -9,7 +9,6 @@
 #include <optional>
 #include <stdexcept>
 
-#include "fault_injection.h"
 #include "kx_mp4/Mp4Muxer.h"
 #include "kx_mp4/buffered_io.h"
 #include "log_capture.h"
@@ -18,6 +17,7 @@
 #include "scratch_folder.h"
 #include "side_file.h"
 #include "streams.h"
+#include "system_calls.h"
 #include "test_pattern.h"
 
 namespace {
@@ -29,28 +29,6 @@ using Of = FaultInjection::Of;
 
 const Recipe kRecipes[] = {{MP4_MVC_H264, false}, {MP4_MVC_H264, true},    {MP4_MVC_HEVC, false},
                            {MP4_MVC_HEVC, true},  {MP4_MVC_PRORES, false}, {MP4_MVC_PRORES, true}};
-
-/// Every operation that answers with a status and needs a file, with arguments that are fine and
-/// with null everything.
-std::vector<streams::Step> EveryCall() {
-    auto calls = streams::Everything(1);
-    using Muxer = CMp4Muxer;
-    const std::pair<const char*, mp4_status_t (*)(Muxer&)> kOthers[] = {
-        {"SetVideoTrack null", [](Muxer& m) { return m.SetVideoTrack(nullptr); }},
-        {"SetAudioTrack null", [](Muxer& m) { return m.SetAudioTrack(nullptr); }},
-        {"SetSubtitleTrack null", [](Muxer& m) { return m.SetSubtitleTrack(nullptr); }},
-        {"SetTCMDTrack null", [](Muxer& m) { return m.SetTCMDTrack(nullptr); }},
-        {"SetMetadata null",
-         [](Muxer& m) {
-             return m.SetMetadata(nullptr, nullptr, 0, MP4_META_DATA_TYPE_RAW, nullptr);
-         }},
-        {"WriteVideoFrame null", [](Muxer& m) { return m.WriteVideoFrame(nullptr, 0, 0, 0); }},
-        {"WriteSubtitleFrame null", [](Muxer& m) { return m.WriteSubtitleFrame(nullptr, 0, 0); }},
-        {"Flush", [](Muxer& m) { return m.Flush(); }}};
-    for (const auto& [name, run] : kOthers)
-        calls.push_back({name, run});
-    return calls;
-}
 
 int64_t OpenDescriptors() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
@@ -65,10 +43,11 @@ protected:
 TEST_F(Faults, EveryCallWithoutAFile) {
     CMp4Muxer muxer;
     for (const char* const state : {"before Create", "after Close", "after a refused Create"}) {
-        for (const auto& call : EveryCall())
+        for (const auto& call : streams::EveryCall())
             EXPECT_EQ(call.run(muxer), MP4_STATUS_FILE_NOT_OPEN) << call.name << " " << state;
         EXPECT_EQ(m_log.Count("error", "no open file, can't do flush", "Flush"), 1);
-        EXPECT_EQ(m_log.Count("error", "file not open!"), static_cast<int>(EveryCall().size()) - 1)
+        EXPECT_EQ(m_log.Count("error", "file not open!"),
+                  static_cast<int>(streams::EveryCall().size()) - 1)
             << state;
         EXPECT_EQ(muxer.WriteAudioFrame(nullptr, 0, 0), MP4_STATUS_SUCCESS) << "checked first";
         EXPECT_EQ(muxer.GetDurationMS(), 0U);
@@ -91,7 +70,7 @@ TEST_F(Faults, EveryCallTwiceAndInReverseOrder) {
         auto config = streams::CallbackConfig(0, output.Functions());
         CMp4Muxer muxer;
         ASSERT_EQ(muxer.Create(L"out.mp4", &config), MP4_STATUS_SUCCESS);
-        auto calls = EveryCall();
+        auto calls = streams::EveryCall();
         if (reverse) std::reverse(calls.begin(), calls.end());
         for (const auto& call : calls)
             for (int i = 0; i < 2; ++i)
@@ -152,7 +131,7 @@ bool FailsCleanly(const std::wstring& path, mp4_config_t config, mp4_status_t fa
         failed = failed || !muxer.IsOpen();
     }
     if (failed) {
-        for (const auto& call : EveryCall())
+        for (const auto& call : streams::EveryCall())
             EXPECT_EQ(call.run(muxer), failure) << where << " " << call.name;
         EXPECT_EQ(muxer.GetDurationMS(), 0U);
     }
@@ -164,9 +143,14 @@ bool FailsCleanly(const std::wstring& path, mp4_config_t config, mp4_status_t fa
     return !failed && closed == MP4_STATUS_SUCCESS;
 }
 
+// The error number that a callback leaves never reads as success, and how much of a frame is in the
+// output of one that throws is unknown: no later frame may be indexed behind it.
 TEST_F(Faults, EveryWriteCallbackFails) {
+    constexpr int kThrows = 0;
     const std::pair<int, mp4_status_t> kFailures[] = {{ENOSPC, MP4_STATUS_NO_SPACE_LEFT},
-                                                      {EIO, MP4_STATUS_UNEXPECTED_ERROR}};
+                                                      {EIO, MP4_STATUS_UNEXPECTED_ERROR},
+                                                      {1000, MP4_STATUS_UNEXPECTED_ERROR},
+                                                      {kThrows, MP4_STATUS_UNEXPECTED_ERROR}};
     const auto expected = streams::ExpectEverything(kPictures);
     for (const auto& [code, status] : kFailures) {
         int failingWrite = 0;
@@ -174,11 +158,18 @@ TEST_F(Faults, EveryWriteCallbackFails) {
             MemoryOutput output;
             output.failingWrite = ++failingWrite;
             output.failureErrno = code;
+            if (code == kThrows)
+                output.onCall = [&output](std::string_view callback) {
+                    if (callback == "write" && output.writes + 1 == output.failingWrite)
+                        throw std::runtime_error("callback");
+                    return true;
+                };
             const std::string where = "write " + std::to_string(failingWrite);
             whole = FailsCleanly(m_folder.Wide("out.mp4"),
                                  streams::CallbackConfig(MP4_FLAG_REPAIR_INFO, output.Functions()),
                                  status, where);
             EXPECT_FALSE(output.open) << where << ": uninit was called";
+            EXPECT_LE(output.writes, failingWrite) << where << ": nothing behind unknown bytes";
             EXPECT_EQ(std::filesystem::exists(m_folder.Path("out.mp4.info")), !whole) << where;
             if (whole) continue;
             // What was recorded before is there, and its records are: the repair finds it.
@@ -378,115 +369,50 @@ TEST_F(Faults, ShortWritesAreCompleted) {
     EXPECT_GT(failingCall, 40);
 }
 
-// How much of a frame is in the output is then unknown: no later frame may be indexed behind it.
-TEST_F(Faults, CallbacksThatThrowEndTheRecording) {
-    static int s_left = 0;
-    static mp4_file_io_func_t s_functions;
-    int limit = 0;
-    for (bool whole = false; !whole; ++limit) {
-        MemoryOutput output;
-        s_functions = *output.Functions();
-        s_left = limit;
-        mp4_file_io_func_t functions = s_functions;
-        functions.write = [](kx_mp4_handle handle, const void* bytes, uint32_t size) {
-            if (s_left-- == 0) throw std::runtime_error("callback");
-            return s_functions.write(handle, bytes, size);
-        };
-        auto config = streams::CallbackConfig(0, &functions);
-        CMp4Muxer muxer;
-        ASSERT_EQ(muxer.Create(L"out.mp4", &config), MP4_STATUS_SUCCESS);
-        bool failed = false;
-        auto calls = streams::Everything(kPictures);
-        for (auto& call : streams::SetUpEverything())
-            calls.push_back(std::move(call));  // set-up writes nothing behind unknown bytes either
-        const uint64_t lost = UINT64_MAX;
-        uint64_t size = lost;
-        for (const auto& call : calls) {
-            const mp4_status_t status = call.run(muxer);
-            failed = failed || status != MP4_STATUS_SUCCESS;
-            if (!failed) continue;
-            EXPECT_EQ(status, MP4_STATUS_UNEXPECTED_ERROR) << limit << " " << call.name;
-            if (size == lost) size = output.Size();
-            EXPECT_EQ(output.Size(), size) << limit << " " << call.name;
-        }
-        const mp4_status_t closed = muxer.Close();
-        whole = closed == MP4_STATUS_SUCCESS;
-        EXPECT_TRUE(!failed || closed == MP4_STATUS_UNEXPECTED_ERROR) << limit;
-        EXPECT_FALSE(output.open);
-    }
-    EXPECT_GT(limit, 200);
-}
-
 // `tell` or `uninit` may throw as well: the output is released, once.
 TEST_F(Faults, UninitFollowsEveryInitOnce) {
-    static bool s_tellThrows = false;
-    static int s_uninits = 0;
     for (const bool tellThrows : {false, true}) {
         for (const bool close : {false, true}) {
             MemoryOutput output;
-            mp4_file_io_func_t functions = *output.Functions();
-            functions.tell = [](kx_mp4_handle) -> uint64_t {
-                if (s_tellThrows) throw std::runtime_error("tell");
-                return 44;
-            };
-            functions.uninit = [](kx_mp4_handle) -> bool {
-                ++s_uninits;
-                throw std::runtime_error("uninit");
-            };
-            s_tellThrows = false;
-            s_uninits = 0;
             {
                 CMp4Muxer muxer;
-                auto config = streams::CallbackConfig(0, &functions);
+                auto config = streams::CallbackConfig(0, output.Functions());
                 ASSERT_EQ(muxer.Create(L"out.mp4", &config), MP4_STATUS_SUCCESS);
-                s_tellThrows = tellThrows;
+                output.onCall = [&](std::string_view callback) {
+                    if (callback == "uninit" || (callback == "tell" && tellThrows))
+                        throw std::runtime_error("callback");
+                    return true;
+                };
                 if (close) {
                     EXPECT_EQ(muxer.Close(), MP4_STATUS_UNEXPECTED_ERROR);
                 }
             }
-            EXPECT_EQ(s_uninits, 1) << tellThrows << close;
+            EXPECT_EQ(std::count(output.calls.begin(), output.calls.end(), "uninit"), 1)
+                << tellThrows << close;
         }
     }
 }
 
-// The error number that a callback leaves never reads as success.
-TEST_F(Faults, ACallbackCannotMakeAFailureSuccess) {
-    MemoryOutput output;
-    output.failingWrite = 1;
-    output.failureErrno = 1000;
-    FailsCleanly(L"out.mp4", streams::CallbackConfig(0, output.Functions()),
-                 MP4_STATUS_UNEXPECTED_ERROR, "code 1000");
-}
-
 TEST_F(Faults, ACallbackMayRecordIntoAnotherMuxer) {
-    static CMp4Muxer* s_inner = nullptr;
-    static uint32_t s_written = 0;
-    static mp4_file_io_func_t s_functions;
     MemoryOutput inside;
     CMp4Muxer inner;
     auto config = streams::CallbackConfig(0, inside.Functions());
     ASSERT_EQ(inner.Create(L"inside.mp4", &config), MP4_STATUS_SUCCESS);
-    ASSERT_EQ(streams::Run(inner, streams::SetUpEverything()), MP4_STATUS_SUCCESS);
-    s_inner = &inner;
+    const auto steps = streams::Everything(500);
+    size_t ran = 0;
     MemoryOutput outside;
-    mp4_file_io_func_t functions = s_functions = *outside.Functions();
-    functions.write = [](kx_mp4_handle handle, const void* bytes, uint32_t size) {
-        const Bytes picture = test_pattern::Picture(s_written);
-        const uint64_t time = uint64_t{s_written++} * 3000;
-        const mp4_status_t status = s_inner->WriteVideoFrame(
-            picture.data(), static_cast<uint32_t>(picture.size()), time, time);
-        return status == MP4_STATUS_SUCCESS ? s_functions.write(handle, bytes, size) : 0;
+    outside.onCall = [&](std::string_view) {
+        return steps[ran++].run(inner) == MP4_STATUS_SUCCESS;
     };
-    auto around = streams::CallbackConfig(0, &functions);
+    auto around = streams::CallbackConfig(0, outside.Functions());
     EXPECT_EQ(streams::RecordEverything(L"outside.mp4", around, kPictures), MP4_STATUS_SUCCESS);
     streams::ExpectHolds(outside.Movie(), streams::ExpectEverything(kPictures));
     EXPECT_EQ(inner.Close(), MP4_STATUS_SUCCESS);
-    const MovieReader within = inside.Movie();
-    const auto& samples = within.TrackOf("vide").samples;
-    ASSERT_EQ(samples.size(), s_written);
-    for (uint32_t i = 0; i < s_written; ++i)
-        EXPECT_EQ(within.SampleBytes(samples[i]),
-                  streams::LengthPrefixed(streams::PictureUnits(i)));
+    std::vector<streams::Expected> written;
+    for (size_t i = 0; i < ran; ++i)
+        if (steps[i].sample) written.push_back(*steps[i].sample);
+    EXPECT_GT(written.size(), 200U);
+    streams::ExpectHolds(inside.Movie(), written);
 }
 
 }  // namespace

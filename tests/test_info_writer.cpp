@@ -9,12 +9,12 @@
 #include <fstream>
 
 #include "InfoWriter.h"
-#include "fault_injection.h"
 #include "kx_mp4/Mp4Muxer.h"
 #include "log_capture.h"
 #include "movie_reader.h"
 #include "scratch_folder.h"
 #include "streams.h"
+#include "system_calls.h"
 
 namespace {
 
@@ -34,7 +34,7 @@ protected:
 
 TEST_F(InfoWriter, FlushesAtItsInterval) {
     const auto syncsDuring = [this](int frames) {
-        const FaultInjection count(0, FaultInjection::kNone);
+        const FaultInjection count(0, ENOSPC);
         int plain = INT_MAX;  // calls of a frame without a sync
         for (int i = 0; i < frames; ++i) {
             const int before = count.Calls();
@@ -87,7 +87,7 @@ TEST_F(RepairInfoFile, EveryRecordIsOneWrite) {
     auto config = streams::FileConfig(MP4_FLAG_REPAIR_INFO);
     ASSERT_EQ(muxer.Create(m_folder.Wide("out.mp4").c_str(), &config), MP4_STATUS_SUCCESS);
     for (const auto& step : streams::Everything(12)) {
-        const FaultInjection count(0, FaultInjection::kNone, FaultInjection::Of::kSideFile);
+        const FaultInjection count(0, ENOSPC, FaultInjection::Of::kSideFile);
         ASSERT_EQ(step.run(muxer), MP4_STATUS_SUCCESS);
         const bool first = step.name == "SetVideoTrack";  // with it comes the head, and its push
         EXPECT_EQ(count.Calls(), first ? 3 : 1) << step.name;

@@ -196,20 +196,6 @@ protected:
     CMp4Muxer m_muxer;
 };
 
-TEST_F(LiveIndexCalls, ComesBeforeTheFirstFrame) {
-    EXPECT_EQ(m_muxer.SetLiveIndex(1000), MP4_STATUS_FILE_NOT_OPEN);
-    Create();
-    const auto track = streams::H264Track();
-    ASSERT_EQ(m_muxer.SetVideoTrack(&track), MP4_STATUS_SUCCESS);
-    EXPECT_EQ(m_muxer.SetLiveIndex(UINT32_MAX), MP4_STATUS_SUCCESS);
-    EXPECT_EQ(m_muxer.SetLiveIndex(0), MP4_STATUS_SUCCESS);
-    ASSERT_EQ(Video(0), MP4_STATUS_SUCCESS);
-    EXPECT_EQ(m_muxer.SetLiveIndex(1000), MP4_STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(m_log.Complaints().size(), 2U);
-    ASSERT_EQ(m_muxer.Close(), MP4_STATUS_SUCCESS);
-    EXPECT_EQ(m_output.Movie().At("mdat").offset, 36U) << "off: a header as ever";
-}
-
 TEST_F(LiveIndexCalls, ATrackThatComesTooLateIsInTheFinalIndexOnly) {
     Create();
     ASSERT_EQ(m_muxer.SetLiveIndex(kIntervalMs), MP4_STATUS_SUCCESS);

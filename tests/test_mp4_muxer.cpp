@@ -76,7 +76,7 @@ TEST_F(Muxer, CreateRefusesWhatItCannotOpen) {
         EXPECT_TRUE(row.log.empty() || m_log.Count("error", row.log, "Create") == 1) << row.log;
         EXPECT_FALSE(m_muxer.IsOpen());
     }
-    m_output.refuseInit = true;
+    m_output.onCall = [](std::string_view callback) { return callback != "init"; };
     EXPECT_EQ(CreateIn(m_output), kInvalid);
     EXPECT_EQ(Create("out"), kSuccess) << "the object can still be used";
 }

@@ -11,6 +11,7 @@
 #include "log_capture.h"
 #include "memory_output.h"
 #include "scratch_folder.h"
+#include "streams.h"
 
 namespace {
 
@@ -21,32 +22,15 @@ constexpr uint32_t kFrameSize = 0x30010203;
 constexpr uint64_t kFrames = 6;
 constexpr uint8_t kFrame[1] = {};  // never read: ProRes frames are handed through
 
-mp4_video_track_info_t ProRes() {
-    mp4_video_track_info_t video{};
-    video.timescale = 25;
-    video.frame_duration = 1;
-    video.codec = MP4_MVC_PRORES;
-    video.width = 64;
-    video.height = 64;
-    return video;
-}
-
 class Past4GiB : public testing::Test {
 protected:
     void Open(const wchar_t* path, uint32_t flags = 0) {
         output.dropFrom = kFrameSize;
-        mp4_config_t config{};
-        config.flags = flags;
-        config.io_mode = MP4_IO_EXTERNAL;
-        config.func = output.Functions();
+        mp4_config_t config = streams::CallbackConfig(flags, output.Functions());
         ASSERT_EQ(muxer.Create(path, &config), MP4_STATUS_SUCCESS);
-        const mp4_video_track_info_t video = ProRes();
+        const auto video = streams::ProResTrack(MP4_PRORES_422);
         ASSERT_EQ(muxer.SetVideoTrack(&video), MP4_STATUS_SUCCESS);
-        mp4_audio_track_info_t audio{};
-        audio.timescale = 48000;
-        audio.codec = MP4_MAC_AAC;
-        audio.sample_rate = 48000;
-        audio.channels = 2;
+        const auto audio = streams::AacTrack();
         ASSERT_EQ(muxer.SetAudioTrack(&audio), MP4_STATUS_SUCCESS);
     }
     mp4_status_t WriteHugeFrame(uint64_t time) {

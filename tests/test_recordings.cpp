@@ -8,7 +8,7 @@
 //   as a number timecode TIMESCALE DURATION FRAMES FLAGS meta KEY TYPE VALUE [SPACE]     value is
 //   text, 0x and digits, or "null" v TIMES UNIT...                 units as digits or by name;
 //   "raw" before digits: no start codes a TIMES BYTES, c TIMES BYTES    times: START[+STEPxCOUNT];
-//   of v: DTS, DTS:PTS t COUNTER offsets 0|1, flush, ask, side, close
+//   of v: DTS, DTS:PTS t COUNTER offsets 0|1, live MS, flush, ask, side, close
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -338,6 +338,7 @@ const std::map<std::string, Replay::Call> Replay::kCalls{
     {"c", [](Replay& r) { return r.Packets(&CMp4Muxer::WriteSubtitleFrame); }},
     {"t", [](Replay& r) { return r.m_muxer.WriteTimeCode(r.Number(1)); }},
     {"offsets", [](Replay& r) { return r.m_muxer.SetCompositionOffsets(r.Number(1) != 0); }},
+    {"live", [](Replay& r) { return r.m_muxer.SetLiveIndex(static_cast<uint32_t>(r.Number(1))); }},
     {"flush", [](Replay& r) { return r.m_muxer.Flush(); }},
     {"close", [](Replay& r) { return r.m_muxer.Close(); }}};
 

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,10 +12,9 @@
 #include <new>
 
 #include "InfoWriter.h"
-#include "fault_injection.h"
 #include "kx_mp4/repair.h"
 #include "repair_scenario.h"
-#include "write_log.h"
+#include "system_calls.h"
 
 using kx_mp4::Repair;
 using kx_mp4::RepairOptions;
@@ -39,39 +37,6 @@ Bytes BigEndian(uint64_t value, int width) {
         bytes.push_back(static_cast<uint8_t>(value >> shift));
     return bytes;
 }
-
-/// What the file system says it has room for; the linker sends fstatvfs here.
-uint64_t s_room = UINT64_MAX;
-/// Whether the system copies between files by itself; the linker sends copy_file_range here.
-bool s_copiesInSystem = true;
-
-}  // namespace
-
-// NOLINTBEGIN(bugprone-reserved-identifier)
-extern "C" {
-int __real_fstatvfs(int file, struct statvfs* system);
-
-int __wrap_fstatvfs(int file, struct statvfs* system) {
-    const int result = __real_fstatvfs(file, system);
-    if (s_room == UINT64_MAX) return result;
-    system->f_frsize = 1;
-    system->f_bavail = s_room;
-    return result;
-}
-
-ssize_t __real_copy_file_range(int from, off64_t* fromAt, int to, off64_t* toAt, size_t size,
-                               unsigned flags);
-
-ssize_t __wrap_copy_file_range(int from, off64_t* fromAt, int to, off64_t* toAt, size_t size,
-                               unsigned flags) {
-    if (s_copiesInSystem) return __real_copy_file_range(from, fromAt, to, toAt, size, flags);
-    errno = ENOSYS;
-    return -1;
-}
-}
-// NOLINTEND(bugprone-reserved-identifier)
-
-namespace {
 
 class RepairTest : public testing::Test {
 protected:
@@ -227,9 +192,9 @@ TEST_F(RepairTest, WithoutRoomNothingIsChanged) {
         RepairOptions options;
         options.in_place = inPlace;
         const uint64_t need = m_finished.size() - (inPlace ? recording.size() : 0);
-        s_room = need - 1;
+        FileSystem::room = need - 1;
         const RepairReport report = RunRepair(options);
-        s_room = UINT64_MAX;
+        FileSystem::room = UINT64_MAX;
         EXPECT_EQ(report.outcome, RepairOutcome::kFailed);
         EXPECT_EQ(report.reason, "the file system has no room for the repaired file: it takes " +
                                      std::to_string(need) + " bytes, 1 more than there are");
@@ -281,12 +246,12 @@ TEST_F(RepairTest, EverySystemCallFails) {
         return failures;
     };
     for (const bool inPlace : {false, true}) {
-        for (s_copiesInSystem = false;; s_copiesInSystem = true) {
+        for (FileSystem::copies = false;; FileSystem::copies = true) {
             for (const bool forGood : {false, true})
                 EXPECT_GT(sweep(inPlace, ENOSPC, forGood), 10);
             for (const int harmless : {EINTR, FaultInjection::kShortWrite})
                 EXPECT_EQ(sweep(inPlace, harmless, false), 0);
-            if (s_copiesInSystem) break;
+            if (FileSystem::copies) break;
         }
     }
 }

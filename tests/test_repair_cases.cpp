@@ -11,7 +11,7 @@
 #include "golden_text.h"
 #include "kx_mp4/repair.h"
 #include "repair_scenario.h"
-#include "write_log.h"
+#include "system_calls.h"
 
 using kx_mp4::RepairOptions;
 using kx_mp4::RepairOutcome;

@@ -10,7 +10,7 @@
 #include "LiveRecording.h"
 #include "kx_mp4/repair.h"
 #include "repair_scenario.h"
-#include "write_log.h"
+#include "system_calls.h"
 
 using kx_mp4::Repair;
 using kx_mp4::RepairOptions;
@@ -165,6 +165,24 @@ protected:
         EXPECT_GT(m_states, recording.finished.back().size());
     }
 
+    /// Does something to files that are `files`, and tells `check` every state in which it may have
+    /// been killed.
+    template <class Act, class Check>
+    void KillAnywhere(FileStates files, const std::string& path, Act&& act, Check&& check) {
+        WriteLog log(path);
+        act();
+        const std::vector<FileOperation> operations = std::move(log.operations);
+        for (const FileOperation& operation : operations) {
+            for (size_t cut = 1; cut <= operation.bytes.size(); ++cut) {
+                FileStates torn = files;
+                torn.Apply(operation, cut);
+                ++m_states;
+                ASSERT_NO_FATAL_FAILURE(check(torn));
+            }
+            files.Apply(operation);
+        }
+    }
+
     Folder m_folder;
     size_t m_states = 0;
 };
@@ -208,26 +226,19 @@ TEST_F(CrashAtEveryByte, LiveRepairInPlace) {
     EXPECT_TRUE(ReadFile(RepairAgain(path).output_path) == expected);
     RepairOptions options;
     options.in_place = true;
-    std::vector<FileOperation> operations;
-    {
-        WriteLog log(path);
-        EXPECT_EQ(Repair(path, options).outcome, RepairOutcome::kWhole);
-        operations = log.operations;
-    }
-    EXPECT_TRUE(ReadFile(path) == expected);
-    for (const FileOperation& operation : operations) {
-        for (size_t cut = 1; cut <= operation.bytes.size(); ++cut) {
-            FileStates torn = files;
-            torn.Apply(operation, cut);
+    KillAnywhere(
+        files, path,
+        [&] {
+            EXPECT_EQ(Repair(path, options).outcome, RepairOutcome::kWhole);
+            EXPECT_TRUE(ReadFile(path) == expected);
+        },
+        [&](const FileStates& torn) {
             WriteWholeFile(path, torn.Of(path));
             WriteWholeFile(path + ".info", info);
             const RepairReport report = Repair(path, options);
             ASSERT_EQ(report.outcome, RepairOutcome::kWhole) << report.reason;
             ASSERT_TRUE(ReadFile(path) == expected);
-            ++m_states;
-        }
-        files.Apply(operation);
-    }
+        });
     EXPECT_GT(m_states, 2000U);
     // A power cut: a header is closed, and not all of the index behind it is there.
     const std::string tag = "moof";
@@ -280,25 +291,15 @@ TEST_F(CrashAtEveryByte, FinishedByItsLiveIndexAlone) {
     EXPECT_GT(samples.size(), 15U);
     EXPECT_NE(kxrepair::FinishLiveRecording(path, true).bytesBehind, 0U);
     EXPECT_TRUE(ReadFile(path) == files.Of(path));
-    std::vector<FileOperation> operations;
-    {
-        WriteLog log(path);
-        kxrepair::FinishLiveRecording(path, false);
-        operations = log.operations;
-    }
-    for (const FileOperation& operation : operations) {
-        for (size_t cut = 1; cut <= operation.bytes.size(); ++cut) {
-            FileStates torn = files;
-            torn.Apply(operation, cut);
+    KillAnywhere(
+        files, path, [&] { kxrepair::FinishLiveRecording(path, false); },
+        [&](const FileStates& torn) {
             ASSERT_EQ(samplesOf(torn.Of(path)), samples);
             WriteWholeFile(path, torn.Of(path));
             if (kxrepair::IsLiveRecording(path)) kxrepair::FinishLiveRecording(path, false);
             ASSERT_EQ(samplesOf(ReadFile(path)), samples);
             ASSERT_EQ(MovieReader(ReadFile(path)).File().ChildTypes(), "ftyp free mdat moov");
-            ++m_states;
-        }
-        files.Apply(operation);
-    }
+        });
     EXPECT_GT(m_states, 1000U);
     EXPECT_FALSE(kxrepair::IsLiveRecording(path));
 }
@@ -322,27 +323,19 @@ TEST_F(CrashAtEveryByte, InPlaceRepair) {
         const Bytes expected = ReadFile(RepairAgain(path).output_path);
         RepairOptions options;
         options.in_place = true;
-        std::vector<FileOperation> operations;
-        {
-            WriteLog log(path);
-            EXPECT_EQ(Repair(path, options).outcome, RepairOutcome::kLoss);
-            operations = log.operations;
-        }
-        EXPECT_TRUE(ReadFile(path) == expected);
-        for (const FileOperation& operation : operations) {
-            for (size_t cut = 0; cut <= operation.bytes.size(); ++cut) {
-                FileStates torn = files;
-                if (cut != 0) torn.Apply(operation, cut);
-                if (!torn.Has(path + ".info")) break;
+        KillAnywhere(
+            files, path,
+            [&] {
+                EXPECT_EQ(Repair(path, options).outcome, RepairOutcome::kLoss);
+                EXPECT_TRUE(ReadFile(path) == expected);
+            },
+            [&](const FileStates& torn) {
                 WriteWholeFile(path, torn.Of(path));
                 WriteWholeFile(path + ".info", info);
                 const RepairReport report = Repair(path, options);
                 ASSERT_NE(report.outcome, RepairOutcome::kFailed) << report.reason;
                 ASSERT_TRUE(ReadFile(path) == expected) << report.reason;
-                ++m_states;
-            }
-            files.Apply(operation);
-        }
+            });
     }
     EXPECT_GT(m_states, 2000U);
 }

@@ -3,13 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
-#include <mutex>
+#include <future>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "kx_mp4/Mp4Muxer.h"
 #include "log_capture.h"
+#include "memory_output.h"
 #include "movie_reader.h"
 #include "scratch_folder.h"
 #include "streams.h"
@@ -126,57 +127,25 @@ TEST_F(Threads, FourWriteAndAFifthAsks) {
     }
 }
 
-/// An output whose next large write waits until it is let go.
-struct StuckOutput {
-    std::mutex mutex;
-    std::condition_variable changed;
-    int64_t position = 0;
-    bool armed = false;
-    bool stuck = false;
-
-    static StuckOutput& Of(void* user) { return *static_cast<StuckOutput*>(user); }
-    static int64_t Tell(void* user) { return Of(user).position; }
-    static int Seek(void* user, int64_t offset, int) {
-        Of(user).position = offset;
-        return 1;
-    }
-    static int Write(void* user, const void*, uint32_t size) {
-        StuckOutput& out = Of(user);
-        out.position += size;
-        std::unique_lock<std::mutex> lock(out.mutex);
-        if (!out.armed) return 1;
-        out.stuck = true;
-        out.changed.notify_all();
-        out.changed.wait(lock, [&out] { return !out.armed; });
-        return 1;
-    }
-    void Arm(bool on) {
-        const std::lock_guard<std::mutex> lock(mutex);
-        armed = on;
-        changed.notify_all();
-    }
-    void AwaitStuck() {
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.wait(lock, [this] { return stuck; });
-        stuck = false;
-    }
-};
-
 // If a query waited for the write, the write would never be let go.
 TEST_F(Threads, QueriesDoNotWaitForAWriteNorForClose) {
-    StuckOutput out;
-    ASSERT_EQ(m_muxer.Create("out.mp4", MP4_CONTAINER_MP4, 0,
-                             {&out, nullptr, nullptr, StuckOutput::Tell, StuckOutput::Seek, nullptr,
-                              StuckOutput::Write}),
-              MP4_STATUS_SUCCESS);
+    MemoryOutput out;
+    ASSERT_EQ(m_muxer.Create("out.mp4", MP4_CONTAINER_MP4, 0, out.Callbacks()), MP4_STATUS_SUCCESS);
     ASSERT_EQ(streams::Run(m_muxer, streams::Everything(10)), MP4_STATUS_SUCCESS);
     const uint64_t duration = m_muxer.GetDurationMS();
     ASSERT_GT(duration, 0U);
     for (const bool closing : {false, true}) {
-        out.Arm(true);
+        std::promise<void> stuck;
+        std::promise<void> letGo;
+        out.onCall = [&, armed = true](std::string_view callback) mutable {
+            if (callback != "write" || !std::exchange(armed, false)) return true;
+            stuck.set_value();
+            letGo.get_future().wait();
+            return true;
+        };
         std::thread blocked(
             [&] { EXPECT_EQ(closing ? m_muxer.Close() : Video(10), MP4_STATUS_SUCCESS); });
-        out.AwaitStuck();
+        stuck.get_future().wait();
         EXPECT_TRUE(m_muxer.IsOpen());
         EXPECT_GE(m_muxer.GetDurationMS(), duration);
         EXPECT_GT(m_muxer.GetMoovSize(), 0U);
@@ -187,7 +156,7 @@ TEST_F(Threads, QueriesDoNotWaitForAWriteNorForClose) {
         statistics.struct_size = sizeof statistics;
         EXPECT_EQ(m_muxer.GetStatistics(&statistics), MP4_STATUS_SUCCESS);
         EXPECT_EQ(statistics.video.samples, closing ? 11U : 10U);
-        out.Arm(false);
+        letGo.set_value();
         blocked.join();
     }
     EXPECT_FALSE(m_muxer.IsOpen());

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <numeric>
 #include <random>
@@ -13,7 +14,7 @@
 
 #include "StartCode.h"
 #include "VideoFrameParser.h"
-#include "fault_injection.h"
+#include "system_calls.h"
 
 using kx_mp4::StartCodeSearch;
 using kx_mp4::StartCodeSearches;
@@ -160,7 +161,7 @@ TEST(VideoFrameParser, RefusesNoFrameAndForgetsTheOneBefore) {
         for (size_t i = 0; i < units; ++i)
             frame.insert(frame.end(), {0, 0, 1, 0x41, static_cast<uint8_t>(i % 200 + 4)});
         const auto size = static_cast<int>(frame.size());
-        const FaultInjection count(0, FaultInjection::kNone, FaultInjection::Of::kMemory);
+        const FaultInjection count(0, ENOMEM, FaultInjection::Of::kMemory);
         const bool parsed = parser.Parse(frame.data(), size);
         EXPECT_EQ(count.Calls() == 0, units <= 48) << units;
         ASSERT_TRUE(parsed);

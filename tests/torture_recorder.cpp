@@ -6,6 +6,9 @@
 ///   torture_recorder returned PROGRESS            prints how many frame calls had returned
 ///   torture_recorder check FILE PROGRESS SEED     compares FILE with what SEED had it write, and
 ///                                                 prints the numbers of pictures and audio frames
+///   torture_recorder static FILE                  records in a destructor of static storage, after
+///                                                 main: what the library keeps per thread, if
+///                                                 anything, is gone by then
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -55,6 +58,25 @@ void Require(bool condition, const std::string& what) {
 
 void Require(mp4_status_t status, const char* call) {
     Require(status == MP4_STATUS_SUCCESS, std::string(call) + " says " + std::to_string(status));
+}
+
+struct StaticRecorder {
+    CMp4Muxer muxer;
+
+    ~StaticRecorder() {
+        if (streams::Run(muxer, Steps(0)) == MP4_STATUS_SUCCESS &&
+            muxer.Close() == MP4_STATUS_SUCCESS)
+            return;
+        std::_Exit(EXIT_FAILURE);
+    }
+};
+
+void RecordAfterMain(const std::string& path) {
+    static StaticRecorder recorder;
+    Require(
+        recorder.muxer.Create(path, MP4_CONTAINER_MP4, streams::FileConfig(MP4_FLAG_REPAIR_INFO)),
+        "Create");
+    Require(streams::Run(recorder.muxer, streams::SetUpEverything()), "the set-up");
 }
 
 void Record(const std::string& path, Progress& progress, uint32_t seed) {
@@ -110,6 +132,10 @@ int Run(const std::vector<std::string>& arguments) {
     if (arguments.size() == 2 && arguments[0] == "returned") {
         const Progress& progress = Map(arguments[1]);
         std::printf("%u\n", progress.pictures + progress.audioFrames);
+        return 0;
+    }
+    if (arguments.size() == 2 && arguments[0] == "static") {
+        RecordAfterMain(arguments[1]);
         return 0;
     }
     if (arguments.size() != 4) throw std::runtime_error("usage: see the head of this program");
