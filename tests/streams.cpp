@@ -97,10 +97,10 @@ Bytes AccessUnit(const std::vector<Bytes>& units) {
     return stream;
 }
 
-Bytes LengthPrefixed(const std::vector<Bytes>& units) {
+Bytes LengthPrefixed(const std::vector<Bytes>& units, int lengthSize) {
     Bytes sample;
     for (const Bytes& unit : units) {
-        for (int shift = 24; shift >= 0; shift -= 8)
+        for (int shift = 8 * (lengthSize - 1); shift >= 0; shift -= 8)
             sample.push_back(static_cast<uint8_t>(unit.size() >> shift));
         sample = std::move(sample) + unit;
     }

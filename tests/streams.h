@@ -44,8 +44,8 @@ mp4_time_code_track_info_t TimecodeTrack();
 
 /// An access unit made of these NAL units, Annex-B form.
 Bytes AccessUnit(const std::vector<Bytes>& units);
-/// The same units each behind its length, as the file holds them.
-Bytes LengthPrefixed(const std::vector<Bytes>& units);
+/// The same units each behind its length, as the file holds them with lengths of 4 bytes.
+Bytes LengthPrefixed(const std::vector<Bytes>& units, int lengthSize = 4);
 /// The units of the test pattern's picture; of HEVC and ProRes bytes of the right form only.
 std::vector<Bytes> PictureUnits(uint32_t number, mp4_video_codec codec = MP4_MVC_H264);
 

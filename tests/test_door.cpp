@@ -188,16 +188,6 @@ Bytes Record(const mp4_video_track_info_t& track, uint8_t lengthSize) {
            set(track.hevc.pps, track.hevc.pps_size);
 }
 
-Bytes Lengths(const std::vector<Bytes>& units, uint8_t lengthSize) {
-    Bytes frame;
-    for (const Bytes& unit : units) {
-        for (int shift = 8 * (lengthSize - 1); shift >= 0; shift -= 8)
-            frame.push_back(static_cast<uint8_t>(unit.size() >> shift));
-        frame = frame + unit;
-    }
-    return frame;
-}
-
 mp4_status_t Write(CMp4Muxer& muxer, const Bytes& frame, uint64_t time) {
     return muxer.WriteVideoFrame(frame.data(), static_cast<uint32_t>(frame.size()), time, time);
 }
@@ -222,11 +212,11 @@ TEST(Door, LengthPrefixedVideoGivesTheFileOfStartCodes) {
                     unit.resize(std::min<size_t>(unit.size(), 200));
                     unit.back() = 0x80;
                 }
-                ASSERT_EQ(
-                    Write(muxer,
-                          lengthSize == 0 ? streams::AccessUnit(units) : Lengths(units, lengthSize),
-                          uint64_t{i} * 3000),
-                    MP4_STATUS_SUCCESS);
+                ASSERT_EQ(Write(muxer,
+                                lengthSize == 0 ? streams::AccessUnit(units)
+                                                : streams::LengthPrefixed(units, lengthSize),
+                                uint64_t{i} * 3000),
+                          MP4_STATUS_SUCCESS);
             }
             ASSERT_EQ(muxer.Close(), MP4_STATUS_SUCCESS);
             static Bytes s_startCodes;

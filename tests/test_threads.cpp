@@ -2,6 +2,7 @@
 // ThreadSanitizer; there a report is a failure.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <future>
 #include <thread>
@@ -14,97 +15,64 @@
 #include "movie_reader.h"
 #include "scratch_folder.h"
 #include "streams.h"
-#include "test_pattern.h"
 
 namespace {
 
-constexpr uint32_t kFrames = 300;
+constexpr uint32_t kPictures = 300;
 
 class Threads : public ::testing::Test {
 protected:
-    void Open(uint32_t flags, bool deferred) {
-        auto config = streams::FileConfig(flags);
-        ASSERT_EQ(m_muxer.Create(m_folder.Wide("out.mp4").c_str(), &config), MP4_STATUS_SUCCESS);
-        const auto steps = deferred
-                               ? streams::SetUpEverything(streams::Deferred(streams::H264Track()),
-                                                          streams::AdtsTrack())
-                               : streams::SetUpEverything();
-        ASSERT_EQ(streams::Run(m_muxer, steps), MP4_STATUS_SUCCESS);
+    void Open(uint32_t flags, const streams::Recipe& recipe = {}) {
+        ASSERT_EQ(
+            m_muxer.Create(m_folder.Path("out.mp4"), MP4_CONTAINER_MP4, streams::FileConfig(flags)),
+            MP4_STATUS_SUCCESS);
+        ASSERT_EQ(streams::Run(m_muxer, streams::SetUpEverything(recipe)), MP4_STATUS_SUCCESS);
+        m_steps = streams::WriteEverything(kPictures, recipe);
     }
 
-    mp4_status_t Video(uint32_t i) {
-        const Bytes picture = test_pattern::Picture(i);
-        return m_muxer.WriteVideoFrame(picture.data(), static_cast<uint32_t>(picture.size()),
-                                       uint64_t{i} * 3000, uint64_t{i} * 3000);
-    }
-    mp4_status_t Audio(uint32_t i) {
-        const Bytes frame = test_pattern::AdtsSilence();
-        return m_muxer.WriteAudioFrame(frame.data(), static_cast<uint32_t>(frame.size()),
-                                       uint64_t{i} * 1024);
-    }
-    mp4_status_t Caption(uint32_t i) {
-        const auto low = static_cast<uint8_t>(i);
-        const Bytes packet{0x61, 0x02, 1, 0xFC, static_cast<uint8_t>(i >> 8), low};
-        return m_muxer.WriteSubtitleFrame(packet.data(), 6, uint64_t{i} * 33);
-    }
-    mp4_status_t Timecode(uint32_t i) { return m_muxer.WriteTimeCode(static_cast<int>(i)); }
-
-    /// Writes frames 0 .. kFrames - 1 of each track from a thread of its own; each stops when the
-    /// muxer answers that no file is open. Returns how many frames of each track were taken.
+    /// Writes the samples of each track from a thread of its own; each stops when the muxer answers
+    /// that no file is open. Returns those that were taken.
     template <class Meanwhile>
-    std::vector<uint32_t> WriteFromFourThreads(Meanwhile&& meanwhile) {
-        using Writer = mp4_status_t (Threads::*)(uint32_t);
-        const Writer kWriters[] = {&Threads::Video, &Threads::Audio, &Threads::Caption,
-                                   &Threads::Timecode};
-        std::vector<uint32_t> taken(4);
+    std::vector<streams::Expected> WriteFromFourThreads(Meanwhile&& meanwhile) {
+        std::vector<char> taken(m_steps.size());
         std::vector<std::thread> threads;
-        for (size_t kind = 0; kind < 4; ++kind)
-            threads.emplace_back([this, writer = kWriters[kind], &count = taken[kind]] {
-                while (count < kFrames) {
-                    const mp4_status_t status = (this->*writer)(count);
+        for (const char* const handler : {"vide", "soun", "clcp", "tmcd"})
+            threads.emplace_back([this, handler, &taken] {
+                for (size_t i = 0; i < m_steps.size(); ++i) {
+                    if (m_steps[i].sample->handler != handler) continue;
+                    const mp4_status_t status = m_steps[i].run(m_muxer);
                     if (status == MP4_STATUS_FILE_NOT_OPEN) break;
                     EXPECT_EQ(status, MP4_STATUS_SUCCESS);
-                    ++count;
+                    taken[i] = 1;
                 }
             });
         meanwhile();
         for (std::thread& thread : threads)
             thread.join();
-        return taken;
+        std::vector<streams::Expected> samples;
+        for (size_t i = 0; i < taken.size(); ++i)
+            if (taken[i] != 0) samples.push_back(*m_steps[i].sample);
+        return samples;
     }
 
-    void ExpectFile(const std::vector<uint32_t>& taken) {
+    void ExpectFile(const std::vector<streams::Expected>& taken) {
         const MovieReader movie(ReadFile(m_folder.Path("out.mp4")));
-        const std::string kHandlers[] = {"vide", "soun", "clcp", "tmcd"};
-        uint64_t media = 0;
-        for (size_t kind = 0; kind < 4; ++kind) {
-            if (taken[kind] == 0) continue;
-            const Track& track = movie.TrackOf(kHandlers[kind]);
-            ASSERT_EQ(track.samples.size(), taken[kind]) << kHandlers[kind];
-            for (uint32_t i = 0; i < taken[kind]; ++i) {
-                media += track.samples[i].size;
-                const Bytes bytes = movie.SampleBytes(track.samples[i]);
-                ASSERT_EQ(bytes, ExpectedSample(kind, i)) << kHandlers[kind] << i;
-            }
-        }
-        EXPECT_EQ(movie.At("mdat").size, 8 + media) << "whole samples and nothing between them";
-    }
-
-    static Bytes ExpectedSample(size_t kind, uint32_t i) {
-        const Bytes number{static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)};
-        if (kind == 0) return streams::LengthPrefixed(streams::PictureUnits(i));
-        if (kind == 1) return test_pattern::kSilence;
-        return Hex(kind == 2 ? "0000000a 63646174" : "0000") + number;
+        streams::ExpectHolds(movie, taken);
+        uint64_t media = 8;
+        for (const streams::Expected& sample : taken)
+            media += sample.bytes.size();
+        EXPECT_EQ(movie.At("mdat").size, media) << "whole samples and nothing between them";
     }
 
     ScratchFolder m_folder;
     LogCapture m_log;
+    std::vector<streams::Step> m_steps;
     CMp4Muxer m_muxer;
 };
 
 TEST_F(Threads, FourWriteAndAFifthAsks) {
     for (const bool deferred : {false, true}) {
-        Open(deferred ? uint32_t{MP4_FLAG_REPAIR_INFO} : 0U, deferred);
+        Open(deferred ? uint32_t{MP4_FLAG_REPAIR_INFO} : 0U, {MP4_MVC_H264, deferred});
         std::atomic<bool> done{false};
         std::thread asking([&] {
             uint64_t last = 0;
@@ -122,7 +90,7 @@ TEST_F(Threads, FourWriteAndAFifthAsks) {
         asking.join();
         EXPECT_EQ(m_muxer.GetDurationMS(), 10000U);
         ASSERT_EQ(m_muxer.Close(), MP4_STATUS_SUCCESS);
-        EXPECT_EQ(taken, std::vector<uint32_t>(4, kFrames));
+        EXPECT_EQ(taken.size(), m_steps.size());
         ExpectFile(taken);
     }
 }
@@ -132,6 +100,10 @@ TEST_F(Threads, QueriesDoNotWaitForAWriteNorForClose) {
     MemoryOutput out;
     ASSERT_EQ(m_muxer.Create("out.mp4", MP4_CONTAINER_MP4, 0, out.Callbacks()), MP4_STATUS_SUCCESS);
     ASSERT_EQ(streams::Run(m_muxer, streams::Everything(10)), MP4_STATUS_SUCCESS);
+    const auto steps = streams::WriteEverything(11);
+    const auto& picture = *std::find_if(steps.rbegin(), steps.rend(), [](const auto& step) {
+        return step.sample->handler == "vide";
+    });
     const uint64_t duration = m_muxer.GetDurationMS();
     ASSERT_GT(duration, 0U);
     for (const bool closing : {false, true}) {
@@ -143,8 +115,9 @@ TEST_F(Threads, QueriesDoNotWaitForAWriteNorForClose) {
             letGo.get_future().wait();
             return true;
         };
-        std::thread blocked(
-            [&] { EXPECT_EQ(closing ? m_muxer.Close() : Video(10), MP4_STATUS_SUCCESS); });
+        std::thread blocked([&] {
+            EXPECT_EQ(closing ? m_muxer.Close() : picture.run(m_muxer), MP4_STATUS_SUCCESS);
+        });
         stuck.get_future().wait();
         EXPECT_TRUE(m_muxer.IsOpen());
         EXPECT_GE(m_muxer.GetDurationMS(), duration);
@@ -165,14 +138,14 @@ TEST_F(Threads, QueriesDoNotWaitForAWriteNorForClose) {
 
 TEST_F(Threads, CloseWhileOthersWrite) {
     for (int round = 0; round < 5; ++round) {
-        Open(MP4_FLAG_REPAIR_INFO, false);
+        Open(MP4_FLAG_REPAIR_INFO);
         const auto taken = WriteFromFourThreads([this, round] {
             while (m_muxer.GetDurationMS() < static_cast<uint64_t>(round) * 300)
                 std::this_thread::yield();
             EXPECT_EQ(m_muxer.Close(), MP4_STATUS_SUCCESS);
         });
         EXPECT_EQ(m_muxer.Close(), MP4_STATUS_SUCCESS);
-        if (taken != std::vector<uint32_t>(4)) ExpectFile(taken);
+        if (!taken.empty()) ExpectFile(taken);
     }
 }
 
