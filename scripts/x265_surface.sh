@@ -101,9 +101,11 @@ PYTHON
 equal=0 limits=0 wrong=0 refused=0
 while IFS= read -r line; do
     format=${line%%:*} option=${line#*:}
-    if ! ffmpeg -v error -y -f lavfi -i testsrc=s=256x144:r=30 -frames:v 6 -pix_fmt "$format" \
+    # Of an option that the encoder does not know the reader only warns.
+    if ! ffmpeg -v warning -y -f lavfi -i testsrc=s=256x144:r=30 -frames:v 6 -pix_fmt "$format" \
         -c:v libx265 -preset ultrafast -x265-params "log-level=none:$option" -f hevc "$folder/s.hevc" \
-        </dev/null >/dev/null 2>&1 ||
+        </dev/null >/dev/null 2>"$folder/warnings" ||
+        grep -qE 'Unknown option|Invalid value for' "$folder/warnings" ||
         ! ffmpeg -v quiet -y -r 30 -i "$folder/s.hevc" -c copy "$folder/ffmpeg.mp4" </dev/null; then
         refused=$((refused + 1)) # by this build of the encoder, or a stream without parameter sets
         continue
