@@ -96,6 +96,25 @@ private:
     Figures::Clock::time_point m_start;
 };
 
+/// Takes note of the time since a moment, and leaves in its place when that was.
+class FigureLap {
+public:
+    FigureLap(Figures& figures, FigureTimer::Note note, Figures::Clock::time_point& moment)
+        : m_figures(figures), m_note(note), m_moment(moment) {}
+    ~FigureLap() {
+        const auto now = Figures::Clock::now();
+        (m_figures.*m_note)(now - m_moment);
+        m_moment = now;
+    }
+    FigureLap(const FigureLap&) = delete;
+    FigureLap& operator=(const FigureLap&) = delete;
+
+private:
+    Figures& m_figures;
+    FigureTimer::Note m_note;
+    Figures::Clock::time_point& m_moment;
+};
+
 }  // namespace kx_mp4
 
 #endif  // KX_MP4_FIGURES_H

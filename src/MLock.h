@@ -16,6 +16,8 @@ public:
 
     /// Waits for the mutex.
     void Lock() { pthread_mutex_lock(&m_mutex); }
+    /// Takes the mutex when nobody holds it.
+    bool TryLock() { return pthread_mutex_trylock(&m_mutex) == 0; }
     /// Gives it back; by the thread that holds it.
     void Unlock() { pthread_mutex_unlock(&m_mutex); }
 

@@ -180,7 +180,7 @@ mp4_status_t CMp4Muxer::WriteAudioFrame(const uint8_t* buf, uint32_t size, uint6
                             "WriteAudioFrame");
             return MP4_STATUS_SUCCESS;
         }
-        const MuxerState::FrameCall call(*m_state, start);
+        const MuxerState::FrameCall call(*m_state, start, size);
         return m_state->m_sideFile.Answer(m_state->WriteAudioFrame(buf, size, timestamp));
     });
 }
@@ -190,7 +190,7 @@ mp4_status_t CMp4Muxer::WriteSubtitleFrame(const uint8_t* buf, uint32_t size, ui
     return Operation(*m_state, [&] {
         const mp4_status_t possible = m_state->m_reserved.CheckCaptions("WriteSubtitleFrame");
         if (possible != MP4_STATUS_SUCCESS) return possible;
-        const MuxerState::FrameCall call(*m_state, start);
+        const MuxerState::FrameCall call(*m_state, start, size);
         return m_state->m_sideFile.Answer(m_state->WriteSubtitleFrame(buf, size, timestamp));
     });
 }
@@ -198,7 +198,7 @@ mp4_status_t CMp4Muxer::WriteSubtitleFrame(const uint8_t* buf, uint32_t size, ui
 mp4_status_t CMp4Muxer::WriteTimeCode(int nTimeCode) {
     const auto start = kx_mp4::Figures::Clock::now();
     return Operation(*m_state, [&] {
-        const MuxerState::FrameCall call(*m_state, start);
+        const MuxerState::FrameCall call(*m_state, start, 0);
         return m_state->m_sideFile.Answer(m_state->WriteTimeCode(nTimeCode));
     });
 }

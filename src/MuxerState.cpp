@@ -199,7 +199,10 @@ mp4_status_t MuxerState::WriteHeaderBoxes() {
 }
 
 mp4_status_t MuxerState::EnsureHeader() {
-    return m_writeHeader ? MP4_STATUS_SUCCESS : WriteHeader();
+    if (m_writeHeader) return MP4_STATUS_SUCCESS;
+    const mp4_status_t status = WriteHeader();
+    m_moment = Figures::Clock::now();
+    return status;
 }
 
 mp4_status_t MuxerState::Close() {
@@ -556,7 +559,7 @@ mp4_status_t MuxerState::CheckSampleSize(uint64_t bytes, const char* function) {
 template <class Write, class LogUnexpected>
 mp4_status_t MuxerState::WriteSample(Write&& write, LogUnexpected&& logUnexpected) {
     try {
-        const FigureTimer timer(&m_figures, &Figures::OnWrite);
+        const FigureLap lap(m_figures, &Figures::OnWrite, m_moment);
         write();
         return MP4_STATUS_SUCCESS;
     } catch (const kx_mp4_exception& e) {
@@ -602,7 +605,10 @@ mp4_status_t MuxerState::AddSample(int bytes, Index&& index, Record&& record) {
     // A refused sample's bytes stay where they are, between those of the samples around it: the
     // next offset and the repair info file have to count them.
     m_nCurFileSize += bytes;
-    m_sideFile.Write(record);
+    if (m_sideFile.IsOpen()) {
+        m_sideFile.Write(record);
+        m_moment = Figures::Clock::now();
+    }
     return indexed ? MP4_STATUS_SUCCESS : MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
 }
 
@@ -615,7 +621,7 @@ mp4_status_t MuxerState::WriteVideoFrame(const uint8_t* buf, uint32_t size, uint
     CVideoFrameParser frame;
     const bool parsed = m_videoTrack.codec != MP4_MVC_PRORES && buf != nullptr &&
                         IsSampleSize(size) && Split(frame, buf, static_cast<int>(size));
-    FrameCall call(*this, start);
+    FrameCall call(*this, start, size);
     return m_sideFile.Answer(RecordVideoFrame(buf, size, frame, parsed, pts, dts));
 }
 
