@@ -42,8 +42,9 @@ void MovieReplay::ConfigureMovie(CMp4MoovAtom& movie) const {
     movie.SetIsMp4File(!m_layout.quicktime);
 }
 
-void MovieReplay::DeclareTracks(CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks) const {
+void MovieReplay::FillLiveMovie(CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks) const {
     ConfigureMovie(movie);
+    movie.CopyMetadata(m_moov);
     const mp4_video_track_info_t video = m_video.Info();
     for (const LiveTrack track : tracks) {
         switch (track) {
@@ -158,9 +159,7 @@ uint64_t MovieReplay::WriteIndex(uint64_t mediaEnd) {
         return m_output.Ftell();
     }
     LiveIndex live = m_live;  // the index may be written more than once, for trial first
-    live.EndLastInterval([this](CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks) {
-        DeclareTracks(movie, tracks);
-    });
+    live.EndLastInterval(LiveMovie());
     const auto movieBox = static_cast<int64_t>(m_output.Ftell());
     m_moov.Write();
     live.Finish(movieBox);

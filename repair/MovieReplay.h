@@ -34,6 +34,8 @@ public:
     /// leaves its bytes in the media data, but has no place in the index.
     bool Apply(const InfoRecord& record, uint64_t position);
 
+    /// Bytes from the end of these samples to those that follow behind their index.
+    uint64_t LiveIndexSize() const { return m_live.IndexSize(LiveMovie()); }
     /// The samples that follow lie behind an index of those before, from this position on.
     void SkipIndex(uint64_t mediaBegin);
 
@@ -52,7 +54,12 @@ private:
     bool ApplyFormat(const mp4_subtitle_track_info_t& info);
     bool ApplyFormat(const mp4_time_code_track_info_t& info);
     void ConfigureMovie(CMp4MoovAtom& movie) const;
-    void DeclareTracks(CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks) const;
+    void FillLiveMovie(CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks) const;
+    LiveIndex::FillMovie LiveMovie() const {
+        return [this](CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks) {
+            FillLiveMovie(movie, tracks);
+        };
+    }
     bool ApplyFrame(const FrameRecord& frame, uint64_t position);
     bool ApplyMetadata(const MetadataRecord& item);
 

@@ -180,6 +180,13 @@ void LiveIndex::WriteIndex(const FillMovie& fill) {
     ForgetInterval();
 }
 
+uint64_t LiveIndex::IndexSize(const FillMovie& fill) const {
+    CBufferIO index;
+    index.Init(nullptr);
+    LiveIndex(*this).MakeIndex(index, fill);
+    return index.GetSize();
+}
+
 void LiveIndex::MakeIndex(CBufferIO& index, const FillMovie& fill) {
     if (!m_begun) MakeMovieBox(index, fill);
     CMp4MoofAtom moof(&index);

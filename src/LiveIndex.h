@@ -47,7 +47,8 @@ public:
     /// Of every `mdat` header: size, type, 64-bit size.
     static constexpr uint32_t kMdatHeaderSize = 16;
 
-    /// Declares these tracks, in this order, to an empty movie box.
+    /// Declares these tracks, in this order, to an empty movie box, and gives it the metadata so
+    /// far.
     using FillMovie =
         std::function<void(CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks)>;
 
@@ -77,6 +78,8 @@ public:
     /// Ends the interval before a sample of this track and decode time: writes its index and opens
     /// the next `mdat`.
     void EndInterval(LiveTrack track, int64_t dts, const FillMovie& fill);
+    /// Bytes that the index of the interval takes, with the header of the next `mdat`.
+    uint64_t IndexSize(const FillMovie& fill) const;
     /// The same for an index that lies in the file already, in front of the `mdat` at this
     /// position.
     void SkipIndex(int64_t nextMdat);

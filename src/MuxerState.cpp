@@ -291,7 +291,7 @@ void MuxerState::WriteMovie() {
 /// The movie box grows inside the `mdat` that is open, and counts once the device has all of it.
 void MuxerState::FinishLiveMovie() {
     m_live.EndLastInterval([this](CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks) {
-        DeclareTracks(movie, tracks);
+        FillLiveMovie(movie, tracks);
     });
     const auto movieBox = static_cast<int64_t>(m_pWriter->Ftell());
     WriteMovie();
@@ -406,8 +406,9 @@ mp4_status_t MuxerState::SetLiveIndex(uint32_t interval_ms) {
     return MP4_STATUS_SUCCESS;
 }
 
-void MuxerState::DeclareTracks(CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks) const {
+void MuxerState::FillLiveMovie(CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks) const {
     ConfigureMovie(movie);
+    movie.CopyMetadata(*m_moov);
     for (const LiveTrack track : tracks) {
         switch (track) {
             case LiveTrack::kVideo:
@@ -578,7 +579,7 @@ mp4_status_t MuxerState::IndexInterval(LiveTrack track, int64_t dts) {
         [&] {
             m_live.EndInterval(track, dts,
                                [this](CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks) {
-                                   DeclareTracks(movie, tracks);
+                                   FillLiveMovie(movie, tracks);
                                });
         },
         [] {});

@@ -119,8 +119,8 @@ struct MuxerState {
 
     mp4_status_t SetCompositionOffsets(bool enable);
     mp4_status_t SetLiveIndex(uint32_t interval_ms);
-    /// Declares tracks to the movie box of the live index.
-    void DeclareTracks(CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks) const;
+    /// Gives the movie box of the live index these tracks and the metadata so far.
+    void FillLiveMovie(CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks) const;
     mp4_status_t SetVideoTrack(const mp4_video_track_info* pTrackInfo);
     mp4_status_t SetVideoTrack(const mp4_video_track_info* pTrackInfo, const uint8_t* record,
                                uint32_t recordSize);

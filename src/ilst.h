@@ -31,6 +31,12 @@ public:
     /// Appends a keyed item; false when it is not valid.
     bool SetMetaData(int index, const char* data, uint32_t size, mp4_meta_data_type_t type);
 
+    /// Takes the items of another list in place of its own.
+    void CopyItems(const CMp4IlstAtom& from) {
+        m_extern_data = from.m_extern_data;
+        m_arrMetadata = from.m_arrMetadata;
+    }
+
     /// Whether the data can be kept as this type: not null, an integer at least 4 bytes, a type of
     /// one byte.
     static bool IsValidItem(const char* data, uint32_t size, mp4_meta_data_type_t type);

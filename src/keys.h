@@ -23,6 +23,12 @@ public:
     /// bytes, a shorter one is padded with zeros; null means "mdta".
     int AddKey(const char* name, const char* key_namespace);
 
+    /// Takes the keys of another list in place of its own.
+    void CopyItems(const CMp4KeysAtom& from) {
+        m_index = from.m_index;
+        m_keys = from.m_keys;
+    }
+
     template <class Out>
     void Put(Out& out) const {
         out.WriteInt32(kx_mp4::kBoxHeaderSize);

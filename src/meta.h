@@ -26,6 +26,13 @@ public:
     bool SetMetaData(const char* pKey, const char* pData, uint32_t size, mp4_meta_data_type_t type,
                      const char* key_namespace);
 
+    /// Takes the items of another box of the same form in place of its own.
+    void CopyItems(const CMp4MetaAtom& from) {
+        m_hasKeys = from.m_hasKeys;
+        m_ilst.CopyItems(from.m_ilst);
+        m_keys.CopyItems(from.m_keys);
+    }
+
     void Write() override;
     uint32_t GetSize() override;
 

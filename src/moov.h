@@ -50,6 +50,13 @@ public:
     bool SetMetaData(const char* pKey, const char* pData, uint32_t size, mp4_meta_data_type_t type,
                      const char* key_namespace);
 
+    /// Takes the metadata of another movie box in place of its own.
+    void CopyMetadata(const CMp4MoovAtom& from) {
+        m_udta.m_meta.CopyItems(from.m_udta.m_meta);
+        m_meta.CopyItems(from.m_meta);
+        m_has_meta = from.m_has_meta;
+    }
+
     /// Makes this the movie box of a file whose samples are listed by movie fragments: the tracks
     /// declared so far are written without samples, the video's edit starts at `videoStart` ticks.
     void SetForFragments(int64_t videoStart);

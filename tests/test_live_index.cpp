@@ -66,6 +66,12 @@ SamplesByHandler SamplesOf(const Bytes& file) {
     return samples;
 }
 
+/// The metadata boxes of the last movie box.
+std::string MetadataOf(const Bytes& file) {
+    const movie::Movie found = movie::ReadMovie(std::make_shared<StateSource>(file));
+    return found.moov->At("udta").Dump() + found.moov->At("meta").Dump();
+}
+
 /// Everything but the duration, which is a guess for the last sample of an interval.
 auto Facts(const Sample& sample) {
     return std::tuple(sample.offset, sample.size, sample.dts, sample.cts, sample.sync);
@@ -128,6 +134,7 @@ TEST_P(LiveIndex, EveryByteOfEveryWriteLeavesAllFinishedIntervals) {
             if (IsClosing(write)) {
                 finished = write.handed;
                 ++intervals;
+                ASSERT_EQ(MetadataOf(state), MetadataOf(recorded.output.Content()));
             }
             const SamplesByHandler found = SamplesOf(state);
             for (const auto& [handler, count] : finished)

@@ -145,9 +145,9 @@ public:
     /// file of it. Off after Create.
     ///
     /// After a crash every reader of fragmented files finds all intervals that were over. The index
-    /// takes about 0.3 % more bytes; it covers the tracks that are declared when the first interval
-    /// ends, a track that is declared later is in the final index only. Memory is that of one
-    /// interval. An output by callbacks sees three seeks for each interval.
+    /// takes about 0.3 % more bytes; it covers the tracks that are declared and the metadata that
+    /// is set when the first interval ends, what comes later is in the final index only. Memory is
+    /// that of one interval. An output by callbacks sees three seeks for each interval.
     /// @param interval_ms  Milliseconds of a track's time from one index to the next; 0 turns it
     ///                     off. 1000 is a good choice.
     /// @return #MP4_STATUS_INVALID_PARAMETER once the first frame has been written or, with
