@@ -15,6 +15,12 @@ namespace kx_mp4 {
 /// The unit in which systems write files to disk.
 constexpr uint64_t kPageBytes = 4096;
 
+// Zeros in a row that are taken for bytes that were never written. Emulation prevention keeps three
+// of them out of NAL units, and the length before one has up to three; a caption or a counter has
+// few as well. Coefficients and padding, of AAC and ProRes, have no such rule.
+constexpr size_t kZerosOfNoMarkedSample = 8;
+constexpr size_t kZerosOfNoSample = 64;
+
 /// Reads a file through one window that follows the reading.
 class MediaReader {
 public:

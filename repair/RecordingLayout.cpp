@@ -110,28 +110,6 @@ bool IsMovieBox(const PosixFile& file, uint64_t begin, uint64_t end) {
     return true;
 }
 
-/// Reads the `mdat` at `position` and goes on to the next one; false behind the last one.
-bool ReadLiveExtent(const PosixFile& file, RecordingLayout& layout, uint64_t& position,
-                    uint64_t end) {
-    const BoxHeader mdat(file, position);
-    const uint64_t left = end - position;
-    const bool open = mdat.Size() == 0;
-    const uint64_t size = open ? left : std::min(mdat.LargeSize(), left);
-    if (!mdat.Is("mdat") || size < LiveIndex::kMdatHeaderSize)
-        throw RepairRefused("no media data box lies where the live index ends");
-    const uint64_t mediaEnd = position + size;
-    layout.extents.push_back({position + LiveIndex::kMdatHeaderSize, mediaEnd});
-    if (open) return false;
-    position = mediaEnd;
-    for (BoxHeader box(file, position); box.Is("moov") || box.Is("moof");
-         box = BoxHeader(file, position))
-        position += std::max(box.Size(), kHeader);
-    if (position <= end && end - position >= LiveIndex::kMdatHeaderSize) return true;
-    // The header reached the disk, and not all of the index behind it: that is written anew.
-    layout.mediaLimit = mediaEnd;
-    return false;
-}
-
 /// | free | mdat | moov | moof | mdat | moof | mdat (open) ...
 ///          ^ position
 void ReadLiveLayout(const PosixFile& file, RecordingLayout& layout, uint64_t position) {
@@ -141,6 +119,8 @@ void ReadLiveLayout(const PosixFile& file, RecordingLayout& layout, uint64_t pos
     layout.mediaBegin = position + LiveIndex::kMdatHeaderSize;
     uint64_t end = file.Size();
     if (end < layout.mediaBegin) throw RepairRefused("the recording ends before its media data");
+    if (!BoxHeader(file, position).Is("mdat"))
+        throw RepairRefused("no media data box lies where the repair info file says");
     // Closed: the header of the whole recording is no longer hidden in the 'free' box.
     if (BoxHeader(file, layout.liveHeader).Size() == kHeader) {
         const uint64_t size = BoxHeader(file, layout.liveHeader + kHeader).LargeSize();
@@ -148,16 +128,79 @@ void ReadLiveLayout(const PosixFile& file, RecordingLayout& layout, uint64_t pos
         layout.hasMovieBox = IsMovieBox(file, end, file.Size());
     }
     layout.mediaLimit = end;
-    while (ReadLiveExtent(file, layout, position, end)) {
+}
+
+bool HoldsOnlyZeros(const PosixFile& file, uint64_t begin, uint64_t end) {
+    std::array<uint8_t, 65536> bytes{};
+    while (begin < end) {
+        const size_t read =
+            file.ReadAt(begin, bytes.data(), std::min<uint64_t>(bytes.size(), end - begin));
+        if (read == 0) return true;
+        const auto first = bytes.begin();
+        if (std::any_of(first, first + read, [](uint8_t byte) { return byte != 0; })) return false;
+        begin += read;
     }
+    return true;
+}
+
+/// A movie box has the size of an empty one until it is complete, and may have got some bytes of
+/// its own, from the highest on.
+bool IsMovieSize(uint64_t size, uint64_t complete) {
+    for (const int shift : {8, 16, 24, 32}) {
+        if (size == ((complete >> shift << shift) | kHeader)) return true;
+    }
+    return size == complete;
+}
+
+/// Whether the boxes from `begin` on are those of an index and the last one ends at `end`, or
+/// would end behind it.
+bool HoldsUnfinishedIndex(const PosixFile& file, uint64_t begin, uint64_t end) {
+    while (end - begin >= kHeader) {
+        const BoxHeader box(file, begin);
+        if (box.Is("moov") && IsMovieSize(box.Size(), end - begin)) return true;
+        const bool known = box.Is("moov") || box.Is("moof") || box.Is("mdat");
+        const uint64_t size = box.Is("mdat") ? LiveIndex::kMdatHeaderSize : box.Size();
+        if (!known || size < kHeader) return false;
+        if (size >= end - begin) return true;
+        begin += size;
+    }
+    return true;
 }
 
 }  // namespace
 
+MediaExtent ReadMediaExtent(const PosixFile& file, uint64_t begin, uint64_t limit) {
+    const uint64_t position = begin - LiveIndex::kMdatHeaderSize;
+    const BoxHeader mdat(file, position);
+    const uint64_t size = mdat.LargeSize();
+    const bool closed =
+        mdat.Is("mdat") && mdat.Size() == kLargeSizeFollows && size >= LiveIndex::kMdatHeaderSize;
+    return {begin, closed ? position + std::min(size, limit - position) : limit, closed};
+}
+
+// The first child is looked at too: samples may hold anything.
 bool BeginsLiveIndex(const PosixFile& file, uint64_t position) {
-    if (file.Size() < position + kHeader) return true;
     const BoxHeader box(file, position);
-    return box.Is("moov") || box.Is("moof");
+    if (!box.Is("moof") && !box.Is("moov")) return false;
+    const uint64_t content = position + kHeader;
+    return file.Size() < content + kHeader ||
+           BoxHeader(file, content).Is(box.Is("moof") ? "mfhd" : "mvhd");
+}
+
+std::optional<uint64_t> EndOfLiveIndex(const PosixFile& file, uint64_t position, bool& hasHeader) {
+    for (BoxHeader box(file, position); BeginsLiveIndex(file, position);
+         box = BoxHeader(file, position)) {
+        position += std::max(box.Size(), kHeader);
+        if (!box.Is("moof")) continue;
+        const BoxHeader next(file, position);
+        hasHeader = next.Is("mdat") && next.Size() <= kLargeSizeFollows;
+        return position + LiveIndex::kMdatHeaderSize;
+    }
+    return std::nullopt;
+}
+
+bool HoldsNoSample(const PosixFile& file, uint64_t begin, uint64_t end) {
+    return HoldsUnfinishedIndex(file, begin, end) || HoldsOnlyZeros(file, begin, end);
 }
 
 RecordingLayout ReadRecordingLayout(const PosixFile& file, uint8_t flags, uint32_t mdatPosition) {
@@ -186,7 +229,6 @@ RecordingLayout ReadRecordingLayout(const PosixFile& file, uint8_t flags, uint32
     //                                 ^ 1A08  ^ 1A2C
     layout.mediaLimit = mediaEnd < fileEnd && BeginsMovieBox(file, mediaEnd) ? mediaEnd : fileEnd;
     layout.hasMovieBox = mediaEnd < fileEnd && IsMovieBox(file, mediaEnd, fileEnd);
-    layout.extents = {{layout.mediaBegin, layout.mediaLimit}};
     return layout;
 }
 

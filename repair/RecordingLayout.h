@@ -4,7 +4,7 @@
 #define KX_MP4_REPAIR_RECORDINGLAYOUT_H
 
 #include <cstdint>
-#include <vector>
+#include <optional>
 
 #include "PosixFile.h"
 
@@ -13,7 +13,8 @@ namespace kx_mp4 {
 /// Samples lie here one behind the other: between the boxes of a live index.
 struct MediaExtent {
     uint64_t begin = 0;
-    uint64_t end = 0;
+    uint64_t end = 0;     // at most
+    bool closed = false;  // it ends there by its header, and an index follows
 };
 
 /// | ftyp | free (MP4 only) | mdat header | samples ... | moov or what became of it |
@@ -27,12 +28,22 @@ struct RecordingLayout {
     bool hasMovieBox = false;  // a complete `moov` follows the media data and ends the file
     bool live = false;         // recorded with a live index
     uint64_t liveHeader = 0;   // where its `free` box lies
-    std::vector<MediaExtent> extents;  // in order, one without a live index
 };
 
-/// Whether the bytes from `position` on are the beginning of a box that indexes samples, or less
-/// than the header of one.
+// What stands between the samples of a recording with a live index. Any of it can be missing after
+// a power cut, which leaves zeros or less in its place.
+
+/// The media data that begins there, behind a header, in a file whose samples end at `limit`.
+MediaExtent ReadMediaExtent(const PosixFile& file, uint64_t begin, uint64_t limit);
+/// Whether a movie box or a movie fragment begins at `position`.
 bool BeginsLiveIndex(const PosixFile& file, uint64_t position);
+/// Where the samples go on behind the index at `position`: a fragment, with a movie box in front of
+/// it the first time, and the header of the next media data, of which `hasHeader` tells whether it
+/// is there. Nothing when that fragment does not lie there.
+std::optional<uint64_t> EndOfLiveIndex(const PosixFile& file, uint64_t position, bool& hasHeader);
+/// Whether what lies between the two holds no sample: an index that was being written, or zeros,
+/// or too little for the header of a box.
+bool HoldsNoSample(const PosixFile& file, uint64_t begin, uint64_t end);
 
 /// Reads the layout and holds it against the repair info file's flag byte and position.
 /// Throws RepairRefused when they do not belong together, kx_mp4_exception when it cannot read.

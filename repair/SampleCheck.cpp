@@ -57,13 +57,9 @@ void SampleCheck::SetVideoFormat(const VideoFormatRecord& format) {
     }
 }
 
-// Emulation prevention keeps three zeros in a row out of NAL units, and the length before one has
-// up to three; a caption or a counter has few as well. Coefficients and padding have no such rule.
 size_t SampleCheck::ZerosOfNoSample(RepairTrack track) const {
-    constexpr size_t kMarked = 8;
-    constexpr size_t kUnmarked = 64;
     const bool unmarked = track == kRepairAudio || (track == kRepairVideo && m_nal == nullptr);
-    return unmarked ? kUnmarked : kMarked;
+    return unmarked ? kZerosOfNoSample : kZerosOfNoMarkedSample;
 }
 
 SampleVerdict SampleCheck::Check(const FrameRecord& frame, uint64_t position) {

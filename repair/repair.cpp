@@ -1,8 +1,6 @@
 #include "kx_mp4/repair.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -20,6 +18,7 @@
 #include "RepairRefused.h"
 #include "Rescale.h"
 #include "SampleCheck.h"
+#include "UnfinishedFile.h"
 #include "defines.h"
 
 namespace kx_mp4 {
@@ -28,41 +27,6 @@ namespace {
 
 /// The progress callback is told at least this many bytes after it was told before.
 constexpr uint64_t kProgressStep = uint64_t{8} << 20;
-
-/// A new file that grows under a name of its own, and is removed when it does not become complete.
-class UnfinishedFile {
-public:
-    /// Named after `path`, with the permissions of `like`.
-    UnfinishedFile(const std::string& path, const PosixFile& like)
-        : m_target(path), m_folder(path), m_file(path, like, m_path) {}
-    ~UnfinishedFile() {
-        if (!m_complete) std::remove(m_path.c_str());
-    }
-    UnfinishedFile(const UnfinishedFile&) = delete;
-    UnfinishedFile& operator=(const UnfinishedFile&) = delete;
-
-    PosixFile& File() { return m_file; }
-    /// Gives the file its name; what stands there is only replaced when `overwrite` is set.
-    void BecomeComplete(bool overwrite) {
-        // A name that has come meanwhile makes link fail, which rename would replace. File systems
-        // without links leave a moment for that.
-        const bool linked = !overwrite && link(m_path.c_str(), m_target.c_str()) == 0;
-        if (!linked && !overwrite && access(m_target.c_str(), F_OK) == 0)
-            throw RepairRefused("the output '" + m_target + "' has come into being meanwhile");
-        if (!linked && std::rename(m_path.c_str(), m_target.c_str()) != 0)
-            throw kx_mp4_exception(errno);
-        if (linked) std::remove(m_path.c_str());
-        m_complete = true;
-        m_folder.Sync();
-    }
-
-private:
-    const std::string m_target;
-    ContainingFolder m_folder;
-    std::string m_path;
-    PosixFile m_file;
-    bool m_complete = false;
-};
 
 /// One repair, from the opened files to the report.
 class RepairRun {
@@ -78,7 +42,11 @@ private:
     void CheckRecords();
     bool Keep(const InfoRecord& record);
     bool KeepFrame(const FrameRecord& frame);
-    void SkipIndexes();
+    std::optional<uint64_t> NextSample() const;
+    std::optional<uint64_t> BehindIndex() const;
+    bool MayHoldSample(uint64_t position, uint64_t size) const;
+    void GoTo(uint64_t position);
+    bool AtEndOfExtent() const { return m_extent.closed && m_mediaEnd == m_extent.end; }
     void FindEnd();
     void Count(const FrameRecord& frame, bool indexed);
     void Distrust(const FrameRecord& frame, const char* doubt);
@@ -92,7 +60,6 @@ private:
     void WriteInPlace();
     void WriteCopy();
     void TakeLock();
-    void RefuseOutput();
     void Tell(RepairStep step, uint64_t done, uint64_t total);
 
     const RepairOptions& m_options;
@@ -107,7 +74,7 @@ private:
     RepairOutput m_output;
     std::optional<MovieReplay> m_movie;
     uint64_t m_mediaEnd = 0;
-    size_t m_extent = 0;        // of the media data, where the records stand
+    MediaExtent m_extent;       // where the records stand, with a live index
     uint64_t m_indexBytes = 0;  // of a live index, between the samples so far
     uint64_t m_told = 0;
     struct Clock {
@@ -134,7 +101,7 @@ RepairRun::RepairRun(const RepairOptions& options, RepairReport& report)
     if (options.in_place) return;
     m_outputPath = options.output_path.empty() ? DefaultRepairOutput(report.recording_path)
                                                : options.output_path;
-    RefuseOutput();
+    RefuseOutput(m_outputPath, {&m_recording, &m_info.File()}, options.overwrite);
 }
 
 /// Whoever writes the records, or repairs by them, holds this lock. Where files cannot be locked,
@@ -167,6 +134,7 @@ bool RepairRun::Check() {
     m_layout = ReadRecordingLayout(m_recording, flags, mdatPosition);
     m_report.quicktime = m_layout.quicktime;
     m_mediaEnd = m_layout.mediaBegin;
+    if (m_layout.live) m_extent = ReadMediaExtent(m_recording, m_mediaEnd, m_layout.mediaLimit);
     m_media.emplace(m_recording, m_layout.mediaLimit);
     m_check.emplace(*m_media);
     m_movie.emplace(m_output, m_layout, flags, m_report.composition_offsets);
@@ -221,38 +189,67 @@ bool RepairRun::Keep(const InfoRecord& record) {
     return false;
 }
 
-/// Samples go on behind an index of those before.
-void RepairRun::SkipIndexes() {
-    const std::vector<MediaExtent>& extents = m_layout.extents;
-    while (m_extent + 1 < extents.size() && m_mediaEnd == extents[m_extent].end) {
-        const uint64_t next = extents[++m_extent].begin;
-        m_indexBytes += next - m_mediaEnd;
-        m_mediaEnd = next;
-        m_movie->SkipIndex(next);
-    }
+/// Where a sample may follow: here, or behind an index of those before. Nothing where only such an
+/// index can be that is not all there.
+std::optional<uint64_t> RepairRun::NextSample() const {
+    const bool indexed =
+        m_layout.live && (AtEndOfExtent() || BeginsLiveIndex(m_recording, m_mediaEnd));
+    if (!indexed) return m_mediaEnd;
+    const std::optional<uint64_t> next = BehindIndex();
+    return next && *next <= m_layout.mediaLimit ? next : std::nullopt;
 }
 
-/// Where the index has to lie. A live index that was being written behind the last sample is not
-/// media data, and is written anew.
+/// An index of which bytes are missing is as long as the one that would be written for these
+/// samples: when the header before it says that it begins here, or it does so and is that long.
+std::optional<uint64_t> RepairRun::BehindIndex() const {
+    bool hasHeader = false;
+    const std::optional<uint64_t> found = EndOfLiveIndex(m_recording, m_mediaEnd, hasHeader);
+    if (found && hasHeader) return found;
+    const uint64_t computed = m_mediaEnd + m_movie->LiveIndexSize();
+    if (AtEndOfExtent() || found == computed) return computed;
+    return std::nullopt;
+}
+
+/// Behind the last interval, the index of the whole recording may follow at once.
+bool RepairRun::MayHoldSample(uint64_t position, uint64_t size) const {
+    if (!m_layout.live) return true;
+    if (position == m_mediaEnd) return size <= m_extent.end - position;
+    return !BeginsLiveIndex(m_recording, position) &&
+           size <= ReadMediaExtent(m_recording, position, m_layout.mediaLimit).end - position;
+}
+
+void RepairRun::GoTo(uint64_t position) {
+    if (position == m_mediaEnd) return;
+    m_indexBytes += position - m_mediaEnd;
+    m_mediaEnd = position;
+    m_extent = ReadMediaExtent(m_recording, position, m_layout.mediaLimit);
+    m_movie->SkipIndex(position);
+}
+
+/// Where the index has to lie. What follows the last sample and cannot hold one is written anew,
+/// but for an index that counts already, by the header before it.
 void RepairRun::FindEnd() {
     if (!m_layout.live) return;
-    SkipIndexes();
-    if (m_extent + 1 == m_layout.extents.size() && BeginsLiveIndex(m_recording, m_mediaEnd))
+    const std::optional<uint64_t> next = NextSample();
+    const bool cannotHold = HoldsNoSample(m_recording, m_mediaEnd, m_layout.mediaLimit);
+    if (next && (AtEndOfExtent() || !cannotHold)) GoTo(*next);
+    const bool indexIsCut = !next && AtEndOfExtent();
+    if (indexIsCut || HoldsNoSample(m_recording, m_mediaEnd, m_layout.mediaLimit))
         m_layout.mediaLimit = m_mediaEnd;
 }
 
 bool RepairRun::KeepFrame(const FrameRecord& frame) {
-    SkipIndexes();
-    if (m_layout.live && frame.size > m_layout.extents[m_extent].end - m_mediaEnd) {
+    const std::optional<uint64_t> place = NextSample();
+    if (!place || !MayHoldSample(*place, frame.size)) {
         m_problem = "its sample is not all there";
         return false;
     }
-    const SampleVerdict verdict = m_check->Check(frame, m_mediaEnd);
+    const SampleVerdict verdict = m_check->Check(frame, *place);
     if (verdict == SampleVerdict::kRefuted) {
         m_problem = m_check->Problem();
         return false;
     }
-    if (!m_movie->HasRoomFor(frame, m_mediaEnd)) {
+    if (!m_movie->HasRoomFor(frame, *place)) {
         m_problem = "its sample lies where this kind of file cannot have one";
         return false;
     }
@@ -261,6 +258,7 @@ bool RepairRun::KeepFrame(const FrameRecord& frame) {
         m_needsOffsets = true;
         return false;
     }
+    GoTo(*place);
     m_time = TimeOf(frame);
     if (verdict == SampleVerdict::kDoubtful) Distrust(frame, m_check->Doubt());
     Count(frame, m_movie->Apply(frame, m_mediaEnd));
@@ -423,18 +421,6 @@ void RepairRun::WriteInPlace() {
     ContainingFolder folder(m_report.info_path);
     std::remove(m_report.info_path.c_str());
     folder.Sync();
-}
-
-/// The output is a name that is free, or on request a file that is none of the inputs.
-void RepairRun::RefuseOutput() {
-    const std::string& path = m_outputPath;
-    if (m_recording.IsNamed(path) || m_info.File().IsNamed(path))
-        throw RepairRefused("the output '" + path + "' is an input of the repair");
-    struct stat status = {};
-    if (lstat(path.c_str(), &status) != 0) return;
-    if (!S_ISREG(status.st_mode))
-        throw RepairRefused("the output '" + path + "' is there and is not a regular file");
-    if (!m_options.overwrite) throw RepairRefused("the output '" + path + "' is there already");
 }
 
 void RepairRun::WriteCopy() {

@@ -27,6 +27,60 @@ RepairReport RepairAgain(const std::string& path) {
     return Repair(path, options);
 }
 
+/// What stands between the samples of a live index: positions in the file.
+struct LiveInterval {
+    std::ptrdiff_t header = 0;  // of its media data
+    std::ptrdiff_t indexBegin = 0;
+    std::ptrdiff_t indexEnd = 0;  // with the header of the next media data
+    uint64_t samples = 0;         // that the index lists
+};
+
+std::vector<LiveInterval> IntervalsOf(const Bytes& recording) {
+    const MovieReader reader(recording);
+    std::vector<LiveInterval> intervals(1);
+    for (const Box& box : reader.File().children) {
+        LiveInterval& interval = intervals.back();
+        const auto begin = static_cast<std::ptrdiff_t>(box.offset);
+        if (box.type == "mdat") interval.header = begin;
+        const bool indexes = box.type == "moov" || box.type == "moof";
+        if (indexes && interval.indexBegin == 0) interval.indexBegin = begin;
+        if (box.type != "moof") continue;
+        for (const Box& traf : box.children) {
+            for (const Box& run : traf.children)
+                interval.samples += run.type == "trun" ? run.U32(12) : 0;
+        }
+        interval.indexEnd = begin + static_cast<std::ptrdiff_t>(box.size) + 16;
+        intervals.emplace_back();
+    }
+    intervals.pop_back();
+    return intervals;
+}
+
+/// Bytes that are something else after a power cut.
+struct Damage {
+    std::ptrdiff_t begin = 0;
+    std::ptrdiff_t end = 0;
+    uint8_t value = 0;
+    bool losesIndex = true;
+};
+
+std::vector<Damage> DamagesOf(const LiveInterval& interval) {
+    const auto [header, begin, end, samples] = interval;
+    return {{begin, end},
+            {begin, end, 0xA5},
+            {begin, begin + 30},
+            {begin + 40, end},
+            {end - 16, end, 0, false},            // the next header
+            {header + 3, header + 4, 0, false}};  // as before the index
+}
+
+uint64_t FramesKept(const RepairReport& report) {
+    uint64_t frames = 0;
+    for (const auto& track : report.tracks)
+        frames += track.frames_kept;
+    return frames;
+}
+
 /// Intervals of a live index end before the next frame, whose loss leaves them where they are.
 bool HoldsSameSamples(const Bytes& made, const Bytes& file) {
     const MovieReader wanted(made);
@@ -266,6 +320,79 @@ TEST_F(CrashAtEveryByte, LiveRepairInPlace) {
     EXPECT_EQ(RepairAgain(path).outcome, RepairOutcome::kLoss);
 }
 
+// A power cut can take any of what stands between the samples, or all from somewhere on: what is
+// whole is restored, and also without a repair info file when its index is there.
+TEST_F(CrashAtEveryByte, WhatStandsBetweenTheSamplesIsMissing) {
+    Scenario scenario;
+    scenario.largestPicture = 60;
+    scenario.liveMs = 60;
+    const std::string path = m_folder.Path("a.mp4");
+    const Bytes expected = Finished(path, 0, CallsOf(scenario));
+    CutOff(path, 0, CallsOf(scenario));
+    const Bytes recording = ReadFile(path);
+    const Bytes info = ReadFile(path + ".info");
+    const auto restore = [&](const Bytes& file) {
+        WriteWholeFile(path, file);
+        WriteWholeFile(path + ".info", info);
+    };
+    const std::vector<LiveInterval> intervals = IntervalsOf(recording);
+    ASSERT_EQ(intervals.size(), 5U);
+    uint64_t listed = 0;
+    for (const LiveInterval& interval : intervals)
+        listed += interval.samples;
+    uint64_t whole = 0;
+    RepairOptions inPlace;
+    inPlace.in_place = true;
+    for (const LiveInterval& interval : intervals) {
+        const bool first = whole == 0;
+        whole += interval.samples;
+        for (const Damage& damage : DamagesOf(interval)) {
+            SCOPED_TRACE(std::to_string(damage.begin) + " to " + std::to_string(damage.end));
+            Bytes torn = recording;
+            std::fill(torn.begin() + damage.begin, torn.begin() + damage.end, damage.value);
+            restore(torn);
+            const RepairReport copied = RepairAgain(path);
+            ASSERT_EQ(copied.outcome, RepairOutcome::kWhole) << copied.reason;
+            ASSERT_TRUE(HoldsSameSamples(expected, ReadFile(copied.output_path)));
+            const RepairReport finished = kxrepair::FinishLiveRecording(path, inPlace);
+            if (first && damage.losesIndex) {
+                ASSERT_EQ(finished.outcome, RepairOutcome::kFailed);
+                ASSERT_TRUE(ReadFile(path) == torn);
+            } else {
+                ASSERT_EQ(finished.outcome, RepairOutcome::kLoss) << finished.reason;
+                ASSERT_EQ(FramesKept(finished),
+                          listed - (damage.losesIndex ? interval.samples : 0));
+                ASSERT_EQ(MovieReader(ReadFile(path)).File().ChildTypes(), "ftyp free mdat moov");
+            }
+        }
+        // Nothing but zeros from the index on: the disk never got more.
+        Bytes torn(recording.begin(), recording.begin() + interval.indexBegin);
+        torn.resize(recording.size());
+        restore(torn);
+        const RepairReport copied = RepairAgain(path);
+        ASSERT_EQ(copied.outcome, RepairOutcome::kLoss);
+        ASSERT_EQ(copied.media_bytes_unexplained, 0U) << copied.reason;
+        ASSERT_GE(FramesKept(copied), whole);
+        ASSERT_EQ(Repair(path, inPlace).outcome, RepairOutcome::kLoss);
+        ASSERT_TRUE(ReadFile(path) == ReadFile(copied.output_path));
+        ASSERT_EQ(MovieReader(ReadFile(path)).File().ChildTypes(), "ftyp free mdat moov");
+    }
+    // The repair in place of such a file is killed.
+    FileStates files;
+    Bytes& torn = files.Of(path) = recording;
+    std::fill(torn.begin() + intervals[2].indexBegin, torn.begin() + intervals[2].indexEnd, 0);
+    restore(torn);
+    KillAnywhere(
+        files, path, [&] { Repair(path, inPlace); },
+        [&](const FileStates& state) {
+            restore(state.Of(path));
+            const RepairReport report = Repair(path, inPlace);
+            ASSERT_EQ(report.outcome, RepairOutcome::kWhole) << report.reason;
+            ASSERT_TRUE(HoldsSameSamples(expected, ReadFile(path)));
+        });
+    EXPECT_GT(m_states, 1000U);
+}
+
 // Without a repair info file: no write makes a sample disappear, and a second run completes the
 // first.
 TEST_F(CrashAtEveryByte, FinishedByItsLiveIndexAlone) {
@@ -287,21 +414,41 @@ TEST_F(CrashAtEveryByte, FinishedByItsLiveIndexAlone) {
     CutOff(path, 0, CallsOf(scenario));
     FileStates files;
     files.Of(path) = ReadFile(path);
-    const auto samples = samplesOf(ReadFile(path));
+    const auto samples = samplesOf(files.Of(path));
     EXPECT_GT(samples.size(), 15U);
-    EXPECT_NE(kxrepair::FinishLiveRecording(path, true).bytesBehind, 0U);
+    RepairOptions options;
+    options.output_path = m_folder.Path("b.mp4");
+    const RepairReport copied = kxrepair::FinishLiveRecording(path, options);
+    EXPECT_EQ(copied.outcome, RepairOutcome::kLoss) << copied.reason;
+    EXPECT_NE(copied.media_bytes_unexplained, 0U);
     EXPECT_TRUE(ReadFile(path) == files.Of(path));
+    const MovieReader whole(Finished(path, 0, CallsOf(scenario)));
+    const Bytes copy = ReadFile(options.output_path);
+    for (const char* box : {"moov/udta", "moov/meta"})
+        EXPECT_EQ(MovieReader(copy).File().At(box).Dump(), whole.File().At(box).Dump());
+    WriteWholeFile(path, files.Of(path));
+    options.in_place = true;
     KillAnywhere(
-        files, path, [&] { kxrepair::FinishLiveRecording(path, false); },
+        files, path,
+        [&] {
+            EXPECT_EQ(kxrepair::FinishLiveRecording(path, options).output_bytes, copy.size());
+            EXPECT_TRUE(ReadFile(path) == copy);
+        },
         [&](const FileStates& torn) {
             ASSERT_EQ(samplesOf(torn.Of(path)), samples);
             WriteWholeFile(path, torn.Of(path));
-            if (kxrepair::IsLiveRecording(path)) kxrepair::FinishLiveRecording(path, false);
+            if (kxrepair::IsLiveRecording(path)) kxrepair::FinishLiveRecording(path, options);
             ASSERT_EQ(samplesOf(ReadFile(path)), samples);
             ASSERT_EQ(MovieReader(ReadFile(path)).File().ChildTypes(), "ftyp free mdat moov");
         });
     EXPECT_GT(m_states, 1000U);
     EXPECT_FALSE(kxrepair::IsLiveRecording(path));
+    // The end of a page within a picture never reached the disk.
+    Bytes torn = files.Of(path);
+    std::fill(torn.begin() + 4088, torn.begin() + 4096, 0);
+    WriteWholeFile(path, torn);
+    const RepairReport report = kxrepair::FinishLiveRecording(path, options);
+    EXPECT_EQ(report.tracks[kx_mp4::kRepairVideo].frames_doubtful, 1U) << report.reason;
 }
 
 // A repair in place that is killed at any byte leaves what a second one completes.

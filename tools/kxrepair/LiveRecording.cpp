@@ -8,14 +8,22 @@
 #include <cerrno>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <stdexcept>
-#include <system_error>
+#include <utility>
+#include <vector>
 
 #include "ChunkOffsets.h"
-#include "LiveIndex.h"
+#include "LiveMovie.h"
+#include "MediaReader.h"
 #include "Movie.h"
+#include "PosixFile.h"
+#include "RepairOutput.h"
+#include "RepairRefused.h"
 #include "Rescale.h"
+#include "UnfinishedFile.h"
 #include "ctts.h"
+#include "defines.h"
 #include "stsc.h"
 #include "stss.h"
 #include "stsz.h"
@@ -25,6 +33,11 @@ namespace kxrepair {
 namespace {
 
 namespace movie = kx_mp4::movie;
+using kx_mp4::PosixFile;
+using kx_mp4::RepairOptions;
+using kx_mp4::RepairOutcome;
+using kx_mp4::RepairRefused;
+using kx_mp4::RepairReport;
 using kx_mp4::Rescale;
 using movie::Box;
 using movie::Bytes;
@@ -33,49 +46,13 @@ using movie::Sample;
 constexpr uint32_t kMovieTimescale = 1000;
 constexpr uint64_t kSizeByte = 3;
 
-/// Descriptor of a file that is open for writing.
-class OpenFile {
-public:
-    explicit OpenFile(const std::string& path) : m_file(open(path.c_str(), O_RDWR | O_CLOEXEC)) {
-        if (m_file < 0) Fail("cannot be opened");
-    }
-    ~OpenFile() { close(m_file); }
-    OpenFile(const OpenFile&) = delete;
-    OpenFile& operator=(const OpenFile&) = delete;
-
-    /// All of it or a failure.
-    void Write(uint64_t position, const uint8_t* bytes, size_t size) const {
-        while (size != 0) {
-            const ssize_t written = pwrite(m_file, bytes, size, static_cast<off_t>(position));
-            if (written < 0 && errno == EINTR) continue;
-            if (written <= 0) Fail("cannot be written");
-            bytes += written;
-            position += static_cast<uint64_t>(written);
-            size -= static_cast<size_t>(written);
-        }
-    }
-    void Push() const {
-        if (fsync(m_file) != 0) Fail("cannot be pushed to the device");
-    }
-    /// Best effort: what lies behind counts for nobody.
-    void CutTo(uint64_t size) const {
-        [[maybe_unused]] const int result = ftruncate(m_file, static_cast<off_t>(size));
-    }
-
-private:
-    [[noreturn]] static void Fail(const char* what) {
-        throw std::system_error(errno, std::generic_category(), what);
-    }
-
-    int m_file;
-};
-
 /// Systems that know leases refuse one while somebody has the file open for writing.
 void RefuseWhileWritten(const std::string& path) {
     const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     const bool written = file >= 0 && fcntl(file, F_SETLEASE, F_RDLCK) != 0 && errno == EAGAIN;
     if (file >= 0) close(file);
-    if (written) throw std::runtime_error("the recording is still running");
+    if (written)
+        throw RepairRefused("the recording is still running: somebody has it open for writing");
 }
 
 /// The samples of a track, and the table boxes that list them.
@@ -161,12 +138,14 @@ public:
         });
         return m_out;
     }
+    /// Milliseconds.
+    uint64_t Duration() const { return static_cast<uint64_t>(MovieDuration()); }
+
+private:
     uint64_t Milliseconds(size_t track) const {
         return static_cast<uint64_t>(Rescale(m_tracks[track].PresentedDuration(), kMovieTimescale,
                                              m_found.tracks[track].timescale));
     }
-
-private:
     /// A counter lasts as long as the video.
     void SettleTimecode() {
         for (size_t i = 0; i < m_tracks.size(); ++i) {
@@ -249,13 +228,154 @@ private:
     CBufferIO m_out;
 };
 
-/// The hidden header is still hidden, and the boxes in front are those of a live index.
-bool HasLiveForm(const movie::Movie& found) {
-    const std::vector<Box>& boxes = found.boxes.file.children;
-    if (boxes.size() < 3 || boxes[0].type != "ftyp" || boxes[1].type != "free") return false;
-    if (boxes[1].size != kx_mp4::LiveIndex::kFreeSize || boxes[2].type != "mdat") return false;
-    const Bytes hidden = boxes[1].Peek(8, 8);
-    return hidden == Bytes{0, 0, 0, 1, 'm', 'd', 'a', 't'};
+/// Which of the report's kinds a track is.
+std::optional<size_t> KindOf(const movie::Track& track) {
+    static const std::array<const char*, kx_mp4::kRepairTrackKinds> kHandlers = {"vide", "soun",
+                                                                                 "clcp", "tmcd"};
+    const auto kind = std::find(kHandlers.begin(), kHandlers.end(), track.handler);
+    if (kind == kHandlers.end()) return std::nullopt;
+    return static_cast<size_t>(kind - kHandlers.begin());
+}
+
+class Finish {
+public:
+    Finish(const std::string& path, const RepairOptions& options, RepairReport& report);
+
+    void Write();
+
+private:
+    void ReadSamples();
+    void LookForUnwrittenSamples();
+    void Conclude();
+    void WriteInto(PosixFile& file);
+
+    const RepairOptions& m_options;
+    RepairReport& m_report;
+    PosixFile m_file;
+    LiveMovie m_live;
+    std::vector<TrackSamples> m_tracks;
+    uint64_t m_doubtful = 0;
+    std::optional<MovieBox> m_box;
+    CBufferIO* m_index = nullptr;
+};
+
+Finish::Finish(const std::string& path, const RepairOptions& options, RepairReport& report)
+    : m_options(options),
+      m_report(report),
+      m_file(path, options.in_place && !options.dry_run ? O_RDWR : O_RDONLY) {
+    if (!options.in_place) kx_mp4::RefuseOutput(options.output_path, {&m_file}, options.overwrite);
+    m_live = ReadLiveMovie(path);
+    if (m_live.movie.moov == nullptr || m_live.movie.fragments.empty())
+        throw RepairRefused("it ends before its first index");
+    ReadSamples();
+    LookForUnwrittenSamples();
+    m_box.emplace(m_live.movie, std::move(m_tracks));
+    m_index = &m_box->Make();
+    Conclude();
+}
+
+void Finish::ReadSamples() {
+    m_tracks.resize(m_live.movie.tracks.size());
+    uint64_t bytes = 0;
+    std::vector<std::string> faults =
+        movie::VisitSamples(m_live.movie, [&](size_t track, const Sample& sample) {
+            m_tracks[track].samples.push_back(sample);
+            bytes += sample.size;
+        });
+    if (bytes > m_file.Size()) faults.emplace_back("Samples lie over each other.");
+    if (!faults.empty()) throw RepairRefused("its index does not hold: " + faults[0]);
+    for (size_t i = 0; i < m_tracks.size(); ++i) {
+        const std::optional<size_t> kind = KindOf(m_live.movie.tracks[i]);
+        if (!kind) continue;
+        kx_mp4::RepairTrackReport& track = m_report.tracks[*kind];
+        for (const Sample& sample : m_tracks[i].samples) {
+            ++track.frames_kept;
+            track.bytes_kept += sample.size;
+            const bool ownTime = *kind == kx_mp4::kRepairVideo && sample.cts != sample.dts;
+            m_report.composition_offsets = m_report.composition_offsets || ownTime;
+        }
+        m_report.media_bytes_kept += track.bytes_kept;
+    }
+}
+
+/// In the order of the file, which is read once.
+void Finish::LookForUnwrittenSamples() {
+    std::vector<std::pair<const Sample*, size_t>> samples;
+    for (size_t i = 0; i < m_tracks.size(); ++i) {
+        for (const Sample& sample : m_tracks[i].samples)
+            samples.emplace_back(&sample, i);
+    }
+    std::sort(samples.begin(), samples.end(),
+              [](const auto& a, const auto& b) { return a.first->offset < b.first->offset; });
+    kx_mp4::MediaReader media(m_file, m_file.Size());
+    for (const auto& [sample, i] : samples) {
+        const movie::Track& track = m_live.movie.tracks[i];
+        const bool unmarked = track.handler == "soun" ||
+                              (track.handler == "vide" && track.entryType.compare(0, 2, "ap") == 0);
+        const size_t zeros = unmarked ? kx_mp4::kZerosOfNoSample : kx_mp4::kZerosOfNoMarkedSample;
+        if (!media.LooksUnwritten(sample->offset, sample->offset + sample->size, zeros)) continue;
+        if (m_doubtful++ == 0)
+            m_report.reason_time_ms = static_cast<uint64_t>(Rescale(
+                sample->dts - m_tracks[i].samples[0].dts, kMovieTimescale, track.timescale));
+        const std::optional<size_t> kind = KindOf(track);
+        if (kind) ++m_report.tracks[*kind].frames_doubtful;
+    }
+}
+
+void Finish::Conclude() {
+    m_report.quicktime = m_live.movie.boxes.file.children[0].Text(8, 4) == "qt  ";
+    m_report.media_bytes_unexplained = m_live.bytesWithout;
+    m_report.output_bytes = m_file.Size() + m_index->GetSize();
+    const bool whole = m_live.bytesWithout == 0 && m_doubtful == 0;
+    m_report.outcome = whole ? RepairOutcome::kWhole : RepairOutcome::kLoss;
+    if (m_live.bytesWithout != 0) {
+        m_report.reason = std::to_string(m_live.bytesWithout) +
+                          " bytes of media data are in no index, and there is no repair info file";
+        m_report.reason_time_ms = m_box->Duration();
+    } else if (m_doubtful != 0) {
+        m_report.reason = std::to_string(m_doubtful) +
+                          " frames lie on bytes that look as if they had never been written";
+    }
+}
+
+void Finish::Write() {
+    if (m_options.in_place) {
+        m_file.RequireRoom(m_file.Size(), m_index->GetSize());
+        WriteInto(m_file);
+        m_report.output_path = m_report.recording_path;
+        return;
+    }
+    kx_mp4::UnfinishedFile part(m_options.output_path, m_file);
+    const uint64_t size = m_file.Size();
+    CopyBeginning(m_file, part.File(), size, m_index->GetSize(), [&](uint64_t done) {
+        const bool goesOn =
+            !m_options.progress || m_options.progress({kx_mp4::RepairStep::kCopy, done, size});
+        if (!goesOn) throw RepairRefused("it was cancelled");
+    });
+    WriteInto(part.File());
+    m_report.output_path = m_options.output_path;
+    part.BecomeComplete(m_options.overwrite);
+}
+
+void Finish::WriteInto(PosixFile& file) {
+    const uint64_t end = file.Size();
+    const uint64_t header = m_live.movie.boxes.file.children[1].offset;
+    const uint64_t mdat = header + kx_mp4::kBoxHeaderSize;
+    try {
+        file.WriteAt(end, m_index->GetBuffer(), static_cast<size_t>(m_index->GetSize()));
+    } catch (...) {
+        // Best effort: what lies behind counts for nobody.
+        [[maybe_unused]] const int result = ftruncate(file.Descriptor(), static_cast<off_t>(end));
+        throw;
+    }
+    std::array<uint8_t, 8> size{};
+    for (size_t i = 0; i < size.size(); ++i)
+        size[i] = static_cast<uint8_t>((end - mdat) >> 8 * (size.size() - 1 - i));
+    file.WriteAt(mdat + kx_mp4::kBoxHeaderSize, size.data(), size.size());
+    file.Sync();
+    const uint8_t uncovered = kx_mp4::kBoxHeaderSize;
+    file.WriteAt(header + kSizeByte, &uncovered, 1);
+    file.Sync();
 }
 
 }  // namespace
@@ -264,50 +384,21 @@ bool IsLiveRecording(const std::string& path) {
     return HasLiveForm(movie::ReadMovie(std::make_shared<movie::FileSource>(path)));
 }
 
-LiveReport FinishLiveRecording(const std::string& path, bool dryRun) {
-    RefuseWhileWritten(path);
-    const movie::Movie found = movie::ReadMovie(std::make_shared<movie::FileSource>(path));
-    if (!HasLiveForm(found)) throw std::runtime_error("it has no live index");
-    if (found.moov == nullptr || found.fragments.empty())
-        throw std::runtime_error("it ends before its first index");
-    std::vector<TrackSamples> tracks(found.tracks.size());
-    const std::vector<std::string> faults = movie::VisitSamples(
-        found,
-        [&](size_t track, const Sample& sample) { tracks[track].samples.push_back(sample); });
-    if (!faults.empty()) throw std::runtime_error("its index does not hold: " + faults[0]);
-
-    LiveReport report;
-    const uint64_t end = found.boxes.file.size;
-    const Box& last = found.boxes.file.children.back();
-    report.bytesBehind =
-        last.type == "mdat"
-            ? last.size - std::min<uint64_t>(last.size, kx_mp4::LiveIndex::kMdatHeaderSize)
-            : 0;
-    for (size_t i = 0; i < tracks.size(); ++i)
-        report.tracks.push_back({found.tracks[i].handler, tracks[i].samples.size(), 0});
-    MovieBox box(found, std::move(tracks));
-    for (size_t i = 0; i < report.tracks.size(); ++i)
-        report.tracks[i].milliseconds = box.Milliseconds(i);
-    CBufferIO& moov = box.Make();
-    if (dryRun) return report;
-
-    const OpenFile file(path);
-    const uint64_t header = found.boxes.file.children[1].offset;
-    const uint64_t mdat = header + kx_mp4::kBoxHeaderSize;
+RepairReport FinishLiveRecording(const std::string& path, const RepairOptions& options) {
+    RepairReport report;
+    report.recording_path = path;
     try {
-        file.Write(end, moov.GetBuffer(), moov.GetSize());
-    } catch (...) {
-        file.CutTo(end);
-        throw;
+        RefuseWhileWritten(path);
+        Finish finish(path, options, report);
+        if (!options.dry_run) finish.Write();
+        return report;
+    } catch (const std::runtime_error& refusal) {
+        report.reason = refusal.what();
+    } catch (const kx_mp4_exception& failure) {
+        report.reason = std::string("the system says: ") + failure.what();
     }
-    std::array<uint8_t, 8> size{};
-    for (size_t i = 0; i < size.size(); ++i)
-        size[i] = static_cast<uint8_t>((end - mdat) >> 8 * (size.size() - 1 - i));
-    file.Write(mdat + kx_mp4::kBoxHeaderSize, size.data(), size.size());
-    file.Push();
-    const uint8_t uncovered = kx_mp4::kBoxHeaderSize;
-    file.Write(header + kSizeByte, &uncovered, 1);
-    file.Push();
+    report.outcome = RepairOutcome::kFailed;
+    report.output_path.clear();
     return report;
 }
 

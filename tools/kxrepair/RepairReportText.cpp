@@ -70,6 +70,8 @@ std::string Headline(const RepairReport& report, const RepairOptions& options) {
 
 std::string ReportAsText(const RepairReport& report, const RepairOptions& options) {
     std::string text = report.recording_path + ": " + Headline(report, options);
+    if (report.info_path.empty() && report.outcome != RepairOutcome::kFailed)
+        text += "  by its live index, without a repair info file\n";
     for (size_t i = 0; i < report.tracks.size(); ++i) {
         const RepairTrackReport& track = report.tracks[i];
         if (track.frames_kept != 0 || track.frames_dropped != 0)
@@ -78,8 +80,8 @@ std::string ReportAsText(const RepairReport& report, const RepairOptions& option
     if (report.media_bytes_unexplained != 0)
         text += "  media data at the end without an index: " +
                 std::to_string(report.media_bytes_unexplained) + " bytes, kept in the file\n";
-    const bool kept =
-        report.outcome == RepairOutcome::kLoss && options.in_place && !options.dry_run;
+    const bool kept = !report.info_path.empty() && report.outcome == RepairOutcome::kLoss &&
+                      options.in_place && !options.dry_run;
     if (kept) text += "  " + report.info_path + " is kept\n";
     return text;
 }

@@ -76,40 +76,23 @@ bool ShowProgress(const kx_mp4::RepairProgress& progress) {
 
 /// Without a repair info file, what the recording's own live index says is all there is.
 bool WantsLiveIndex(const Arguments& arguments) {
-    const kx_mp4::RepairOptions& options = arguments.options;
-    return options.info_path.empty() && options.output_path.empty() && !arguments.json &&
+    return arguments.options.info_path.empty() &&
            access((arguments.recording + ".info").c_str(), F_OK) != 0 &&
            access(arguments.recording.c_str(), R_OK) == 0 &&
            kxrepair::IsLiveRecording(arguments.recording);
 }
 
-int FinishLiveIndex(const Arguments& arguments) {
-    constexpr double kMillisecondsPerSecond = 1000.0;
-    const std::string& path = arguments.recording;
-    kxrepair::LiveReport report;
-    try {
-        report = kxrepair::FinishLiveRecording(path, arguments.options.dry_run);
-    } catch (const std::exception& error) {
-        std::printf("%s: not repaired: %s\n", path.c_str(), error.what());
-        return static_cast<int>(kx_mp4::RepairOutcome::kFailed);
-    }
-    std::printf("%s: %s by its live index\n", path.c_str(),
-                arguments.options.dry_run ? "would be finished in place" : "finished in place");
-    for (const kxrepair::LiveReport::Track& track : report.tracks)
-        std::printf("  %s: %llu samples, %.3f s\n", track.handler.c_str(),
-                    static_cast<unsigned long long>(track.samples),
-                    static_cast<double>(track.milliseconds) / kMillisecondsPerSecond);
-    if (report.bytesBehind == 0) return static_cast<int>(kx_mp4::RepairOutcome::kWhole);
-    std::printf("  %llu bytes behind the last index are left without one\n",
-                static_cast<unsigned long long>(report.bytesBehind));
-    return static_cast<int>(kx_mp4::RepairOutcome::kLoss);
+kx_mp4::RepairReport Repair(Arguments& arguments) {
+    kx_mp4::RepairOptions& options = arguments.options;
+    if (!WantsLiveIndex(arguments)) return kx_mp4::Repair(arguments.recording, options);
+    options.in_place = options.output_path.empty();
+    return kxrepair::FinishLiveRecording(arguments.recording, options);
 }
 
 int Run(Arguments& arguments) {
-    if (WantsLiveIndex(arguments)) return FinishLiveIndex(arguments);
     const bool terminal = isatty(STDERR_FILENO) == 1;
     if (terminal) arguments.options.progress = ShowProgress;
-    const kx_mp4::RepairReport report = kx_mp4::Repair(arguments.recording, arguments.options);
+    const kx_mp4::RepairReport report = Repair(arguments);
     if (terminal) std::fputs("\r\033[K", stderr);
     const std::string text = arguments.json ? ReportAsJson(report, arguments.options)
                                             : ReportAsText(report, arguments.options);
