@@ -15,8 +15,8 @@
 ///
 /// | ftyp | free (MP4 only) | mdat: samples ... unexplained | moov |
 ///
-/// In a recording with a live index, zeros from the last sample to the end of the file are taken for
-/// what never reached the disk, and are left out.
+/// In a recording with a live index, zeros from the last sample to the end of the file are taken
+/// for what never reached the disk, and are left out.
 ///
 /// Memory grows with the index (some bytes per sample), never with the media data.
 #ifndef KX_MP4_REPAIR_H
