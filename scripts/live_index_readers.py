@@ -1,14 +1,18 @@
 #!/usr/bin/env python3
 """Shows recordings with a live index, torn at many places, to every reader that is installed.
 
-usage: scripts/live_index_readers.py KXMUX [--states N] [--peers] [--only READER ...]
+usage: scripts/live_index_readers.py KXMUX [--states N] [--peers] [--only READER ...] | --every-write
 
 Records MP4 and QuickTime with `kxmux --live`, makes from each N states in which a crash can leave
 the file, and compares what the readers find with the samples of the intervals that were over. Needs
 ffmpeg and ffprobe; gst-launch-1.0, mediainfo, mkvmerge, chromium and node (with mediabunny and
 mp4box resolvable from the working directory) take part when they are there. --peers tells too what
-the same readers make of other programs' fragmented files, cut at fractions of their length. Fails when a
-reader misses a sample or finds another one.
+the same readers make of other programs' fragmented files, cut at fractions of their length.
+
+--every-write records a second of every kind of track under strace instead, and shows ffprobe the
+file as it is between any two system calls and at three places within each write.
+
+Fails when a reader misses a sample or finds another one.
 """
 import argparse
 import json
@@ -22,6 +26,10 @@ import tempfile
 
 HERE = pathlib.Path(__file__).resolve().parent
 SECONDS, RATE = 8, 30
+SOUND_AND_PICTURE = ("video", "audio")
+EVERY_KIND = SOUND_AND_PICTURE + ("subtitle", "data")
+CAPTIONS = "Scenarist_SCC V1.0\n\n" + "".join(
+    f"00:00:00:{frame:02}\t9420 9420 9470 9470 4f6e e580 942f 942f\n\n" for frame in (0, 12))
 FREE, HEADER = 24, 16
 
 
@@ -117,11 +125,11 @@ class Recording:
         return [found[(i + 1) * len(found) // count - 1] for i in range(count)]
 
 
-def packets(path):
+def packets(path, kinds=SOUND_AND_PICTURE):
     """Sizes, times and key marks of the packets of each stream, by stream."""
     shown = run(["ffprobe", "-v", "error", "-show_entries",
                  "packet=codec_type,pts,dts,size,flags", "-of", "json", path])
-    streams = {"video": [], "audio": []}
+    streams = {kind: [] for kind in kinds}
     for packet in json.loads(shown.stdout or "{}").get("packets", []):
         if packet.get("codec_type") in streams:
             streams[packet["codec_type"]].append(
@@ -230,10 +238,10 @@ def installed():
     return readers
 
 
-def make_media(folder):
+def make_media(folder, seconds=SECONDS):
     run(["ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i",
-         f"testsrc2=size=1280x720:rate={RATE}:duration={SECONDS}", "-f", "lavfi", "-i",
-         f"sine=440:duration={SECONDS}:sample_rate=48000", "-pix_fmt", "yuv420p", "-c:v", "libx264",
+         f"testsrc2=size=1280x720:rate={RATE}:duration={seconds}", "-f", "lavfi", "-i",
+         f"sine=440:duration={seconds}:sample_rate=48000", "-pix_fmt", "yuv420p", "-c:v", "libx264",
          "-preset", "veryfast", "-b:v", "2500k", "-bf", "2", "-g", "30", folder / "v.h264", "-map",
          "1", "-c:a", "aac", "-f", "adts", folder / "a.aac"], check=True)
 
@@ -257,6 +265,70 @@ def check(recording, readers, wanted, folder):
     print(f"{recording.path.name}: {len(states)} states; " + ", ".join(
         f"{name} {len(states) - count}" for name, count in failures.items()))
     return sum(failures.values())
+
+
+def system_calls(command, path):
+    """What the command writes to the file, in order: position and bytes."""
+    log = path.with_suffix(".strace")
+    run(["strace", "-f", "-P", path, "-e", "trace=write,writev,pwrite64,pwritev,lseek,ftruncate",
+         "-e", "abbrev=none", "-xx", "-s", str(1 << 24), "-o", log, *command], check=True)
+    position = 0
+    for line in log.read_text().splitlines():
+        call = re.match(r"\d+ +(\w+)\(.* = (\d+)$", line)
+        if not call:
+            continue
+        name, result = call[1], int(call[2])
+        if name == "lseek":
+            position = result
+        elif name in ("write", "writev"):
+            texts = re.findall(r'"((?:\\x[0-9a-f]{2})*)"', line)
+            data = bytes.fromhex("".join(texts).replace("\\x", ""))[:result]
+            yield position, data
+            position += len(data)
+        else:
+            raise RuntimeError(f"{name} is not followed")
+
+
+def file_at_every_write(calls):
+    """The file within each write, at three places, and behind it; and whether that ended an
+    interval, which the last byte of a header does."""
+    data = bytearray()
+    for position, written in calls:
+        for cut in sorted({1, len(written) // 2, len(written) - 1, len(written)} - {0}):
+            data[position:position + cut] = written[:cut]
+            yield bytes(data), cut == len(written) and written == b"\x01"
+
+
+def check_every_write(kxmux, kind, folder):
+    path, state = folder / f"x.{kind}", folder / f"state.{kind}"
+    (folder / "c.scc").write_text(CAPTIONS)
+    calls = list(system_calls(
+        [kxmux, "--video", folder / "v.h264", "--fps", str(RATE), "--audio", folder / "a.aac",
+         "--captions", folder / "c.scc", "--timecode", "01:00:00:00", "--no-repair", "--live",
+         "0.25", "-o", path], path))
+    recording = Recording(path)
+    truth = packets(path, EVERY_KIND)
+    shown = run(["ffprobe", "-v", "error", "-show_entries", "stream=id,codec_type", "-of", "json",
+                 path])
+    kinds = {int(stream["id"], 16): stream["codec_type"]
+             for stream in json.loads(shown.stdout)["streams"]}
+    states, intervals, failures, wanted = 0, 0, 0, {kind: [] for kind in EVERY_KIND}
+    for data, closes in file_at_every_write(calls):
+        if closes:
+            counts = {kinds[track]: n for track, n in recording.finished[intervals].items()}
+            wanted = {each: truth[each][:counts.get(each, 0)] for each in EVERY_KIND}
+            intervals += 1
+        state.write_bytes(data)
+        found = packets(state, EVERY_KIND)
+        states += 1
+        if found != wanted:
+            failures += 1
+            print(f"  state {states} of {len(data)} bytes: found {brief(found)}, "
+                  f"wanted {brief(wanted)}")
+    whole = data == path.read_bytes() and wanted == truth and all(truth.values())
+    print(f"{path.name}: {states} states of {len(calls)} writes, {intervals} intervals; ffprobe "
+          f"{states - failures}" + ("" if whole else "; the last one is not the whole recording"))
+    return failures + (0 if whole else 1)
 
 
 def attempt(read, path):
@@ -309,7 +381,14 @@ def main():
     parser.add_argument("--states", type=int, default=60)
     parser.add_argument("--only", nargs="*")
     parser.add_argument("--peers", action="store_true")
+    parser.add_argument("--every-write", action="store_true")
     options = parser.parse_args()
+    if options.every_write:
+        with tempfile.TemporaryDirectory() as name:
+            make_media(pathlib.Path(name), 1)
+            failed = [check_every_write(options.kxmux, kind, pathlib.Path(name))
+                      for kind in ("mp4", "mov")]
+        return 1 if any(failed) else 0
     readers = {name: read for name, read in installed().items()
                if not options.only or name in options.only}
     print("readers: " + ", ".join(readers))
