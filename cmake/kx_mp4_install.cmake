@@ -1,17 +1,18 @@
 # cmake --install: three components, library (run time), development and tools.
 #
 #   bin/                      the programs                                    tools
-#   lib/                      libkx_mp4, libkx_mp4_repair                     library, development
+#   lib/                      libkx_mp4, libkx_mp4_recorder, libkx_mp4_repair library, development
 #   include/kx_mp4/           the public headers                               development
 #   lib/cmake/kx_mp4/         find_package(kx_mp4 CONFIG)                     development
-#   lib/pkgconfig/            kx_mp4.pc, kx_mp4_repair.pc                     development
+#   lib/pkgconfig/            kx_mp4.pc and one for each of the others        development
 #   share/man/man1/           manual pages of the programs                    tools
 #   share/doc/kx_mp4/         README.md, docs/, examples/                     development
 include(CMakePackageConfigHelpers)
 
 set(KX_MP4_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/kx_mp4)
 
-set(KX_MP4_LIBRARIES kx_mp4)
+set(KX_MP4_LIBRARIES kx_mp4 kx_mp4_recorder)
+set_target_properties(kx_mp4_recorder PROPERTIES EXPORT_NAME recorder)
 if(TARGET kx_mp4_repair)
     list(APPEND KX_MP4_LIBRARIES kx_mp4_repair)
     set_target_properties(kx_mp4_repair PROPERTIES EXPORT_NAME repair)
@@ -26,6 +27,7 @@ set(KX_MP4_PUBLIC_HEADERS
     inc/kx_mp4/buffered_io.h
     inc/kx_mp4/export.h
     inc/kx_mp4/kx_mp4.h
+    inc/kx_mp4/recorder.h
     inc/kx_mp4/zv_log.h)
 if(TARGET kx_mp4_repair)
     list(APPEND KX_MP4_PUBLIC_HEADERS inc/kx_mp4/repair.h)

@@ -19,7 +19,8 @@ cmake --build --preset sanitize --parallel "$jobs"
 ctest --preset sanitize --parallel "$jobs" "$@"
 
 cmake --preset tsan
-cmake --build --preset tsan --parallel "$jobs" --target kx_mp4_thread_tests
+cmake --build --preset tsan --parallel "$jobs" --target kx_mp4_thread_tests \
+    kx_mp4_recorder_tests
 # The sanitizer needs its addresses where they are without randomisation; some systems place
 # others there.
 fixed=()

@@ -64,10 +64,11 @@ class KxMp4Conan(ConanFile):
         library.libs = ["kx_mp4"]
         library.set_property("cmake_target_name", "kx_mp4::kx_mp4")
         library.set_property("pkg_config_name", "kx_mp4")
-        repair = self.cpp_info.components["repair"]
-        repair.libs = ["kx_mp4_repair"]
-        repair.requires = ["kx_mp4"]
-        repair.set_property("cmake_target_name", "kx_mp4::repair")
-        repair.set_property("pkg_config_name", "kx_mp4_repair")
+        for name in ("recorder", "repair"):
+            component = self.cpp_info.components[name]
+            component.libs = [f"kx_mp4_{name}"]
+            component.requires = ["kx_mp4"]
+            component.set_property("cmake_target_name", f"kx_mp4::{name}")
+            component.set_property("pkg_config_name", f"kx_mp4_{name}")
         if self.settings.os in ("Linux", "FreeBSD"):
             library.system_libs = ["pthread"]
