@@ -443,6 +443,19 @@ TEST_F(CrashAtEveryByte, FinishedByItsLiveIndexAlone) {
         });
     EXPECT_GT(m_states, 1000U);
     EXPECT_FALSE(kxrepair::IsLiveRecording(path));
+    // Close was killed before its last byte, with an index that knows of everything.
+    const Bytes closed = Finished(path, 0, CallsOf(scenario));
+    Bytes closing = closed;
+    closing[MovieReader(closed).File().At("free").offset + 3] = 24;
+    WriteWholeFile(path, closing);
+    EXPECT_EQ(kxrepair::FinishLiveRecording(path, options).outcome, RepairOutcome::kWhole);
+    EXPECT_TRUE(ReadFile(path) == closed);
+    // It is not believed when it contradicts the live index.
+    const std::string table = "stco";
+    std::find_end(closing.begin(), closing.end(), table.begin(), table.end())[15] ^= 1;
+    WriteWholeFile(path, closing);
+    EXPECT_GT(kxrepair::FinishLiveRecording(path, options).output_bytes, closed.size());
+    EXPECT_EQ(MovieReader(ReadFile(path)).File().ChildTypes(), "ftyp free mdat moov");
     // The end of a page within a picture never reached the disk.
     Bytes torn = files.Of(path);
     std::fill(torn.begin() + 4088, torn.begin() + 4096, 0);

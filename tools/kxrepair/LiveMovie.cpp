@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -97,6 +98,20 @@ struct WholeIndexes {
     bool all = true;
 };
 
+using SampleFacts = std::tuple<uint32_t, uint64_t, uint32_t, int64_t, int64_t, bool>;
+
+/// What a movie says of its samples, sorted; nothing when it does not hold.
+std::optional<std::vector<SampleFacts>> ListedSamples(const movie::Movie& movie) {
+    std::vector<SampleFacts> samples;
+    const auto faults = movie::VisitSamples(movie, [&](size_t track, const movie::Sample& sample) {
+        samples.emplace_back(movie.tracks[track].id, sample.offset, sample.size, sample.dts,
+                             sample.cts, sample.sync);
+    });
+    if (!faults.empty()) return std::nullopt;
+    std::sort(samples.begin(), samples.end());
+    return samples;
+}
+
 class LiveReader {
 public:
     explicit LiveReader(const std::string& path)
@@ -114,6 +129,7 @@ private:
     std::optional<HiddenIndex> FindHiddenIndex(uint64_t from);
     WholeIndexes FindWholeIndexes();
     uint64_t BytesBehind(uint64_t index) const;
+    bool TakeWholeMovie(uint64_t index);
 
     const std::shared_ptr<PatchedSource> m_source;
     uint64_t m_left;
@@ -211,6 +227,25 @@ uint64_t LiveReader::BytesBehind(uint64_t index) const {
     return isClosing ? 0 : end - begin;
 }
 
+/// Takes the movie box that follows an open, empty `mdat` and ends the file, when it has all
+/// samples of the fragments: it knows what came too late for the live index, too.
+bool LiveReader::TakeWholeMovie(uint64_t index) {
+    const uint64_t position = index + kMdatHeader;
+    const BoxTree tree = WholeBox(position);
+    const bool endsFile =
+        tree.file.Find("moov/mvhd") != nullptr && position + tree.file.size == m_source->Size();
+    if (!endsFile || tree.file.Find("moov/mvex") != nullptr) return false;
+    const auto listed = ListedSamples(m_movie);
+    m_source->PutMediaData(index, position);
+    movie::Movie whole = movie::ReadMovie(m_source);
+    const auto samples = ListedSamples(whole);
+    const bool hasAll =
+        listed && samples &&
+        std::includes(samples->begin(), samples->end(), listed->begin(), listed->end());
+    if (hasAll) m_movie = std::move(whole);
+    return hasAll;
+}
+
 LiveMovie LiveReader::Read() {
     constexpr int kMostGaps = 1000;
     uint64_t bytesWithout = 0;
@@ -219,8 +254,10 @@ LiveMovie LiveReader::Read() {
         if (!HasLiveForm(m_movie)) throw std::runtime_error("it has no live index");
         const WholeIndexes whole = FindWholeIndexes();
         const std::optional<HiddenIndex> hidden = FindHiddenIndex(whole.end);
-        if (!hidden && whole.all)
+        if (!hidden && whole.all) {
+            if (TakeWholeMovie(whole.end)) return {std::move(m_movie), 0, true};
             return {std::move(m_movie), bytesWithout + BytesBehind(whole.end)};
+        }
         const uint64_t lost = whole.end + 2 * kMdatHeader;  // with the header behind it
         if (hidden) bytesWithout += hidden->samples - std::min(hidden->samples, lost);
         m_source->PutMediaData(whole.end, hidden ? hidden->position : m_source->Size());

@@ -15,6 +15,9 @@ namespace kxrepair {
 struct LiveMovie {
     kx_mp4::movie::Movie movie;
     uint64_t bytesWithout = 0;  ///< Of media data that no fragment lists.
+    /// The recording was being closed: `movie` is the index of all of it, which ends the file and
+    /// agrees with the fragments.
+    bool isComplete = false;
 };
 
 /// Whether the file has the boxes of a live index in front, and was not closed.

@@ -247,7 +247,9 @@ private:
     void ReadSamples();
     void LookForUnwrittenSamples();
     void Conclude();
+    uint64_t IndexSize() const { return m_index == nullptr ? 0 : m_index->GetSize(); }
     void WriteInto(PosixFile& file);
+    void AppendIndex(PosixFile& file);
 
     const RepairOptions& m_options;
     RepairReport& m_report;
@@ -256,7 +258,8 @@ private:
     std::vector<TrackSamples> m_tracks;
     uint64_t m_doubtful = 0;
     std::optional<MovieBox> m_box;
-    CBufferIO* m_index = nullptr;
+    CBufferIO* m_index = nullptr;  // null when it is in the file
+    uint64_t m_end = 0;            // of the media data
 };
 
 Finish::Finish(const std::string& path, const RepairOptions& options, RepairReport& report)
@@ -265,12 +268,15 @@ Finish::Finish(const std::string& path, const RepairOptions& options, RepairRepo
       m_file(path, options.in_place && !options.dry_run ? O_RDWR : O_RDONLY) {
     if (!options.in_place) kx_mp4::RefuseOutput(options.output_path, {&m_file}, options.overwrite);
     m_live = ReadLiveMovie(path);
-    if (m_live.movie.moov == nullptr || m_live.movie.fragments.empty())
+    if (m_live.movie.moov == nullptr || (m_live.movie.fragments.empty() && !m_live.isComplete))
         throw RepairRefused("it ends before its first index");
     ReadSamples();
     LookForUnwrittenSamples();
-    m_box.emplace(m_live.movie, std::move(m_tracks));
-    m_index = &m_box->Make();
+    m_end = m_live.isComplete ? m_live.movie.moov->offset : m_file.Size();
+    if (!m_live.isComplete) {
+        m_box.emplace(m_live.movie, std::move(m_tracks));
+        m_index = &m_box->Make();
+    }
     Conclude();
 }
 
@@ -325,7 +331,7 @@ void Finish::LookForUnwrittenSamples() {
 void Finish::Conclude() {
     m_report.quicktime = m_live.movie.boxes.file.children[0].Text(8, 4) == "qt  ";
     m_report.media_bytes_unexplained = m_live.bytesWithout;
-    m_report.output_bytes = m_file.Size() + m_index->GetSize();
+    m_report.output_bytes = m_file.Size() + IndexSize();
     const bool whole = m_live.bytesWithout == 0 && m_doubtful == 0;
     m_report.outcome = whole ? RepairOutcome::kWhole : RepairOutcome::kLoss;
     if (m_live.bytesWithout != 0) {
@@ -340,14 +346,14 @@ void Finish::Conclude() {
 
 void Finish::Write() {
     if (m_options.in_place) {
-        m_file.RequireRoom(m_file.Size(), m_index->GetSize());
+        m_file.RequireRoom(m_file.Size(), IndexSize());
         WriteInto(m_file);
         m_report.output_path = m_report.recording_path;
         return;
     }
     kx_mp4::UnfinishedFile part(m_options.output_path, m_file);
     const uint64_t size = m_file.Size();
-    CopyBeginning(m_file, part.File(), size, m_index->GetSize(), [&](uint64_t done) {
+    CopyBeginning(m_file, part.File(), size, IndexSize(), [&](uint64_t done) {
         const bool goesOn =
             !m_options.progress || m_options.progress({kx_mp4::RepairStep::kCopy, done, size});
         if (!goesOn) throw RepairRefused("it was cancelled");
@@ -357,20 +363,23 @@ void Finish::Write() {
     part.BecomeComplete(m_options.overwrite);
 }
 
-void Finish::WriteInto(PosixFile& file) {
-    const uint64_t end = file.Size();
-    const uint64_t header = m_live.movie.boxes.file.children[1].offset;
-    const uint64_t mdat = header + kx_mp4::kBoxHeaderSize;
+void Finish::AppendIndex(PosixFile& file) {
     try {
-        file.WriteAt(end, m_index->GetBuffer(), static_cast<size_t>(m_index->GetSize()));
+        file.WriteAt(m_end, m_index->GetBuffer(), static_cast<size_t>(m_index->GetSize()));
     } catch (...) {
         // Best effort: what lies behind counts for nobody.
-        [[maybe_unused]] const int result = ftruncate(file.Descriptor(), static_cast<off_t>(end));
+        [[maybe_unused]] const int result = ftruncate(file.Descriptor(), static_cast<off_t>(m_end));
         throw;
     }
+}
+
+void Finish::WriteInto(PosixFile& file) {
+    const uint64_t header = m_live.movie.boxes.file.children[1].offset;
+    const uint64_t mdat = header + kx_mp4::kBoxHeaderSize;
+    if (m_index != nullptr) AppendIndex(file);
     std::array<uint8_t, 8> size{};
     for (size_t i = 0; i < size.size(); ++i)
-        size[i] = static_cast<uint8_t>((end - mdat) >> 8 * (size.size() - 1 - i));
+        size[i] = static_cast<uint8_t>((m_end - mdat) >> 8 * (size.size() - 1 - i));
     file.WriteAt(mdat + kx_mp4::kBoxHeaderSize, size.data(), size.size());
     file.Sync();
     const uint8_t uncovered = kx_mp4::kBoxHeaderSize;
