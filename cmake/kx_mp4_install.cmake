@@ -27,6 +27,7 @@ set(KX_MP4_PUBLIC_HEADERS
     inc/kx_mp4/buffered_io.h
     inc/kx_mp4/export.h
     inc/kx_mp4/kx_mp4.h
+    inc/kx_mp4/presentation.h
     inc/kx_mp4/recorder.h
     inc/kx_mp4/zv_log.h)
 if(TARGET kx_mp4_repair)

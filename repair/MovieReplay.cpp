@@ -40,6 +40,7 @@ void MovieReplay::ConfigureMovie(CMp4MoovAtom& movie) const {
     if ((m_flags & MP4_FLAG_64BIT_TIME) != 0) movie.SetUse64bitTime();
     movie.m_meta.SetIsQtff(true);
     movie.SetIsMp4File(!m_layout.quicktime);
+    movie.SetPresentation(m_presentation);
 }
 
 void MovieReplay::FillLiveMovie(CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks) const {
@@ -140,6 +141,12 @@ bool MovieReplay::ApplyFrame(const FrameRecord& frame, uint64_t position) {
 }
 
 bool MovieReplay::ApplyMetadata(const MetadataRecord& item) {
+    const bool isRecord =
+        item.has_namespace && Presentation::IsRecord(item.key.c_str(), item.name_space.c_str());
+    if (isRecord && m_presentation.Read(item.data)) {
+        m_moov.SetPresentation(m_presentation);
+        return true;
+    }
     return m_moov.SetMetaData(item.key.c_str(), item.data.data(),
                               static_cast<uint32_t>(item.data.size()), item.type,
                               item.has_namespace ? item.name_space.c_str() : nullptr);

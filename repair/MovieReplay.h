@@ -70,6 +70,7 @@ private:
     CMp4MoovAtom m_moov;
     const uint8_t m_flags;
     const bool m_compositionOffsets;
+    Presentation m_presentation;
     LiveIndex m_live;  // off without one in the recording
     // What its movie box is made of.
     VideoFormatRecord m_video;

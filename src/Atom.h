@@ -93,10 +93,10 @@ constexpr uint32_t Fixed16_16(int64_t value) {
 }
 
 /// Transformation matrix (ISO/IEC 14496-12, 6.2.2): rows (a b u) (c d v) (tx ty w), where u and v
-/// are 0 and w is 1 as a 2.30 number.
+/// are 0 and w is 1 as a 2.30 number. The translation is given in 16.16.
 template <class Out>
-constexpr void PutMatrix(Out& out, int16_t a, int16_t b, int16_t c, int16_t d, int16_t tx,
-                         int16_t ty) {
+constexpr void PutMatrix(Out& out, int16_t a, int16_t b, int16_t c, int16_t d, uint32_t tx,
+                         uint32_t ty) {
     constexpr uint32_t kOne2_30 = 0x40000000;
     out.WriteInt32(Fixed16_16(a));
     out.WriteInt32(Fixed16_16(b));
@@ -104,8 +104,8 @@ constexpr void PutMatrix(Out& out, int16_t a, int16_t b, int16_t c, int16_t d, i
     out.WriteInt32(Fixed16_16(c));
     out.WriteInt32(Fixed16_16(d));
     out.WriteInt32(0);
-    out.WriteInt32(Fixed16_16(tx));
-    out.WriteInt32(Fixed16_16(ty));
+    out.WriteInt32(tx);
+    out.WriteInt32(ty);
     out.WriteInt32(kOne2_30);
 }
 

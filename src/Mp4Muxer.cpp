@@ -1,11 +1,15 @@
 #include "Mp4Muxer.h"
 
+#include <algorithm>
+#include <cstring>
+
 #include "Log.h"
 #include "MuxerState.h"
 
 using kx_mp4::Guarded;
 using kx_mp4::LogScope;
 using kx_mp4::MuxerState;
+using kx_mp4::Presentation;
 
 namespace {
 
@@ -16,6 +20,16 @@ template <class Work>
 mp4_status_t Operation(const MuxerState& state, Work&& work) {
     const LogScope log(state.m_log);
     return Guarded(work);
+}
+
+/// As much of a caller's record as both know; false when it does not hold its own size.
+template <class Record>
+bool CopyRecord(const Record& from, Record& to) {
+    const size_t size = from.struct_size;
+    if (size < sizeof size) return false;
+    std::memcpy(&to, &from, std::min(size, sizeof to));
+    to.struct_size = sizeof to;
+    return true;
 }
 
 }  // namespace
@@ -130,6 +144,41 @@ mp4_status_t CMp4Muxer::SetRepairFlushInterval(uint32_t interval) {
 
 mp4_status_t CMp4Muxer::SetCompositionOffsets(bool enable) {
     return Operation(*m_state, [&] { return m_state->SetCompositionOffsets(enable); });
+}
+
+mp4_status_t CMp4Muxer::SetTimeline(bool keep_start_times) {
+    return Operation(*m_state, [&] {
+        return m_state->ChangePresentation("SetTimeline", [&](Presentation& presentation) {
+            presentation.startTimes = keep_start_times;
+        });
+    });
+}
+
+mp4_status_t CMp4Muxer::SetAudioPriming(uint32_t samples) {
+    return Operation(*m_state, [&] {
+        return m_state->ChangePresentation("SetAudioPriming", [&](Presentation& presentation) {
+            presentation.audioPriming = samples;
+        });
+    });
+}
+
+mp4_status_t CMp4Muxer::SetVideoShape(const mp4_video_shape_t& shape) {
+    return Operation(*m_state, [&] {
+        mp4_video_shape_t copy{};
+        if (!CopyRecord(shape, copy) || !kx_mp4::IsPossible(copy))
+            return MP4_STATUS_INVALID_PARAMETER;
+        return m_state->ChangePresentation(
+            "SetVideoShape", [&](Presentation& presentation) { presentation.shape = copy; });
+    });
+}
+
+mp4_status_t CMp4Muxer::SetVideoColour(const mp4_video_colour_t& colour) {
+    return Operation(*m_state, [&] {
+        mp4_video_colour_t copy{};
+        if (!CopyRecord(colour, copy)) return MP4_STATUS_INVALID_PARAMETER;
+        return m_state->ChangePresentation(
+            "SetVideoColour", [&](Presentation& presentation) { presentation.colour = copy; });
+    });
 }
 
 mp4_status_t CMp4Muxer::SetLiveIndex(uint32_t interval_ms) {

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <cwchar>
 #include <iterator>
+#include <string>
 #include <utility>
 
 #include "CaptionAtoms.h"
@@ -96,6 +97,7 @@ void MuxerState::ResetFileState() {
     m_subtitleTrack = {};
     m_timecodeTrack = {};
     m_live.Reset();
+    m_presentation = {};
     m_fastHeaderWrite = false;
     m_pVideoNalParser = nullptr;
     m_bIsQtFile = false;
@@ -153,6 +155,7 @@ void MuxerState::ConfigureMovie(CMp4MoovAtom& movie) const {
     if ((m_flags & MP4_FLAG_64BIT_TIME) != 0) movie.SetUse64bitTime();
     movie.m_meta.SetIsQtff(true);
     movie.SetIsMp4File(!m_bIsQtFile);
+    movie.SetPresentation(m_presentation);
 }
 
 mp4_status_t MuxerState::WriteHeader() {
@@ -168,7 +171,9 @@ mp4_status_t MuxerState::WriteHeader() {
     m_writeHeader = true;
     m_sideFile.Write([this](CInfoWriter& writer) {
         const int64_t mdat = m_live.IsOn() ? m_live.MdatPosition() : m_mdat->GetStartPos();
-        const mp4_status_t written = writer.WriteMdatOffset(static_cast<uint32_t>(mdat));
+        mp4_status_t written = writer.WriteMdatOffset(static_cast<uint32_t>(mdat));
+        if (written == MP4_STATUS_SUCCESS && m_presentation.SaysAnything())
+            written = RecordPresentation(writer);
         return written == MP4_STATUS_SUCCESS ? writer.Flush() : written;
     });
     LogInfo("write header cost time %llums", kSource, __LINE__, "WriteHeader", Elapsed(start));
@@ -406,6 +411,41 @@ mp4_status_t MuxerState::SetLiveIndex(uint32_t interval_ms) {
     return MP4_STATUS_SUCCESS;
 }
 
+mp4_status_t MuxerState::CheckPresentationCall(const char* function) const {
+    const mp4_status_t ready = CheckRecording(__LINE__, function);
+    if (ready != MP4_STATUS_SUCCESS) return ready;
+    if (m_reserved.IsOn()) return MP4_STATUS_UNSUPPORTED;
+    if (!m_hasSamples) return MP4_STATUS_SUCCESS;
+    LogError("what the file says of its presentation can only be set before the first frame",
+             kSource, __LINE__, function);
+    return MP4_STATUS_INVALID_PARAMETER;
+}
+
+/// The first record is written with the head of the repair info file.
+mp4_status_t MuxerState::TellPresentation() {
+    ChangeIndex([this](CMp4MoovAtom& moov) { moov.SetPresentation(m_presentation); });
+    if (!m_writeHeader) return MP4_STATUS_SUCCESS;
+    m_sideFile.Write([this](CInfoWriter& writer) { return RecordPresentation(writer); });
+    return m_sideFile.Answer(MP4_STATUS_SUCCESS);
+}
+
+mp4_status_t MuxerState::RecordPresentation(CInfoWriter& writer) const {
+    const std::string record = m_presentation.Record();
+    return writer.WriteMetadata(Presentation::kKey, record.data(),
+                                static_cast<uint32_t>(record.size()), MP4_META_DATA_TYPE_RAW,
+                                Presentation::kNamespace);
+}
+
+void MuxerState::TakeStreamFacts(const FirstPicture& picture) {
+    mp4_video_shape_t& shape = m_presentation.shape;
+    mp4_video_colour_t& colour = m_presentation.colour;
+    if (shape.from_stream == 0 && colour.from_stream == 0) return;
+    if (std::exchange(shape.from_stream, 0) != 0) TakeShape(picture, shape);
+    if (std::exchange(colour.from_stream, 0) != 0) TakeColour(picture, colour);
+    ChangeIndex([this](CMp4MoovAtom& moov) { moov.SetPresentation(m_presentation); });
+    m_sideFile.Write([this](CInfoWriter& writer) { return RecordPresentation(writer); });
+}
+
 void MuxerState::FillLiveMovie(CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks) const {
     ConfigureMovie(movie);
     movie.CopyMetadata(*m_moov);
@@ -517,7 +557,7 @@ mp4_status_t MuxerState::SetMetadata(const char* pKey, const char* pData, uint32
                                      mp4_meta_data_type_t type, const char* key_namespace) {
     mp4_status_t status = CheckRecording(__LINE__, "SetMetadata");
     if (status != MP4_STATUS_SUCCESS) return status;
-    status = CheckMetadata(pKey, pData, size, type);
+    status = CheckMetadata(pKey, pData, size, type, key_namespace);
     if (status != MP4_STATUS_SUCCESS) return status;
     const bool taken = ChangeIndex([&](CMp4MoovAtom& moov) {
         return moov.SetMetaData(pKey, pData, size, type, key_namespace);
@@ -713,6 +753,7 @@ mp4_status_t MuxerState::AppendVideoFrame(const uint8_t* buf, uint32_t size,
     if (status != MP4_STATUS_SUCCESS) return status;
     if (!HasRoomInFile(sampleSize, "WriteVideoFrame")) return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
 
+    TakeStreamFacts({m_videoTrack, buf, size, frame});
     status = IndexInterval(LiveTrack::kVideo, dts);
     if (status != MP4_STATUS_SUCCESS) return status;
     const uint64_t fileSizeBefore = m_reserved.SizeBeforeFrame(*m_pWriter);

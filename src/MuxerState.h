@@ -16,8 +16,10 @@
 #include "MLock.h"
 #include "Output.h"
 #include "ParameterSetKeeper.h"
+#include "Presentation.h"
 #include "ReservedHeader.h"
 #include "SideFile.h"
+#include "StreamFacts.h"
 #include "TimestampWatch.h"
 #include "VideoFrameParser.h"
 #include "free.h"
@@ -121,6 +123,19 @@ struct MuxerState {
     mp4_status_t SetLiveIndex(uint32_t interval_ms);
     /// Gives the movie box of the live index these tracks and the metadata so far.
     void FillLiveMovie(CMp4MoovAtom& movie, const std::vector<LiveTrack>& tracks) const;
+    /// Before the first frame; the record in the repair info file follows.
+    template <class Change>
+    mp4_status_t ChangePresentation(const char* function, Change&& change) {
+        const mp4_status_t ready = CheckPresentationCall(function);
+        if (ready != MP4_STATUS_SUCCESS) return ready;
+        change(m_presentation);
+        return TellPresentation();
+    }
+    mp4_status_t CheckPresentationCall(const char* function) const;
+    mp4_status_t TellPresentation();
+    mp4_status_t RecordPresentation(CInfoWriter& writer) const;
+    /// Of the first picture, when the stream was to be asked.
+    void TakeStreamFacts(const FirstPicture& picture);
     mp4_status_t SetVideoTrack(const mp4_video_track_info* pTrackInfo);
     mp4_status_t SetVideoTrack(const mp4_video_track_info* pTrackInfo, const uint8_t* record,
                                uint32_t recordSize);
@@ -207,6 +222,7 @@ struct MuxerState {
     mp4_time_code_track_info_t m_timecodeTrack{};
     uint32_t m_flags = 0;  // of the configuration
     LiveIndex m_live;
+    Presentation m_presentation;
     std::unique_ptr<CMp4FtypAtom> m_ftyp;
     std::unique_ptr<CMp4FreeAtom> m_free;
     std::unique_ptr<CMp4MdatAtom> m_mdat;

@@ -5,6 +5,7 @@
 #include "ConfigurationRecord.h"
 #include "Log.h"
 #include "ParameterSetKeeper.h"
+#include "Presentation.h"
 
 namespace kx_mp4 {
 namespace {
@@ -111,7 +112,7 @@ mp4_status_t CheckAudioTrack(const mp4_audio_track_info_t& info, const ReservedH
 }
 
 mp4_status_t CheckMetadata(const char* key, const char* data, uint32_t size,
-                           mp4_meta_data_type_t type) {
+                           mp4_meta_data_type_t type, const char* key_namespace) {
     if (key == nullptr || data == nullptr) {
         LogError("invalid meta data", kSource, __LINE__, "SetMetadata");
         return MP4_STATUS_INVALID_PARAMETER;
@@ -119,6 +120,10 @@ mp4_status_t CheckMetadata(const char* key, const char* data, uint32_t size,
     const bool sized = type == MP4_META_DATA_TYPE_INT || type == MP4_META_DATA_TYPE_RAW;
     if (sized && size == 0) {
         LogError("invalid meta(%s) data length 0", kSource, __LINE__, "SetMetadata", key);
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    if (Presentation::IsRecord(key, key_namespace)) {
+        LogError("the metadata key %s is the library's own", kSource, __LINE__, "SetMetadata", key);
         return MP4_STATUS_INVALID_PARAMETER;
     }
     return MP4_STATUS_SUCCESS;

@@ -26,7 +26,7 @@ mp4_status_t CheckAudioTrack(const mp4_audio_track_info_t& info, const ReservedH
                              bool& complete);
 /// @return As CMp4Muxer::SetMetadata.
 mp4_status_t CheckMetadata(const char* key, const char* data, uint32_t size,
-                           mp4_meta_data_type_t type);
+                           mp4_meta_data_type_t type, const char* key_namespace);
 
 }  // namespace kx_mp4
 

@@ -16,6 +16,7 @@ public:
     void SetFixedHeaderMode(bool mode) { m_elst.SetFixedHeaderMode(mode); }
     void Update() { m_elst.Update(); }
     void SetDuration(int64_t nDuration) { m_elst.SetDuration(nDuration); }
+    void SetEmptyDuration(int64_t duration) { m_elst.SetEmptyDuration(duration); }
     void SetMediaTime(int64_t mediaTime) { m_elst.SetMediaTime(mediaTime); }
 
     template <class F>

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 #include <initializer_list>
+#include <numeric>
 
 #include "Log.h"
 #include "Rescale.h"
@@ -57,9 +58,19 @@ void CMp4MoovAtom::SetUse64bitTime() {
 }
 
 void CMp4MoovAtom::SetIsMp4File(bool mp4File) {
+    m_trakVideo.SetIsMp4File(mp4File);
     m_trackTC.SetIsMp4File(mp4File);
     m_trakAudio.SetIsMp4File(mp4File);
     m_isQtFile = !mp4File;
+}
+
+void CMp4MoovAtom::SetPresentation(const kx_mp4::Presentation& presentation) {
+    m_keepsStartTimes = presentation.startTimes;
+    if (m_keepsStartTimes)
+        for (CMp4TrakAtom* const track : TimedTracks())
+            track->KeepStart(0);
+    m_trakVideo.SetPresentation(presentation);
+    m_trakAudio.SetPriming(presentation.audioPriming);
 }
 
 int32_t CMp4MoovAtom::NextTrakId() {
@@ -174,6 +185,39 @@ void CMp4MoovAtom::SetDerivedFields() {
     m_mvhd.SetDuration(MovieDuration());
     m_trackTC.SetDuration(TimecodeDuration());
     m_trakSubtitle.SetResolution(m_trakVideo.GetWidth(), m_trakVideo.GetHeight());
+    if (m_keepsStartTimes && m_mvex == nullptr) KeepStartTimes();
+}
+
+uint32_t CMp4MoovAtom::ExactTimeScale() {
+    uint64_t timescale = 1;
+    for (CMp4TrakAtom* const track : TimedTracks()) {
+        if (!track->HasSamples()) continue;
+        const uint64_t common = std::lcm(timescale, uint64_t{track->GetTimeScale()});
+        if (common <= INT32_MAX) timescale = common;
+    }
+    return static_cast<uint32_t>(timescale);
+}
+
+void CMp4MoovAtom::KeepStartTimes() {
+    const uint32_t timescale = ExactTimeScale();
+    m_mvhd.SetTimeScale(timescale);
+    const auto startOf = [timescale](CMp4TrakAtom& track) {
+        return kx_mp4::Rescale(track.FirstShown(), timescale, track.GetTimeScale());
+    };
+    int64_t movieStart = INT64_MAX;
+    for (CMp4TrakAtom* const track : TimedTracks())
+        if (track->HasSamples()) movieStart = std::min(movieStart, startOf(*track));
+    int64_t movieEnd = 0;
+    for (CMp4TrakAtom* const track : TimedTracks()) {
+        track->setMoovTimeScale(timescale);
+        if (!track->HasSamples()) continue;
+        track->KeepStart(startOf(*track) - movieStart);
+        movieEnd = std::max(movieEnd, track->EndInMovie());
+    }
+    m_mvhd.SetDuration(movieEnd);
+    // The counter is that of the first picture.
+    m_trackTC.setMoovTimeScale(timescale);
+    if (m_trakVideo.HasSamples()) m_trackTC.KeepStart(startOf(m_trakVideo) - movieStart);
 }
 
 uint32_t CMp4MoovAtom::GetSize() {

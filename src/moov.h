@@ -1,6 +1,7 @@
 #ifndef KX_MP4_MOOV_H
 #define KX_MP4_MOOV_H
 
+#include <array>
 #include <cstdint>
 #include <memory>
 
@@ -37,6 +38,10 @@ public:
     void SetIsMp4File(bool mp4File);
     /// See CMp4Muxer::SetCompositionOffsets.
     void SetCompositionOffsets(bool enable) { m_trakVideo.SetCompositionOffsets(enable); }
+
+    /// What the file says beside the described boxes, see Presentation.h; comes before Write and
+    /// GetSize and may be given again.
+    void SetPresentation(const kx_mp4::Presentation& presentation);
 
     /// Declares the video track; a second call keeps the ID and replaces the description.
     bool SetVideoTrack(const mp4_video_track_info* pTrackInfo);
@@ -110,6 +115,14 @@ private:
     bool OpensChunk(const CMp4TrakAtom& track);
     int64_t MovieDuration();
     int64_t TimecodeDuration();
+    /// Those whose samples have times of their own.
+    std::array<CMp4TrakAtom*, 3> TimedTracks() {
+        return {&m_trakVideo, &m_trakAudio, &m_trakSubtitle};
+    }
+    /// In which the durations of all tracks are whole numbers, as far as 31 bits allow it.
+    uint32_t ExactTimeScale();
+    /// Gives every track its place on the movie's timeline, which begins with the first of them.
+    void KeepStartTimes();
     void SettleNominalDurations();
     /// Brings up to date what one track takes from another; sizes follow from it.
     void SetDerivedFields();
@@ -125,6 +138,7 @@ private:
     bool m_fastWrite;
     IBaseIO* m_pFileWriter;
     bool m_isQtFile = false;
+    bool m_keepsStartTimes = false;
     std::unique_ptr<CMp4MvexAtom> m_mvex;
 };
 

@@ -7,8 +7,8 @@
 ///
 /// | offset v0/v1 | bytes v0/v1 | field                                        |
 /// | 12 / 12      | 8 / 16      | creation, modification time: 0               |
-/// | 20 / 28      | 4           | timescale: 1000                              |
-/// | 24 / 32      | 4 / 8       | duration, milliseconds                       |
+/// | 20 / 28      | 4           | timescale: 1000, or one that fits all tracks |
+/// | 24 / 32      | 4 / 8       | duration, ticks of this timescale            |
 /// | 28 / 40      | 4, 2        | rate 1.0, volume 1.0                         |
 /// | 34 / 46      | 10          | reserved                                     |
 /// | 44 / 56      | 36          | unity matrix                                 |
@@ -22,20 +22,22 @@ public:
     /// What varies.
     struct Values {
         int32_t maxTrackId = 1;
+        uint32_t timeScale = 1000;
     };
 
     using DurationAtom::DurationAtom;
 
     void SetMaxTrakId(int32_t nId) { m_values.maxTrackId = nId; }
     /// Ticks per second of all durations at the movie's level.
-    uint32_t GetTimeScale() const { return kMovieTimeScale; }
+    void SetTimeScale(uint32_t timeScale) { m_values.timeScale = timeScale; }
+    uint32_t GetTimeScale() const { return m_values.timeScale; }
 
     template <class Out>
-    static constexpr void PutHead(Out& out, bool wide, const Values&) {
+    static constexpr void PutHead(Out& out, bool wide, const Values& values) {
         kx_mp4::PutFullBoxHeader(out, "mvhd", wide ? 1 : 0);
         kx_mp4::PutTime(out, wide, 0);
         kx_mp4::PutTime(out, wide, 0);
-        out.WriteInt32(kMovieTimeScale);
+        out.WriteInt32(values.timeScale);
     }
     template <class Out>
     static constexpr void PutTail(Out& out, bool, const Values& values) {
@@ -53,8 +55,6 @@ public:
 
 private:
     friend DurationAtom;
-
-    static constexpr uint32_t kMovieTimeScale = 1000;
 
     Values m_values;
 };

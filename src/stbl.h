@@ -97,6 +97,11 @@ public:
     void SetH264(const mp4_h264_parameter_set_t* pParam) { m_stsd.SetH264(pParam); }
     void SetHevc(const mp4_hevc_parameter_set_t* pParam) { m_stsd.SetHevc(pParam); }
     void SetProRes(const mp4_prores_parameter_set_t* pParam) { m_stsd.SetProRes(pParam); }
+    void SetPresentation(const kx_mp4::Presentation& presentation) {
+        m_stsd.SetPresentation(presentation);
+    }
+    /// Chooses the form of the colour box.
+    void SetIsMp4File(bool mp4File) { m_stsd.SetIsMp4File(mp4File); }
     /// Marks a sample, by its number from 1, as a sync sample; false when reserved room is full.
     bool AddSyncSample(int32_t iSampleIndex) { return m_stss.AddSyncSample(iSampleIndex); }
 

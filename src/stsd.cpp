@@ -125,12 +125,81 @@ void CMp4VideoStsdAtom::PutEntry(Out& out) const {
     PutCompressorName(out);
     out.WriteInt16(HasAlpha() ? kDepthWithAlpha : kDepth);
     out.WriteInt16(kNoColourTable);
-    if (!prores) return;
-    CMp4FielAtom::Put(out);
-    kx_mp4::PutBox(out, "pasp", [](auto& squarePixels) {
-        squarePixels.WriteInt32(1);
-        squarePixels.WriteInt32(1);
+    if (prores) PutPresentation(out);
+}
+
+template <class Out>
+void CMp4VideoStsdAtom::PutPresentation(Out& out) const {
+    const mp4_video_shape_t& shape = m_presentation.shape;
+    const bool prores = m_codec == MP4_MVC_PRORES;
+    if (shape.field_order != MP4_FIELDS_NOT_SAID)
+        CMp4FielAtom::Put(out, shape.field_order);
+    else if (prores)
+        CMp4FielAtom::Put(out);
+    if (m_presentation.HasColour()) PutColour(out);
+    if (prores || m_presentation.HasPixelAspect())
+        kx_mp4::PutBox(out, "pasp", [&](auto& aspect) {
+            aspect.WriteInt32(m_presentation.HasPixelAspect() ? shape.pixel_width : 1);
+            aspect.WriteInt32(m_presentation.HasPixelAspect() ? shape.pixel_height : 1);
+        });
+    if (m_presentation.HasCleanAperture()) PutCleanAperture(out);
+    PutLight(out);
+}
+
+/// ISO/IEC 14496-12, 12.1.5; QuickTime's form has no mark of the full range.
+template <class Out>
+void CMp4VideoStsdAtom::PutColour(Out& out) const {
+    kx_mp4::PutBox(out, "colr", [this](auto& colr) {
+        constexpr uint8_t kFullRange = 0x80;
+        const mp4_video_colour_t& colour = m_presentation.colour;
+        colr.WriteTag(m_qt ? "nclc" : "nclx");
+        colr.WriteInt16(colour.primaries);
+        colr.WriteInt16(colour.transfer);
+        colr.WriteInt16(colour.matrix);
+        if (!m_qt) colr.WriteInt8(colour.full_range != 0 ? kFullRange : uint8_t{0});
     });
+}
+
+/// ISO/IEC 14496-12, 12.1.4.1: sizes and the centre's place as fractions, from the picture's
+/// centre.
+template <class Out>
+void CMp4VideoStsdAtom::PutCleanAperture(Out& out) const {
+    kx_mp4::PutBox(out, "clap", [this](auto& clap) {
+        const mp4_video_shape_t& shape = m_presentation.shape;
+        const auto twiceOffset = [](uint32_t from, uint32_t size, int whole) {
+            return Low32(2 * int64_t{from} + size - whole);
+        };
+        clap.WriteInt32(shape.clean_width);
+        clap.WriteInt32(1);
+        clap.WriteInt32(shape.clean_height);
+        clap.WriteInt32(1);
+        clap.WriteInt32(twiceOffset(shape.clean_x, shape.clean_width, m_nWidth));
+        clap.WriteInt32(2);
+        clap.WriteInt32(twiceOffset(shape.clean_y, shape.clean_height, m_nHeight));
+        clap.WriteInt32(2);
+    });
+}
+
+/// ISO/IEC 14496-12, 12.1.7 and 12.1.6.
+template <class Out>
+void CMp4VideoStsdAtom::PutLight(Out& out) const {
+    const mp4_video_colour_t& colour = m_presentation.colour;
+    if (colour.has_mastering_display != 0)
+        kx_mp4::PutBox(out, "mdcv", [&](auto& mdcv) {
+            for (const auto& primary : colour.display_primaries) {
+                mdcv.WriteInt16(primary[0]);
+                mdcv.WriteInt16(primary[1]);
+            }
+            mdcv.WriteInt16(colour.white_point[0]);
+            mdcv.WriteInt16(colour.white_point[1]);
+            mdcv.WriteInt32(colour.max_luminance);
+            mdcv.WriteInt32(colour.min_luminance);
+        });
+    if (colour.has_content_light != 0)
+        kx_mp4::PutBox(out, "clli", [&](auto& clli) {
+            clli.WriteInt16(colour.max_content_light_level);
+            clli.WriteInt16(colour.max_frame_average_light_level);
+        });
 }
 
 CMp4Atom* CMp4VideoStsdAtom::Configuration() {
@@ -143,14 +212,23 @@ void CMp4VideoStsdAtom::WriteMediaInfo() {
     WriteHeadAndChildren(
         false, [this](auto& out) { PutEntry(out); },
         [this] {
-            if (CMp4Atom* configuration = Configuration()) configuration->Write();
+            CMp4Atom* const configuration = Configuration();
+            if (configuration == nullptr) return;
+            configuration->Write();
+            if (PresentationSize() != 0) FillBuffer([this] { PutPresentation(m_buffer); });
         });
 }
 
 uint32_t CMp4VideoStsdAtom::GetSize() {
     CMp4Atom* const configuration = Configuration();
-    return CMp4StsdAtom::GetSize() + CountBytes([this](auto& out) { PutEntry(out); }) +
-           (configuration != nullptr ? configuration->GetSize() : 0);
+    const uint32_t entry =
+        CMp4StsdAtom::GetSize() + CountBytes([this](auto& out) { PutEntry(out); });
+    if (configuration == nullptr) return entry;
+    return entry + configuration->GetSize() + PresentationSize();
+}
+
+uint32_t CMp4VideoStsdAtom::PresentationSize() const {
+    return CountBytes([this](auto& out) { PutPresentation(out); });
 }
 
 // CMp4AudioStsdAtom

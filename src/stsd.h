@@ -4,6 +4,7 @@
 #include <string>
 
 #include "Atom.h"
+#include "Presentation.h"
 #include "avcc.h"
 #include "esds.h"
 #include "fiel.h"
@@ -42,8 +43,16 @@ protected:
 /// | 50     | 32    | compressor name, counted, zero-padded                             |
 /// | 82     | 2     | depth: 24, with alpha 32                                          |
 /// | 84     | 2     | colour table: none (-1)                                           |
-/// | 86     | 26    | 'fiel' progressive and 'pasp' 1:1, ProRes only                    |
 /// | 86     | ...   | 'avcC' or 'hvcC'                                                  |
+/// | ...    | 10    | 'fiel': fields; of ProRes always                                  |
+/// | ...    | 18/19 | 'colr': ITU-T H.273 code points                                   |
+/// | ...    | 16    | 'pasp': width to height of a pixel; of ProRes always              |
+/// | ...    | 40    | 'clap': the part of the picture to be shown                       |
+/// | ...    | 32    | 'mdcv': the mastering display                                     |
+/// | ...    | 12    | 'clli': content light levels                                      |
+///
+/// Of the boxes behind the configuration, those of which the presentation says something are
+/// written.
 class CMp4VideoStsdAtom : public CMp4StsdAtom {
 public:
     explicit CMp4VideoStsdAtom(IBaseIO* pWriter);
@@ -53,6 +62,12 @@ public:
         m_nWidth = nWidth;
         m_nHeight = nHeight;
     }
+    /// What is known of shape and colour; may be given again.
+    void SetPresentation(const kx_mp4::Presentation& presentation) {
+        m_presentation = presentation;
+    }
+    /// Chooses the form of the colour box.
+    void SetIsMp4File(bool mp4File) { m_qt = !mp4File; }
     void SetH264(const mp4_h264_parameter_set_t* pParam);
     void SetHevc(const mp4_hevc_parameter_set_t* pParam);
     /// An unknown format is logged and changes nothing but the codec.
@@ -67,6 +82,15 @@ private:
     template <class Out>
     void PutEntry(Out& out) const;
     template <class Out>
+    void PutPresentation(Out& out) const;
+    uint32_t PresentationSize() const;
+    template <class Out>
+    void PutColour(Out& out) const;
+    template <class Out>
+    void PutLight(Out& out) const;
+    template <class Out>
+    void PutCleanAperture(Out& out) const;
+    template <class Out>
     void PutCompressorName(Out& out) const;
     bool HasAlpha() const;
     /// The codec's configuration box, null when it has none.
@@ -78,6 +102,8 @@ private:
     mp4_video_codec m_codec = MP4_MVC_UNKNOWN;
     kx_mp4::FourCC m_fourcc;  // of ProRes; four zero bytes otherwise
     std::string m_compressor;
+    kx_mp4::Presentation m_presentation;
+    bool m_qt = false;
     CMp4HvccAtom m_hvcc;
     CMp4AvccAtom m_avcc;
 };

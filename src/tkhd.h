@@ -2,6 +2,7 @@
 #define KX_MP4_TKHD_H
 
 #include "DurationAtom.h"
+#include "Rescale.h"
 
 /// Track Header Box, 'tkhd' - ISO/IEC 14496-12, 8.3.2 - inside 'trak' - leaf
 ///
@@ -9,12 +10,12 @@
 /// | 9 / 9        | 3           | flags: 3 enabled in movie; 2 timecode, not enabled      |
 /// | 12 / 12      | 8 / 16      | creation, modification time: 0                          |
 /// | 20 / 28      | 4, 4        | track ID, reserved                                      |
-/// | 28 / 36      | 4 / 8       | duration, milliseconds                                  |
+/// | 28 / 36      | 4 / 8       | duration, ticks of the movie                            |
 /// | 32 / 44      | 8           | reserved                                                |
 /// | 40 / 52      | 2, 2        | layer 0, alternate group                                |
 /// | 44 / 56      | 2, 2        | volume: 1.0 of a track without a width; reserved        |
-/// | 48 / 60      | 36          | unity matrix                                            |
-/// | 84 / 96      | 4, 4        | width, height, pixels in 16.16                          |
+/// | 48 / 60      | 36          | matrix: unity, or a turn                                |
+/// | 84 / 96      | 4, 4        | width as it is shown, height, pixels in 16.16           |
 class CMp4TkhdAtom : public kx_mp4::DurationAtom<CMp4TkhdAtom> {
 public:
     static constexpr const char* kSource = "src/tkhd";
@@ -25,6 +26,9 @@ public:
         int32_t trackId = 0;
         int32_t width = 0;
         int32_t height = 0;
+        uint32_t pixelWidth = 1;  // in relation to the height
+        uint32_t pixelHeight = 1;
+        uint32_t rotation = 0;  // degrees clockwise
         int16_t alternateGroup = 0;
         bool timecode = false;
     };
@@ -36,6 +40,13 @@ public:
     void SetResolution(int32_t nWidth, int32_t nHeight) {
         m_values.width = nWidth;
         m_values.height = nHeight;
+    }
+    /// Width to height of a pixel; 0, 0 when it is not known. Degrees clockwise by which the
+    /// picture is to be turned.
+    void SetShape(uint32_t pixelWidth, uint32_t pixelHeight, uint32_t rotation) {
+        m_values.pixelWidth = pixelHeight != 0 ? pixelWidth : 1;
+        m_values.pixelHeight = pixelHeight != 0 ? pixelHeight : 1;
+        m_values.rotation = rotation;
     }
     /// Makes this the header of a timecode track.
     void SetUseTCFlag() { m_values.timecode = true; }
@@ -61,9 +72,24 @@ public:
         out.WriteInt16(kx_mp4::Low16(values.alternateGroup));
         out.WriteInt16(values.width != 0 ? 0 : kFullVolume);
         out.WriteInt16(0);
-        kx_mp4::PutUnityMatrix(out);
-        out.WriteInt32(kx_mp4::Fixed16_16(values.width));
-        out.WriteInt32(kx_mp4::Fixed16_16(values.height));
+        const uint32_t width = kx_mp4::Low32(kx_mp4::Rescale(
+            kx_mp4::Fixed16_16(values.width), values.pixelWidth, values.pixelHeight));
+        const uint32_t height = kx_mp4::Fixed16_16(values.height);
+        switch (values.rotation) {
+            case 90:
+                kx_mp4::PutMatrix(out, 0, 1, -1, 0, height, 0);
+                break;
+            case 180:
+                kx_mp4::PutMatrix(out, -1, 0, 0, -1, width, height);
+                break;
+            case 270:
+                kx_mp4::PutMatrix(out, 0, -1, 1, 0, 0, width);
+                break;
+            default:
+                kx_mp4::PutUnityMatrix(out);
+        }
+        out.WriteInt32(width);
+        out.WriteInt32(height);
     }
 
 private:

@@ -98,6 +98,11 @@ void CMp4TrakAtom::SetForFragments(int64_t mediaStart) {
     m_fragmentsStart = mediaStart;
 }
 
+void CMp4TrakAtom::KeepStart(int64_t delay) {
+    m_keepsStart = true;
+    m_delay = delay;
+}
+
 void CMp4TrakAtom::SetHeaderTimes() {
     if (m_forFragments) {
         // Durations of 0 leave it to the fragments how long the track lasts.
@@ -105,7 +110,8 @@ void CMp4TrakAtom::SetHeaderTimes() {
         return;
     }
     const int64_t duration = HeaderDuration();
-    m_tkhd.SetDuration(duration);
+    m_tkhd.SetDuration(m_delay + duration);
+    m_edts.SetEmptyDuration(m_delay);
     m_edts.SetDuration(duration);
     m_edts.SetMediaTime(GetMediaStart());
     Media().SetDuration(GetMediaDuration());
@@ -169,6 +175,12 @@ void CMp4VideoTrakAtom::SetVideoInfo(const mp4_video_track_info_t* pTrackInfo) {
     }
 }
 
+void CMp4VideoTrakAtom::SetPresentation(const kx_mp4::Presentation& presentation) {
+    const mp4_video_shape_t& shape = presentation.shape;
+    m_tkhd.SetShape(shape.pixel_width, shape.pixel_height, shape.rotation);
+    SampleTable().SetPresentation(presentation);
+}
+
 bool CMp4VideoTrakAtom::AddTimeCodeReference(int32_t tcTrackID) {
     auto reference = std::make_shared<CMp4RefTrackTypeAtom>(m_pWriter);
     reference->SetRefType(REFERENCE_TRACK_TMCD);
@@ -206,12 +218,21 @@ void CMp4VideoTrakAtom::SettleNominalDuration() {
 }
 
 int64_t CMp4VideoTrakAtom::PresentedDuration() {
-    if (!HasCompositionOffsets()) return CMp4TrakAtom::PresentedDuration();
+    // Without offsets pictures are shown at their decode times, from the first one on.
+    if (!HasCompositionOffsets())
+        return KeepsStart() ? DecodedDuration() : CMp4TrakAtom::PresentedDuration();
     return Sum(Difference(m_span.lastPts, m_span.firstPts), LastSampleDuration(m_span.lastStep));
 }
 
 int64_t CMp4VideoTrakAtom::GetMediaDuration() {
-    if (!HasCompositionOffsets()) return PresentedDuration();
+    return HasCompositionOffsets() ? DecodedDuration() : PresentedDuration();
+}
+
+int64_t CMp4VideoTrakAtom::FirstShown() {
+    return Sum(m_span.firstDts, GetMediaStart());
+}
+
+int64_t CMp4VideoTrakAtom::DecodedDuration() const {
     return Sum(Difference(m_span.lastDts, m_span.firstDts), LastSampleDuration(m_span.lastStep));
 }
 
@@ -267,6 +288,21 @@ bool CMp4AudioTrakAtom::AfterWriteAudioFrame(int64_t nOffset, int cbFrame, int64
     if (!SampleTable().OnFrame(nOffset, cbFrame, nTimeStamp, nTimeStamp, bNewChunk)) return false;
     if (m_nAudioFrames == 1) m_nStartTs = nTimeStamp;
     return true;
+}
+
+int64_t CMp4AudioTrakAtom::PrimingTicks() {
+    if (!KeepsStart()) return 0;
+    const auto sampleRate = static_cast<uint32_t>(SampleRateOfField(m_info.sample_rate));
+    const int64_t ticks = kx_mp4::Rescale(m_priming, m_info.timescale, sampleRate);
+    return std::min(ticks, std::max<int64_t>(0, CMp4TrakAtom::PresentedDuration()));
+}
+
+int64_t CMp4AudioTrakAtom::PresentedDuration() {
+    return Difference(CMp4TrakAtom::PresentedDuration(), PrimingTicks());
+}
+
+int64_t CMp4AudioTrakAtom::FirstShown() {
+    return Sum(m_nStartTs, PrimingTicks());
 }
 
 void CMp4AudioTrakAtom::Update() {

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "Atom.h"
+#include "Presentation.h"
 #include "edts.h"
 #include "kx_mp4/kx_mp4.h"
 #include "mdia.h"
@@ -43,6 +44,15 @@ public:
     /// Describes samples that movie fragments list: the track is written without any, its durations
     /// are 0 and its edit starts at `mediaStart` ticks.
     void SetForFragments(int64_t mediaStart);
+    /// Keeps the track's place in the movie: nothing is shown before `delay`, in ticks of the
+    /// movie. Durations then count what is shown from the first sample on.
+    void KeepStart(int64_t delay);
+    bool KeepsStart() const { return m_keepsStart; }
+    /// Ticks of the timestamps' timeline at which the first sample is shown.
+    virtual int64_t FirstShown() { return m_nStartTs; }
+    /// End of the presentation of a track that keeps its start, in ticks of the movie.
+    int64_t EndInMovie() { return m_delay + HeaderDuration(); }
+    bool HasSamples() { return m_iTrakID > 0 && (m_forFragments || GetSampleNumbers() > 0); }
 
 protected:
     virtual void WriteMdia() { Media().Write(); }
@@ -87,7 +97,6 @@ protected:
 
     /// Takes the next sample's timestamp.
     void AdvanceClock(int64_t timestamp);
-    bool HasSamples() { return m_iTrakID > 0 && (m_forFragments || GetSampleNumbers() > 0); }
     bool IsWritten() { return m_fixedHeaderMode || HasSamples(); }
     /// The nominal duration, or this step when none is known.
     uint32_t LastSampleDuration(uint32_t lastStep) const {
@@ -105,6 +114,8 @@ protected:
     bool m_fixedHeaderMode = false;
     bool m_forFragments = false;
     int64_t m_fragmentsStart = 0;
+    bool m_keepsStart = false;
+    int64_t m_delay = 0;
 
     /// Brings the headers up to date; their sizes follow from the times.
     virtual void SetHeaderTimes();
@@ -124,11 +135,15 @@ public:
     uint64_t GetDataSize() override { return m_mdia.GetDataSize(); }
     void SettleNominalDuration() override;
     int64_t PresentedDuration() override;
+    int64_t FirstShown() override;
+    void SetPresentation(const kx_mp4::Presentation& presentation);
     /// As the base's, and without sync samples.
     void SetForFragments(int64_t mediaStart);
 
     int32_t GetWidth() const { return m_info.width; }
     int32_t GetHeight() const { return m_info.height; }
+    /// Chooses the form of the colour box.
+    void SetIsMp4File(bool mp4File) { SampleTable().SetIsMp4File(mp4File); }
     /// 64-bit chunk offsets; recorded ones are carried over.
     void SetUse64BitSize() { m_mdia.MediaInformation().SetUse64BitSize(); }
     /// See CMp4Muxer::SetCompositionOffsets.
@@ -160,6 +175,7 @@ private:
     CMp4VideoStblAtom& SampleTable() { return m_mdia.MediaInformation().SampleTable(); }
     bool HasCompositionOffsets() { return SampleTable().HasCompositionOffsets(); }
     void ExtendSpan(int64_t nPts, int64_t nDts);
+    int64_t DecodedDuration() const;
 
     mp4_video_track_info_t m_info{};
     CMp4VideoMdiaAtom m_mdia;
@@ -178,6 +194,10 @@ public:
     uint32_t GetTimeScale() override { return m_info.timescale; }
     void Update() override;
     uint64_t GetDataSize() override { return m_mdia.GetDataSize(); }
+    int64_t PresentedDuration() override;
+    int64_t FirstShown() override;
+    /// Samples of sound at the beginning that are not to be heard, of a track that keeps its start.
+    void SetPriming(uint32_t samples) { m_priming = samples; }
 
     /// 64-bit chunk offsets; recorded ones are carried over.
     void SetUse64BitSize() { m_mdia.MediaInformation().SetUse64BitSize(); }
@@ -190,10 +210,15 @@ public:
 
 protected:
     CMp4MdiaAtom& Media() override { return m_mdia; }
+    int64_t GetMediaDuration() override { return CMp4TrakAtom::PresentedDuration(); }
+    int64_t GetMediaStart() override { return PrimingTicks(); }
 
 private:
     CMp4AudioStblAtom& SampleTable() { return m_mdia.MediaInformation().SampleTable(); }
+    /// The priming in ticks, at most all of the sound; 0 where starts are not kept.
+    int64_t PrimingTicks();
 
+    uint32_t m_priming = 0;
     mp4_audio_track_info_t m_info{};
     CMp4AudioMdiaAtom m_mdia;
     int64_t m_nAudioFrames = 0;

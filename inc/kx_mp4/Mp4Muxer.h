@@ -9,6 +9,7 @@
 
 #include "kx_mp4/export.h"
 #include "kx_mp4/kx_mp4.h"
+#include "kx_mp4/presentation.h"
 
 namespace kx_mp4 {
 struct MuxerState;
@@ -153,6 +154,38 @@ public:
     /// @return #MP4_STATUS_INVALID_PARAMETER once the first frame has been written or, with
     ///         #MP4_FLAG_REPAIR_INFO, the first track has been declared.
     mp4_status_t SetLiveIndex(uint32_t interval_ms);
+
+    /// Keeps the times at which the tracks begin; off after Create, where every track begins at its
+    /// own first sample.
+    ///
+    /// On, timestamps of all tracks count from the same moment, and the movie begins with what is
+    /// shown first of any track. A track that begins later gets an empty edit before it
+    /// (ISO/IEC 14496-12, 8.6.6), and durations of the movie, the tracks and their edits are exact,
+    /// in a timescale that fits those of all tracks. The live index has the tracks' own beginnings
+    /// until Close.
+    /// @return #MP4_STATUS_INVALID_PARAMETER once the first frame has been written.
+    mp4_status_t SetTimeline(bool keep_start_times);
+    /// How much of the beginning of the sound is the encoder's own and not to be heard, while start
+    /// times are kept; 0 after Create.
+    ///
+    /// The first frame's timestamp is that of its first sample, priming included: an encoder of
+    /// AAC LC that is given sound from the time T on makes a frame of T - 1024 samples first (some
+    /// 2112, HE-AAC 5186 by its own delay).
+    /// @param samples  At the sample rate of the audio track.
+    /// @return As SetTimeline.
+    mp4_status_t SetAudioPriming(uint32_t samples);
+    /// Says in the file how the pictures are shaped, turned and made of fields.
+    /// @param shape  Copied.
+    /// @return #MP4_STATUS_INVALID_PARAMETER for a `struct_size` that does not hold itself, a turn
+    ///         that is not one of four, half a pixel shape or clean aperture, an unknown order of
+    ///         fields, and once the first frame has been written.
+    mp4_status_t SetVideoShape(const mp4_video_shape_t& shape);
+    /// Says in the file of which colour and light the pictures are.
+    /// @param colour  Copied.
+    /// @return #MP4_STATUS_INVALID_PARAMETER for a `struct_size` that does not hold itself, and
+    /// once
+    ///         the first frame has been written.
+    mp4_status_t SetVideoColour(const mp4_video_colour_t& colour);
 
     /// Declares the video track; may be called again before its first frame.
     ///
