@@ -57,7 +57,9 @@ void CMp4TrakAtom::SetFixedHeaderMode(bool mode) {
 }
 
 void CMp4TrakAtom::AdvanceClock(int64_t timestamp) {
-    UpdateStep(m_lastFrameDuration, m_nLastTs, timestamp);
+    // From 0 to the first sample is no step either, but durations have always counted it.
+    const bool isFirst = m_keepsStart && GetSampleNumbers() == 1;
+    if (!isFirst) UpdateStep(m_lastFrameDuration, m_nLastTs, timestamp);
     m_nLastTs = timestamp;
 }
 

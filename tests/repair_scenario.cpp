@@ -88,6 +88,25 @@ void Maker::AddSetUp() {
             CallKind::kLive);
     if (m_scenario.offsets)
         Add([](CMp4Muxer& muxer) { return muxer.SetCompositionOffsets(true); }, CallKind::kSetUp);
+    if (m_scenario.presented) {
+        Add([](CMp4Muxer& muxer) { return muxer.SetTimeline(true); }, CallKind::kSetUp);
+        Add([](CMp4Muxer& muxer) { return muxer.SetAudioPriming(1024); }, CallKind::kSetUp);
+        Add(
+            [](CMp4Muxer& muxer) {
+                return muxer.SetVideoShape(
+                    {sizeof(mp4_video_shape_t), 64, 45, 2, 2, 60, 40, 90, 0, 1});
+            },
+            CallKind::kSetUp);
+        Add(
+            [](CMp4Muxer& muxer) {
+                mp4_video_colour_t colour{};
+                colour.struct_size = sizeof colour;
+                colour.primaries = colour.transfer = colour.matrix = 9;
+                colour.has_content_light = 1;
+                return muxer.SetVideoColour(colour);
+            },
+            CallKind::kSetUp);
+    }
     const bool waits = m_scenario.deferred && m_scenario.codec != MP4_MVC_PRORES;
     const auto steps = streams::SetUpEverything(
         waits ? streams::Deferred(VideoTrack()) : VideoTrack(),

@@ -34,7 +34,8 @@ struct Scenario {
     bool declareTwice = false;  // every track
     bool offsets = false;       // composition offsets, and presentation times of their own
     bool soundOnly = false;
-    uint32_t liveMs = 0;  // interval of the live index; 0: none
+    bool presented = false;  // start times, shape and colour
+    uint32_t liveMs = 0;     // interval of the live index; 0: none
     uint32_t pictures = 8;
     uint32_t smallestPicture = 40;
     uint32_t largestPicture = 300;

@@ -8,7 +8,8 @@
 //   as a number timecode TIMESCALE DURATION FRAMES FLAGS meta KEY TYPE VALUE [SPACE]     value is
 //   text, 0x and digits, or "null" v TIMES UNIT...                 units as digits or by name;
 //   "raw" before digits: no start codes a TIMES BYTES, c TIMES BYTES    times: START[+STEPxCOUNT];
-//   of v: DTS, DTS:PTS t COUNTER offsets 0|1, live MS, flush, ask, side, close
+//   of v: DTS, DTS:PTS t COUNTER offsets 0|1, live MS, timeline 0|1, priming SAMPLES, shape and
+//   colour FIELD=VALUE..., flush, ask, side, close
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -200,6 +201,39 @@ private:
                                    m_words.size() > 4 ? Word(4).c_str() : nullptr);
     }
 
+    mp4_status_t SetShape() {
+        mp4_video_shape_t shape{};
+        shape.struct_size = sizeof shape;
+        Set("size", shape.struct_size);
+        Set("width", shape.pixel_width);
+        Set("height", shape.pixel_height);
+        Set("x", shape.clean_x);
+        Set("y", shape.clean_y);
+        Set("columns", shape.clean_width);
+        Set("lines", shape.clean_height);
+        Set("turn", shape.rotation);
+        Set("fields", shape.field_order);
+        Set("stream", shape.from_stream);
+        return m_muxer.SetVideoShape(shape);
+    }
+    mp4_status_t SetColour() {
+        mp4_video_colour_t colour{};
+        colour.struct_size = sizeof colour;
+        Set("size", colour.struct_size);
+        Set("primaries", colour.primaries);
+        Set("transfer", colour.transfer);
+        Set("matrix", colour.matrix);
+        Set("full", colour.full_range);
+        Set("display", colour.has_mastering_display);
+        colour.display_primaries[0][0] = 13250;
+        colour.white_point[1] = 16450;
+        colour.max_luminance = 10000000;
+        Set("light", colour.has_content_light);
+        colour.max_content_light_level = 1000;
+        Set("stream", colour.from_stream);
+        return m_muxer.SetVideoColour(colour);
+    }
+
     mp4_status_t Video() {
         const bool raw = Word(2) == "raw";
         std::vector<Bytes> units;
@@ -338,6 +372,11 @@ const std::map<std::string, Replay::Call> Replay::kCalls{
     {"c", [](Replay& r) { return r.Packets(&CMp4Muxer::WriteSubtitleFrame); }},
     {"t", [](Replay& r) { return r.m_muxer.WriteTimeCode(r.Number(1)); }},
     {"offsets", [](Replay& r) { return r.m_muxer.SetCompositionOffsets(r.Number(1) != 0); }},
+    {"timeline", [](Replay& r) { return r.m_muxer.SetTimeline(r.Number(1) != 0); }},
+    {"priming",
+     [](Replay& r) { return r.m_muxer.SetAudioPriming(static_cast<uint32_t>(r.Number(1))); }},
+    {"shape", [](Replay& r) { return r.SetShape(); }},
+    {"colour", [](Replay& r) { return r.SetColour(); }},
     {"live", [](Replay& r) { return r.m_muxer.SetLiveIndex(static_cast<uint32_t>(r.Number(1))); }},
     {"flush", [](Replay& r) { return r.m_muxer.Flush(); }},
     {"close", [](Replay& r) { return r.m_muxer.Close(); }}};
@@ -369,8 +408,8 @@ TEST_P(Recordings, ComeOutAsKept) {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Recordings,
-                         ::testing::Values("captions", "metadata", "side_file", "sound", "times",
-                                           "video", "refusals"),
+                         ::testing::Values("captions", "metadata", "presentation", "side_file",
+                                           "sound", "times", "video", "refusals"),
                          [](const auto& kept) { return std::string(kept.param); });
 
 }  // namespace

@@ -73,6 +73,7 @@ public:
         scenario.declareTwice = Says("twice");
         scenario.offsets = Says("offsets");
         scenario.soundOnly = Says("sound");
+        scenario.presented = Says("presented");
         scenario.pictures = Says("empty") ? 0 : Says("long") ? 40 : 8;
         std::vector<std::string> edits;
         std::istringstream rest(line.substr(std::min(colon + 1, line.size())));
