@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <limits>
 #include <utility>
 
 #include "SegmentName.h"
@@ -105,8 +104,6 @@ mp4_status_t Segment::CreateMuxer() {
         m_muxer.Create(m_info.path, options.container, options.flags, m_file->Callbacks());
     if (status != MP4_STATUS_SUCCESS) return status;
     m_repairInfo = m_share.HasRepairInfo();
-    // Pushes come from the recorder, and not on the way of a frame.
-    if (m_repairInfo) m_muxer.SetRepairFlushInterval(std::numeric_limits<int32_t>::max());
     if (options.composition_offsets) status = m_muxer.SetCompositionOffsets(true);
     if (status == MP4_STATUS_SUCCESS && options.live_index_ms != 0)
         status = m_muxer.SetLiveIndex(options.live_index_ms);
@@ -195,10 +192,10 @@ bool Segment::LostRepairInfo() {
     return m_repairInfo && !m_muxer.IsRepairInfoActive() && std::exchange(m_repairInfo, false);
 }
 
-SegmentTrack Segment::Told(FrameKind kind) const {
+SegmentTrack Segment::Told(FrameKind kind, const mp4_track_statistics_t& written) const {
     const Track& track = m_tracks[IndexOf(kind)];
     if (track.samples == 0) return {};
-    return {track.samples, track.first, track.last + track.step};
+    return {track.samples, written.bytes, track.first, track.last + track.step};
 }
 
 void Segment::RemoveEmpty() {
@@ -229,9 +226,12 @@ void Segment::Finish() {
     if (m_share.options.push_ms != 0) m_share.storage.PushFolder(m_info.path);
     m_info.status = status;
     m_info.bytes = m_file->Size();
-    m_info.video = Told(FrameKind::kVideo);
-    m_info.audio = Told(FrameKind::kAudio);
-    m_info.captions = Told(FrameKind::kCaption);
+    mp4_statistics_t written{};
+    written.struct_size = sizeof written;
+    m_muxer.GetStatistics(&written);
+    m_info.video = Told(FrameKind::kVideo, written.video);
+    m_info.audio = Told(FrameKind::kAudio, written.audio);
+    m_info.captions = Told(FrameKind::kCaption, written.captions);
     if (status != MP4_STATUS_SUCCESS) m_share.Fail(status, m_info.path, "the file is not finished");
     m_share.TellFinished(m_info);
 }

@@ -103,7 +103,7 @@ private:
     mp4_status_t CreateMuxer();
     mp4_status_t WriteTimecode(const TrackSet& tracks, int64_t start);
     void Note(FrameKind kind, uint32_t size, int64_t time);
-    SegmentTrack Told(FrameKind kind) const;
+    SegmentTrack Told(FrameKind kind, const mp4_track_statistics_t& written) const;
     void RemoveEmpty();
 
     RecordingShare& m_share;

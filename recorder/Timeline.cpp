@@ -110,7 +110,7 @@ std::optional<FrameTimes> Timeline::Place(const FrameHeader& frame) {
         if (track.moves != m_move.number && !IsJump(track, time + shared, frame.arrival)) {
             track.moved = shared;
             track.moves = m_move.number;
-        } else {
+        } else if (frame.kind != FrameKind::kCaption || time + track.moved < track.last) {
             Follow(track, time);
             m_jumps.fetch_add(1, std::memory_order_relaxed);
         }

@@ -25,7 +25,8 @@ struct FrameTimes {
 /// A frame whose time goes back, or whose step differs from what has passed between the calls by
 /// more than a limit, tells of a jump: it follows the one before by its usual step, and all later
 /// ones are moved by as much. Another track that meets the same jump is moved by the same, so that
-/// picture and sound stay together. A time that goes back and would not with 2^32 or 2^33 ticks
+/// picture and sound stay together. Captions are far apart by nature: a long step of theirs is none
+/// of their own. A time that goes back and would not with 2^32 or 2^33 ticks
 /// more is a wrap, and no jump.
 class Timeline {
 public:

@@ -249,7 +249,7 @@ TEST_F(EndToEnd, StreamsThatChangeKeepTheirTimesAndAreToldOf) {
     };
     if (Execute("ffmpeg -v error -encoders | grep libx265").code != 0) GTEST_SKIP();
     encode("0.h264", "160x96 -c:v libx264 -bf 0");
-    encode("1.h264", "320x180 -c:v libx264 -bf 2");
+    encode("1.h264", "320x180 -c:v libx264 -bf 2 -force_key_frames 0.52");
     Execute("{ cat " + Path("*.h264") + " >" + Path("a.264") + "; }");
     const Outcome file = Kxmux("--fps stream --video " + Path("a.264") + " -o " + Path("a.mp4"));
     EXPECT_THAT(file.errors,
@@ -258,13 +258,23 @@ TEST_F(EndToEnd, StreamsThatChangeKeepTheirTimesAndAreToldOf) {
     ASSERT_EQ(times.size(), 60U);
     const auto isReordered = [](const auto& time) { return time.first != time.second; };
     EXPECT_GT(std::count_if(times.begin() + 30, times.end(), isReordered), 10);
-    // A pipe cannot be read ahead, and gives the same.
+    // A pipe cannot be read ahead, and becomes a file of each size, with all pictures.
     EXPECT_EQ(
         Execute("cat " + Path("a.264") +
                 " | '" KXMUX_PATH "' --fps stream --video - --video-codec h264 -o " + Path("b.mp4"))
             .code,
         0);
-    EXPECT_TRUE(ReadFile(Path("a.mp4")) == ReadFile(Path("b.mp4")));
+    for (const char* const half : {"b.mp4", "b-2.mp4"})
+        EXPECT_EQ(ShiftedTimes(Path(half)).size(), 30U) << half;
+    // Segments of a pipe hold every picture once.
+    const Outcome live =
+        Execute("cat " + Path("1.h264") +
+                " | '" KXMUX_PATH "' --fps stream --video - --video-codec h264 -o " +
+                Path("s%i.mp4") + " --segment 500ms --queue 1M --on-full wait");
+    EXPECT_EQ(live.code, 0) << live.errors;
+    EXPECT_THAT(live.out, HasSubstr("2 files, 1.200 s"));
+    EXPECT_EQ(ShiftedTimes(Path("s0.mp4")).size(), 13U);
+    EXPECT_EQ(ShiftedTimes(Path("s1.mp4")).size(), 17U);
 
     // Open groups without reordering: every random-access picture is marked.
     encode("cra.hevc",

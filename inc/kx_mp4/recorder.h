@@ -66,6 +66,7 @@ enum class SegmentReason {
 /// gave the times, after pauses and jumps were taken out.
 struct SegmentTrack {
     uint64_t samples = 0;  ///< In the file.
+    uint64_t bytes = 0;    ///< Of these samples.
     int64_t first = 0;     ///< Decode time of the first.
     /// Where the last one ends: its decode time and what the file says that it lasts.
     int64_t end = 0;

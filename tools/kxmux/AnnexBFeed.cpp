@@ -143,10 +143,10 @@ bool AnnexBFeed::NeedsOrder() const {
     }
 }
 
-mp4_status_t AnnexBFeed::Declare(CMp4Muxer& muxer) {
+mp4_status_t AnnexBFeed::Declare(FrameSink& sink) {
     // Whatever the first parameter sets say: later ones may allow reordering, and the muxer has to
     // be told before the first frame. Without reordering it makes no difference.
-    const mp4_status_t status = muxer.SetCompositionOffsets(Options().compositionOffsets);
+    const mp4_status_t status = sink.SetCompositionOffsets(Options().compositionOffsets);
     if (status != MP4_STATUS_SUCCESS) return status;
     mp4_video_track_info_t info = BaseInfo();
     const ParameterSetCopies& sets = m_frames.ParameterSets();
@@ -156,14 +156,14 @@ mp4_status_t AnnexBFeed::Declare(CMp4Muxer& muxer) {
         info.hevc = {sets.sps.data(),  SizeOf(sets.sps), sets.pps.data(),
                      SizeOf(sets.pps), sets.vps.data(),  SizeOf(sets.vps)};
     }
-    return muxer.SetVideoTrack(&info);
+    return sink.SetVideoTrack(&info);
 }
 
-mp4_status_t AnnexBFeed::Write(CMp4Muxer& muxer) const {
+mp4_status_t AnnexBFeed::Write(FrameSink& sink) const {
     const auto& bytes = m_frame.unit.Bytes();
     const uint64_t dts = m_frame.times.dts * TicksPerFrame();
     const uint64_t pts = m_usesOrder ? m_frame.times.pts * TicksPerFrame() : dts;
-    return muxer.WriteVideoFrame(bytes.data(), static_cast<uint32_t>(bytes.size()), pts, dts);
+    return sink.WriteVideoFrame(bytes.data(), static_cast<uint32_t>(bytes.size()), pts, dts);
 }
 
 std::string AnnexBFeed::Note() const {

@@ -77,8 +77,8 @@ class AnnexBFeed final : public VideoFeed {
 public:
     AnnexBFeed(const VideoOptions& options, Input& input);
 
-    mp4_status_t Declare(CMp4Muxer& muxer) override;
-    mp4_status_t Write(CMp4Muxer& muxer) const override;
+    mp4_status_t Declare(FrameSink& sink) override;
+    mp4_status_t Write(FrameSink& sink) const override;
     std::string Note() const override;
 
 private:

@@ -69,6 +69,23 @@ bool ParsePictureSize(std::string_view text, PictureSize* size) {
     return true;
 }
 
+bool ParseLimit(std::string_view text, uint64_t* milliseconds, uint64_t* bytes) {
+    static const std::map<std::string_view, uint64_t> times = {
+        {"ms", 1}, {"s", 1000}, {"m", 60000}, {"h", 3600000}};
+    static const std::map<std::string_view, uint64_t> sizes = {
+        {"K", uint64_t{1} << 10}, {"M", uint64_t{1} << 20}, {"G", uint64_t{1} << 30}};
+    const size_t unit = text.find_first_not_of("0123456789");
+    uint32_t number = 0;
+    constexpr uint32_t kMax = 1000000;
+    if (unit == std::string_view::npos || !ParseNumber(text.substr(0, unit), kMax, &number))
+        return false;
+    const auto time = times.find(text.substr(unit));
+    const auto size = sizes.find(text.substr(unit));
+    *milliseconds = time != times.end() ? number * time->second : 0;
+    *bytes = size != sizes.end() ? number * size->second : 0;
+    return *milliseconds != 0 || *bytes != 0;
+}
+
 void Arguments::AddTo(CLI::App& app) {
     AddInputs(app);
     AddDescription(app);
@@ -127,6 +144,15 @@ void Arguments::AddOutput(CLI::App& app) {
                    "Keep the output playable at every moment: an index of what came every SECONDS")
         ->check(CLI::Range(0.001, 86400.0))
         ->type_name("SECONDS");
+    app.add_option("--segment", m_segment,
+                   "Begin a new file every 60s (ms, s, m, h) or 500M (K, M, G) at a key frame; the "
+                   "files are OUTPUT with -0000, -0001 ... before its extension, or by the %i and "
+                   "strftime conversions in it");
+    app.add_option("--queue", m_queue, "Room for frames that wait for the storage, 8M (K, M, G)");
+    app.add_option("--on-full", m_onFull,
+                   "When it is full: wait, which holds up the inputs, or drop pictures up to the "
+                   "next key frame")
+        ->check(CLI::IsMember({"wait", "drop"}));
     app.add_flag("--64bit", m_64bit, "64-bit sizes and times");
     auto* const callbacks = app.add_flag("--callback-io", m_callbackIo, "Write through callbacks");
     app.add_flag("--buffered", m_buffered, "Write through the library's buffered file output")
@@ -176,6 +202,30 @@ OutputOptions Arguments::Output() const {
     return output;
 }
 
+LiveOptions Arguments::Live() const {
+    LiveOptions live;
+    live.wanted = !m_segment.empty() || !m_queue.empty() || !m_onFull.empty();
+    if (live.wanted && (m_callbackIo || m_buffered))
+        throw CLI::ValidationError("--segment, --queue, --on-full",
+                                   "not together with --callback-io or --buffered");
+    constexpr uint64_t kLeastMs = 100;
+    constexpr uint64_t kLeastBytes = uint64_t{64} << 10;
+    const bool hasSegment =
+        m_segment.empty() || (ParseLimit(m_segment, &live.segmentMs, &live.segmentBytes) &&
+                              (live.segmentMs >= kLeastMs || live.segmentBytes >= kLeastBytes));
+    if (!hasSegment)
+        throw CLI::ValidationError("--segment", m_segment +
+                                                    ": not such as 60s or 500M, at least "
+                                                    "100ms or 64K");
+    uint64_t time = 0;
+    const bool hasQueue = m_queue.empty() || (ParseLimit(m_queue, &time, &live.queueBytes) &&
+                                              live.queueBytes >= kLeastBytes);
+    if (!hasQueue)
+        throw CLI::ValidationError("--queue", m_queue + ": not such as 8M, at least 64K");
+    live.drop = m_onFull == "drop";
+    return live;
+}
+
 RecordingOptions Arguments::Options() const {
     RecordingOptions options;
     if (m_video.empty() && m_audio.empty()) {
@@ -200,6 +250,7 @@ RecordingOptions Arguments::Options() const {
     options.audio = m_audio;
     options.captions = m_captions;
     options.use64bit = m_64bit;
+    options.live = Live();
     options.liveIndexMs = static_cast<uint32_t>(m_liveSeconds * kMillisecondsPerSecond);
     return options;
 }

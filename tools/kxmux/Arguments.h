@@ -19,6 +19,9 @@ namespace kxmux {
 bool ParseFrameRate(std::string_view text, FrameRate* rate);
 /// "WxH", both from 1 to 65535. False for anything else.
 bool ParsePictureSize(std::string_view text, PictureSize* size);
+/// A number with a unit: "60s", "500ms", "5m", "1h" as milliseconds, "500M", "2G", "64K" (powers of
+/// 1024) as bytes; the other one is 0. False for anything else, and for 0.
+bool ParseLimit(std::string_view text, uint64_t* milliseconds, uint64_t* bytes);
 
 /// The arguments as they are given.
 class Arguments {
@@ -34,6 +37,7 @@ private:
     void AddOutput(CLI::App& app);
     VideoOptions Video() const;
     OutputOptions Output() const;
+    LiveOptions Live() const;
     mp4_video_codec VideoCodec() const;
 
     std::string m_output;
@@ -55,6 +59,9 @@ private:
     bool m_buffered = false;
     bool m_noCompositionOffsets = false;
     double m_liveSeconds = 0;
+    std::string m_segment;
+    std::string m_queue;
+    std::string m_onFull;
 };
 
 }  // namespace kxmux

@@ -16,7 +16,7 @@ AudioFeed::AudioFeed(Input& input, bool deferred)
     m_header = m_frame.header;
 }
 
-mp4_status_t AudioFeed::Declare(CMp4Muxer& muxer) {
+mp4_status_t AudioFeed::Declare(FrameSink& sink) {
     mp4_audio_track_info_t info = {};
     info.timescale = static_cast<uint32_t>(m_header.SampleRate());
     info.frame_duration = kSamplesPerFrame;
@@ -27,16 +27,16 @@ mp4_status_t AudioFeed::Declare(CMp4Muxer& muxer) {
         info.channels = m_header.channels;
         info.profile = m_header.objectType;
     }
-    return muxer.SetAudioTrack(&info);
+    return sink.SetAudioTrack(&info);
 }
 
 MediaTime AudioFeed::NextTime() const {
     return {Frames() * kSamplesPerFrame, static_cast<uint32_t>(m_header.SampleRate())};
 }
 
-mp4_status_t AudioFeed::Write(CMp4Muxer& muxer) const {
+mp4_status_t AudioFeed::Write(FrameSink& sink) const {
     const auto size = static_cast<uint32_t>(m_frame.size);
-    return muxer.WriteAudioFrame(m_frame.data, size, NextTime().ticks);
+    return sink.WriteAudioFrame(m_frame.data, size, NextTime().ticks);
 }
 
 std::string AudioFeed::Describe() const {

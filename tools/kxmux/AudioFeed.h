@@ -17,9 +17,9 @@ public:
     /// Interrupted.
     AudioFeed(Input& input, bool deferred);
 
-    mp4_status_t Declare(CMp4Muxer& muxer) override;
+    mp4_status_t Declare(FrameSink& sink) override;
     MediaTime NextTime() const override;
-    mp4_status_t Write(CMp4Muxer& muxer) const override;
+    mp4_status_t Write(FrameSink& sink) const override;
 
     MediaTime Duration() const { return NextTime(); }
     /// Sampling frequency and channels in words.

@@ -25,15 +25,15 @@ CaptionFeed::CaptionFeed(Input& input, uint32_t timescale)
     m_packets = captions.Packets(timescale);
 }
 
-mp4_status_t CaptionFeed::Declare(CMp4Muxer& muxer) {
+mp4_status_t CaptionFeed::Declare(FrameSink& sink) {
     const mp4_subtitle_track_info_t info = {MP4_SUBTITLE_CODEC_CC608, m_timescale};
-    return muxer.SetSubtitleTrack(&info);
+    return sink.SetSubtitleTrack(&info);
 }
 
-mp4_status_t CaptionFeed::Write(CMp4Muxer& muxer) const {
+mp4_status_t CaptionFeed::Write(FrameSink& sink) const {
     const CaptionPacket& packet = Next();
     const auto size = static_cast<uint32_t>(packet.bytes.size());
-    return muxer.WriteSubtitleFrame(packet.bytes.data(), size, packet.timestamp);
+    return sink.WriteSubtitleFrame(packet.bytes.data(), size, packet.timestamp);
 }
 
 }  // namespace kxmux

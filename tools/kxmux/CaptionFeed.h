@@ -17,9 +17,9 @@ public:
     /// RecordingError, StreamError and Interrupted.
     CaptionFeed(Input& input, uint32_t timescale);
 
-    mp4_status_t Declare(CMp4Muxer& muxer) override;
+    mp4_status_t Declare(FrameSink& sink) override;
     MediaTime NextTime() const override { return {Next().timestamp, m_timescale}; }
-    mp4_status_t Write(CMp4Muxer& muxer) const override;
+    mp4_status_t Write(FrameSink& sink) const override;
 
     /// Packets that were not written.
     uint64_t Left() const { return m_packets.size() - Frames(); }

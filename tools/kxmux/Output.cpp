@@ -140,7 +140,7 @@ void Output::CheckKind() {
                       "is a pipe; the recording must be a file, because sizes are written "
                       "back into it");
     }
-    if (!S_ISREG(status.st_mode)) m_repairInfo = false;  // none in a folder of devices
+    if (!S_ISREG(status.st_mode)) m_repairInfo = m_regular = false;  // none in a folder of devices
 }
 
 void Output::CheckFree() const {
@@ -154,6 +154,12 @@ void Output::CheckFree() const {
                       "is there already, of a recording that was not finished; "
                       "--overwrite replaces it");
     }
+}
+
+void Output::MakeFree(bool segments) const {
+    if (segments || !m_options.overwrite) return;
+    ::unlink(Path().c_str());
+    ::unlink(RepairInfoPath().c_str());
 }
 
 /// Makes the file unless it is there, so that none that appears in the meantime is replaced.

@@ -44,6 +44,13 @@ public:
     /// Refuses, as RecordingError, a path that cannot become a recording, that is there already or
     /// that is one of the inputs.
     void Check(const InputSet& inputs);
+    /// Whether it is a file by the library's own output.
+    bool IsPlainFile() const {
+        return m_options.mode == OutputMode::kFile && m_options.callbacks == nullptr && m_regular;
+    }
+    /// Removes what may be replaced, for one who makes files that are not there yet: names of
+    /// segments are free anyway.
+    void MakeFree(bool segments) const;
     /// Creates the file through the muxer. Throws RecordingError.
     void Create(CMp4Muxer& muxer, uint32_t flags);
     mp4_status_t Close(CMp4Muxer& muxer);
@@ -68,6 +75,7 @@ private:
     bool m_aliased = false;    // m_givenPath is another name than the output's
     bool m_repairInfo;
     bool m_made = false;
+    bool m_regular = true;  // or not there yet
 };
 
 }  // namespace kxmux

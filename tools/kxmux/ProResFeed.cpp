@@ -16,16 +16,16 @@ bool ProResFeed::ReadFrame() {
     return true;
 }
 
-mp4_status_t ProResFeed::Declare(CMp4Muxer& muxer) {
+mp4_status_t ProResFeed::Declare(FrameSink& sink) {
     mp4_video_track_info_t info = BaseInfo();
     info.prores.format = m_format;
-    return muxer.SetVideoTrack(&info);
+    return sink.SetVideoTrack(&info);
 }
 
-mp4_status_t ProResFeed::Write(CMp4Muxer& muxer) const {
+mp4_status_t ProResFeed::Write(FrameSink& sink) const {
     const uint64_t time = NextTime().ticks;
     const auto size = static_cast<uint32_t>(m_frame.size);
-    return muxer.WriteVideoFrame(m_frame.data, size, time, time);
+    return sink.WriteVideoFrame(m_frame.data, size, time, time);
 }
 
 }  // namespace kxmux

@@ -12,8 +12,8 @@ class ProResFeed final : public VideoFeed {
 public:
     ProResFeed(const VideoOptions& options, Input& input);
 
-    mp4_status_t Declare(CMp4Muxer& muxer) override;
-    mp4_status_t Write(CMp4Muxer& muxer) const override;
+    mp4_status_t Declare(FrameSink& sink) override;
+    mp4_status_t Write(FrameSink& sink) const override;
 
 private:
     bool ReadFrame() override;

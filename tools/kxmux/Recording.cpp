@@ -49,6 +49,7 @@ RecordingResult Recording::Run(const Observer& observer) {
     m_observer = observer;
     OpenInputs();
     m_output.Check(m_inputs);
+    m_options.video.splits = WantsRecorder();
     OpenFeeds();
     ReadTimecode();
     WarnBeforehand();
@@ -127,7 +128,38 @@ uint32_t Recording::Flags() const {
     return flags;
 }
 
+/// What a pipe sends exists nowhere else, and its writer should not wait for the storage.
+bool Recording::WantsRecorder() const {
+    return m_options.live.wanted || (m_inputs.HasPipe() && m_output.IsPlainFile());
+}
+
+void Recording::StartRecorder() {
+    const std::string& path = m_output.Path();
+    const LiveOptions& live = m_options.live;
+    const bool segments = live.segmentMs != 0 || live.segmentBytes != 0;
+    kx_mp4::RecorderOptions options;
+    options.pattern =
+        segments ? LiveOutput::SegmentPattern(path) : LiveOutput::LiteralPattern(path);
+    options.container = m_output.IsQuickTime() ? MP4_CONTAINER_QUICKTIME : MP4_CONTAINER_MP4;
+    options.flags = Flags() | (m_output.HasRepairInfo() ? MP4_FLAG_REPAIR_INFO : 0U);
+    options.composition_offsets = m_options.video.compositionOffsets;
+    options.live_index_ms = m_options.liveIndexMs;
+    m_output.MakeFree(segments);
+    m_live = std::make_unique<LiveOutput>();
+    const mp4_status_t status = m_live->Start(live, std::move(options));
+    if (status != MP4_STATUS_SUCCESS)
+        throw RecordingError(path + ": cannot be created: " + mp4_status_string(status));
+    StopSignal::SetFarewell("kxmux: " + path + ": " + (segments ? "the newest segment " : "") +
+                            "is unfinished, it has no index; " + m_output.RepairHint() + "\n");
+    m_recorderSink = std::make_unique<SinkOf<CMp4Recorder>>(m_live->Recorder());
+    m_sink = m_recorderSink.get();
+}
+
 void Recording::Create() {
+    if (WantsRecorder()) {
+        StartRecorder();
+        return;
+    }
     m_output.Create(m_muxer, Flags());
     m_guarded = m_output.HasRepairInfo();
     StopSignal::SetFarewell("kxmux: " + m_output.Path() + ": is unfinished, it has no index; " +
@@ -135,29 +167,29 @@ void Recording::Create() {
 }
 
 void Recording::Declare() {
-    if (m_options.liveIndexMs != 0)
+    if (m_options.liveIndexMs != 0 && m_live == nullptr)
         Require(m_muxer.SetLiveIndex(m_options.liveIndexMs), m_output.Path() + ": live index");
     for (TrackFeed* feed : m_feeds) {
-        Require(feed->Declare(m_muxer), feed->Path() + ": the track is refused");
+        Require(feed->Declare(*m_sink), feed->Path() + ": the track is refused");
     }
     if (m_timecode) {
         const mp4_time_code_track_info_t info = m_timecode->TrackInfo();
-        Require(m_muxer.SetTCMDTrack(&info), m_output.Path() + ": the timecode track is refused");
+        Require(m_sink->SetTCMDTrack(&info), m_output.Path() + ": the timecode track is refused");
     }
     for (const auto& [key, value] : m_options.metadata) {
-        Require(
-            m_muxer.SetMetadata(key.c_str(), value.c_str(), 0, MP4_META_DATA_TYPE_STRING, nullptr),
-            m_output.Path() + ": metadata '" + key + "' is refused");
+        Require(m_sink->SetMetadata(key, value),
+                m_output.Path() + ": metadata '" + key + "' is refused");
     }
 }
 
 void Recording::WriteFrames() {
     if (m_timecode) {
-        Require(m_muxer.WriteTimeCode(m_timecode->FrameCount()), m_output.Path() + ": timecode");
+        Require(m_sink->WriteTimeCode(m_timecode->FrameCount()), m_output.Path() + ": timecode");
     }
+    m_started = true;
     while (TrackFeed* feed = Earliest()) {
         if (Stopped()) break;
-        const mp4_status_t status = feed->Write(m_muxer);
+        const mp4_status_t status = feed->Write(*m_sink);
         if (!IsDone(status)) {
             Require(status, m_output.Path() + ": frame " + std::to_string(feed->Frames()) + " of " +
                                 feed->Path());
@@ -203,10 +235,50 @@ const TrackFeed& Recording::LeadingFeed() const {
 
 Progress Recording::Now() {
     const TrackFeed& feed = LeadingFeed();
-    return {feed.NextTime().Seconds(), feed.Frames(), m_muxer.GetCurFileSize()};
+    if (m_live != nullptr) {
+        const auto bytes = static_cast<int64_t>(m_live->Figures().bytes_written);
+        return {feed.NextTime().Seconds(), feed.Frames(), bytes, m_live->Status()};
+    }
+    return {feed.NextTime().Seconds(), feed.Frames(), m_muxer.GetCurFileSize(), {}};
+}
+
+void Recording::PassWarnings() {
+    for (const std::string& warning : m_live->TakeWarnings()) {
+        m_flawed = true;
+        m_observer.warning(warning);
+    }
+}
+
+void Recording::FinishRecorder() {
+    const mp4_status_t status = m_live->Stop().status;
+    StopSignal::SetFarewell("");
+    PassWarnings();
+    m_segments = m_live->Segments();
+    uint64_t videoBytes = 0;
+    uint64_t audioBytes = 0;
+    for (const kx_mp4::RecorderSegment& segment : m_segments) {
+        m_size += static_cast<int64_t>(segment.bytes);
+        videoBytes += segment.video.bytes;
+        audioBytes += segment.audio.bytes;
+    }
+    const double videoSeconds = m_video ? m_video->Duration().Seconds() : 0;
+    const double audioSeconds = m_audio ? m_audio->Duration().Seconds() : 0;
+    constexpr double kKib = 1024;
+    if (videoSeconds > 0) m_videoBitrate = static_cast<double>(videoBytes) / kKib / videoSeconds;
+    if (audioSeconds > 0) m_audioBitrate = static_cast<double>(audioBytes) / kKib / audioSeconds;
+    constexpr double kMilliseconds = 1000;
+    m_durationMs = static_cast<uint64_t>(std::max(videoSeconds, audioSeconds) * kMilliseconds);
+    m_flawed = m_flawed || status != MP4_STATUS_SUCCESS || m_live->Lost() != 0;
+    if (!m_segments.empty()) return;
+    if (m_interrupted) throw Interrupted();
+    throw RecordingError(m_output.Path() + ": nothing was recorded");
 }
 
 void Recording::Finish() {
+    if (m_live != nullptr) {
+        FinishRecorder();
+        return;
+    }
     m_durationMs = m_muxer.GetDurationMS();
     m_videoBitrate = m_muxer.GetVideoBitrate();
     m_audioBitrate = m_muxer.GetAudioBitrate();
@@ -226,6 +298,15 @@ void Recording::Finish() {
 
 /// Closes the output after a failure and says what is in it.
 std::string Recording::HowItWasLeft() {
+    if (m_live != nullptr) {
+        m_live->Stop();
+        StopSignal::SetFarewell("");
+        PassWarnings();
+        const size_t files = m_live->Segments().size();
+        if (files == 0) return "; nothing was recorded";
+        return "; what came before is in " + std::to_string(files) +
+               (files == 1 ? " file" : " files");
+    }
     const mp4_status_t status = m_output.Close(m_muxer);
     StopSignal::SetFarewell("");
     if (!HoldsFrames() && m_output.Discard()) return "; nothing was recorded";
@@ -237,9 +318,16 @@ std::string Recording::HowItWasLeft() {
            LeadingFeed().Path() + " from before";
 }
 
+/// Of a recorder: a frame that is dropped, or a failure that is told, ends nothing but a full disk.
+bool Recording::IsQueued(mp4_status_t status) {
+    PassWarnings();
+    return status != MP4_STATUS_NO_SPACE_LEFT && status != MP4_STATUS_FILE_NOT_OPEN;
+}
+
 /// Whether a call has done its work: the failure of the repair info file alone stops nothing.
 bool Recording::IsDone(mp4_status_t status) {
     if (status == MP4_STATUS_SUCCESS) return true;
+    if (m_live != nullptr) return m_started && IsQueued(status);
     if (!m_guarded || m_muxer.IsRepairInfoActive() || !m_muxer.IsOpen()) return false;
     m_guarded = false;
     m_flawed = true;
@@ -252,11 +340,29 @@ void Recording::Require(mp4_status_t status, const std::string& subject) {
     if (!IsDone(status)) throw RecordingError(subject + ": " + mp4_status_string(status));
 }
 
-std::string Recording::Summary() const {
-    std::string text = m_output.Path() + ": " +
-                       (m_output.IsQuickTime() ? "QuickTime movie" : "MP4 file") +
+/// One line for each file of a live recording that has become several.
+std::string Recording::SegmentLines() const {
+    std::string text = std::to_string(m_segments.size()) + " files" +
                        Format(", %.3f s, ", static_cast<double>(m_durationMs) / 1000) +
                        std::to_string(m_size) + " bytes\n";
+    for (const kx_mp4::RecorderSegment& segment : m_segments) {
+        text += "  " + segment.path + ": " + std::to_string(segment.bytes) + " bytes";
+        if (segment.status != MP4_STATUS_SUCCESS)
+            text += std::string(", ") + mp4_status_string(segment.status);
+        text += "\n";
+    }
+    return text;
+}
+
+std::string Recording::FileLine() const {
+    const std::string& path = m_segments.empty() ? m_output.Path() : m_segments.front().path;
+    return path + ": " + (m_output.IsQuickTime() ? "QuickTime movie" : "MP4 file") +
+           Format(", %.3f s, ", static_cast<double>(m_durationMs) / 1000) + std::to_string(m_size) +
+           " bytes\n";
+}
+
+std::string Recording::Summary() const {
+    std::string text = m_segments.size() > 1 ? SegmentLines() : FileLine();
     if (m_video) {
         text += TrackLine("video     ", m_video->Describe(), m_video->Frames(), m_video->Duration(),
                           m_videoBitrate);
@@ -275,9 +381,11 @@ std::string Recording::Summary() const {
         }
     }
     if (m_timecode) text += "  timecode  from " + m_options.timecode + "\n";
-    if (m_output.HasRepairInfo() && !m_guarded) {
+    if (m_live == nullptr && m_output.HasRepairInfo() && !m_guarded) {
         text += NoteLine("from the failure of its repair info file on it was not protected");
     }
+    if (m_live != nullptr && m_live->Lost() != 0)
+        text += NoteLine(std::to_string(m_live->Lost()) + " frames are in no file");
     if (m_interrupted) text += NoteLine("ended by a signal");
     return text;
 }

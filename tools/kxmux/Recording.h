@@ -1,5 +1,6 @@
 /// @file
-/// One recording from its inputs to the closed file, through CMp4Muxer as any application would.
+/// One recording from its inputs to the closed file, through CMp4Muxer or, of live inputs, through
+/// CMp4Recorder, as any application would.
 #ifndef KXMUX_RECORDING_H
 #define KXMUX_RECORDING_H
 
@@ -13,7 +14,9 @@
 
 #include "AudioFeed.h"
 #include "CaptionFeed.h"
+#include "FrameSink.h"
 #include "InputSet.h"
+#include "LiveOutput.h"
 #include "Output.h"
 #include "Timecode.h"
 #include "VideoFeed.h"
@@ -31,6 +34,7 @@ struct RecordingOptions {
     std::vector<std::pair<std::string, std::string>> metadata;
     bool use64bit = false;
     uint32_t liveIndexMs = 0;  ///< interval of the live index; 0: none
+    LiveOptions live;          ///< queue and segments
 };
 
 /// What a line of progress shows.
@@ -38,6 +42,7 @@ struct Progress {
     double seconds = 0;
     uint64_t frames = 0;  ///< of the video, of the audio where there is no video
     int64_t bytes = 0;
+    std::string live;  ///< of queue and segments, where there are
 };
 
 /// Who is told what happens while it happens.
@@ -72,13 +77,20 @@ private:
     void ReadTimecode();
     void WarnBeforehand();
     void Create();
+    bool WantsRecorder() const;
+    void StartRecorder();
+    void FinishRecorder();
+    void PassWarnings();
     void Declare();
     void WriteFrames();
+    std::string SegmentLines() const;
+    std::string FileLine() const;
     TrackFeed* Earliest();
     bool Stopped();
     void Finish();
     uint32_t Flags() const;
     bool IsDone(mp4_status_t status);
+    bool IsQueued(mp4_status_t status);
     void Require(mp4_status_t status, const std::string& subject);
     std::string HowItWasLeft();
     bool HoldsFrames() const;
@@ -98,7 +110,13 @@ private:
     std::optional<Timecode> m_timecode;
     Observer m_observer;
     CMp4Muxer m_muxer;
+    SinkOf<CMp4Muxer> m_muxerSink{m_muxer};
+    std::unique_ptr<LiveOutput> m_live;  // in place of the muxer
+    std::unique_ptr<FrameSink> m_recorderSink;
+    FrameSink* m_sink = &m_muxerSink;
+    std::vector<kx_mp4::RecorderSegment> m_segments;
     bool m_guarded = false;  // the repair info file is complete so far
+    bool m_started = false;  // frames are written
     bool m_flawed = false;
     bool m_interrupted = false;
     uint64_t m_durationMs = 0;

@@ -9,9 +9,9 @@
 #include <utility>
 #include <vector>
 
+#include "FrameSink.h"
 #include "InputSet.h"
 #include "StopSignal.h"
-#include "kx_mp4/Mp4Muxer.h"
 
 namespace kxmux {
 
@@ -46,14 +46,14 @@ public:
     TrackFeed(const TrackFeed&) = delete;
     TrackFeed& operator=(const TrackFeed&) = delete;
 
-    /// Declares the track to the muxer.
-    virtual mp4_status_t Declare(CMp4Muxer& muxer) = 0;
+    /// Declares the track.
+    virtual mp4_status_t Declare(FrameSink& sink) = 0;
     /// Makes the next frame ready; false when there is none any more.
     bool Prepare();
     /// When the prepared frame is decoded.
     virtual MediaTime NextTime() const = 0;
-    /// Hands the prepared frame to the muxer.
-    virtual mp4_status_t Write(CMp4Muxer& muxer) const = 0;
+    /// Hands the prepared frame over.
+    virtual mp4_status_t Write(FrameSink& sink) const = 0;
     /// The prepared frame is recorded.
     void Advance() {
         ++m_frames;

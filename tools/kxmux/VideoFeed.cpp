@@ -58,7 +58,8 @@ void VideoFeed::NoteSize(uint64_t frame, uint32_t width, uint32_t height) {
     m_sizeChanged = true;
     Warn("the picture changes from " + SizeText(m_streamWidth, m_streamHeight) + " to " +
          SizeText(width, height) + " at frame " + std::to_string(frame) +
-         "; the recording is described by the first size");
+         (m_options.splits ? "; another file begins there"
+                           : "; the recording is described by the first size"));
 }
 
 void VideoFeed::SetSize(uint32_t width, uint32_t height) {

@@ -27,6 +27,8 @@ struct VideoOptions {
     /// Declare the track without parameter sets, so that the muxer finds them in the stream.
     bool deferred = false;
     bool compositionOffsets = true;
+    /// Another file begins where the stream's description changes.
+    bool splits = false;
     /// The flavour of ProRes, which its frames do not tell; else 422 or 4444 by their chroma
     /// format.
     std::optional<mp4_prores_format> proResFormat;

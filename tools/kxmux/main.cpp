@@ -31,9 +31,9 @@ public:
         if (now - m_last < std::chrono::milliseconds(200)) return;
         m_last = now;
         m_shown = true;
-        std::fprintf(stderr, "\r%.1f s, %llu frames, %.1f MB\033[K", progress.seconds,
+        std::fprintf(stderr, "\r%.1f s, %llu frames, %.1f MB%s\033[K", progress.seconds,
                      static_cast<unsigned long long>(progress.frames),
-                     static_cast<double>(progress.bytes) / 1e6);
+                     static_cast<double>(progress.bytes) / 1e6, progress.live.c_str());
     }
     void Clear() {
         if (m_shown) std::fputs("\r\033[K", stderr);
