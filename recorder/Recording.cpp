@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <chrono>
 
+#include "QuietThread.h"
 #include "Ticks.h"
 
 namespace kx_mp4 {
@@ -24,7 +25,7 @@ int64_t Now() {
 
 }  // namespace
 
-Pusher::Pusher(RecordingShare& share) : m_share(share), m_thread([this] { Run(); }) {}
+Pusher::Pusher(RecordingShare& share) : m_share(share), m_thread(QuietThread([this] { Run(); })) {}
 
 Pusher::~Pusher() {
     {
@@ -83,7 +84,7 @@ mp4_status_t Recording::Start() {
     }
     m_share.pushedArrival = Now();
     m_done = false;
-    m_thread = std::thread([this] { Run(); });
+    m_thread = QuietThread([this] { Run(); });
     return MP4_STATUS_SUCCESS;
 }
 

@@ -8,13 +8,16 @@
 #include <functional>
 #include <mutex>
 #include <thread>
+#include <utility>
+
+#include "QuietThread.h"
 
 namespace kx_mp4 {
 
 /// Begins with the object, and ends with it when all is done. What a task throws is dropped.
 class TaskThread {
 public:
-    TaskThread() : m_thread([this] { Run(); }) {}
+    TaskThread() : m_thread(QuietThread([this] { Run(); })) {}
     ~TaskThread() {
         {
             const std::lock_guard<std::mutex> lock(m_lock);
