@@ -335,8 +335,8 @@ void Finish::Conclude() {
     const bool whole = m_live.bytesWithout == 0 && m_doubtful == 0;
     m_report.outcome = whole ? RepairOutcome::kWhole : RepairOutcome::kLoss;
     if (m_live.bytesWithout != 0) {
-        m_report.reason = std::to_string(m_live.bytesWithout) +
-                          " bytes of media data are in no index, and there is no repair info file";
+        m_report.reason =
+            std::to_string(m_live.bytesWithout) + " bytes of media data are not in the live index";
         m_report.reason_time_ms = m_box->Duration();
     } else if (m_doubtful != 0) {
         m_report.reason = std::to_string(m_doubtful) +

@@ -71,7 +71,7 @@ std::string Headline(const RepairReport& report, const RepairOptions& options) {
 std::string ReportAsText(const RepairReport& report, const RepairOptions& options) {
     std::string text = report.recording_path + ": " + Headline(report, options);
     if (report.info_path.empty() && report.outcome != RepairOutcome::kFailed)
-        text += "  by its live index, without a repair info file\n";
+        text += "  by its live index\n";
     for (size_t i = 0; i < report.tracks.size(); ++i) {
         const RepairTrackReport& track = report.tracks[i];
         if (track.frames_kept != 0 || track.frames_dropped != 0)

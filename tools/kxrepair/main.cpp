@@ -82,9 +82,33 @@ bool WantsLiveIndex(const Arguments& arguments) {
            kxrepair::IsLiveRecording(arguments.recording);
 }
 
+uint64_t FramesKept(const kx_mp4::RepairReport& report) {
+    uint64_t frames = 0;
+    for (const kx_mp4::RepairTrackReport& track : report.tracks)
+        frames += track.frames_kept;
+    return frames;
+}
+
+/// A power cut can leave less of the repair info file than of the recording, whose own live index
+/// then lists more.
+kx_mp4::RepairReport RepairByTheMost(const std::string& recording,
+                                     const kx_mp4::RepairOptions& options) {
+    kx_mp4::RepairReport report = kx_mp4::Repair(recording, options);
+    if (report.media_bytes_unexplained == 0 || !kxrepair::IsLiveRecording(recording)) return report;
+    kx_mp4::RepairOptions live = options;
+    if (live.output_path.empty()) live.output_path = kx_mp4::DefaultRepairOutput(recording);
+    live.overwrite = true;  // what was made just now
+    live.dry_run = true;
+    kx_mp4::RepairReport byIndex = kxrepair::FinishLiveRecording(recording, live);
+    if (FramesKept(byIndex) <= FramesKept(report)) return report;
+    live.dry_run = options.dry_run;
+    byIndex = kxrepair::FinishLiveRecording(recording, live);
+    return byIndex.outcome == kx_mp4::RepairOutcome::kFailed ? report : byIndex;
+}
+
 kx_mp4::RepairReport Repair(Arguments& arguments) {
     kx_mp4::RepairOptions& options = arguments.options;
-    if (!WantsLiveIndex(arguments)) return kx_mp4::Repair(arguments.recording, options);
+    if (!WantsLiveIndex(arguments)) return RepairByTheMost(arguments.recording, options);
     options.in_place = options.output_path.empty();
     return kxrepair::FinishLiveRecording(arguments.recording, options);
 }
