@@ -56,4 +56,16 @@ TEST(Atom, PatchesTheTrueSizeAndWarnsOfAWrongPrediction) {
     }
 }
 
+TEST(Atom, WritesToAnotherWriterWhenToldTo) {
+    CBufferIO first;
+    CBufferIO second;
+    first.Init(nullptr);
+    second.Init(nullptr);
+    CMp4ProbeAtom box(&first, CMp4ProbeAtom::kLeaf, 12);
+    box.setWriter(&second);
+    box.Write();
+    EXPECT_EQ(first.GetSize(), 0U);
+    EXPECT_EQ(second.GetSize(), 12U);
+}
+
 }  // namespace

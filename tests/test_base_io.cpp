@@ -221,6 +221,9 @@ TEST(BufferIo, OverwritesReadsAndHandsOver) {
     EXPECT_EQ(buffer.Ftell(), 0U);
     EXPECT_EQ(BytesOf(sink), Hex("41414141 343536373839 6162 41414141 343536373839 6162"));
     EXPECT_THROW(buffer.ReadUint8(), kx_mp4_exception);
+    EXPECT_TRUE(sink.IsValid());
+    EXPECT_TRUE(sink.Uninit());
+    EXPECT_FALSE(sink.IsValid());
 }
 
 TEST(BufferIo, ReportsMemoryThatIsNotThere) {

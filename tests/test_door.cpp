@@ -239,6 +239,7 @@ TEST(Door, LengthsAndRecordsThatDoNotHoldAreRefusedBeforeAnythingIsWritten) {
             EXPECT_EQ(muxer.SetVideoTrack(&track, record.data(), size),
                       MP4_STATUS_INVALID_PARAMETER);
         EXPECT_EQ(muxer.SetVideoTrack(&track, nullptr, 9), MP4_STATUS_INVALID_PARAMETER);
+        EXPECT_GE(log.Count("error", "the decoder configuration record cannot be read"), 20);
         record[0] = 2;
         EXPECT_EQ(muxer.SetVideoTrack(&track, record.data(), static_cast<uint32_t>(record.size())),
                   MP4_STATUS_INVALID_PARAMETER);

@@ -95,6 +95,7 @@ TEST_F(Faults, ADestroyedMuxerReleasesItsOutput) {
         {
             CMp4Muxer muxer;
             auto writable = config;
+            WriteWholeFile(m_folder.Path("out.mp4.info"), Bytes(9000, 1));  // of another one
             ASSERT_EQ(muxer.Create(m_folder.Wide("out.mp4").c_str(), &writable),
                       MP4_STATUS_SUCCESS);
             ASSERT_EQ(streams::Run(muxer, streams::Everything(2)), MP4_STATUS_SUCCESS);
@@ -177,6 +178,7 @@ TEST_F(Faults, EveryWriteCallbackFails) {
                            expected);
         }
         EXPECT_GT(failingWrite, 200);
+        EXPECT_EQ(m_log.Count("error", "file not open!"), 0) << "the failure is told instead";
     }
 }
 

@@ -7,6 +7,7 @@
 #include <tuple>
 
 #include "Movie.h"
+#include "golden_text.h"
 #include "log_capture.h"
 #include "memory_output.h"
 #include "streams.h"
@@ -223,6 +224,19 @@ TEST_F(LiveIndexCalls, ATrackThatComesTooLateIsInTheFinalIndexOnly) {
     EXPECT_EQ(m_log.Complaints().size(), 1U);
     ASSERT_EQ(m_muxer.Close(), MP4_STATUS_SUCCESS);
     EXPECT_EQ(m_output.Movie().TrackOf("soun").samples.size(), 10U);
+}
+
+// The movie box of the live index, and two fragments.
+TEST_F(LiveIndexCalls, HasTheBoxesThatAreKept) {
+    Create();
+    ASSERT_EQ(m_muxer.SetCompositionOffsets(true), MP4_STATUS_SUCCESS);
+    ASSERT_EQ(m_muxer.SetLiveIndex(kIntervalMs), MP4_STATUS_SUCCESS);
+    ASSERT_EQ(streams::Run(m_muxer, streams::Everything(7)), MP4_STATUS_SUCCESS);
+    const MovieReader movie = m_output.Movie();
+    std::string text;
+    for (const Box& box : movie.File().children)
+        text += box.type == "mdat" ? "mdat " + std::to_string(box.size) + "\n" : box.Dump();
+    ExpectKept("live_index", text);
 }
 
 TEST_F(LiveIndexCalls, AnIntervalWithoutEndIsCutByItsSamples) {

@@ -1,6 +1,7 @@
 // The parser of HEVC parameter sets: the fuzzer's seeds are replayed into a readable text that is
 // kept. The seeds whose names begin with x265 are streams of that encoder; their records, and those
 // of built_tiles, built_slices and built_wavefronts, are the ones that ffmpeg 5.1 writes.
+#include "ParameterSetKeeper.h"
 #include "ParseHevc.h"
 
 #include <gtest/gtest.h>
@@ -102,6 +103,8 @@ TEST(HevcParser, SizesThatCannotBeAreRefused) {
     CHevcParser parser;
     Bytes set = streams::kHevcPps;
     EXPECT_FALSE(parser.ParseNAL(nullptr, 20));
+    for (const auto codec : {MP4_MVC_H264, MP4_MVC_HEVC})
+        EXPECT_FALSE(kx_mp4::KindOfParameterSet(codec, nullptr, 0));
     for (const int size : {INT_MIN, -1, 0, 1, 2})
         EXPECT_FALSE(parser.ParseNAL(set.data(), size)) << size;
     set.resize(65535);

@@ -20,7 +20,7 @@ namespace {
 constexpr uint32_t kFrameSize = 0x30010203;
 /// So many of them pass 4 GiB.
 constexpr uint64_t kFrames = 6;
-constexpr uint8_t kFrame[1] = {};  // never read: ProRes frames are handed through
+constexpr uint8_t kFrame[16] = {};  // ProRes frames are handed through, of sound the head is read
 
 class Past4GiB : public testing::Test {
 protected:
@@ -83,6 +83,9 @@ TEST_F(Past4GiB, AQuickTimeMovieRefusesBeforeAByteIsWritten) {
         ASSERT_EQ(WriteHugeFrame(i), MP4_STATUS_SUCCESS);
     const int64_t size = muxer.GetCurFileSize();
     const int writes = output.writes;
+    EXPECT_EQ(muxer.WriteAudioFrame(kFrame, kFrameSize, 0), MP4_STATUS_NO_SPACE_LEFT_IN_HEADER);
+    EXPECT_NE(log.Complaints().at(0).find("64-bit size option"), std::string::npos);
+    log.Clear();
     EXPECT_EQ(WriteHugeFrame(kFrames), MP4_STATUS_NO_SPACE_LEFT_IN_HEADER);
     EXPECT_EQ(output.writes, writes);
     EXPECT_EQ(muxer.GetCurFileSize(), size);

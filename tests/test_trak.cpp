@@ -149,7 +149,7 @@ TEST_F(TrackBoxes, TimecodeTrackInFixedHeaderModeHoldsOneSample) {
     EXPECT_EQ(trak.At("mdia/mdhd").U32(24), 60000U);
     EXPECT_EQ(trak.At("mdia/minf/stbl/stts").Content(12, 12), Hex("00000001 00000001 0000ea60"));
     EXPECT_EQ(trak.At("mdia/minf/stbl/stco").Content(12, 8), Hex("00000001 00001234"));
-    EXPECT_EQ(trak.At("mdia/minf/stbl/stsz").U32(16), 1U);
+    EXPECT_EQ(trak.At("mdia/minf/stbl/stsz").Content(16, 8), Hex("00000001 00000004"));
     track.AfterWriteTimeCode(0x5678, false);
     EXPECT_EQ(m_log.Count("error", "reach the max frame num 1", "AddChunk"), 1);
 }

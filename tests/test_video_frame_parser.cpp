@@ -168,6 +168,7 @@ TEST(VideoFrameParser, RefusesNoFrameAndForgetsTheOneBefore) {
         ASSERT_EQ(parser.size(), units);
         for (size_t i = 0; i < units; ++i)
             EXPECT_EQ(parser[i].pbData - frame.data(), static_cast<int64_t>(5 * i + 3));
+        EXPECT_FALSE(parser.ParseLengths(nullptr, size, 4));
         EXPECT_FALSE(parser.Parse(nullptr, size));
         EXPECT_TRUE(parser.empty());
         for (const int none : {-1, 0, INT32_MIN}) {
