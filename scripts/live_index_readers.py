@@ -399,7 +399,8 @@ def main():
         for kind in ("mp4", "mov"):
             path = folder / f"x.{kind}"
             run([options.kxmux, "--video", folder / "v.h264", "--fps", str(RATE), "--audio",
-                 folder / "a.aac", "--live", "1", "-o", path], check=True)
+                 folder / "a.aac", "--meta", "title=Take", "--meta", "com.example.take=7",
+                 "--live", "1", "-o", path], check=True)
             failures += check(Recording(path), readers, options.states, folder)
         if options.peers:
             peers(folder, readers)
