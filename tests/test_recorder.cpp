@@ -188,7 +188,7 @@ TEST_F(Recorder, AStalledDiskHoldsUpNoCallAndLosesNothingThatHasRoom) {
         return 0;
     };
     Start();
-    Feed(0, 4000);
+    Feed(0, 8000);  // the writer collects 256 KiB before it writes
     EXPECT_GT(m_recorder.Statistics().queue_bytes, 100000U);
     letGo.set_value();
     EXPECT_EQ(m_recorder.Stop(0).status, MP4_STATUS_SUCCESS);
