@@ -137,11 +137,12 @@ void CMp4VideoStsdAtom::PutPresentation(Out& out) const {
     else if (prores)
         CMp4FielAtom::Put(out);
     if (m_presentation.HasColour()) PutColour(out);
-    if (prores || m_presentation.HasPixelAspect())
+    if (prores || m_presentation.HasPixelAspect()) {
         kx_mp4::PutBox(out, "pasp", [&](auto& aspect) {
             aspect.WriteInt32(m_presentation.HasPixelAspect() ? shape.pixel_width : 1);
             aspect.WriteInt32(m_presentation.HasPixelAspect() ? shape.pixel_height : 1);
         });
+    }
     if (m_presentation.HasCleanAperture()) PutCleanAperture(out);
     PutLight(out);
 }
@@ -184,7 +185,7 @@ void CMp4VideoStsdAtom::PutCleanAperture(Out& out) const {
 template <class Out>
 void CMp4VideoStsdAtom::PutLight(Out& out) const {
     const mp4_video_colour_t& colour = m_presentation.colour;
-    if (colour.has_mastering_display != 0)
+    if (colour.has_mastering_display != 0) {
         kx_mp4::PutBox(out, "mdcv", [&](auto& mdcv) {
             for (const auto& primary : colour.display_primaries) {
                 mdcv.WriteInt16(primary[0]);
@@ -195,11 +196,13 @@ void CMp4VideoStsdAtom::PutLight(Out& out) const {
             mdcv.WriteInt32(colour.max_luminance);
             mdcv.WriteInt32(colour.min_luminance);
         });
-    if (colour.has_content_light != 0)
+    }
+    if (colour.has_content_light != 0) {
         kx_mp4::PutBox(out, "clli", [&](auto& clli) {
             clli.WriteInt16(colour.max_content_light_level);
             clli.WriteInt16(colour.max_frame_average_light_level);
         });
+    }
 }
 
 CMp4Atom* CMp4VideoStsdAtom::Configuration() {
