@@ -25,22 +25,24 @@ constexpr auto kVideoPace = nanoseconds(33333333);
 constexpr auto kAudioPace = nanoseconds(21333333);
 constexpr size_t kPictureBytes = 6000000 / 8 / 30;
 constexpr size_t kSoundBytes = 340;
+constexpr auto kBeforeStall = std::chrono::seconds(2);
 
-/// When, after the first write, the device stalls and for how long; none when it is 0.
-struct Stall {
-    std::chrono::milliseconds at{2000};
-    std::chrono::milliseconds length{0};
+/// One write that takes long, two seconds after the first one.
+class Stall {
+public:
+    explicit Stall(std::chrono::milliseconds length = {}) : m_length(length) {}
 
     /// Called before a write.
     void Take() {
         const auto now = Clock::now();
         if (m_begin == Clock::time_point()) m_begin = now;
-        if (length.count() == 0 || m_done || now - m_begin < at) return;
+        if (m_length.count() == 0 || m_done || now - m_begin < kBeforeStall) return;
         m_done = true;
-        std::this_thread::sleep_for(length);
+        std::this_thread::sleep_for(m_length);
     }
 
 private:
+    std::chrono::milliseconds m_length;
     Clock::time_point m_begin;
     bool m_done = false;
 };
@@ -276,11 +278,11 @@ int main(int argc, char** argv) {
     const std::string scratch = folder + "/recorder_latency";
     std::filesystem::create_directories(scratch);
     const std::chrono::seconds time(seconds);
-    const Stall stall{std::chrono::milliseconds(2000), std::chrono::milliseconds(stallMs)};
+    const Stall stall{std::chrono::milliseconds(stallMs)};
     std::printf("| writer | calls | p50 us | p99 us | p99.9 us | worst us | lost |\n");
     std::printf("|---|---|---|---|---|---|---|\n");
-    RunMuxer("CMp4Muxer", scratch + "/a.mp4", {}, time);
-    RunRecorder("CMp4Recorder", scratch + "/b", {}, time);
+    RunMuxer("CMp4Muxer", scratch + "/a.mp4", Stall(), time);
+    RunRecorder("CMp4Recorder", scratch + "/b", Stall(), time);
     RunMuxer("CMp4Muxer, one write stalls", scratch + "/c.mp4", stall, time);
     RunRecorder("CMp4Recorder, one write stalls", scratch + "/d", stall, time);
     RunThroughput(scratch);

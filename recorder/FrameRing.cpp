@@ -130,7 +130,7 @@ bool FrameRing::RunCommands(std::unique_lock<std::mutex>& lock) {
     const Command run = std::move(m_commands.front().run);
     m_commands.pop_front();
     lock.unlock();
-    run();
+    run();  // what it throws leaves the ring as it is: the reader is seen as waiting
     lock.lock();
     return true;
 }

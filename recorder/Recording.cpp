@@ -44,7 +44,7 @@ void Pusher::Run() {
     while (!m_changed.wait_until(lock, next, [this] { return m_ending; })) {
         lock.unlock();
         next = FrameRing::Clock::now() + every;
-        PushAll();
+        m_share.Guard([this] { PushAll(); });
         lock.lock();
     }
 }
@@ -92,7 +92,7 @@ void Recording::Run() {
     {
         const Pusher pusher(m_share);
         Drain();
-        m_writer.Finish();
+        m_share.Guard([this] { m_writer.Finish(); });
     }
     const std::lock_guard<std::mutex> lock(m_lock);
     m_done = true;
@@ -103,18 +103,19 @@ void Recording::Drain() {
     auto flushed = FrameRing::Clock::now();
     QueuedFrame frame;
     while (!m_ring.IsAtEnd()) {
-        const bool there = m_ring.Front(frame, kIdle);
+        bool there = false;
+        m_share.Guard([&] { there = m_ring.Front(frame, kIdle); });
         if (there) {
             if (m_givingUp)
                 ++(m_share.drops.stopped);
             else
-                m_writer.Take(frame);
+                m_share.Guard([&] { m_writer.Take(frame); });
             m_ring.Pop();
         }
         if (m_share.IsFull()) m_ring.Close();
         const auto now = FrameRing::Clock::now();
         if (m_ring.Count() != 0 && now - flushed < kFlushEvery) continue;
-        m_writer.Flush();
+        m_share.Guard([this] { m_writer.Flush(); });
         flushed = now;
     }
 }

@@ -11,10 +11,14 @@ mp4_status_t StatusOfError(int error) {
     return error == 0 ? MP4_STATUS_SUCCESS : kx_mp4_exception(error).error();
 }
 
-void RecordingShare::Fail(mp4_status_t status, const std::string& path, const std::string& text) {
+void RecordingShare::NoteFailure(mp4_status_t status) noexcept {
     int none = MP4_STATUS_SUCCESS;
     m_first.compare_exchange_strong(none, status);
     m_untold.store(status);
+}
+
+void RecordingShare::Fail(mp4_status_t status, const std::string& path, const std::string& text) {
+    NoteFailure(status);
     Tell(RecorderEventKind::kError, status, path, text);
 }
 

@@ -60,6 +60,15 @@ public:
 
     /// Tells the application, and the next frame call.
     void Fail(mp4_status_t status, const std::string& path, const std::string& text);
+    /// Does something on a thread of the recorder, which nothing that is thrown may end.
+    template <class Step>
+    void Guard(Step&& step) noexcept {
+        try {
+            step();
+        } catch (...) {
+            NoteFailure(MP4_STATUS_UNEXPECTED_ERROR);
+        }
+    }
     /// The disk is full: from now on every frame is refused.
     void DiskFull(const std::string& path);
     bool IsFull() const { return m_full.load(); }
@@ -84,6 +93,8 @@ public:
     bool DeleteOldest();
 
 private:
+    void NoteFailure(mp4_status_t status) noexcept;
+
     std::mutex m_lock;
     std::vector<std::shared_ptr<SegmentFile>> m_live;
     std::deque<std::string> m_finished;

@@ -105,18 +105,22 @@ mp4_status_t Segment::CreateMuxer() {
     if (status != MP4_STATUS_SUCCESS) return status;
     m_repairInfo = m_share.HasRepairInfo();
     if (options.composition_offsets) status = m_muxer.SetCompositionOffsets(true);
+    if (status == MP4_STATUS_SUCCESS && options.start_times) status = m_muxer.SetTimeline(true);
     if (status == MP4_STATUS_SUCCESS && options.live_index_ms != 0)
         status = m_muxer.SetLiveIndex(options.live_index_ms);
     return status;
 }
 
-mp4_status_t Segment::Begin(const TrackSet& tracks, SegmentReason reason, int64_t start) {
+mp4_status_t Segment::Begin(const TrackSet& tracks, SegmentReason reason, int64_t start,
+                            int64_t origin) {
     m_info.reason = reason;
     const FrameKind leader = tracks.Leader();
     for (const FrameKind kind :
          {FrameKind::kVideo, FrameKind::kAudio, FrameKind::kCaption, FrameKind::kTimecode}) {
         m_has[IndexOf(kind)] = tracks.Has(kind);
         m_start[IndexOf(kind)] = Rescaled(start, tracks.Timescale(leader), tracks.Timescale(kind));
+        m_origin[IndexOf(kind)] =
+            Rescaled(origin, tracks.Timescale(leader), tracks.Timescale(kind));
         m_tracks[IndexOf(kind)].step =
             std::max<int64_t>(static_cast<int64_t>(tracks.UsualStep(kind)), 1);
     }
@@ -158,8 +162,8 @@ int Segment::Ensure(uint64_t frameBytes) {
 
 mp4_status_t Segment::Write(FrameKind kind, const uint8_t* bytes, uint32_t size,
                             const FrameTimes& times) {
-    const auto pts = static_cast<uint64_t>(times.pts - Start(kind));
-    const auto dts = static_cast<uint64_t>(times.dts - Start(kind));
+    const auto pts = static_cast<uint64_t>(times.pts - m_origin[IndexOf(kind)]);
+    const auto dts = static_cast<uint64_t>(times.dts - m_origin[IndexOf(kind)]);
     mp4_status_t status = MP4_STATUS_SUCCESS;
     if (kind == FrameKind::kVideo)
         status = m_muxer.WriteVideoFrame(bytes, size, pts, dts);

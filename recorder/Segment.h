@@ -64,8 +64,9 @@ public:
     Segment& operator=(const Segment&) = delete;
     ~Segment() = default;
 
-    /// Declares the tracks; it begins at this time of the leading track.
-    mp4_status_t Begin(const TrackSet& tracks, SegmentReason reason, int64_t start);
+    /// Declares the tracks; it begins at `start` of the leading track, and its own times count from
+    /// `origin`.
+    mp4_status_t Begin(const TrackSet& tracks, SegmentReason reason, int64_t start, int64_t origin);
     /// Whether a frame of this time belongs to it and not to one before.
     bool Reaches(FrameKind kind, int64_t time) const { return time >= Start(kind); }
     int64_t Start(FrameKind kind) const { return m_start[static_cast<size_t>(kind)]; }
@@ -114,6 +115,7 @@ private:
     bool m_repairInfo = false;  // and it has not failed
     std::array<bool, kKinds> m_has{};
     std::array<int64_t, kKinds> m_start{};
+    std::array<int64_t, kKinds> m_origin{};  // of the file's own times
     std::array<Track, kKinds> m_tracks{};
     uint64_t m_mediaBytes = 0;
 };

@@ -223,6 +223,19 @@ std::unique_ptr<Segment> SegmentWriter::OpenNext(mp4_status_t& status) {
     return segment;
 }
 
+/// Sound that came before the first picture is in the first file.
+int64_t SegmentWriter::Origin(int64_t time) const {
+    const uint32_t timescale = m_tracks.Timescale(m_tracks.Leader());
+    int64_t origin = time;
+    for (const Held& held : m_held) {
+        const uint32_t own = m_tracks.Timescale(held.kind);
+        const bool before = held.times.dts < Rescaled(time, timescale, own);
+        // One tick less, as what was rescaled is rounded up.
+        if (before) origin = std::min(origin, Rescaled(held.times.dts, own, timescale) - 1);
+    }
+    return origin;
+}
+
 /// When no file can be had, the one before goes on, if there is one.
 bool SegmentWriter::CutAt(int64_t time) {
     const SegmentReason reason =
@@ -244,7 +257,7 @@ bool SegmentWriter::CutAt(int64_t time) {
         m_segments.push_back(std::move(next));
     }
     Segment& segment = *m_segments.back();
-    const mp4_status_t status = segment.Begin(m_tracks, reason, time);
+    const mp4_status_t status = segment.Begin(m_tracks, reason, time, first ? Origin(time) : time);
     if (status != MP4_STATUS_SUCCESS) {
         m_share.Fail(status, segment.File().Path(), "the file cannot be described");
         m_next.Finish(std::move(m_segments.back()));
@@ -257,8 +270,9 @@ bool SegmentWriter::CutAt(int64_t time) {
     m_armed.reset();
     m_near = false;
     m_limitStart = time;
-    if (m_wallClock != 0)
-        m_wallClock = NextWallClock(std::time(nullptr), m_share.options.segment_wall_clock_s);
+    const std::time_t now = WallClockOf(m_lastArrival);
+    if (m_wallClock != 0 && now >= m_wallClock)
+        m_wallClock = NextWallClock(now, m_share.options.segment_wall_clock_s);
     return true;
 }
 

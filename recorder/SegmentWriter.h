@@ -75,6 +75,7 @@ private:
     void CheckLimits(const FrameHeader& frame, int64_t time);
     int64_t LeaderMs(int64_t ticks) const;
     bool CutAt(int64_t time);
+    int64_t Origin(int64_t time) const;
     std::unique_ptr<Segment> OpenNext(mp4_status_t& status);
     template <class Try>
     void TryForRoom(const Segment* kept, Try&& attempt);

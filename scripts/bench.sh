@@ -17,3 +17,4 @@ for program in build/bench/bench/bench_*; do
     "$program" "${micro[@]}"
 done
 build/bench/bench/compare "$@"
+[[ " $* " == *" --quick "* ]] || build/bench/bench/recorder_latency

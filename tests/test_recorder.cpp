@@ -15,12 +15,14 @@
 #include "RecorderState.h"
 #include "SegmentName.h"
 #include "Timeline.h"
+#include "VideoLook.h"
 #include "kx_mp4/recorder.h"
 #include "log_capture.h"
 #include "movie_reader.h"
 #include "scratch_folder.h"
 #include "simulated_disk.h"
 #include "streams.h"
+#include "test_pattern.h"
 
 namespace {
 
@@ -386,6 +388,72 @@ TEST_F(Recorder, ChangedParameterSetsAndCommandsBeginSegments) {
     EXPECT_NE(std::search(avcc.begin(), avcc.end(), sps.begin(), sps.end()), avcc.end());
 }
 
+TEST_F(Recorder, CutsBySizeAndByTheClock) {
+    m_options.segment_bytes = 64 << 10;
+    Start();
+    for (int64_t number = 0; number < 100; ++number)
+        EXPECT_EQ(Picture(number, number % 10 == 0, 1500), MP4_STATUS_SUCCESS);
+    EXPECT_EQ(m_recorder.Stop(0).segments, 2U);
+    ASSERT_EQ(m_segments.size(), 2U);
+    EXPECT_EQ(m_segments[1].reason, SegmentReason::kSize);
+    EXPECT_EQ(m_segments[1].video.first, 50 * kPicture);
+
+    m_segments.clear();
+    m_options.segment_bytes = 0;
+    m_options.segment_wall_clock_s = 1;
+    m_options.name = [](uint64_t, std::time_t due) { return "/at" + std::to_string(due); };
+    Start();
+    const std::time_t begin = std::time(nullptr);
+    for (int64_t number = 100; std::time(nullptr) < begin + 2; ++number) {
+        EXPECT_EQ(Picture(number, true), MP4_STATUS_SUCCESS);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    EXPECT_EQ(m_recorder.Stop(0).status, MP4_STATUS_SUCCESS);
+    ExpectEverything();
+    ASSERT_GE(m_segments.size(), 2U);
+    for (size_t i = 1; i < m_segments.size(); ++i) {
+        EXPECT_EQ(m_segments[i].reason, SegmentReason::kWallClock);
+        EXPECT_EQ(m_segments[i].due, m_segments[1].due + static_cast<std::time_t>(i) - 1);
+    }
+}
+
+// The same file from both forms of the stream; a file begins with what can be decoded alone.
+TEST_F(Recorder, TakesLengthsAndKnowsKeyFrames) {
+    const auto& sps = test_pattern::kSps;
+    const auto& pps = test_pattern::kPps;
+    Bytes record = {1, 0x42, 0xC0, 0x0A, 0xFF, 0xE1, 0, static_cast<uint8_t>(sps.size())};
+    record = record + sps + Bytes{1, 0, static_cast<uint8_t>(pps.size())} + pps;
+    const auto track = streams::Deferred(streams::H264Track());
+    for (const bool lengths : {false, true}) {
+        ASSERT_EQ(m_recorder.Start(m_options), MP4_STATUS_SUCCESS);
+        ASSERT_EQ(lengths ? m_recorder.SetVideoTrack(&track, record.data(),
+                                                     static_cast<uint32_t>(record.size()))
+                          : m_recorder.SetVideoTrack(&track),
+                  MP4_STATUS_SUCCESS);
+        for (uint32_t i = 5; i < 30; ++i) {
+            const auto units = streams::PictureUnits(i);
+            const Bytes frame =
+                lengths ? streams::LengthPrefixed(units) : streams::AccessUnit(units);
+            EXPECT_EQ(m_recorder.WriteVideoFrame(frame.data(), static_cast<uint32_t>(frame.size()),
+                                                 i * kPicture, i * kPicture),
+                      MP4_STATUS_SUCCESS);
+        }
+        EXPECT_EQ(m_recorder.Stop(0).segments, 1U);
+        EXPECT_EQ(m_recorder.Statistics().drops.before_key, 5U);
+        m_segments.clear();
+    }
+    EXPECT_EQ(m_disk.Content("/clip0.mp4"), m_disk.Content("/clip0-2.mp4"));
+    EXPECT_FALSE(m_disk.Content("/clip0.mp4").empty());
+
+    const auto isKey = [](int type) {
+        const Bytes unit = {static_cast<uint8_t>(type << 1), 1, 0x80};
+        const Bytes frame = streams::AccessUnit({{0x46, 1, 0x50}, unit});
+        return kx_mp4::LookAtPicture(MP4_MVC_HEVC, frame.data(), frame.size()).key;
+    };
+    for (int type = 0; type < 24; ++type)
+        EXPECT_EQ(isKey(type), type >= 17 && type <= 20) << type;
+}
+
 TEST_F(Recorder, PausesAndJumpsLeaveNoGapAndKeepPictureAndSoundTogether) {
     Start();
     Feed(0, 20);
@@ -417,8 +485,10 @@ TEST_F(Recorder, StopGivesUpAfterItsLimitAndTheFileIsFinishedLater) {
         return 0;
     };
     Start();
-    while (!stuck)
+    while (!stuck) {
         Feed(static_cast<int64_t>(m_pictures.size()), static_cast<int64_t>(m_pictures.size()) + 1);
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
     Feed(static_cast<int64_t>(m_pictures.size()), static_cast<int64_t>(m_pictures.size()) + 50);
     const auto report = m_recorder.Stop(20);
     EXPECT_FALSE(report.drained);

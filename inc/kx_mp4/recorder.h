@@ -117,6 +117,7 @@ struct RecorderOptions {
     mp4_container container = MP4_CONTAINER_FROM_PATH;  ///< The kind of file.
     uint32_t flags = MP4_FLAG_REPAIR_INFO;              ///< Bits of #mp4_config_flag.
     bool composition_offsets = true;                    ///< As CMp4Muxer::SetCompositionOffsets.
+    bool start_times = true;                            ///< As CMp4Muxer::SetTimeline.
     uint32_t live_index_ms = 0;                         ///< As CMp4Muxer::SetLiveIndex.
 
     size_t queue_bytes = size_t{8} << 20;        ///< Of the queue; at least 64 KiB.
@@ -188,7 +189,8 @@ struct RecorderReport {
 /// Records encoded frames without waiting for the storage device.
 ///
 /// Any thread may call any operation at any time; only the destructor must be the last call. Frames
-/// of one track are recorded in the order of their calls. Statuses of every operation but Start:
+/// of one track are recorded in the order of their calls. Times of all tracks count from the same
+/// moment: by them sound is divided at a cut. Statuses of every operation but Start:
 /// #MP4_STATUS_FILE_NOT_OPEN when nothing is being recorded; after a full disk has ended the
 /// recording #MP4_STATUS_NO_SPACE_LEFT. A failure of a file is answered once, by the frame call
 /// after it, which has done its work all the same, and told by RecorderOptions::on_event.

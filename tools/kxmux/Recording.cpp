@@ -144,6 +144,7 @@ void Recording::StartRecorder() {
     options.flags = Flags() | (m_output.HasRepairInfo() ? MP4_FLAG_REPAIR_INFO : 0U);
     options.composition_offsets = m_options.video.compositionOffsets;
     options.live_index_ms = m_options.liveIndexMs;
+    options.start_times = segments;
     m_output.MakeFree(segments);
     m_live = std::make_unique<LiveOutput>();
     const mp4_status_t status = m_live->Start(live, std::move(options));
