@@ -1,7 +1,7 @@
 # cmake --install: three components, library (run time), development and tools.
 #
 #   bin/                      the programs                                    tools
-#   lib/                      libkx_mp4, libkx_mp4_recorder, libkx_mp4_repair library, development
+#   lib/                      libkx_mp4 and _recorder, _repair, _c           library, development
 #   include/kx_mp4/           the public headers                               development
 #   lib/cmake/kx_mp4/         find_package(kx_mp4 CONFIG)                     development
 #   lib/pkgconfig/            kx_mp4.pc and one for each of the others        development
@@ -14,8 +14,9 @@ set(KX_MP4_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/kx_mp4)
 set(KX_MP4_LIBRARIES kx_mp4 kx_mp4_recorder)
 set_target_properties(kx_mp4_recorder PROPERTIES EXPORT_NAME recorder)
 if(TARGET kx_mp4_repair)
-    list(APPEND KX_MP4_LIBRARIES kx_mp4_repair)
+    list(APPEND KX_MP4_LIBRARIES kx_mp4_repair kx_mp4_c)
     set_target_properties(kx_mp4_repair PROPERTIES EXPORT_NAME repair)
+    set_target_properties(kx_mp4_c PROPERTIES EXPORT_NAME c)
 endif()
 install(TARGETS ${KX_MP4_LIBRARIES} EXPORT kx_mp4-targets
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
@@ -26,12 +27,15 @@ set(KX_MP4_PUBLIC_HEADERS
     inc/kx_mp4/Mp4Muxer.h
     inc/kx_mp4/buffered_io.h
     inc/kx_mp4/export.h
+    inc/kx_mp4/io_callbacks.h
     inc/kx_mp4/kx_mp4.h
     inc/kx_mp4/presentation.h
     inc/kx_mp4/recorder.h
+    inc/kx_mp4/statistics.h
+    inc/kx_mp4/status.h
     inc/kx_mp4/zv_log.h)
 if(TARGET kx_mp4_repair)
-    list(APPEND KX_MP4_PUBLIC_HEADERS inc/kx_mp4/repair.h)
+    list(APPEND KX_MP4_PUBLIC_HEADERS inc/kx_mp4/kx_mp4_c.h inc/kx_mp4/repair.h)
 endif()
 install(FILES ${KX_MP4_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kx_mp4
         COMPONENT development)
@@ -62,6 +66,8 @@ else()
     set(KX_MP4_PC_LIBDIR \${prefix}/${CMAKE_INSTALL_LIBDIR})
     set(KX_MP4_PC_INCLUDEDIR \${prefix}/${CMAKE_INSTALL_INCLUDEDIR})
 endif()
+list(TRANSFORM KX_MP4_CXX_RUN_TIME PREPEND -l OUTPUT_VARIABLE KX_MP4_PC_RUN_TIME)
+list(JOIN KX_MP4_PC_RUN_TIME " " KX_MP4_PC_RUN_TIME)
 foreach(library ${KX_MP4_LIBRARIES})
     configure_file(${CMAKE_CURRENT_LIST_DIR}/${library}.pc.in ${PROJECT_BINARY_DIR}/${library}.pc
                    @ONLY)
@@ -82,7 +88,8 @@ set(KX_MP4_DOCUMENTS ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANG
 foreach(document ${KX_MP4_DOCUMENTS})
     if(IS_DIRECTORY ${document})
         install(DIRECTORY ${document} DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
-                FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.cpp" PATTERN "*.h"
+                FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.c" PATTERN "*.cpp" PATTERN "*.h"
+                PATTERN "*.py"
                 PATTERN man EXCLUDE)
     elseif(EXISTS ${document})
         install(FILES ${document} DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)

@@ -1,3 +1,8 @@
+# What the archives need of the C++ run time where the linker is called for another language.
+set(KX_MP4_CXX_RUN_TIME ${CMAKE_CXX_IMPLICIT_LINK_LIBRARIES})
+list(FILTER KX_MP4_CXX_RUN_TIME INCLUDE REGEX "^(stdc\\+\\+|c\\+\\+|c\\+\\+abi|m)$")
+list(REMOVE_DUPLICATES KX_MP4_CXX_RUN_TIME)
+
 # What the installed libraries have in common. The shared ones export what is marked with
 # KX_MP4_EXPORT and named in <target>.map.
 function(kx_mp4_library_properties target)
@@ -13,7 +18,9 @@ function(kx_mp4_library_properties target)
         VERSION ${PROJECT_VERSION}
         SOVERSION ${PROJECT_VERSION_MAJOR})
     get_target_property(type ${target} TYPE)
-    if(type STREQUAL "SHARED_LIBRARY")
+    if(type STREQUAL "STATIC_LIBRARY")
+        target_link_libraries(${target} INTERFACE "$<$<LINK_LANGUAGE:C>:${KX_MP4_CXX_RUN_TIME}>")
+    elseif(type STREQUAL "SHARED_LIBRARY")
         set(map ${PROJECT_SOURCE_DIR}/cmake/${target}.map)
         target_link_options(${target} PRIVATE LINKER:--version-script=${map})
         set_target_properties(${target} PROPERTIES LINK_DEPENDS ${map})

@@ -13,7 +13,7 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 # From the ground up. A file may include its own floor and those below it.
-FLOORS = ["inc", "codec", "src", "repair", "recorder", "tools"]
+FLOORS = ["inc", "codec", "src", "repair", "recorder", "c", "tools"]
 # Nobody includes these but themselves.
 OUTSIDE = ["tests", "fuzz", "bench", "examples"]
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)
@@ -21,7 +21,7 @@ KX_INCLUDE = re.compile(r'^\s*#\s*include\s+<(kx_mp4/[^>]+)>', re.M)
 
 
 def tracked():
-    listed = subprocess.run(["git", "-C", ROOT, "ls-files", "*.h", "*.cpp"], check=True,
+    listed = subprocess.run(["git", "-C", ROOT, "ls-files", "*.h", "*.c", "*.cpp"], check=True,
                             capture_output=True, text=True).stdout.split()
     return sorted(path for path in listed if (ROOT / path).exists())
 

@@ -27,6 +27,7 @@ compare() {  # compare KEPT_LIST, with the list of today on standard input
 exported() { nm -DC --defined-only "$1" | cut -d' ' -f2- | LC_ALL=C sort -u; }
 compare cmake/kx_mp4.symbols < <(exported build/package/libkx_mp4.so)
 compare cmake/kx_mp4_recorder.symbols < <(exported build/package/recorder/libkx_mp4_recorder.so)
+compare cmake/kx_mp4_c.symbols < <(exported build/package/c/libkx_mp4_c.so)
 compare cmake/kx_mp4_repair.symbols < <(exported build/package/repair/libkx_mp4_repair.so)
 
 # Classes and functions at global scope, by the first part of their names.

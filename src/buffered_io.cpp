@@ -46,6 +46,11 @@ public:
     void Flush();
     /// False with errno when it failed or when an earlier operation did.
     bool Write(const uint8_t* data, uint32_t size);
+    /// Whether nothing has failed; otherwise with errno.
+    bool IsGood() {
+        if (m_error != 0) errno = m_error;
+        return m_error == 0;
+    }
     /// Writes what is left, after a failure too: the more samples a broken recording holds, the
     /// more can be repaired.
     bool Close();
@@ -194,25 +199,31 @@ BufferedFile& FileOf(kx_mp4_handle handle) {
     return *static_cast<BufferedFile*>(handle);
 }
 
-bool OpenBuffered(kx_mp4_handle* handle, const wchar_t* path, uint32_t capacity) {
+/// Null with errno when the path cannot be opened or there is no memory.
+std::unique_ptr<BufferedFile> OpenFile(const char* path, uint32_t capacity) {
     constexpr size_t kAlignment = KX_MP4_BUFFERED_IO_MIN_SIZE;
+    Block buffer(static_cast<uint8_t*>(std::aligned_alloc(kAlignment, capacity)));
+    if (!buffer) return nullptr;
+    const int file = kx_mp4::Retry(
+        [&] { return open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0644); });
+    if (file < 0) return nullptr;
+    std::unique_ptr<BufferedFile> opened(new (std::nothrow)
+                                             BufferedFile(file, std::move(buffer), capacity));
+    if (!opened) {
+        close(file);
+        errno = ENOMEM;
+    }
+    return opened;
+}
+
+bool OpenBuffered(kx_mp4_handle* handle, const wchar_t* path, uint32_t capacity) {
     if (handle == nullptr || path == nullptr) {
         errno = EINVAL;
         return false;
     }
     NarrowPath narrow;
     if (ConvertPath(path, narrow) != MP4_STATUS_SUCCESS) return false;
-    Block buffer(static_cast<uint8_t*>(std::aligned_alloc(kAlignment, capacity)));
-    if (!buffer) return false;
-    const int file = kx_mp4::Retry([&] {
-        return open(narrow.data(), O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0644);
-    });
-    if (file < 0) return false;
-    *handle = new (std::nothrow) BufferedFile(file, std::move(buffer), capacity);
-    if (*handle == nullptr) {
-        close(file);
-        errno = ENOMEM;
-    }
+    *handle = OpenFile(narrow.data(), capacity).release();
     return *handle != nullptr;
 }
 
@@ -257,12 +268,78 @@ std::array<mp4_file_io_func_t, sizeof...(Index)> MakeRecords(std::index_sequence
               SeekBuffered, FlushBuffered, ReadBuffered, WriteBuffered}...}};
 }
 
+/// The smallest of the sizes that holds `wanted` bytes, or the largest.
+size_t SizeIndex(uint32_t wanted) {
+    size_t index = 0;
+    while (index + 1 < kSizes && KX_MP4_BUFFERED_IO_MIN_SIZE << index < wanted)
+        ++index;
+    return index;
+}
+
 }  // namespace
 
 mp4_file_io_func_t* kx_mp4_buffered_io(uint32_t buffer_size) {
     static auto records = MakeRecords(std::make_index_sequence<kSizes>());
-    size_t index = 0;
-    while (index + 1 < kSizes && KX_MP4_BUFFERED_IO_MIN_SIZE << index < buffer_size)
-        ++index;
-    return &records[index];
+    return &records[SizeIndex(buffer_size)];
 }
+
+struct kx_mp4::BufferedOutputState {
+    uint32_t capacity;
+    std::unique_ptr<BufferedFile> file;
+};
+
+namespace {
+
+using OutputState = kx_mp4::BufferedOutputState;
+
+OutputState& StateOf(void* user) {
+    return *static_cast<OutputState*>(user);
+}
+
+int OpenOutput(void* user, const char* path) {
+    OutputState& state = StateOf(user);
+    state.file = OpenFile(path, state.capacity);
+    return state.file ? 1 : 0;
+}
+
+int CloseOutput(void* user) {
+    const std::unique_ptr<BufferedFile> file = std::move(StateOf(user).file);
+    return file->Close() ? 1 : 0;
+}
+
+int64_t TellOutput(void* user) {
+    return static_cast<int64_t>(StateOf(user).file->Tell());
+}
+
+int SeekOutput(void* user, int64_t offset, int whence) {
+    BufferedFile& file = *StateOf(user).file;
+    file.Seek(offset, whence);
+    return file.IsGood() ? 1 : 0;
+}
+
+int FlushOutput(void* user) {
+    BufferedFile& file = *StateOf(user).file;
+    file.Flush();
+    return file.IsGood() ? 1 : 0;
+}
+
+int WriteOutput(void* user, const void* data, uint32_t size) {
+    return WriteBuffered(StateOf(user).file.get(), data, size);
+}
+
+}  // namespace
+
+namespace kx_mp4 {
+
+BufferedOutput::BufferedOutput(uint32_t buffer_size)
+    : m_state(new BufferedOutputState{KX_MP4_BUFFERED_IO_MIN_SIZE << SizeIndex(buffer_size),
+                                      nullptr}) {}
+
+BufferedOutput::~BufferedOutput() = default;
+
+mp4_io_callbacks_t BufferedOutput::Callbacks() const {
+    return {m_state.get(), OpenOutput,  CloseOutput, TellOutput,
+            SeekOutput,    FlushOutput, WriteOutput};
+}
+
+}  // namespace kx_mp4

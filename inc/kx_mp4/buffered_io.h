@@ -37,6 +37,7 @@
 #define KX_MP4_BUFFERED_IO_H
 
 #include <cstdint>
+#include <memory>
 
 #include "kx_mp4/kx_mp4.h"
 
@@ -57,5 +58,29 @@ constexpr uint32_t KX_MP4_BUFFERED_IO_MAX_SIZE = 1U << 26;
 ///         of muxers can use it at the same time, from any threads.
 KX_MP4_EXPORT mp4_file_io_func_t* kx_mp4_buffered_io(
     uint32_t buffer_size = KX_MP4_BUFFERED_IO_SIZE);
+
+namespace kx_mp4 {
+
+struct BufferedOutputState;
+
+/// The same buffered file in the second form of the callbacks: paths in UTF-8, no locale, and
+/// failures of seeking, flushing and closing reach the operation in which they happen.
+class KX_MP4_EXPORT BufferedOutput {
+public:
+    /// @param buffer_size  As for #kx_mp4_buffered_io. Throws std::bad_alloc.
+    explicit BufferedOutput(uint32_t buffer_size = KX_MP4_BUFFERED_IO_SIZE);
+    /// Must not come before Close of the muxer has returned.
+    ~BufferedOutput();
+    BufferedOutput(const BufferedOutput&) = delete;
+    BufferedOutput& operator=(const BufferedOutput&) = delete;
+
+    /// For one muxer at a time, any number of files one after the other.
+    mp4_io_callbacks_t Callbacks() const;
+
+private:
+    std::unique_ptr<BufferedOutputState> m_state;
+};
+
+}  // namespace kx_mp4
 
 #endif  // KX_MP4_BUFFERED_IO_H

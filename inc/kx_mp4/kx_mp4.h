@@ -11,32 +11,9 @@
 #include <cstdint>
 
 #include "kx_mp4/export.h"
-
-/// Result of every public operation.
-typedef enum _mp4_status_t {
-    MP4_STATUS_SUCCESS = 0,                  ///< Done.
-    MP4_STATUS_UNEXPECTED_ERROR = 1,         ///< A failure without a status of its own.
-    MP4_STATUS_INVALID_HANDLE = 2,           ///< Reserved; no operation returns it.
-    MP4_STATUS_FILE_NAME_TOO_LONG = 3,       ///< The path does not fit 1022 bytes.
-    MP4_STATUS_INVALID_PARAMETER = 4,        ///< An argument or description fails validation.
-    MP4_STATUS_OPEN_FILE_FAILED = 5,         ///< Reserved; a failed open reports its error number.
-    MP4_STATUS_INVALID_CODEC_TYPE = 6,       ///< The video codec is none of #mp4_video_codec.
-    MP4_STATUS_INVALID_SUBTITLE_TYPE = 7,    ///< Caption packet, but no known caption codec is set.
-    MP4_STATUS_INVALID_ADTS_STREAM = 8,      ///< First frame of an ADTS track without ADTS header.
-    MP4_STATUS_INVALID_VIDEO_STREAM = 9,     ///< No start code in an H.264 or HEVC frame.
-    MP4_STATUS_INVALID_VIDEO_TRACK = 10,     ///< Video frame before a valid video track was set.
-    MP4_STATUS_UNSUPPORTED = 11,             ///< The requested mode is not available.
-    MP4_STATUS_OPERATOR_NOT_PERMITTED = 12,  ///< The system said EPERM.
-    MP4_STATUS_NO_SUCH_FILE_OR_DIR = 13,     ///< The system said ENOENT.
-    MP4_STATUS_PERMISSION_DENIED = 14,       ///< The system said EACCES.
-    MP4_STATUS_DEVICE_OR_RESOURCE_BUSY = 15,  ///< EBUSY, or Create on a muxer that is open.
-    MP4_STATUS_TOO_MANY_OPEN_FILES = 16,      ///< The system said EMFILE.
-    MP4_STATUS_NO_SPACE_LEFT = 17,            ///< The system said ENOSPC.
-    MP4_STATUS_READONLY_FILE_SYSTEM = 18,     ///< The system said EROFS.
-    MP4_STATUS_EXTERNAL_FUNC_FAILED = 19,     ///< `init` refused; Create says invalid parameter.
-    MP4_STATUS_FILE_NOT_OPEN = 20,            ///< No file is open on this muxer.
-    MP4_STATUS_NO_SPACE_LEFT_IN_HEADER = 21,  ///< A track cannot take another sample.
-} mp4_status_t;
+#include "kx_mp4/io_callbacks.h"
+#include "kx_mp4/statistics.h"
+#include "kx_mp4/status.h"
 
 /// The value that the caller's `init` callback hands back; passed to every other callback.
 typedef void* kx_mp4_handle;
@@ -230,29 +207,6 @@ enum mp4_container : int {
     MP4_CONTAINER_QUICKTIME = 2,  ///< QuickTime movie.
 };
 
-/// The caller's output with an argument of the caller's, the second form of #mp4_file_io_func_t.
-///
-/// The output must be seekable: sizes are patched in place. Callbacks run on the thread that is
-/// inside the muxer's operation, one at a time, under the muxer's lock; they must not call back
-/// into the muxer. The record is copied; what `user` points to must live until Close has returned.
-/// Those that return an int say 1 for success; anything else is a failure that the operation
-/// answers with, by the errno that the callback leaves.
-typedef struct mp4_io_callbacks {
-    void* user;  ///< The first argument of every callback; not looked at.
-    /// Opens the output; the path is UTF-8. May be null. A failure refuses Create.
-    int (*open)(void* user, const char* path);
-    /// Closes the output; called once. May be null. Close answers with its failure.
-    int (*close)(void* user);
-    /// The current write position in bytes; negative is a failure.
-    int64_t (*tell)(void* user);
-    /// Moves the position; `whence` is SEEK_SET, SEEK_CUR or SEEK_END.
-    int (*seek)(void* user, int64_t offset, int whence);
-    /// Pushes what was written to storage. May be null.
-    int (*flush)(void* user);
-    /// Writes exactly `size` bytes, never 0.
-    int (*write)(void* user, const void* buffer, uint32_t size);
-} mp4_io_callbacks_t;
-
 /// How much a log line matters.
 typedef enum mp4_log_level : int {
     MP4_LOG_INFO = 0,     ///< Progress and timings.
@@ -271,57 +225,5 @@ typedef enum mp4_log_level : int {
 /// @param text       The line without a newline, at most 1023 bytes.
 typedef void (*mp4_log_callback_t)(void* user, mp4_log_level_t level, const char* source, int line,
                                    const char* operation, const char* text);
-
-/// What CMp4Muxer::GetStatistics tells of a track.
-typedef struct mp4_track_statistics {
-    uint64_t samples;    ///< In the index.
-    uint64_t bytes;      ///< Of these samples.
-    int64_t first_time;  ///< Decode time of the first sample, ticks.
-    int64_t last_time;   ///< Decode time of the last sample, ticks.
-    uint32_t timescale;  ///< Ticks per second; 0 without samples.
-    uint64_t dropped;    ///< Frames that were taken and are not in the file.
-    uint64_t odd_times;  ///< Decode times that went back, or forward by more than an hour.
-} mp4_track_statistics_t;
-
-/// Entries of mp4_statistics_t::calls.
-constexpr size_t MP4_CALL_DURATIONS = 32;
-
-/// What CMp4Muxer::GetStatistics tells of the recording that runs, or of the last one.
-typedef struct mp4_statistics {
-    /// Bytes of this record as the caller knows it; set before the call. A later library fills in
-    /// no more than that.
-    size_t struct_size;
-    mp4_track_statistics_t video;     ///< Video track.
-    mp4_track_statistics_t audio;     ///< Audio track.
-    mp4_track_statistics_t captions;  ///< Caption track.
-    mp4_track_statistics_t timecode;  ///< Timecode track; its times are 0.
-    uint64_t last_write_us;           ///< Microseconds that the last sample's write took.
-    uint64_t longest_write_us;        ///< The longest of them.
-    uint64_t last_push_us;            ///< Microseconds that the last push of the output or the
-                                      ///< repair info file to the storage device took.
-    uint64_t longest_push_us;         ///< The longest of them.
-    /// How many calls of the frame writers took how long, waiting included: less than 1
-    /// microsecond, 1, 2 to 3, 4 to 7, and so on by powers of two; the last entry also holds
-    /// everything longer.
-    uint64_t calls[MP4_CALL_DURATIONS];
-    uint64_t index_bytes;         ///< As CMp4Muxer::GetMoovSize.
-    uint32_t repair_info_active;  ///< 1 or 0, as CMp4Muxer::IsRepairInfoActive.
-} mp4_statistics_t;
-
-extern "C" {
-/// The name of a status, such as "MP4_STATUS_NO_SPACE_LEFT", for logs and messages.
-///
-/// Any thread may call it at any time.
-/// @return A string that lives as long as the program, never null; "MP4_STATUS_(unknown)" for a
-///         value that is none of #mp4_status_t.
-KX_MP4_EXPORT const char* mp4_status_string(mp4_status_t status);
-
-/// The version of the library that the application runs with, "MAJOR.MINOR.PATCH". With the shared
-/// library it can be newer than the headers that the application was compiled with.
-///
-/// Any thread may call it at any time.
-/// @return A string that lives as long as the program.
-KX_MP4_EXPORT const char* kx_mp4_version();
-}
 
 #endif  // KX_MP4_KX_MP4_H

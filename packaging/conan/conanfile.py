@@ -29,7 +29,8 @@ class KxMp4Conan(ConanFile):
         self.version = re.search(r"project\(kx_mp4 VERSION ([0-9.]+)", project).group(1)
 
     def export_sources(self):
-        for part in ("CMakeLists.txt", "LICENSE", "cmake/*", "codec/*", "docs/*", "examples/*", "inc/*", "repair/*", "src/*"):
+        for part in ("CMakeLists.txt", "LICENSE", "c/*", "cmake/*", "codec/*", "docs/*", "examples/*", "inc/*",
+                     "recorder/*", "repair/*", "src/*"):
             copy(self, part, src=self._root, dst=self.export_sources_folder)
 
     def validate(self):
@@ -70,5 +71,10 @@ class KxMp4Conan(ConanFile):
             component.requires = ["kx_mp4"]
             component.set_property("cmake_target_name", f"kx_mp4::{name}")
             component.set_property("pkg_config_name", f"kx_mp4_{name}")
+        c = self.cpp_info.components["c"]
+        c.libs = ["kx_mp4_c"]
+        c.requires = ["recorder", "repair"]
+        c.set_property("cmake_target_name", "kx_mp4::c")
+        c.set_property("pkg_config_name", "kx_mp4_c")
         if self.settings.os in ("Linux", "FreeBSD"):
             library.system_libs = ["pthread"]

@@ -3,7 +3,7 @@
 # an application can, and runs it each time.
 #
 # usage: build.sh BUILD_FOLDER SCRATCH_FOLDER, with these in the environment:
-#   CMAKE, CXX, VERSION     the programs and the library's version
+#   CMAKE, CC, CXX, PYTHON, VERSION  the programs and the library's version
 #   LIBDIR                  where the installation puts libraries, relative to its prefix
 #   SHARED                  ON when BUILD_FOLDER has shared libraries
 #   SANITIZE                the sanitizers of BUILD_FOLDER, such as address,undefined, or empty
@@ -26,6 +26,7 @@ configure() {  # configure NAME OPTION...
     name=$1
     shift
     "$CMAKE" -S "$here" -B "$scratch/$name" -G Ninja -DKX_MP4_FROM="$name" \
+        -DKX_MP4_LANGUAGE=CXX \
         -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_COMPILER="$CXX" \
         -DCMAKE_CXX_COMPILER_LAUNCHER="${LAUNCHER:-}" -DBUILD_SHARED_LIBS="$SHARED" "$@"
 }
@@ -44,6 +45,12 @@ configure find_package -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_FLAGS="$flags"
 "$CMAKE" --build "$scratch/find_package"
 record "$scratch/find_package/recorder" find_package
 
+step "find_package, C only"
+"$CMAKE" -S "$here" -B "$scratch/c" -G Ninja -DKX_MP4_FROM=find_package -DKX_MP4_LANGUAGE=C \
+    -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_COMPILER="$CC" -DCMAKE_C_FLAGS="$flags"
+"$CMAKE" --build "$scratch/c"
+"$scratch/c/recorder" "$scratch/c.mp4"
+
 step "pkg-config, C++20"
 PKG_CONFIG_PATH=$prefix/$LIBDIR/pkgconfig
 export PKG_CONFIG_PATH
@@ -53,6 +60,16 @@ test "$(pkg-config --modversion kx_mp4)" = "$VERSION"
     -o "$scratch/recorder" "$here/main.cpp" "$here/log.cpp" \
     $(pkg-config --static --cflags --libs kx_mp4_repair kx_mp4)
 LD_LIBRARY_PATH=$prefix/$LIBDIR record "$scratch/recorder" pkg-config
+
+step "pkg-config, C99"
+# shellcheck disable=SC2046,SC2086
+"$CC" -std=c99 -Wall -Wextra -Wpedantic -Werror $flags -o "$scratch/record_c" \
+    "$source/examples/record.c" $(pkg-config --static --cflags --libs kx_mp4_c)
+LD_LIBRARY_PATH=$prefix/$LIBDIR "$scratch/record_c" "$scratch/record_c.mp4"
+if test "$SHARED" = ON && test -n "$PYTHON" && test -z "$SANITIZE"; then
+    step "Python"
+    LD_LIBRARY_PATH=$prefix/$LIBDIR "$PYTHON" "$source/examples/record.py" "$scratch/python.mp4"
+fi
 
 step "the program of README.md"
 sed -n '/^<!-- examples.record.cpp -->$/,/^<!-- end -->$/p' "$source/README.md" |
