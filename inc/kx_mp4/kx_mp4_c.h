@@ -2,14 +2,12 @@
 /// The interface for C and for every language that can call C. C99 and C++.
 ///
 /// Conventions
-/// - Handles are opaque. `..._new` makes one (null without memory), `..._free` ends it; null is
-/// fine
-///   there. Everywhere else a null handle answers #MP4_STATUS_INVALID_HANDLE, and queries 0.
+/// - Handles are opaque. `..._new` makes one (null without memory), `..._free` ends it and takes
+///   null. Everywhere else a null handle answers #MP4_STATUS_INVALID_HANDLE, and queries 0.
 /// - Operations answer with the statuses of status.h. `..._last_error` tells in words what the last
 ///   operation of the handle that failed has said. No exception leaves this interface.
-/// - Records begin with `struct_size`. For those that are given, the init function sets it, and
-/// what
-///   an application expects for the rest: call it with `sizeof`, then change what is to be
+/// - Records begin with `struct_size`. For those that are given, the init function sets it, and for
+///   the rest what an application expects: call it with `sizeof`, then change what is to be
 ///   otherwise. A field that this library does not know has to be 0. For those that are filled in,
 ///   the caller sets it. So programs run with any later library of the same major version.
 /// - Paths and texts are UTF-8; no function looks at the locale.
@@ -17,11 +15,10 @@
 ///   must live until the callback is not called any more.
 /// - Callbacks get `user` first. They run on the thread that is inside the operation, unless it is
 ///   said otherwise, and must not call the same handle.
-/// - Threads: any two handles are independent. Of one muxer, the four `write` operations and
-/// `close`
-///   may run at the same time, and queries, statistics and the last error at any time; the caller
-///   keeps other operations apart. A recorder's operations may all run at any time. `..._free` is
-///   the last call.
+/// - Threads: any two handles are independent. Of one muxer, the `write` operations and
+///   `close` may run at the same time, and queries, statistics and the last error at any
+///   time; the caller keeps other operations apart. A recorder's operations may all run at
+///   any time. `..._free` is the last call.
 /// - Flags and answers of type int are 1 for yes and 0 for no.
 ///
 /// @code
