@@ -172,7 +172,9 @@ KX_MP4_EXPORT kx_mp4_muxer* kx_mp4_muxer_new(void);
 KX_MP4_EXPORT void kx_mp4_muxer_free(kx_mp4_muxer* muxer);
 /// What the last operation that failed says, "OPERATION: STATUS: why".
 ///
-/// @param text  Gets at most `size` bytes with the final 0; may be null when `size` is 0.
+/// @param muxer  The handle.
+/// @param text   Gets at most `size` bytes with the final 0; may be null when `size` is 0.
+/// @param size   Bytes of `text`.
 /// @return The length of the whole text without the final 0; 0 when nothing has failed.
 KX_MP4_EXPORT size_t kx_mp4_muxer_last_error(const kx_mp4_muxer* muxer, char* text, size_t size);
 /// Sends the handle's log lines to `log`, or with null to where the library logs otherwise. Not
@@ -182,6 +184,8 @@ KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_set_log(kx_mp4_muxer* muxer, kx_mp4_log_
 
 /// Opens a file; an existing one is replaced. Nothing is written before the first frame, or with a
 /// repair info file before the first track.
+/// @param muxer    The handle.
+/// @param path     In UTF-8, copied.
 /// @param options  Null for what an application expects.
 /// @return As CMp4Muxer::Create.
 KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_create(kx_mp4_muxer* muxer, const char* path,
@@ -201,8 +205,11 @@ KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_set_caption_track(kx_mp4_muxer* muxer,
 KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_set_timecode_track(kx_mp4_muxer* muxer,
                                                            const kx_mp4_timecode_track* track);
 /// As CMp4Muxer::SetMetadata.
-/// @param type  KX_MP4_METADATA_...
-/// @param data  A C string for a text, else `size` bytes.
+/// @param muxer          The handle.
+/// @param key            A C string: the name, or the tag of a well-known item.
+/// @param type           KX_MP4_METADATA_...
+/// @param data           A C string for a text, else `size` bytes.
+/// @param size           Bytes of `data`; not used for texts.
 /// @param key_namespace  Null is "mdta".
 KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_set_metadata(kx_mp4_muxer* muxer, const char* key, int type,
                                                      const void* data, uint32_t size,
@@ -231,6 +238,7 @@ KX_MP4_EXPORT int64_t kx_mp4_muxer_file_size(const kx_mp4_muxer* muxer);
 /// The longer of the video and the audio duration so far in milliseconds; 0 without a file.
 KX_MP4_EXPORT uint64_t kx_mp4_muxer_duration_ms(const kx_mp4_muxer* muxer);
 /// As CMp4Muxer::GetStatistics.
+/// @param muxer       The handle.
 /// @param statistics  The caller sets `struct_size`.
 KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_get_statistics(const kx_mp4_muxer* muxer,
                                                        mp4_statistics_t* statistics);

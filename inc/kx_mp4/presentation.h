@@ -22,16 +22,16 @@ typedef struct mp4_video_shape {
     size_t struct_size;  ///< sizeof(mp4_video_shape_t).
     /// Width to height of a pixel, such as 64 to 45 (ISO/IEC 14496-12, 12.1.4); both or none are 0.
     uint32_t pixel_width;
-    uint32_t pixel_height;
+    uint32_t pixel_height;  ///< Of a pixel, in relation to its width.
     /// What is to be shown of a picture, in pixels from its upper left corner; width and height 0
     /// for all of it.
     uint32_t clean_x;
-    uint32_t clean_y;
-    uint32_t clean_width;
-    uint32_t clean_height;
+    uint32_t clean_y;       ///< Lines above what is shown.
+    uint32_t clean_width;   ///< Pixels that are shown of a line.
+    uint32_t clean_height;  ///< Lines that are shown.
     /// Degrees clockwise by which a player is to turn the picture: 0, 90, 180 or 270.
     uint32_t rotation;
-    uint32_t field_order;  ///< One of #mp4_field_order.
+    uint32_t field_order;  ///< One of #mp4_field_order_t.
     /// 1: what is 0 of the pixel's shape and the fields is taken from the stream, when its first
     /// picture is written: from the SPS and the first slice, or from the ProRes frame header.
     uint32_t from_stream;
@@ -43,8 +43,8 @@ typedef struct mp4_video_colour {
     /// Code points of ITU-T H.273 (8.1 to 8.3). 2 is "unspecified"; with all three 0 the file says
     /// nothing of them.
     uint16_t primaries;
-    uint16_t transfer;
-    uint16_t matrix;
+    uint16_t transfer;   ///< Transfer characteristics.
+    uint16_t matrix;     ///< Matrix coefficients.
     uint8_t full_range;  ///< 1 when the samples use all of their range.
     /// 1 when the following describe the display the pictures were made on (SMPTE ST 2086).
     uint8_t has_mastering_display;
