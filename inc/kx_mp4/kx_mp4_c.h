@@ -62,24 +62,42 @@ enum {
 };
 
 /// Video codecs.
-enum { KX_MP4_VIDEO_H264 = 0, KX_MP4_VIDEO_HEVC = 1, KX_MP4_VIDEO_PRORES = 2 };
+enum {
+    KX_MP4_VIDEO_H264 = 0,   ///< ITU-T H.264.
+    KX_MP4_VIDEO_HEVC = 1,   ///< ITU-T H.265.
+    KX_MP4_VIDEO_PRORES = 2  ///< ProRes, all flavours.
+};
 /// ProRes flavours.
 enum {
-    KX_MP4_PRORES_422_PROXY = 0,
-    KX_MP4_PRORES_422_LT = 1,
-    KX_MP4_PRORES_422 = 2,
-    KX_MP4_PRORES_422_HQ = 3,
-    KX_MP4_PRORES_4444 = 4,
-    KX_MP4_PRORES_4444_XQ = 5
+    KX_MP4_PRORES_422_PROXY = 0,  ///< apco
+    KX_MP4_PRORES_422_LT = 1,     ///< apcs
+    KX_MP4_PRORES_422 = 2,        ///< apcn
+    KX_MP4_PRORES_422_HQ = 3,     ///< apch
+    KX_MP4_PRORES_4444 = 4,       ///< ap4h
+    KX_MP4_PRORES_4444_XQ = 5     ///< ap4x
 };
-/// Audio codecs: raw AAC frames, or frames behind ADTS headers.
-enum { KX_MP4_AUDIO_AAC = 1, KX_MP4_AUDIO_ADTS = 2 };
+/// Audio codecs.
+enum {
+    KX_MP4_AUDIO_AAC = 1,  ///< Raw AAC frames.
+    KX_MP4_AUDIO_ADTS = 2  ///< AAC frames behind ADTS headers.
+};
 /// Caption codecs.
-enum { KX_MP4_CAPTIONS_CEA608 = 1, KX_MP4_CAPTIONS_CEA708 = 2 };
-/// How the bytes of a metadata item are read: as they are, as a text, as a native 32-bit integer.
-enum { KX_MP4_METADATA_RAW = 0, KX_MP4_METADATA_TEXT = 1, KX_MP4_METADATA_INTEGER = 21 };
+enum {
+    KX_MP4_CAPTIONS_CEA608 = 1,  ///< Byte pairs.
+    KX_MP4_CAPTIONS_CEA708 = 2   ///< Caption distribution packets.
+};
+/// How the bytes of a metadata item are read.
+enum {
+    KX_MP4_METADATA_RAW = 0,      ///< As they are.
+    KX_MP4_METADATA_TEXT = 1,     ///< A C string in UTF-8.
+    KX_MP4_METADATA_INTEGER = 21  ///< A native 32-bit integer.
+};
 /// How much a log line matters.
-enum { KX_MP4_LOG_INFO = 0, KX_MP4_LOG_WARNING = 1, KX_MP4_LOG_ERROR = 2 };
+enum {
+    KX_MP4_LOG_INFO = 0,     ///< What goes on.
+    KX_MP4_LOG_WARNING = 1,  ///< Something is odd.
+    KX_MP4_LOG_ERROR = 2     ///< Something is refused or has failed.
+};
 
 /// Takes a log line: where in the library it comes from, which operation logs, the text.
 typedef void (*kx_mp4_log_callback)(void* user, int level, const char* source, int line,

@@ -18,7 +18,9 @@ typedef struct mp4_track_statistics {
 } mp4_track_statistics_t;
 
 /// Entries of mp4_statistics_t::calls.
-enum { MP4_CALL_DURATIONS = 32 };
+enum {
+    MP4_CALL_DURATIONS = 32  ///< Entries of the histogram.
+};
 
 /// What CMp4Muxer::GetStatistics tells of the recording that runs, or of the last one.
 typedef struct mp4_statistics {
