@@ -90,6 +90,25 @@ mp4_status_t Create(kx_mp4_muxer& handle, const char* path, const kx_mp4_file_op
     return status;
 }
 
+/// A shape or a colour that the stream is asked for.
+template <class Record>
+Record FromStream() {
+    Record record{};
+    record.struct_size = sizeof record;
+    record.from_stream = 1;
+    return record;
+}
+
+/// Hands a shape or a colour on, in the size that the library knows.
+template <class Record>
+mp4_status_t SetPresentation(kx_mp4_muxer& handle, const Record* given,
+                             mp4_status_t (CMp4Muxer::*set)(const Record&)) {
+    auto record = FromStream<Record>();
+    if (!kx_mp4::Take(given, record)) return MP4_STATUS_INVALID_PARAMETER;
+    record.struct_size = sizeof record;
+    return (handle.muxer.*set)(record);
+}
+
 }  // namespace
 
 kx_mp4_muxer::kx_mp4_muxer() {
@@ -114,6 +133,14 @@ void kx_mp4_caption_track_init(kx_mp4_caption_track* track, size_t struct_size) 
 
 void kx_mp4_timecode_track_init(kx_mp4_timecode_track* track, size_t struct_size) {
     kx_mp4::InitRecord(kx_mp4::UsualTimecodeTrack(), track, struct_size);
+}
+
+void kx_mp4_video_shape_init(mp4_video_shape_t* shape, size_t struct_size) {
+    kx_mp4::InitRecord(FromStream<mp4_video_shape_t>(), shape, struct_size);
+}
+
+void kx_mp4_video_colour_init(mp4_video_colour_t* colour, size_t struct_size) {
+    kx_mp4::InitRecord(FromStream<mp4_video_colour_t>(), colour, struct_size);
 }
 
 kx_mp4_muxer* kx_mp4_muxer_new() {
@@ -171,6 +198,29 @@ mp4_status_t kx_mp4_muxer_set_metadata(kx_mp4_muxer* muxer, const char* key, int
                                        const void* data, uint32_t size, const char* key_namespace) {
     return Call(muxer, __func__, [&](kx_mp4_muxer& handle) {
         return kx_mp4::SetMetadata(handle.muxer, key, type, data, size, key_namespace);
+    });
+}
+
+mp4_status_t kx_mp4_muxer_set_timeline(kx_mp4_muxer* muxer, int keep_start_times) {
+    return Call(muxer, __func__, [&](kx_mp4_muxer& handle) {
+        return handle.muxer.SetTimeline(keep_start_times != 0);
+    });
+}
+
+mp4_status_t kx_mp4_muxer_set_audio_priming(kx_mp4_muxer* muxer, uint32_t samples) {
+    return Call(muxer, __func__,
+                [&](kx_mp4_muxer& handle) { return handle.muxer.SetAudioPriming(samples); });
+}
+
+mp4_status_t kx_mp4_muxer_set_video_shape(kx_mp4_muxer* muxer, const mp4_video_shape_t* shape) {
+    return Call(muxer, __func__, [&](kx_mp4_muxer& handle) {
+        return SetPresentation(handle, shape, &CMp4Muxer::SetVideoShape);
+    });
+}
+
+mp4_status_t kx_mp4_muxer_set_video_colour(kx_mp4_muxer* muxer, const mp4_video_colour_t* colour) {
+    return Call(muxer, __func__, [&](kx_mp4_muxer& handle) {
+        return SetPresentation(handle, colour, &CMp4Muxer::SetVideoColour);
     });
 }
 

@@ -21,6 +21,7 @@ package_of() {
     case $1 in
         c++) echo g++ ;;
         ninja) echo ninja-build ;;
+        abidw | abidiff) echo abigail-tools ;;
         ffprobe) echo ffmpeg ;;
         run-clang-tidy-14) echo clang-tidy-14 ;;
         clang++-14) echo clang-14 ;;

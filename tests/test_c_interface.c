@@ -67,10 +67,10 @@ static struct memory* read_file(const char* path) {
     return memory;
 }
 
-static int contains(const struct memory* memory, const char* type) {
+static int contains(const struct memory* memory, const char* bytes, size_t size) {
     int64_t i;
-    for (i = 0; i + 4 <= memory->size; ++i)
-        if (memcmp(memory->bytes + i, type, 4) == 0) return 1;
+    for (i = 0; i + (int64_t)size <= memory->size; ++i)
+        if (memcmp(memory->bytes + i, bytes, size) == 0) return 1;
     return 0;
 }
 
@@ -133,7 +133,8 @@ static void records_the_same_by_every_output(void) {
     CHECK(kx_mp4_muxer_create(muxer, "anything", &options) == MP4_STATUS_SUCCESS);
     CHECK(fill(muxer) == MP4_STATUS_SUCCESS);
     CHECK(kx_mp4_muxer_close(muxer) == MP4_STATUS_SUCCESS);
-    CHECK(contains(memory, "ftyp") && contains(memory, "ctts") && contains(memory, "co64"));
+    CHECK(contains(memory, "ftyp", 4) && contains(memory, "ctts", 4) &&
+          contains(memory, "co64", 4));
 
     for (i = 0; i < 2; ++i) {
         kx_mp4_file_options_init(&options, sizeof options);
@@ -277,6 +278,47 @@ static void wrong_arguments_are_refused(void) {
     CHECK(kx_mp4_repair(NULL, NULL, NULL) == KX_MP4_REPAIR_FAILED);
 }
 
+static void the_presentation_reaches_the_file(void) {
+    struct memory* const memory = calloc(1, sizeof *memory);
+    const mp4_io_callbacks_t callbacks = {memory,      NULL, NULL,        memory_tell,
+                                          memory_seek, NULL, memory_write};
+    kx_mp4_muxer* const muxer = kx_mp4_muxer_new();
+    kx_mp4_file_options options;
+    mp4_video_shape_t shape;
+    struct {
+        mp4_video_colour_t colour;
+        uint64_t added; /* by a later header */
+    } later;
+    memory->writes_left = -1;
+    kx_mp4_file_options_init(&options, sizeof options);
+    options.output = &callbacks;
+    options.flags = 0;
+    CHECK(kx_mp4_muxer_create(muxer, "x", &options) == MP4_STATUS_SUCCESS);
+    kx_mp4_video_shape_init(&shape, sizeof shape);
+    kx_mp4_video_colour_init(&later.colour, sizeof later);
+    CHECK(shape.from_stream == 1 && later.colour.from_stream == 1 && later.added == 0);
+    shape.pixel_width = 4;
+    CHECK(kx_mp4_muxer_set_video_shape(muxer, &shape) == MP4_STATUS_INVALID_PARAMETER);
+    shape.pixel_height = 3;
+    CHECK(kx_mp4_muxer_set_video_shape(muxer, &shape) == MP4_STATUS_SUCCESS);
+    later.colour.primaries = later.colour.transfer = later.colour.matrix = 9;
+    CHECK(kx_mp4_muxer_set_video_colour(muxer, &later.colour) == MP4_STATUS_SUCCESS);
+    later.added = 1;
+    CHECK(kx_mp4_muxer_set_video_colour(muxer, &later.colour) == MP4_STATUS_INVALID_PARAMETER);
+    CHECK(kx_mp4_muxer_set_video_colour(muxer, NULL) == MP4_STATUS_INVALID_PARAMETER);
+    CHECK(kx_mp4_muxer_set_timeline(muxer, 1) == MP4_STATUS_SUCCESS);
+    CHECK(kx_mp4_muxer_set_audio_priming(muxer, 1024) == MP4_STATUS_SUCCESS);
+    CHECK(fill(muxer) == MP4_STATUS_SUCCESS);
+    CHECK(kx_mp4_muxer_set_timeline(muxer, 0) == MP4_STATUS_INVALID_PARAMETER);
+    CHECK(kx_mp4_muxer_close(muxer) == MP4_STATUS_SUCCESS);
+    CHECK(contains(memory, "pasp\0\0\0\4\0\0\0\3", 12));
+    CHECK(contains(memory, "colrnclx\0\11\0\11\0\11", 14));
+    /* The sound's edit: from sample 1024 on, at the rate 1. */
+    CHECK(contains(memory, "\0\0\4\0\0\1\0\0", 8));
+    kx_mp4_muxer_free(muxer);
+    free(memory);
+}
+
 static int name_segment(void* user, uint64_t number, int64_t due, char* path, size_t size) {
     (void)user;
     return due > 0 && snprintf(path, size, "%s/live%d.mp4", folder, (int)number) > 0;
@@ -330,6 +372,7 @@ int main(int argc, char** argv) {
     free_finishes_the_file();
     failures_have_a_status_and_a_text();
     wrong_arguments_are_refused();
+    the_presentation_reaches_the_file();
     the_recorder_cuts_segments();
     return failures == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }

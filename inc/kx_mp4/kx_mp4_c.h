@@ -40,6 +40,7 @@
 
 #include "kx_mp4/export.h"
 #include "kx_mp4/io_callbacks.h"
+#include "kx_mp4/presentation.h"
 #include "kx_mp4/statistics.h"
 #include "kx_mp4/status.h"
 
@@ -232,6 +233,26 @@ KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_set_timecode_track(kx_mp4_muxer* muxer,
 KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_set_metadata(kx_mp4_muxer* muxer, const char* key, int type,
                                                      const void* data, uint32_t size,
                                                      const char* key_namespace);
+
+/// As CMp4Muxer::SetTimeline, before the first frame.
+/// @param muxer             The handle.
+/// @param keep_start_times  1: the times at which the tracks begin are kept; 0, as after
+///                          kx_mp4_muxer_create: each begins at its own first sample.
+KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_set_timeline(kx_mp4_muxer* muxer, int keep_start_times);
+/// As CMp4Muxer::SetAudioPriming, before the first frame.
+/// @param muxer    The handle.
+/// @param samples  At the sample rate of the audio track.
+KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_set_audio_priming(kx_mp4_muxer* muxer, uint32_t samples);
+/// Sets `struct_size`, and `from_stream` to 1: what is not changed is taken from the stream.
+KX_MP4_EXPORT void kx_mp4_video_shape_init(mp4_video_shape_t* shape, size_t struct_size);
+/// Sets `struct_size`, and `from_stream` to 1: what is not changed is taken from the stream.
+KX_MP4_EXPORT void kx_mp4_video_colour_init(mp4_video_colour_t* colour, size_t struct_size);
+/// As CMp4Muxer::SetVideoShape, before the first frame.
+KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_set_video_shape(kx_mp4_muxer* muxer,
+                                                        const mp4_video_shape_t* shape);
+/// As CMp4Muxer::SetVideoColour, before the first frame.
+KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_set_video_colour(kx_mp4_muxer* muxer,
+                                                         const mp4_video_colour_t* colour);
 
 /// As CMp4Muxer::WriteVideoFrame. Times are in ticks.
 KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_write_video(kx_mp4_muxer* muxer, const uint8_t* frame,
