@@ -37,11 +37,13 @@ void InitRecord(const Record& defaults, Record* record, size_t size) {
 }
 
 /// Takes the caller's record over `record`, which holds what an application expects. False for one
-/// that says something beyond what this library knows.
+/// that says something beyond what this library knows, and for one that ends within a pointer.
 template <class Record>
 bool Take(const Record* given, Record& record) {
     static_assert(std::is_trivially_copyable_v<Record>);
-    if (given == nullptr || !IsRecordSize(given->struct_size)) return false;
+    if (given == nullptr || !IsRecordSize(given->struct_size) ||
+        given->struct_size % alignof(void*) != 0)
+        return false;
     const size_t size = given->struct_size;
     const auto* const bytes = reinterpret_cast<const char*>(given);
     std::memcpy(&record, bytes, std::min(size, sizeof record));

@@ -4,13 +4,18 @@
 #define KX_MP4_FUZZ_FILE_WALK_H
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
-inline void Require(bool condition) {
-    if (!condition) std::abort();
+/// Ends the process where `condition` does not hold, and tells where that is.
+inline void Require(bool condition, const char* file = __builtin_FILE(),
+                    int line = __builtin_LINE()) {
+    if (condition) return;
+    std::fprintf(stderr, "%s:%d: does not hold\n", file, line);
+    std::abort();
 }
 
 /// Walks the boxes of [begin, end) and into the containers (ISO/IEC 14496-12). The order at the

@@ -237,6 +237,7 @@ static void wrong_arguments_are_refused(void) {
     } sizes[] = {{0, MP4_STATUS_INVALID_PARAMETER},
                  {sizeof(size_t) - 1, MP4_STATUS_INVALID_PARAMETER},
                  {(size_t)-1, MP4_STATUS_INVALID_PARAMETER},
+                 {sizeof options - sizeof options.output / 2, MP4_STATUS_INVALID_PARAMETER},
                  {offsetof(kx_mp4_file_options, composition_offsets), MP4_STATUS_SUCCESS}};
     size_t i;
     for (i = 0; i < sizeof sizes / sizeof sizes[0]; ++i) {

@@ -8,8 +8,9 @@
 ///   operation of the handle that failed has said. No exception leaves this interface.
 /// - Records begin with `struct_size`. For those that are given, the init function sets it, and for
 ///   the rest what an application expects: call it with `sizeof`, then change what is to be
-///   otherwise. A field that this library does not know has to be 0. For those that are filled in,
-///   the caller sets it. So programs run with any later library of the same major version.
+///   otherwise. A field that this library does not know has to be 0, and a size that ends within a
+///   pointer is refused. For those that are filled in, the caller sets it. So programs run with any
+///   later library of the same major version.
 /// - Paths and texts are UTF-8; no function looks at the locale.
 /// - Everything is copied during the call, with one exception: what a callback's `user` points to
 ///   must live until the callback is not called any more.
