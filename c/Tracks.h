@@ -51,7 +51,7 @@ mp4_status_t SetCaptionTrack(Target& target, const kx_mp4_caption_track* given) 
 template <class Target>
 mp4_status_t SetTimecodeTrack(Target& target, const kx_mp4_timecode_track* given) {
     kx_mp4_timecode_track track = UsualTimecodeTrack();
-    if (!Take(given, track)) return MP4_STATUS_INVALID_PARAMETER;
+    if (!Take(given, track) || track.timescale == 0) return MP4_STATUS_INVALID_PARAMETER;
     const mp4_time_code_track_info_t info = {track.timescale, track.frame_duration,
                                              track.frame_rate, track.flags};
     return target.SetTCMDTrack(&info);

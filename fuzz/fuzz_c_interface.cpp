@@ -264,6 +264,7 @@ private:
     MemoryOutput m_output;
     std::string m_path;           ///< Of the file; empty for the output in memory.
     uint64_t m_accepted[3] = {};  ///< Frames of video, sound and captions that were a success.
+    bool m_hasTimecode = false;   ///< Its track was declared; without one the counters are bytes.
     Segments m_segments;
     uint64_t m_time = 0;
 };
@@ -296,6 +297,7 @@ void Caller::Create() {
     Require(kx_mp4_muxer_is_open(m_muxer) == 1);
     m_path = hasOutput ? "" : path;
     std::fill(std::begin(m_accepted), std::end(m_accepted), 0);
+    m_hasTimecode = false;
 }
 
 void Caller::Close() {
@@ -319,7 +321,7 @@ void Caller::Close() {
     SampleCounts counts = CountSamples(source);
     Require(counts["vide"] == told.video.samples && counts["soun"] == told.audio.samples &&
             counts["clcp"] == told.captions.samples &&
-            counts["tmcd"] <= told.timecode.samples);  // fewer without a declared track
+            counts["tmcd"] == (m_hasTimecode ? told.timecode.samples : 0));
 }
 
 void Caller::Start() {
@@ -414,8 +416,9 @@ void Caller::SetTrack() {
             track.flags = Any<int32_t>();
             track.frame_rate = Any<uint8_t>();
             auto record = Give(track);
-            Both<const kx_mp4_timecode_track*>(kx_mp4_muxer_set_timecode_track,
-                                               kx_mp4_recorder_set_timecode_track, record.Get());
+            const mp4_status_t status = Both<const kx_mp4_timecode_track*>(
+                kx_mp4_muxer_set_timecode_track, kx_mp4_recorder_set_timecode_track, record.Get());
+            if (!m_records && status == MP4_STATUS_SUCCESS) m_hasTimecode = true;
         }
     }
 }

@@ -230,6 +230,7 @@ static void wrong_arguments_are_refused(void) {
     kx_mp4_muxer* const muxer = kx_mp4_muxer_new();
     kx_mp4_file_options options;
     kx_mp4_audio_track audio;
+    kx_mp4_timecode_track timecode;
     mp4_statistics_t statistics = {0};
     const struct {
         size_t struct_size;
@@ -267,6 +268,9 @@ static void wrong_arguments_are_refused(void) {
     CHECK(kx_mp4_muxer_set_audio_track(muxer, &audio) == MP4_STATUS_SUCCESS);
     audio.sample_rate = 70000;
     CHECK(kx_mp4_muxer_set_audio_track(muxer, &audio) == MP4_STATUS_INVALID_PARAMETER);
+    kx_mp4_timecode_track_init(&timecode, sizeof timecode);
+    timecode.timescale = 0;
+    CHECK(kx_mp4_muxer_set_timecode_track(muxer, &timecode) == MP4_STATUS_INVALID_PARAMETER);
     CHECK(kx_mp4_muxer_get_statistics(muxer, &statistics) == MP4_STATUS_INVALID_PARAMETER);
     kx_mp4_muxer_free(muxer);
 

@@ -219,7 +219,8 @@ public:
     /// Declares the caption track. An unknown codec is refused when a packet is written.
     /// @return #MP4_STATUS_INVALID_PARAMETER for null.
     mp4_status_t SetSubtitleTrack(const mp4_subtitle_track_info_t* pTrackInfo);
-    /// Declares the timecode track and makes the video track refer to it.
+    /// Declares the timecode track and makes the video track refer to it. The values are taken as
+    /// they are: with a timescale of 0 no reader can tell the track's times.
     /// @return #MP4_STATUS_INVALID_PARAMETER for null.
     mp4_status_t SetTCMDTrack(const mp4_time_code_track_info_t* pTrackInfo);
 

@@ -221,7 +221,8 @@ KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_set_audio_track(kx_mp4_muxer* muxer,
 /// As CMp4Muxer::SetSubtitleTrack.
 KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_set_caption_track(kx_mp4_muxer* muxer,
                                                           const kx_mp4_caption_track* track);
-/// As CMp4Muxer::SetTCMDTrack.
+/// As CMp4Muxer::SetTCMDTrack; #MP4_STATUS_INVALID_PARAMETER also for a timescale of 0, with which
+/// no reader can tell the timecode's times.
 KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_set_timecode_track(kx_mp4_muxer* muxer,
                                                            const kx_mp4_timecode_track* track);
 /// As CMp4Muxer::SetMetadata.
