@@ -17,6 +17,12 @@ size_t IndexOf(FrameKind kind) {
     return static_cast<size_t>(kind);
 }
 
+/// Rounded down: a time that is exact in every timescale.
+int64_t WholeSeconds(int64_t ticks, uint32_t timescale) {
+    const int64_t seconds = ticks / timescale;
+    return ticks < seconds * timescale ? seconds - 1 : seconds;
+}
+
 /// The count of frames that a timecode shows this long after it was given.
 int64_t CountAfter(int64_t passed, int64_t timescale, const mp4_time_code_track_info_t& info) {
     if (info.frame_duration == 0 || info.timescale == 0) return 0;
@@ -108,6 +114,7 @@ mp4_status_t Segment::CreateMuxer() {
     if (status == MP4_STATUS_SUCCESS && options.start_times) status = m_muxer.SetTimeline(true);
     if (status == MP4_STATUS_SUCCESS && options.live_index_ms != 0)
         status = m_muxer.SetLiveIndex(options.live_index_ms);
+    if (status == MP4_STATUS_SUCCESS && options.configure) status = options.configure(m_muxer);
     return status;
 }
 
@@ -115,12 +122,12 @@ mp4_status_t Segment::Begin(const TrackSet& tracks, SegmentReason reason, int64_
                             int64_t origin) {
     m_info.reason = reason;
     const FrameKind leader = tracks.Leader();
+    const int64_t second = WholeSeconds(origin, tracks.Timescale(leader));
     for (const FrameKind kind :
          {FrameKind::kVideo, FrameKind::kAudio, FrameKind::kCaption, FrameKind::kTimecode}) {
         m_has[IndexOf(kind)] = tracks.Has(kind);
         m_start[IndexOf(kind)] = Rescaled(start, tracks.Timescale(leader), tracks.Timescale(kind));
-        m_origin[IndexOf(kind)] =
-            Rescaled(origin, tracks.Timescale(leader), tracks.Timescale(kind));
+        m_origin[IndexOf(kind)] = second * tracks.Timescale(kind);
         m_tracks[IndexOf(kind)].step =
             std::max<int64_t>(static_cast<int64_t>(tracks.UsualStep(kind)), 1);
     }

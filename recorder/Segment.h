@@ -65,7 +65,7 @@ public:
     ~Segment() = default;
 
     /// Declares the tracks; it begins at `start` of the leading track, and its own times count from
-    /// `origin`.
+    /// the whole second at or before `origin`.
     mp4_status_t Begin(const TrackSet& tracks, SegmentReason reason, int64_t start, int64_t origin);
     /// Whether a frame of this time belongs to it and not to one before.
     bool Reaches(FrameKind kind, int64_t time) const { return time >= Start(kind); }

@@ -241,6 +241,43 @@ constexpr Encoding kEncodings[] = {
 INSTANTIATE_TEST_SUITE_P(All, Reordered, ::testing::ValuesIn(kEncodings),
                          [](const auto& encoding) { return std::string(encoding.param.name); });
 
+TEST_F(EndToEnd, PlayersAreToldWhatTheStreamTells) {
+    const std::string raw = Path("a.h264");
+    const std::string sound = Sample("audio.aac");
+    Read(
+        "ffmpeg -nostdin -v error -f lavfi -i testsrc2=size=160x96:rate=30000/1001:duration=3 "
+        "-vf setsar=16/11,setfield=bff -c:v libx264 -flags +ilme+ildct -x264-params "
+        "colorprim=bt709:transfer=bt709:colormatrix=bt709 " +
+        raw);
+    const std::string told = " --fps stream --priming 1024 --rotate 90 --audio " + sound;
+    const std::string file = Path("a.mp4");
+    ASSERT_EQ(Kxmux("--video " + raw + told + " -o " + file).code, 0);
+    EXPECT_THAT(Probe("stream=sample_aspect_ratio,field_order,color_space,color_transfer,"
+                      "color_primaries,start_time:stream_side_data=rotation",
+                      "-select_streams v " + file),
+                ElementsAre("16:11,bt709,bt709,bt709,bb,0.000000,-90", ""));
+    // What is heard first is shown with the first picture; the priming lies before it.
+    EXPECT_THAT(Probe("stream=start_time", "-select_streams a " + file), ElementsAre("0.000000"));
+    EXPECT_EQ(Probe("packet=pts,flags", "-select_streams a " + file).at(0), "-1024,KD,");
+    const auto boxesIn = [](const std::string& path) {
+        const std::string bytes = ReadFile(path);
+        Lines found;
+        for (const char* const type : {"pasp", "colr", "fiel"})
+            if (bytes.find(type) != std::string::npos) found.emplace_back(type);
+        return found;
+    };
+    EXPECT_THAT(boxesIn(file), ElementsAre("pasp", "colr", "fiel"));
+    // The same from a pipe, which the recorder writes.
+    ASSERT_EQ(Execute("cat " + raw + " | '" KXMUX_PATH "' --video - --video-codec h264" + told +
+                      " -o " + Path("b.mp4"))
+                  .code,
+              0);
+    EXPECT_TRUE(ReadFile(file) == ReadFile(Path("b.mp4")));
+    // Without all of it.
+    ASSERT_EQ(Kxmux("--plain --fps stream --video " + raw + " -o " + Path("c.mp4")).code, 0);
+    EXPECT_THAT(boxesIn(Path("c.mp4")), IsEmpty());
+}
+
 // Offsets are on whatever the first pictures are like: here reordering begins in the middle.
 TEST_F(EndToEnd, StreamsThatChangeKeepTheirTimesAndAreToldOf) {
     const auto encode = [this](const std::string& name, const std::string& what) {

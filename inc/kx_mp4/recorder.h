@@ -30,6 +30,8 @@
 #include "kx_mp4/export.h"
 #include "kx_mp4/kx_mp4.h"
 
+class CMp4Muxer;
+
 namespace kx_mp4 {
 
 class RecorderState;
@@ -119,6 +121,11 @@ struct RecorderOptions {
     bool composition_offsets = true;                    ///< As CMp4Muxer::SetCompositionOffsets.
     bool start_times = true;                            ///< As CMp4Muxer::SetTimeline.
     uint32_t live_index_ms = 0;                         ///< As CMp4Muxer::SetLiveIndex.
+    /// Asks the muxer of every file, after Create and before its tracks, for what is not among
+    /// these options, such as CMp4Muxer::SetVideoColour; nothing else may be called. Unlike the
+    /// other functions it runs on the thread that opens the file. What it answers is the status of
+    /// the open.
+    std::function<mp4_status_t(CMp4Muxer& muxer)> configure;
 
     size_t queue_bytes = size_t{8} << 20;        ///< Of the queue; at least 64 KiB.
     QueueFull on_queue_full = QueueFull::kDrop;  ///< What a call does then.

@@ -109,6 +109,8 @@ AnnexBFeed::AnnexBFeed(const VideoOptions& options, Input& input)
     RequireFirst("no picture with its parameter sets in the stream");
     ReadParameterSets();
     m_usesOrder = NeedsOrder();
+    if (m_usesOrder && Options().compositionOffsets)
+        m_delay = (m_frame.times.pts - m_frame.times.dts) * TicksPerFrame();
 }
 
 bool AnnexBFeed::ReadFrame() {
@@ -161,8 +163,8 @@ mp4_status_t AnnexBFeed::Declare(FrameSink& sink) {
 
 mp4_status_t AnnexBFeed::Write(FrameSink& sink) const {
     const auto& bytes = m_frame.unit.Bytes();
-    const uint64_t dts = m_frame.times.dts * TicksPerFrame();
-    const uint64_t pts = m_usesOrder ? m_frame.times.pts * TicksPerFrame() : dts;
+    const uint64_t dts = Start() + m_frame.times.dts * TicksPerFrame();
+    const uint64_t pts = m_usesOrder ? Start() + m_frame.times.pts * TicksPerFrame() : dts;
     return sink.WriteVideoFrame(bytes.data(), static_cast<uint32_t>(bytes.size()), pts, dts);
 }
 

@@ -80,6 +80,7 @@ public:
     mp4_status_t Declare(FrameSink& sink) override;
     mp4_status_t Write(FrameSink& sink) const override;
     std::string Note() const override;
+    uint64_t ReorderDelay() const override { return m_delay; }
 
 private:
     bool ReadFrame() override;
@@ -91,6 +92,7 @@ private:
     FrameOrderer m_frames;
     FrameOrderer::Frame m_frame;
     bool m_usesOrder = true;
+    uint64_t m_delay = 0;
 };
 
 }  // namespace kxmux

@@ -10,6 +10,8 @@ namespace kxmux {
 namespace {
 
 constexpr double kMillisecondsPerSecond = 1000;
+/// More than any encoder has.
+constexpr uint32_t kMaxPriming = 100000;
 
 /// The whole text as a decimal number from 1 to `max`.
 bool ParseNumber(std::string_view text, uint32_t max, uint32_t* value) {
@@ -89,6 +91,7 @@ bool ParseLimit(std::string_view text, uint64_t* milliseconds, uint64_t* bytes) 
 void Arguments::AddTo(CLI::App& app) {
     AddInputs(app);
     AddDescription(app);
+    AddPresentation(app);
     AddOutput(app);
     app.footer(
         "Ctrl-C ends the recording properly. Exit status: 0 the recording is complete, 1 it "
@@ -127,6 +130,23 @@ void Arguments::AddDescription(CLI::App& app) {
                  "Declare the tracks without configuration, to be found in the stream");
     app.add_flag("--no-composition-offsets", m_noCompositionOffsets,
                  "Show reordered frames at their decode times");
+}
+
+void Arguments::AddPresentation(CLI::App& app) {
+    app.add_option("--priming", m_priming,
+                   "Samples at the beginning of the sound that are not to be heard; most encoders "
+                   "of AAC LC put 1024 there, some 2112, and raw streams do not tell")
+        ->check(CLI::Range(0U, kMaxPriming))
+        ->type_name("SAMPLES")
+        ->needs(app.get_option("--audio"));
+    app.add_option("--rotate", m_rotation, "Degrees clockwise that players turn the picture by")
+        ->check(CLI::IsMember({0U, 90U, 180U, 270U}))
+        ->type_name("DEGREES")
+        ->needs(app.get_option("--video"));
+    app.add_flag("--plain", m_plain,
+                 "Do not say when tracks begin, nor what the stream tells of pixel shape, fields, "
+                 "colour and light")
+        ->excludes("--priming");
 }
 
 void Arguments::AddOutput(CLI::App& app) {
@@ -226,6 +246,14 @@ LiveOptions Arguments::Live() const {
     return live;
 }
 
+PresentationOptions Arguments::Presentation() const {
+    PresentationOptions presentation;
+    presentation.fromStream = !m_plain;
+    presentation.audioPriming = m_priming;
+    presentation.rotation = m_rotation;
+    return presentation;
+}
+
 RecordingOptions Arguments::Options() const {
     RecordingOptions options;
     if (m_video.empty() && m_audio.empty()) {
@@ -251,6 +279,7 @@ RecordingOptions Arguments::Options() const {
     options.captions = m_captions;
     options.use64bit = m_64bit;
     options.live = Live();
+    options.presentation = Presentation();
     options.liveIndexMs = static_cast<uint32_t>(m_liveSeconds * kMillisecondsPerSecond);
     return options;
 }

@@ -34,10 +34,12 @@ public:
 private:
     void AddInputs(CLI::App& app);
     void AddDescription(CLI::App& app);
+    void AddPresentation(CLI::App& app);
     void AddOutput(CLI::App& app);
     VideoOptions Video() const;
     OutputOptions Output() const;
     LiveOptions Live() const;
+    PresentationOptions Presentation() const;
     mp4_video_codec VideoCodec() const;
 
     std::string m_output;
@@ -58,6 +60,9 @@ private:
     bool m_callbackIo = false;
     bool m_buffered = false;
     bool m_noCompositionOffsets = false;
+    bool m_plain = false;
+    uint32_t m_priming = 0;
+    uint32_t m_rotation = 0;
     double m_liveSeconds = 0;
     std::string m_segment;
     std::string m_queue;

@@ -18,7 +18,7 @@ AudioFeed::AudioFeed(Input& input, bool deferred)
 
 mp4_status_t AudioFeed::Declare(FrameSink& sink) {
     mp4_audio_track_info_t info = {};
-    info.timescale = static_cast<uint32_t>(m_header.SampleRate());
+    info.timescale = SampleRate();
     info.frame_duration = kSamplesPerFrame;
     info.codec = MP4_MAC_ADTS;
     if (!m_deferred) {
@@ -30,8 +30,8 @@ mp4_status_t AudioFeed::Declare(FrameSink& sink) {
     return sink.SetAudioTrack(&info);
 }
 
-MediaTime AudioFeed::NextTime() const {
-    return {Frames() * kSamplesPerFrame, static_cast<uint32_t>(m_header.SampleRate())};
+MediaTime AudioFeed::OwnTime() const {
+    return {Frames() * kSamplesPerFrame, SampleRate()};
 }
 
 mp4_status_t AudioFeed::Write(FrameSink& sink) const {

@@ -18,16 +18,18 @@ public:
     AudioFeed(Input& input, bool deferred);
 
     mp4_status_t Declare(FrameSink& sink) override;
-    MediaTime NextTime() const override;
     mp4_status_t Write(FrameSink& sink) const override;
 
-    MediaTime Duration() const { return NextTime(); }
+    MediaTime Duration() const { return OwnTime(); }
+    /// Samples per second, which is the timescale.
+    uint32_t SampleRate() const { return static_cast<uint32_t>(m_header.SampleRate()); }
     /// Sampling frequency and channels in words.
     std::string Describe() const;
     /// What the user should know about how the input was read; empty when there is nothing.
     std::string Note() const;
 
 private:
+    MediaTime OwnTime() const override;
     bool ReadFrame() override { return m_cutter.Next(m_frame); }
 
     AdtsCutter m_cutter;

@@ -33,7 +33,7 @@ mp4_status_t CaptionFeed::Declare(FrameSink& sink) {
 mp4_status_t CaptionFeed::Write(FrameSink& sink) const {
     const CaptionPacket& packet = Next();
     const auto size = static_cast<uint32_t>(packet.bytes.size());
-    return sink.WriteSubtitleFrame(packet.bytes.data(), size, packet.timestamp);
+    return sink.WriteSubtitleFrame(packet.bytes.data(), size, NextTime().ticks);
 }
 
 }  // namespace kxmux

@@ -18,13 +18,14 @@ public:
     CaptionFeed(Input& input, uint32_t timescale);
 
     mp4_status_t Declare(FrameSink& sink) override;
-    MediaTime NextTime() const override { return {Next().timestamp, m_timescale}; }
     mp4_status_t Write(FrameSink& sink) const override;
 
+    uint32_t Timescale() const { return m_timescale; }
     /// Packets that were not written.
     uint64_t Left() const { return m_packets.size() - Frames(); }
 
 private:
+    MediaTime OwnTime() const override { return {Next().timestamp, m_timescale}; }
     bool ReadFrame() override { return Frames() < m_packets.size(); }
     const CaptionPacket& Next() const { return m_packets[static_cast<size_t>(Frames())]; }
 

@@ -20,6 +20,8 @@ struct LiveOptions {
     uint64_t segmentBytes = 0;
     uint64_t queueBytes = 0;
     bool drop = false;  ///< A full queue drops pictures; else the inputs wait.
+
+    bool HasSegments() const { return segmentMs != 0 || segmentBytes != 0; }
 };
 
 class LiveOutput {

@@ -51,6 +51,7 @@ RecordingResult Recording::Run(const Observer& observer) {
     m_output.Check(m_inputs);
     m_options.video.splits = WantsRecorder();
     OpenFeeds();
+    AlignStarts();
     ReadTimecode();
     WarnBeforehand();
     Create();
@@ -98,6 +99,26 @@ void Recording::OpenFeeds() {
     }
 }
 
+/// Files that follow one another need it, too.
+bool Recording::KeepsStartTimes() const {
+    return m_options.presentation.fromStream || m_options.live.HasSegments();
+}
+
+/// The first picture is shown when the sound behind its priming begins. That is at a whole second,
+/// which is exact in the ticks of every track.
+void Recording::AlignStarts() {
+    if (!KeepsStartTimes()) return;
+    const auto seconds = [](uint64_t ticks, uint32_t timescale) {
+        return (ticks + timescale - 1) / timescale;
+    };
+    const uint64_t priming = m_options.presentation.audioPriming;
+    if (m_video) m_startSeconds = seconds(m_video->ReorderDelay(), m_video->Timescale());
+    if (m_audio) m_startSeconds = std::max(m_startSeconds, seconds(priming, m_audio->SampleRate()));
+    if (m_video) m_video->StartAt(m_startSeconds * m_video->Timescale() - m_video->ReorderDelay());
+    if (m_audio) m_audio->StartAt(m_startSeconds * m_audio->SampleRate() - priming);
+    if (m_captions) m_captions->StartAt(m_startSeconds * m_captions->Timescale());
+}
+
 void Recording::ReadTimecode() {
     if (m_options.timecode.empty()) return;
     std::string error;
@@ -136,7 +157,7 @@ bool Recording::WantsRecorder() const {
 void Recording::StartRecorder() {
     const std::string& path = m_output.Path();
     const LiveOptions& live = m_options.live;
-    const bool segments = live.segmentMs != 0 || live.segmentBytes != 0;
+    const bool segments = live.HasSegments();
     kx_mp4::RecorderOptions options;
     options.pattern =
         segments ? LiveOutput::SegmentPattern(path) : LiveOutput::LiteralPattern(path);
@@ -144,7 +165,8 @@ void Recording::StartRecorder() {
     options.flags = Flags() | (m_output.HasRepairInfo() ? MP4_FLAG_REPAIR_INFO : 0U);
     options.composition_offsets = m_options.video.compositionOffsets;
     options.live_index_ms = m_options.liveIndexMs;
-    options.start_times = segments;
+    options.start_times = KeepsStartTimes();
+    options.configure = [this](CMp4Muxer& muxer) { return Present(muxer); };
     m_output.MakeFree(segments);
     m_live = std::make_unique<LiveOutput>();
     const mp4_status_t status = m_live->Start(live, std::move(options));
@@ -167,9 +189,28 @@ void Recording::Create() {
                             m_output.RepairHint() + "\n");
 }
 
+/// What the file says beside its samples; of a recorder this runs for each of its files.
+mp4_status_t Recording::Present(CMp4Muxer& muxer) const {
+    const PresentationOptions& wanted = m_options.presentation;
+    mp4_video_shape_t shape{};
+    shape.struct_size = sizeof shape;
+    shape.rotation = wanted.rotation;
+    shape.from_stream = wanted.fromStream ? 1 : 0;
+    mp4_video_colour_t colour{};
+    colour.struct_size = sizeof colour;
+    colour.from_stream = wanted.fromStream ? 1 : 0;
+    mp4_status_t status = muxer.SetTimeline(KeepsStartTimes());
+    if (status == MP4_STATUS_SUCCESS) status = muxer.SetAudioPriming(wanted.audioPriming);
+    if (status == MP4_STATUS_SUCCESS) status = muxer.SetVideoShape(shape);
+    if (status == MP4_STATUS_SUCCESS) status = muxer.SetVideoColour(colour);
+    return status;
+}
+
 void Recording::Declare() {
-    if (m_options.liveIndexMs != 0 && m_live == nullptr)
+    if (m_live == nullptr) {
+        Require(Present(m_muxer), m_output.Path() + ": presentation");
         Require(m_muxer.SetLiveIndex(m_options.liveIndexMs), m_output.Path() + ": live index");
+    }
     for (TrackFeed* feed : m_feeds) {
         Require(feed->Declare(*m_sink), feed->Path() + ": the track is refused");
     }
@@ -236,11 +277,13 @@ const TrackFeed& Recording::LeadingFeed() const {
 
 Progress Recording::Now() {
     const TrackFeed& feed = LeadingFeed();
+    const double seconds =
+        std::max(feed.NextTime().Seconds() - static_cast<double>(m_startSeconds), 0.0);
     if (m_live != nullptr) {
         const auto bytes = static_cast<int64_t>(m_live->Figures().bytes_written);
-        return {feed.NextTime().Seconds(), feed.Frames(), bytes, m_live->Status()};
+        return {seconds, feed.Frames(), bytes, m_live->Status()};
     }
-    return {feed.NextTime().Seconds(), feed.Frames(), m_muxer.GetCurFileSize(), {}};
+    return {seconds, feed.Frames(), m_muxer.GetCurFileSize(), {}};
 }
 
 void Recording::PassWarnings() {

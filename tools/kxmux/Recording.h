@@ -24,6 +24,14 @@
 
 namespace kxmux {
 
+/// What players are told beside the samples.
+struct PresentationOptions {
+    /// Where tracks begin, and what the stream tells of shape, fields, colour and light.
+    bool fromStream = true;
+    uint32_t audioPriming = 0;  ///< Samples at the beginning of the sound that are not to be heard.
+    uint32_t rotation = 0;      ///< Degrees clockwise.
+};
+
 /// At least one of video and audio is given.
 struct RecordingOptions {
     OutputOptions output;
@@ -35,6 +43,7 @@ struct RecordingOptions {
     bool use64bit = false;
     uint32_t liveIndexMs = 0;  ///< interval of the live index; 0: none
     LiveOptions live;          ///< queue and segments
+    PresentationOptions presentation;
 };
 
 /// What a line of progress shows.
@@ -74,6 +83,8 @@ public:
 private:
     void OpenInputs();
     void OpenFeeds();
+    bool KeepsStartTimes() const;
+    void AlignStarts();
     void ReadTimecode();
     void WarnBeforehand();
     void Create();
@@ -81,6 +92,7 @@ private:
     void StartRecorder();
     void FinishRecorder();
     void PassWarnings();
+    mp4_status_t Present(CMp4Muxer& muxer) const;
     void Declare();
     void WriteFrames();
     std::string SegmentLines() const;
@@ -108,6 +120,7 @@ private:
     std::unique_ptr<CaptionFeed> m_captions;
     std::vector<TrackFeed*> m_feeds;
     std::optional<Timecode> m_timecode;
+    uint64_t m_startSeconds = 0;  // when the first picture is shown and the first sound heard
     Observer m_observer;
     CMp4Muxer m_muxer;
     SinkOf<CMp4Muxer> m_muxerSink{m_muxer};

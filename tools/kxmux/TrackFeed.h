@@ -50,8 +50,13 @@ public:
     virtual mp4_status_t Declare(FrameSink& sink) = 0;
     /// Makes the next frame ready; false when there is none any more.
     bool Prepare();
-    /// When the prepared frame is decoded.
-    virtual MediaTime NextTime() const = 0;
+    /// When the prepared frame is decoded, as it is handed over.
+    MediaTime NextTime() const {
+        const MediaTime time = OwnTime();
+        return {m_start + time.ticks, time.timescale};
+    }
+    /// By how many ticks frames are handed over later than at the input's own times.
+    void StartAt(uint64_t ticks) { m_start = ticks; }
     /// Hands the prepared frame over.
     virtual mp4_status_t Write(FrameSink& sink) const = 0;
     /// The prepared frame is recorded.
@@ -69,6 +74,9 @@ public:
     std::vector<std::string> TakeWarnings() { return std::exchange(m_warnings, {}); }
 
 protected:
+    /// When the prepared frame is decoded, from the input's beginning.
+    virtual MediaTime OwnTime() const = 0;
+    uint64_t Start() const { return m_start; }
     /// Reads the next frame; false at the end of the input. Throws StreamError and Interrupted.
     virtual bool ReadFrame() = 0;
     /// The frame that a failure of ReadFrame is told of.
@@ -86,6 +94,7 @@ protected:
 private:
     std::string m_path;
     uint64_t m_frames = 0;
+    uint64_t m_start = 0;
     bool m_ready = false;
     bool m_ended = false;
     bool m_interrupted = false;

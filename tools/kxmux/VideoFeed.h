@@ -40,8 +40,9 @@ public:
     /// and Interrupted.
     static std::unique_ptr<VideoFeed> Open(const VideoOptions& options, Input& input);
 
-    MediaTime NextTime() const override { return TimeOf(Frames()); }
-    MediaTime Duration() const { return NextTime(); }
+    MediaTime Duration() const { return OwnTime(); }
+    /// How much later than it is decoded the first picture is shown, in ticks.
+    virtual uint64_t ReorderDelay() const { return 0; }
     const FrameRate& Rate() const { return m_rate; }
     uint32_t Timescale() const { return m_ticks.timescale; }
     /// Codec, size and frame rate in words.
@@ -54,7 +55,7 @@ protected:
 
     const VideoOptions& Options() const { return m_options; }
     uint32_t TicksPerFrame() const { return m_ticks.perFrame; }
-    MediaTime TimeOf(uint64_t frame) const { return {frame * m_ticks.perFrame, m_ticks.timescale}; }
+    MediaTime OwnTime() const override { return {Frames() * m_ticks.perFrame, m_ticks.timescale}; }
     /// Sets the rate, the user's before the one that the stream tells.
     void SetRate(const std::optional<FrameRate>& streamRate);
     /// Tells when the stream's picture size is another than before, once.
