@@ -17,4 +17,6 @@ for program in build/bench/bench/bench_*; do
     "$program" "${micro[@]}"
 done
 build/bench/bench/compare "$@"
-[[ " $* " == *" --quick "* ]] || build/bench/bench/recorder_latency
+[[ " $* " != *" --quick "* ]] || exit 0
+build/bench/bench/recorder_latency
+build/bench/bench/query_latency

@@ -18,8 +18,10 @@ flags=${SANITIZE:+-fsanitize=$SANITIZE}
 
 step() { printf '== %s\n' "$*"; }
 
-record() {  # record PROGRAM NAME
+record() {  # record PROGRAM NAME: a whole recording, and one that is cut off and repaired
     "$1" "$scratch/$2.mp4" "$VERSION"
+    "$1" "$scratch/$2-half.mp4" "$VERSION" 20
+    "$1" "$scratch/$2-half.mp4" "$VERSION" | grep -q 'repaired, 20 pictures$'
 }
 
 configure() {  # configure NAME OPTION...
