@@ -224,6 +224,11 @@ mp4_status_t kx_mp4_muxer_set_video_colour(kx_mp4_muxer* muxer, const mp4_video_
     });
 }
 
+mp4_status_t kx_mp4_muxer_set_strict_form(kx_mp4_muxer* muxer, int strict) {
+    return Call(muxer, __func__,
+                [&](kx_mp4_muxer& handle) { return handle.muxer.SetStrictForm(strict != 0); });
+}
+
 mp4_status_t kx_mp4_muxer_write_video(kx_mp4_muxer* muxer, const uint8_t* frame, uint32_t size,
                                       uint64_t pts, uint64_t dts) {
     return Call(muxer, __func__, [&](kx_mp4_muxer& handle) {

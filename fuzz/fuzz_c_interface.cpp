@@ -424,7 +424,10 @@ void Caller::SetTrack() {
 }
 
 void Caller::SetPresentation() {
-    switch (m_input.ConsumeIntegralInRange(0, 3)) {
+    switch (m_input.ConsumeIntegralInRange(0, 4)) {
+        case 4:
+            kx_mp4_muxer_set_strict_form(m_muxer, Any<int8_t>());
+            return;
         case 0:
             kx_mp4_muxer_set_timeline(m_muxer, Any<int8_t>());
             return;

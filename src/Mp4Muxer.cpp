@@ -181,6 +181,10 @@ mp4_status_t CMp4Muxer::SetVideoColour(const mp4_video_colour_t& colour) {
     });
 }
 
+mp4_status_t CMp4Muxer::SetStrictForm(bool strict) {
+    return Operation(*m_state, [&] { return m_state->SetStrictForm(strict); });
+}
+
 mp4_status_t CMp4Muxer::SetLiveIndex(uint32_t interval_ms) {
     return Operation(*m_state, [&] {
         CMAutoLock lock(m_state->m_lockWrite);

@@ -182,6 +182,7 @@ mp4_status_t MuxerState::WriteHeader() {
 
 mp4_status_t MuxerState::WriteHeaderBoxes() {
     try {
+        m_ftyp->SetStrict(m_presentation.strictForm, m_live.IsOn());
         m_ftyp->Write();
         if (m_live.IsOn()) {
             m_live.WriteHeader(*m_pWriter);
@@ -409,6 +410,20 @@ mp4_status_t MuxerState::SetLiveIndex(uint32_t interval_ms) {
     }
     m_live.SetInterval(interval_ms);
     return MP4_STATUS_SUCCESS;
+}
+
+mp4_status_t MuxerState::SetStrictForm(bool strict) {
+    const mp4_status_t ready = CheckPresentationCall("SetStrictForm");
+    if (ready != MP4_STATUS_SUCCESS) return ready;
+    if (m_writeHeader) {
+        LogError(
+            "the strict form can only be set before the first frame and, with a repair info file, "
+            "before the first track",
+            kSource, __LINE__, "SetStrictForm");
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    m_presentation.strictForm = strict;
+    return TellPresentation();
 }
 
 mp4_status_t MuxerState::CheckPresentationCall(const char* function) const {

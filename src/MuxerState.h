@@ -131,6 +131,7 @@ struct MuxerState {
         change(m_presentation);
         return TellPresentation();
     }
+    mp4_status_t SetStrictForm(bool strict);
     mp4_status_t CheckPresentationCall(const char* function) const;
     mp4_status_t TellPresentation();
     mp4_status_t RecordPresentation(CInfoWriter& writer) const;

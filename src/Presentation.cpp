@@ -18,6 +18,7 @@ enum Tag : uint8_t {
     kColour = 7,            // 2, 2, 2, 1
     kMasteringDisplay = 8,  // 2 x 8, 4, 4
     kContentLight = 9,      // 2, 2
+    kStrictForm = 10,       // 1 byte: 1
 };
 
 /// Lists the facts for a writer and for a reader alike: `fact(tag, present, fields...)`.
@@ -26,6 +27,7 @@ void ForEachFact(Facts& facts, Fact&& fact) {
     auto& shape = facts.shape;
     auto& colour = facts.colour;
     auto& display = colour.display_primaries;
+    fact(kStrictForm, facts.strictForm, facts.strictForm);
     fact(kStartTimes, facts.startTimes, facts.startTimes);
     fact(kAudioPriming, facts.audioPriming != 0, facts.audioPriming);
     fact(kPixelAspect, facts.HasPixelAspect(), shape.pixel_width, shape.pixel_height);

@@ -26,6 +26,7 @@ struct Presentation {
     static constexpr const char* kNamespace = "kxmp";
     static constexpr const char* kKey = "com.kx_mp4.presentation";
 
+    bool strictForm = false;    ///< See CMp4Muxer::SetStrictForm.
     bool startTimes = false;    ///< See CMp4Muxer::SetTimeline.
     uint32_t audioPriming = 0;  ///< See CMp4Muxer::SetAudioPriming.
     mp4_video_shape_t shape{};

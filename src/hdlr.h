@@ -5,15 +5,16 @@
 #include <string_view>
 
 #include "Atom.h"
+#include "FileForm.h"
 
 /// Handler Reference Box, 'hdlr' - ISO/IEC 14496-12, 8.4.3, in the older QuickTime form, which
-/// both kinds of file carry - inside 'mdia' and 'minf' - leaf
+/// both kinds of file carry, or in the strict form of MP4 - inside 'mdia' and 'minf' - leaf
 ///
-/// | offset | bytes | field                                                    |
-/// | 12     | 4     | component type: "mhlr" media handler, "dhlr" data handler |
-/// | 16     | 4     | component subtype: the kind of media                     |
-/// | 20     | 12    | manufacturer, flags, flags mask: 0                       |
-/// | 32     | 1 + n | name as a counted string                                 |
+/// | offset | bytes | field                                                     | strict MP4      |
+/// | 12     | 4     | component type: "mhlr" media handler, "dhlr" data handler | 0               |
+/// | 16     | 4     | component subtype: the kind of media                      |                 |
+/// | 20     | 12    | manufacturer, flags, flags mask: 0                        |                 |
+/// | 32     | 1 + n | name as a counted string                                  | name, then zero |
 class CMp4HdlrAtom : public kx_mp4::LeafAtom<CMp4HdlrAtom> {
 public:
     /// A handler of these types and this name, which is at most 255 bytes and lives as long as the
@@ -22,23 +23,28 @@ public:
                  std::string_view name)
         : LeafAtom(pWriter), m_componentType(componentType), m_subtype(subtype), m_name(name) {}
 
+    void SetForm(kx_mp4::FileForm form) { m_form = form; }
+
     template <class Out>
     void Put(Out& out) const {
         const auto nameLength = static_cast<uint8_t>(m_name.size());
+        const bool strict = m_form == kx_mp4::FileForm::kStrictMp4;
         kx_mp4::PutFullBoxHeader(out, "hdlr");
-        out.WriteTag(m_componentType);
+        out.WriteTag(strict ? kx_mp4::FourCC() : m_componentType);
         out.WriteTag(m_subtype);
         out.WriteInt32(0);  // manufacturer
         out.WriteInt32(0);  // flags
         out.WriteInt32(0);  // flags mask
-        out.WriteInt8(nameLength);
+        if (!strict) out.WriteInt8(nameLength);
         out.WriteBuf(m_name.data(), nameLength);
+        if (strict) out.WriteInt8(0);
     }
 
 private:
     kx_mp4::FourCC m_componentType;
     kx_mp4::FourCC m_subtype;
     std::string_view m_name;
+    kx_mp4::FileForm m_form = kx_mp4::FileForm::kUsual;
 };
 
 class CMp4VideoHdlrAtom : public CMp4HdlrAtom {

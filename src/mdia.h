@@ -2,6 +2,7 @@
 #define KX_MP4_MDIA_H
 
 #include "Atom.h"
+#include "FileForm.h"
 #include "hdlr.h"
 #include "mdhd.h"
 #include "minf.h"
@@ -54,6 +55,10 @@ public:
     explicit KindMdiaAtom(IBaseIO* pWriter)
         : CMp4MdiaAtom(pWriter), m_hdlr(pWriter), m_minf(pWriter) {}
 
+    void SetForm(FileForm form) {
+        m_hdlr.SetForm(form);
+        m_minf.SetForm(form);
+    }
     MinfAtom& MediaInformation() { return m_minf; }
 
 protected:

@@ -15,7 +15,7 @@ bool CMp4MetaAtom::SetMetaData(const char* pKey, const char* pData, uint32_t siz
 
 template <class Out>
 void CMp4MetaAtom::PutHead(Out& out) const {
-    if (!m_isQtff) out.WriteInt32(0);  // version and flags
+    if (!m_isQtff || m_form == kx_mp4::FileForm::kStrictMp4) out.WriteInt32(0);  // version, flags
     kx_mp4::PutBox(out, "hdlr", [this](auto& handler) {
         handler.WriteInt32(0);
         handler.WriteInt32(0);

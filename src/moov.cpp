@@ -9,6 +9,8 @@
 #include "Log.h"
 #include "Rescale.h"
 
+using kx_mp4::FileForm;
+
 namespace {
 
 constexpr const char* kSource = "src/moov";
@@ -71,6 +73,17 @@ void CMp4MoovAtom::SetPresentation(const kx_mp4::Presentation& presentation) {
             track->KeepStart(0);
     m_trakVideo.SetPresentation(presentation);
     m_trakAudio.SetPriming(presentation.audioPriming);
+    SetForm(!presentation.strictForm ? FileForm::kUsual
+            : m_isQtFile             ? FileForm::kStrictQuickTime
+                                     : FileForm::kStrictMp4);
+}
+
+void CMp4MoovAtom::SetForm(FileForm form) {
+    m_trakVideo.SetForm(form);
+    m_trakAudio.SetForm(form);
+    m_trackTC.SetForm(form);
+    m_trakSubtitle.SetForm(form);
+    m_meta.SetForm(form);
 }
 
 int32_t CMp4MoovAtom::NextTrakId() {

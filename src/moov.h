@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "Atom.h"
+#include "FileForm.h"
 #include "kx_mp4/kx_mp4.h"
 #include "meta.h"
 #include "mvex.h"
@@ -110,6 +111,7 @@ public:
     bool m_has_meta = false;
 
 private:
+    void SetForm(kx_mp4::FileForm form);
     int32_t NextTrakId();
     /// Whether a sample of this track opens a chunk; the track is then the last one written.
     bool OpensChunk(const CMp4TrakAtom& track);

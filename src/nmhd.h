@@ -25,4 +25,24 @@ private:
     CMp4TextAtom m_text;
 };
 
+namespace kx_mp4 {
+
+/// Null Media Header Box in the strict form of MP4, 'nmhd' - ISO/IEC 14496-12, 8.4.5.2 - inside
+/// 'minf' of tracks of captions and timecode - constant
+///
+/// | offset | bytes | field                |
+/// | 8      | 4     | version 0, flags 0   |
+class StrictNmhdAtom : public ConstantAtom<StrictNmhdAtom> {
+public:
+    using ConstantAtom::ConstantAtom;
+
+    template <class Out>
+    static constexpr void Put(Out& out) {
+        PutBox(out, "nmhd", [](auto& content) { content.WriteInt32(0); });
+    }
+};
+static_assert(SizeOf<StrictNmhdAtom>() == kFullBoxHeaderSize);
+
+}  // namespace kx_mp4
+
 #endif  // KX_MP4_NMHD_H

@@ -3,6 +3,7 @@
 
 #include "Atom.h"
 #include "ChunkOffsets.h"
+#include "FileForm.h"
 #include "ctts.h"
 #include "kx_mp4/kx_mp4.h"
 #include "stsc.h"
@@ -102,6 +103,7 @@ public:
     }
     /// Chooses the form of the colour box.
     void SetIsMp4File(bool mp4File) { m_stsd.SetIsMp4File(mp4File); }
+    void SetForm(kx_mp4::FileForm form) { m_stsd.SetForm(form); }
     /// Marks a sample, by its number from 1, as a sync sample; false when reserved room is full.
     bool AddSyncSample(int32_t iSampleIndex) { return m_stss.AddSyncSample(iSampleIndex); }
 
@@ -128,9 +130,11 @@ public:
     explicit CMp4AudioStblAtom(IBaseIO* pWriter) : CMp4StblAtom(pWriter), m_stsd(pWriter) {}
 
     void SetSamplerate(int nSamplerate) { m_stsd.SetSamplerate(nSamplerate); }
+    void SetChannels(int nChannels) { m_stsd.SetChannels(nChannels); }
     void SetAAC(const uint8_t* pbData, int cbData) { m_stsd.SetAAC(pbData, cbData); }
     void SetTrakId(int iId) { m_stsd.SetTrakId(iId); }
     void SetIsMp4File(bool mp4File) { m_stsd.SetIsMp4File(mp4File); }
+    void SetForm(kx_mp4::FileForm form) { m_stsd.SetForm(form); }
 
     void SetMaxFrameNum(uint32_t num, uint32_t) override { ReserveTables(num, 1); }
 
@@ -148,6 +152,7 @@ public:
 
     void SetTrakId(int iId) { m_stsd.SetTrakId(iId); }
     void SetCodec(mp4_subtitle_codec codec) { m_stsd.SetCodec(codec); }
+    void SetForm(kx_mp4::FileForm form) { m_stsd.SetForm(form); }
 
 protected:
     CMp4Atom& Stsd() override { return m_stsd; }
@@ -170,6 +175,7 @@ public:
     void SetFrameDuration(int32_t nDuration) { m_stsd.SetFrameDuration(nDuration); }
     void SetFlags(int32_t nFlags) { m_stsd.SetFlags(nFlags); }
     void SetNumOfFrames(uint8_t nFrames) { m_stsd.SetNumOfFrames(nFrames); }
+    void SetForm(kx_mp4::FileForm form) { m_stsd.SetForm(form); }
     /// Duration of the only sample, media ticks.
     void SetDuration(int32_t nDuration) { m_stts.SetFrameDuration(nDuration); }
 

@@ -88,13 +88,22 @@ void CMp4VideoStsdAtom::SetProRes(const mp4_prores_parameter_set_t* pParam) {
     m_szTag = m_fourcc;
 }
 
+bool CMp4VideoStsdAtom::IsProRes() const {
+    return m_codec == MP4_MVC_PRORES && (!IsStrict() || m_szTag == m_fourcc);
+}
+
 bool CMp4VideoStsdAtom::HasAlpha() const {
-    return m_fourcc == "ap4x" || m_fourcc == "ap4h";
+    const bool alpha = m_fourcc == "ap4x" || m_fourcc == "ap4h";
+    return alpha && (!IsStrict() || IsProRes());
 }
 
 template <class Out>
 void CMp4VideoStsdAtom::PutCompressorName(Out& out) const {
     char field[32] = {};
+    if (IsStrict() && !IsProRes()) {
+        out.WriteBuf(field, sizeof field);
+        return;
+    }
     const size_t length = std::min(m_compressor.size(), sizeof field - 1);
     field[0] = static_cast<char>(m_compressor.size());
     std::copy_n(m_compressor.begin(), length, field + 1);
@@ -108,7 +117,7 @@ void CMp4VideoStsdAtom::PutEntry(Out& out) const {
     constexpr uint16_t kDepth = 24;
     constexpr uint16_t kDepthWithAlpha = 32;
     constexpr uint16_t kNoColourTable = 0xFFFF;
-    const bool prores = m_codec == MP4_MVC_PRORES;
+    const bool prores = IsProRes();
 
     PutEntryHead(out, m_szTag);
     out.WriteInt16(0);  // version
@@ -131,7 +140,7 @@ void CMp4VideoStsdAtom::PutEntry(Out& out) const {
 template <class Out>
 void CMp4VideoStsdAtom::PutPresentation(Out& out) const {
     const mp4_video_shape_t& shape = m_presentation.shape;
-    const bool prores = m_codec == MP4_MVC_PRORES;
+    const bool prores = IsProRes();
     if (shape.field_order != MP4_FIELDS_NOT_SAID)
         CMp4FielAtom::Put(out, shape.field_order);
     else if (prores)
@@ -257,11 +266,19 @@ constexpr uint16_t kSoundChannels = 2;
 constexpr uint16_t kSoundSampleBits = 16;
 }  // namespace
 
+/// Configuration 0 has its channels in a program config element; 7 are 7.1, 11 and up less usual.
+uint16_t CMp4AudioStsdAtom::ChannelField() const {
+    constexpr uint16_t kByConfiguration[] = {kSoundChannels, 1, 2, 3, 4, 5, 6, 8};
+    const auto configuration = static_cast<size_t>(m_nChannels);
+    if (!IsStrict() || configuration >= std::size(kByConfiguration)) return kSoundChannels;
+    return kByConfiguration[configuration];
+}
+
 template <class Out>
 void CMp4AudioStsdAtom::PutMp4Entry(Out& out) const {
     PutEntryHead(out, m_szTag);
     out.WriteInt64(0);
-    out.WriteInt16(kSoundChannels);
+    out.WriteInt16(ChannelField());
     out.WriteInt16(kSoundSampleBits);
     out.WriteInt16(0);
     out.WriteInt16(0);
@@ -276,7 +293,7 @@ void CMp4AudioStsdAtom::PutQtEntry(Out& out) const {
     out.WriteInt16(kVersion);
     out.WriteInt16(0);  // revision level
     out.WriteInt32(0);  // vendor
-    out.WriteInt16(kSoundChannels);
+    out.WriteInt16(ChannelField());
     out.WriteInt16(kSoundSampleBits);
     out.WriteInt16(kVariableCompression);
     out.WriteInt16(0);  // packet size
@@ -350,7 +367,7 @@ void CMp4TMCDStsdAutom::PutEntry(Out& out) const {
     out.WriteInt32(Low32(m_nFrameDuration));
     out.WriteInt8(m_nNumOfFrames);
     out.WriteInt8(0);
-    out.WriteInt16(0);
+    if (!IsStrict()) out.WriteInt16(0);
 }
 
 void CMp4TMCDStsdAutom::WriteMediaInfo() {

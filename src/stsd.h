@@ -4,6 +4,7 @@
 #include <string>
 
 #include "Atom.h"
+#include "FileForm.h"
 #include "Presentation.h"
 #include "avcc.h"
 #include "esds.h"
@@ -22,6 +23,7 @@ class CMp4StsdAtom : public CMp4Atom {
 public:
     using CMp4Atom::CMp4Atom;
 
+    void SetForm(kx_mp4::FileForm form) { m_form = form; }
     void Write() override;
     /// Without the entry.
     uint32_t GetSize() override;
@@ -29,6 +31,10 @@ public:
 protected:
     /// Writes the one entry.
     virtual void WriteMediaInfo() = 0;
+    bool IsStrict() const { return m_form != kx_mp4::FileForm::kUsual; }
+
+private:
+    kx_mp4::FileForm m_form = kx_mp4::FileForm::kUsual;
 };
 
 /// Visual sample entry - ISO/IEC 14496-12, 12.1.3, with QuickTime's details for ProRes
@@ -52,7 +58,8 @@ protected:
 /// | ...    | 12    | 'clli': content light levels                                      |
 ///
 /// Of the boxes behind the configuration, those of which the presentation says something are
-/// written.
+/// written. A track that was declared as ProRes before keeps its vendor and name, but not in a
+/// strict form.
 class CMp4VideoStsdAtom : public CMp4StsdAtom {
 public:
     explicit CMp4VideoStsdAtom(IBaseIO* pWriter);
@@ -93,6 +100,7 @@ private:
     template <class Out>
     void PutCompressorName(Out& out) const;
     bool HasAlpha() const;
+    bool IsProRes() const;
     /// The codec's configuration box, null when it has none.
     CMp4Atom* Configuration();
 
@@ -120,7 +128,7 @@ private:
 /// | 36     | 16    |                         | samples and bytes per packet, 0 |
 /// | 36, 52 | ...   | 'esds'                  | 'wave'                          |
 ///
-/// The true number of channels is in the AudioSpecificConfig only.
+/// The true number of channels is in the AudioSpecificConfig only; in the strict forms here, too.
 class CMp4AudioStsdAtom : public CMp4StsdAtom {
 public:
     explicit CMp4AudioStsdAtom(IBaseIO* pWriter)
@@ -128,6 +136,8 @@ public:
 
     /// Hz.
     void SetSamplerate(int nSamplerate) { m_nSamplerate = nSamplerate; }
+    /// The channel configuration (ISO/IEC 14496-3, 1.6.3.5).
+    void SetChannels(int nChannels) { m_nChannels = nChannels; }
     /// Copies the AudioSpecificConfig.
     void SetAAC(const uint8_t* pbData, int cbData);
     void SetTrakId(int iId);
@@ -147,9 +157,11 @@ private:
     template <class Out>
     void PutQtEntry(Out& out) const;
     uint32_t SampleRateField() const;
+    uint16_t ChannelField() const;
 
     kx_mp4::FourCC m_szTag;
     int m_nSamplerate = 0;
+    int m_nChannels = 0;
     CMp4WaveAtom m_wave;
     CMp4EsdsAtom m_esds;
     bool m_qt = false;
@@ -188,6 +200,7 @@ private:
 /// | 20     | 4     | flags: 1 drop frame ...               |
 /// | 24     | 4, 4  | timescale, frame duration in its ticks |
 /// | 32     | 1     | frames per second, as counted         |
+/// | 34     | 2     | 0; not in the strict forms            |
 class CMp4TMCDStsdAutom : public CMp4StsdAtom {
 public:
     explicit CMp4TMCDStsdAutom(IBaseIO* pWriter) : CMp4StsdAtom(pWriter), m_udat(pWriter) {}

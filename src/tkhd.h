@@ -2,6 +2,7 @@
 #define KX_MP4_TKHD_H
 
 #include "DurationAtom.h"
+#include "FileForm.h"
 #include "Rescale.h"
 
 /// Track Header Box, 'tkhd' - ISO/IEC 14496-12, 8.3.2 - inside 'trak' - leaf
@@ -13,7 +14,8 @@
 /// | 28 / 36      | 4 / 8       | duration, ticks of the movie                            |
 /// | 32 / 44      | 8           | reserved                                                |
 /// | 40 / 52      | 2, 2        | layer 0, alternate group                                |
-/// | 44 / 56      | 2, 2        | volume: 1.0 of a track without a width; reserved        |
+/// | 44 / 56      | 2, 2        | volume: 1.0 of a track without a width, but not of      |
+/// |              |             | timecode in the strict forms; reserved                  |
 /// | 48 / 60      | 36          | matrix: unity, or a turn                                |
 /// | 84 / 96      | 4, 4        | width as it is shown, height, pixels in 16.16           |
 class CMp4TkhdAtom : public kx_mp4::DurationAtom<CMp4TkhdAtom> {
@@ -31,6 +33,7 @@ public:
         uint32_t rotation = 0;  // degrees clockwise
         int16_t alternateGroup = 0;
         bool timecode = false;
+        kx_mp4::FileForm form = kx_mp4::FileForm::kUsual;
     };
 
     using DurationAtom::DurationAtom;
@@ -48,6 +51,7 @@ public:
         m_values.pixelHeight = pixelHeight != 0 ? pixelHeight : 1;
         m_values.rotation = rotation;
     }
+    void SetForm(kx_mp4::FileForm form) { m_values.form = form; }
     /// Makes this the header of a timecode track.
     void SetUseTCFlag() { m_values.timecode = true; }
     /// Tracks of one group other than 0 are alternatives to each other.
@@ -70,7 +74,9 @@ public:
         out.WriteInt64(0);
         out.WriteInt16(0);
         out.WriteInt16(kx_mp4::Low16(values.alternateGroup));
-        out.WriteInt16(values.width != 0 ? 0 : kFullVolume);
+        const bool silent =
+            values.width != 0 || (values.timecode && values.form != kx_mp4::FileForm::kUsual);
+        out.WriteInt16(silent ? 0 : kFullVolume);
         out.WriteInt16(0);
         const uint32_t width = kx_mp4::Low32(kx_mp4::Rescale(
             kx_mp4::Fixed16_16(values.width), values.pixelWidth, values.pixelHeight));

@@ -271,6 +271,7 @@ void CMp4AudioTrakAtom::SetAudioInfo(const mp4_audio_track_info_t* pTrackInfo) {
     const auto frameDuration = static_cast<uint32_t>(m_info.frame_duration);
     m_mdia.SetTimeScale(static_cast<int32_t>(m_info.timescale));
     SampleTable().SetSamplerate(sampleRate);
+    SampleTable().SetChannels(m_info.channels);
     SampleTable().SetTrakId(m_iTrakID);
     SampleTable().SetFrameDuration(static_cast<int32_t>(frameDuration));
     setFrameDuration(frameDuration);

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "Atom.h"
+#include "FileForm.h"
 #include "Presentation.h"
 #include "edts.h"
 #include "kx_mp4/kx_mp4.h"
@@ -144,6 +145,7 @@ public:
     int32_t GetHeight() const { return m_info.height; }
     /// Chooses the form of the colour box.
     void SetIsMp4File(bool mp4File) { SampleTable().SetIsMp4File(mp4File); }
+    void SetForm(kx_mp4::FileForm form) { m_mdia.SetForm(form); }
     /// 64-bit chunk offsets; recorded ones are carried over.
     void SetUse64BitSize() { m_mdia.MediaInformation().SetUse64BitSize(); }
     /// See CMp4Muxer::SetCompositionOffsets.
@@ -203,6 +205,7 @@ public:
     void SetUse64BitSize() { m_mdia.MediaInformation().SetUse64BitSize(); }
     /// Chooses the form of the sample entry.
     void SetIsMp4File(bool mp4File) { SampleTable().SetIsMp4File(mp4File); }
+    void SetForm(kx_mp4::FileForm form) { m_mdia.SetForm(form); }
     /// Takes over the description and builds the AudioSpecificConfig.
     void SetAudioInfo(const mp4_audio_track_info_t* pTrackInfo);
     /// Records a sample; false when reserved room is full.
@@ -240,6 +243,10 @@ public:
     void SetUse64BitSize() { m_mdia.MediaInformation().SetUse64BitSize(); }
     /// Chooses the media header.
     void SetIsMp4File(bool mp4File) { m_mdia.MediaInformation().SetMp4Format(mp4File); }
+    void SetForm(kx_mp4::FileForm form) {
+        m_tkhd.SetForm(form);
+        m_mdia.SetForm(form);
+    }
     void SetTimecodeTrackInfo(const mp4_time_code_track_info_t* pInfo);
     /// Ticks of the timecode track's timescale.
     void SetDuration(int64_t nDuration);
@@ -273,6 +280,7 @@ public:
     /// Pixels of the video that the captions belong to.
     void SetResolution(int32_t nWidth, int32_t nHeight) { m_tkhd.SetResolution(nWidth, nHeight); }
     void SetSubtitleInfo(const mp4_subtitle_track_info_t* pTrackInfo);
+    void SetForm(kx_mp4::FileForm form) { m_mdia.SetForm(form); }
     /// Records a sample; false when reserved room is full.
     bool AfterWriteFrame(int64_t nOffset, int cbFrame, int64_t nTimeStamp, bool bNewChunk);
 

@@ -90,6 +90,7 @@ void Maker::AddSetUp() {
         Add([](CMp4Muxer& muxer) { return muxer.SetCompositionOffsets(true); }, CallKind::kSetUp);
     if (m_scenario.presented) {
         Add([](CMp4Muxer& muxer) { return muxer.SetTimeline(true); }, CallKind::kSetUp);
+        Add([](CMp4Muxer& muxer) { return muxer.SetStrictForm(true); }, CallKind::kSetUp);
         Add([](CMp4Muxer& muxer) { return muxer.SetAudioPriming(1024); }, CallKind::kSetUp);
         Add(
             [](CMp4Muxer& muxer) {

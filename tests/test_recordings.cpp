@@ -8,8 +8,8 @@
 //   as a number timecode TIMESCALE DURATION FRAMES FLAGS meta KEY TYPE VALUE [SPACE]     value is
 //   text, 0x and digits, or "null" v TIMES UNIT...                 units as digits or by name;
 //   "raw" before digits: no start codes a TIMES BYTES, c TIMES BYTES    times: START[+STEPxCOUNT];
-//   of v: DTS, DTS:PTS t COUNTER offsets 0|1, live MS, timeline 0|1, priming SAMPLES, shape and
-//   colour FIELD=VALUE..., flush, ask, side, close
+//   of v: DTS, DTS:PTS t COUNTER offsets 0|1, live MS, timeline 0|1, strict 0|1, priming SAMPLES,
+//   shape and colour FIELD=VALUE..., flush, ask, side, close
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -372,6 +372,7 @@ const std::map<std::string, Replay::Call> Replay::kCalls{
     {"c", [](Replay& r) { return r.Packets(&CMp4Muxer::WriteSubtitleFrame); }},
     {"t", [](Replay& r) { return r.m_muxer.WriteTimeCode(r.Number(1)); }},
     {"offsets", [](Replay& r) { return r.m_muxer.SetCompositionOffsets(r.Number(1) != 0); }},
+    {"strict", [](Replay& r) { return r.m_muxer.SetStrictForm(r.Number(1) != 0); }},
     {"timeline", [](Replay& r) { return r.m_muxer.SetTimeline(r.Number(1) != 0); }},
     {"priming",
      [](Replay& r) { return r.m_muxer.SetAudioPriming(static_cast<uint32_t>(r.Number(1))); }},

@@ -186,6 +186,18 @@ public:
     /// once
     ///         the first frame has been written.
     mp4_status_t SetVideoColour(const mp4_video_colour_t& colour);
+    /// Writes boxes as the standard of the file's kind has them to the letter; off after Create,
+    /// where a few keep an older form that most readers take.
+    ///
+    /// On, in both kinds: the sound description has the true number of channels, a timecode
+    /// description ends where it should, and a track that was declared twice keeps nothing of its
+    /// first description. In an MP4 file also: custom metadata is a full box, without which some
+    /// readers of tags see none at all; handlers have names that end with a zero, and none stands
+    /// in `minf`; tracks of captions and timecode have the 12 bytes of `nmhd`; and the brands are
+    /// those whose rules are kept.
+    /// @return #MP4_STATUS_INVALID_PARAMETER once the first frame has been written or, with
+    ///         #MP4_FLAG_REPAIR_INFO, the first track has been declared.
+    mp4_status_t SetStrictForm(bool strict);
 
     /// Declares the video track; may be called again before its first frame.
     ///

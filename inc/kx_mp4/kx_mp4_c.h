@@ -255,6 +255,8 @@ KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_set_video_shape(kx_mp4_muxer* muxer,
 /// As CMp4Muxer::SetVideoColour, before the first frame.
 KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_set_video_colour(kx_mp4_muxer* muxer,
                                                          const mp4_video_colour_t* colour);
+/// As CMp4Muxer::SetStrictForm; not 0 turns it on.
+KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_set_strict_form(kx_mp4_muxer* muxer, int strict);
 
 /// As CMp4Muxer::WriteVideoFrame. Times are in ticks.
 KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_write_video(kx_mp4_muxer* muxer, const uint8_t* frame,

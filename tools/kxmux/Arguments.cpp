@@ -147,6 +147,8 @@ void Arguments::AddPresentation(CLI::App& app) {
                  "Do not say when tracks begin, nor what the stream tells of pixel shape, fields, "
                  "colour and light")
         ->excludes("--priming");
+    app.add_flag("--strict", m_strict,
+                 "Boxes as the standard has them to the letter, for readers that take no others");
 }
 
 void Arguments::AddOutput(CLI::App& app) {
@@ -251,6 +253,7 @@ PresentationOptions Arguments::Presentation() const {
     presentation.fromStream = !m_plain;
     presentation.audioPriming = m_priming;
     presentation.rotation = m_rotation;
+    presentation.strictForm = m_strict;
     return presentation;
 }
 

@@ -61,6 +61,7 @@ private:
     bool m_buffered = false;
     bool m_noCompositionOffsets = false;
     bool m_plain = false;
+    bool m_strict = false;
     uint32_t m_priming = 0;
     uint32_t m_rotation = 0;
     double m_liveSeconds = 0;

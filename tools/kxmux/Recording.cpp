@@ -199,7 +199,8 @@ mp4_status_t Recording::Present(CMp4Muxer& muxer) const {
     mp4_video_colour_t colour{};
     colour.struct_size = sizeof colour;
     colour.from_stream = wanted.fromStream ? 1 : 0;
-    mp4_status_t status = muxer.SetTimeline(KeepsStartTimes());
+    mp4_status_t status = muxer.SetStrictForm(wanted.strictForm);
+    if (status == MP4_STATUS_SUCCESS) status = muxer.SetTimeline(KeepsStartTimes());
     if (status == MP4_STATUS_SUCCESS) status = muxer.SetAudioPriming(wanted.audioPriming);
     if (status == MP4_STATUS_SUCCESS) status = muxer.SetVideoShape(shape);
     if (status == MP4_STATUS_SUCCESS) status = muxer.SetVideoColour(colour);

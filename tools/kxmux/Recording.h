@@ -30,6 +30,7 @@ struct PresentationOptions {
     bool fromStream = true;
     uint32_t audioPriming = 0;  ///< Samples at the beginning of the sound that are not to be heard.
     uint32_t rotation = 0;      ///< Degrees clockwise.
+    bool strictForm = false;    ///< As CMp4Muxer::SetStrictForm.
 };
 
 /// At least one of video and audio is given.
