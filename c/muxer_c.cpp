@@ -229,6 +229,17 @@ mp4_status_t kx_mp4_muxer_set_strict_form(kx_mp4_muxer* muxer, int strict) {
                 [&](kx_mp4_muxer& handle) { return handle.muxer.SetStrictForm(strict != 0); });
 }
 
+mp4_status_t kx_mp4_muxer_set_all_parameter_sets(kx_mp4_muxer* muxer, int all) {
+    return Call(muxer, __func__,
+                [&](kx_mp4_muxer& handle) { return handle.muxer.SetAllParameterSets(all != 0); });
+}
+
+mp4_status_t kx_mp4_muxer_add_parameter_set(kx_mp4_muxer* muxer, const uint8_t* nal,
+                                            uint32_t size) {
+    return Call(muxer, __func__,
+                [&](kx_mp4_muxer& handle) { return handle.muxer.AddParameterSet(nal, size); });
+}
+
 mp4_status_t kx_mp4_muxer_write_video(kx_mp4_muxer* muxer, const uint8_t* frame, uint32_t size,
                                       uint64_t pts, uint64_t dts) {
     return Call(muxer, __func__, [&](kx_mp4_muxer& handle) {

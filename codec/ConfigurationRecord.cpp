@@ -40,12 +40,13 @@ private:
     bool m_ok = true;
 };
 
-void TakeSets(RecordReader& reader, int count, RecordedSet* first, bool& hasMore) {
+void TakeSets(RecordReader& reader, int count, RecordedSet* first,
+              std::vector<RecordedSet>& further) {
     for (int i = 0; i < count && reader.Ok(); ++i) {
         const RecordedSet set = reader.Set();
         if (first == nullptr) continue;
         if (first->size != 0)
-            hasMore = true;
+            further.push_back(set);
         else
             *first = set;
     }
@@ -58,8 +59,8 @@ uint32_t LengthSize(uint8_t field) {
 void ReadAvc(RecordReader& reader, ConfigurationRecord& record) {
     reader.Skip(3);  // profile, compatibility, level
     record.lengthSize = LengthSize(reader.Byte());
-    TakeSets(reader, reader.Byte() & 0x1F, &record.sps, record.hasMoreSets);
-    TakeSets(reader, reader.Byte(), &record.pps, record.hasMoreSets);
+    TakeSets(reader, reader.Byte() & 0x1F, &record.sps, record.further);
+    TakeSets(reader, reader.Byte(), &record.pps, record.further);
 }
 
 void ReadHevc(RecordReader& reader, ConfigurationRecord& record) {
@@ -74,7 +75,7 @@ void ReadHevc(RecordReader& reader, ConfigurationRecord& record) {
                                    : type == hevc::kNalSps ? &record.sps
                                    : type == hevc::kNalPps ? &record.pps
                                                            : nullptr;
-        TakeSets(reader, count, first, record.hasMoreSets);
+        TakeSets(reader, count, first, record.further);
     }
 }
 

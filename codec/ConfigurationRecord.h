@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <vector>
 
 #include "kx_mp4/kx_mp4.h"
 
@@ -18,13 +19,13 @@ struct RecordedSet {
     uint16_t size = 0;
 };
 
-/// The first set of each kind; the bytes are those of the record that was read.
+/// The sets; the bytes are those of the record that was read.
 struct ConfigurationRecord {
     uint32_t lengthSize = 4;  ///< Bytes of the length in front of a NAL unit: 1, 2 or 4.
-    RecordedSet vps;
+    RecordedSet vps;          ///< The first one; so of the other kinds.
     RecordedSet sps;
     RecordedSet pps;
-    bool hasMoreSets = false;  ///< Whether the record has further sets of a kind.
+    std::vector<RecordedSet> further;  ///< Those behind the first one of their kind.
 };
 
 /// Reads an `avcC` or `hvcC` record, without box header. Nothing for one that is cut off, of

@@ -424,7 +424,15 @@ void Caller::SetTrack() {
 }
 
 void Caller::SetPresentation() {
-    switch (m_input.ConsumeIntegralInRange(0, 4)) {
+    switch (m_input.ConsumeIntegralInRange(0, 6)) {
+        case 6: {
+            const Bytes set = SomeBytes(80);
+            kx_mp4_muxer_add_parameter_set(m_muxer, set.data(), static_cast<uint32_t>(set.size()));
+            return;
+        }
+        case 5:
+            kx_mp4_muxer_set_all_parameter_sets(m_muxer, Any<int8_t>());
+            return;
         case 4:
             kx_mp4_muxer_set_strict_form(m_muxer, Any<int8_t>());
             return;

@@ -112,6 +112,8 @@ mp4_status_t Segment::CreateMuxer() {
     m_repairInfo = m_share.HasRepairInfo();
     if (options.composition_offsets) status = m_muxer.SetCompositionOffsets(true);
     if (status == MP4_STATUS_SUCCESS && options.start_times) status = m_muxer.SetTimeline(true);
+    if (status == MP4_STATUS_SUCCESS && options.all_parameter_sets)
+        status = m_muxer.SetAllParameterSets(true);
     if (status == MP4_STATUS_SUCCESS && options.live_index_ms != 0)
         status = m_muxer.SetLiveIndex(options.live_index_ms);
     if (status == MP4_STATUS_SUCCESS && options.configure) status = options.configure(m_muxer);
@@ -135,7 +137,7 @@ mp4_status_t Segment::Begin(const TrackSet& tracks, SegmentReason reason, int64_
     const auto declare = [&status](mp4_status_t declared) {
         if (status == MP4_STATUS_SUCCESS) status = declared;
     };
-    if (tracks.video.IsDeclared()) declare(m_muxer.SetVideoTrack(&tracks.video.Info()));
+    if (tracks.video.IsDeclared()) declare(DeclareVideo(tracks.video));
     if (tracks.audio) declare(m_muxer.SetAudioTrack(&*tracks.audio));
     if (tracks.captions) declare(m_muxer.SetSubtitleTrack(&*tracks.captions));
     if (tracks.timecode) declare(m_muxer.SetTCMDTrack(&*tracks.timecode));
@@ -148,6 +150,17 @@ mp4_status_t Segment::Begin(const TrackSet& tracks, SegmentReason reason, int64_
     if (!m_begun) return status;
     ++m_share.segmentsBegun;
     m_share.AddLive(m_file);
+    return status;
+}
+
+/// What was sent once, in an earlier segment, is needed in this one, too.
+mp4_status_t Segment::DeclareVideo(const VideoDescription& video) {
+    mp4_status_t status = m_muxer.SetVideoTrack(&video.Info());
+    if (!m_share.options.all_parameter_sets) return status;
+    video.FurtherSets().ForEach([&](const FurtherParameterSets::Set& set) {
+        if (status == MP4_STATUS_SUCCESS)
+            status = m_muxer.AddParameterSet(set.data(), static_cast<uint32_t>(set.size()));
+    });
     return status;
 }
 

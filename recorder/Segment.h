@@ -102,6 +102,7 @@ private:
     Segment(RecordingShare& share, std::shared_ptr<SegmentFile> file, uint64_t number,
             std::time_t due);
     mp4_status_t CreateMuxer();
+    mp4_status_t DeclareVideo(const VideoDescription& video);
     mp4_status_t WriteTimecode(const TrackSet& tracks, int64_t start);
     void Note(FrameKind kind, uint32_t size, int64_t time);
     SegmentTrack Told(FrameKind kind, const mp4_track_statistics_t& written) const;

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <optional>
 
 #include "H264Syntax.h"
 #include "HevcSyntax.h"
@@ -81,42 +80,6 @@ bool ForEachLength(size_t size, const uint8_t* bytes, Visit&& visit) {
     return at != 0;
 }
 
-/// The number that a set has among those of its kind.
-std::optional<uint32_t> SetNumber(mp4_video_codec codec, ParameterSetKind kind, const uint8_t* nal,
-                                  size_t size) {
-    constexpr size_t kHevcHeader = 2;
-    const bool hevc = codec == MP4_MVC_HEVC;
-    if (kind == ParameterSetKind::kVps) return size > kHevcHeader ? nal[kHevcHeader] >> 4U : 0U;
-    if (kind == ParameterSetKind::kSps && hevc) {
-        hevc::Sps sps;
-        return hevc::DescribeSps(nal, size, &sps) ? std::optional<uint32_t>(sps.id) : std::nullopt;
-    }
-    if (kind == ParameterSetKind::kSps) {
-        h264::Sps sps;
-        return h264::ParseSps(nal, size, &sps) ? std::optional<uint32_t>(sps.id) : std::nullopt;
-    }
-    if (hevc) {
-        hevc::Pps pps;
-        return hevc::DescribePps(nal, size, &pps) ? std::optional<uint32_t>(pps.id) : std::nullopt;
-    }
-    h264::Pps pps;
-    return h264::ParsePps(nal, size, &pps) ? std::optional<uint32_t>(pps.id) : std::nullopt;
-}
-
-Unit KeptSet(const mp4_video_track_info_t& info, ParameterSetKind kind) {
-    const bool hevc = info.codec == MP4_MVC_HEVC;
-    switch (kind) {
-        case ParameterSetKind::kVps:
-            return {info.hevc.vps, static_cast<size_t>(info.hevc.vps_size)};
-        case ParameterSetKind::kSps:
-            return hevc ? Unit{info.hevc.sps, static_cast<size_t>(info.hevc.sps_size)}
-                        : Unit{info.h264.sps, static_cast<size_t>(info.h264.sps_size)};
-        default:
-            return hevc ? Unit{info.hevc.pps, static_cast<size_t>(info.hevc.pps_size)}
-                        : Unit{info.h264.pps, static_cast<size_t>(info.h264.pps_size)};
-    }
-}
-
 }  // namespace
 
 PictureLook LookAtPicture(mp4_video_codec codec, const uint8_t* bytes, size_t size) {
@@ -156,6 +119,7 @@ void VideoDescription::Declare(const mp4_video_track_info_t& info) {
     m_info = info;
     ParameterSetKeeper::Normalise(m_info);
     m_sets.KeepGiven(m_info);
+    m_further.Clear();
     m_declared = true;
 }
 
@@ -178,13 +142,14 @@ bool VideoDescription::Take(const uint8_t* bytes, size_t size) {
 bool VideoDescription::TakeUnit(const uint8_t* nal, size_t size) {
     const auto kind = KindOfParameterSet(m_info.codec, nal, size);
     if (!kind) return false;
-    const Unit kept = KeptSet(m_info, *kind);
-    if (kept.size == size && std::memcmp(kept.data, nal, size) == 0) return false;
+    const ByteView kept = DescribedSet(m_info, *kind);
+    if (kept == ByteView{nal, size}) return false;
     const bool replaces = kept.size != 0;
     if (replaces) {
-        // A further set of another number leaves the description as it is.
-        const auto number = SetNumber(m_info.codec, *kind, nal, size);
-        if (!number || number != SetNumber(m_info.codec, *kind, kept.data, kept.size)) return false;
+        if (m_further.Holds({nal, size}) || m_further.Take(m_info, nal, size) != nullptr)
+            return false;
+        const auto number = NumberOfParameterSet(m_info.codec, *kind, {nal, size});
+        if (!number || number != NumberOfParameterSet(m_info.codec, *kind, kept)) return false;
     }
     if (!m_sets.Take(nal, size, m_info)) return false;
     if (replaces && *kind == ParameterSetKind::kSps) TakePictureSize(nal, size);

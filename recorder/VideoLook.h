@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "FurtherParameterSets.h"
 #include "ParameterSetKeeper.h"
 #include "kx_mp4/kx_mp4.h"
 
@@ -47,8 +48,10 @@ public:
     bool IsComplete() const { return ParameterSetKeeper::IsComplete(m_info); }
     /// Points into this object; until the next call of another operation.
     const mp4_video_track_info_t& Info() const { return m_info; }
+    /// Those of other numbers than the description's, as they were sent last.
+    const FurtherParameterSets& FurtherSets() const { return m_further; }
     /// Takes the sets in front of the picture's first slice. Whether one of them is another than
-    /// that of its kind and number before.
+    /// that of its kind and number in the description before.
     bool Take(const uint8_t* bytes, size_t size);
 
 private:
@@ -58,6 +61,7 @@ private:
     bool m_declared = false;
     mp4_video_track_info_t m_info{};
     ParameterSetKeeper m_sets;
+    FurtherParameterSets m_further{FurtherParameterSets::Counts::kLast};
 };
 
 }  // namespace kx_mp4

@@ -51,6 +51,7 @@ void MovieReplay::FillLiveMovie(CMp4MoovAtom& movie, const std::vector<LiveTrack
         switch (track) {
             case LiveTrack::kVideo:
                 movie.SetVideoTrack(&video);
+                m_furtherSets.ForEach([&movie](const auto& set) { movie.AddParameterSet(set); });
                 break;
             case LiveTrack::kAudio:
                 movie.SetAudioTrack(&m_audio);
@@ -67,6 +68,7 @@ void MovieReplay::FillLiveMovie(CMp4MoovAtom& movie, const std::vector<LiveTrack
 
 bool MovieReplay::ApplyFormat(const VideoFormatRecord& format) {
     m_video = format;
+    m_furtherSets.Clear();
     const mp4_video_track_info_t info = m_video.Info();
     m_live.Declare(LiveTrack::kVideo, true, info.timescale, info.frame_duration);
     return m_moov.SetVideoTrack(&info);
@@ -141,15 +143,20 @@ bool MovieReplay::ApplyFrame(const FrameRecord& frame, uint64_t position) {
 }
 
 bool MovieReplay::ApplyMetadata(const MetadataRecord& item) {
-    const bool isRecord =
-        item.has_namespace && Presentation::IsRecord(item.key.c_str(), item.name_space.c_str());
-    if (isRecord && m_presentation.Read(item.data)) {
+    const char* const key = item.key.c_str();
+    const char* const space = item.has_namespace ? item.name_space.c_str() : nullptr;
+    if (Presentation::IsRecord(key, space) && m_presentation.Read(item.data)) {
         m_moov.SetPresentation(m_presentation);
         return true;
     }
-    return m_moov.SetMetaData(item.key.c_str(), item.data.data(),
-                              static_cast<uint32_t>(item.data.size()), item.type,
-                              item.has_namespace ? item.name_space.c_str() : nullptr);
+    if (Presentation::IsParameterSet(key, space)) {
+        const auto* const nal = reinterpret_cast<const uint8_t*>(item.data.data());
+        const auto* const set = m_furtherSets.Take(m_video.Info(), nal, item.data.size());
+        if (set != nullptr) m_moov.AddParameterSet(*set);
+        return true;
+    }
+    return m_moov.SetMetaData(key, item.data.data(), static_cast<uint32_t>(item.data.size()),
+                              item.type, space);
 }
 
 void MovieReplay::WriteMediaHeader(uint64_t mediaEnd) {

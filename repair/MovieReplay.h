@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "FurtherParameterSets.h"
 #include "InfoReader.h"
 #include "LiveIndex.h"
 #include "RecordingLayout.h"
@@ -73,6 +74,7 @@ private:
     Presentation m_presentation;
     LiveIndex m_live;  // off without one in the recording
     // What its movie box is made of.
+    FurtherParameterSets m_furtherSets{FurtherParameterSets::Counts::kFirst};
     VideoFormatRecord m_video;
     mp4_audio_track_info_t m_audio{};
     mp4_subtitle_track_info_t m_captions{};

@@ -185,6 +185,21 @@ mp4_status_t CMp4Muxer::SetStrictForm(bool strict) {
     return Operation(*m_state, [&] { return m_state->SetStrictForm(strict); });
 }
 
+mp4_status_t CMp4Muxer::SetAllParameterSets(bool all) {
+    return Operation(*m_state, [&] {
+        return m_state->ChangePresentation("SetAllParameterSets", [&](Presentation& presentation) {
+            presentation.allParameterSets = all;
+        });
+    });
+}
+
+mp4_status_t CMp4Muxer::AddParameterSet(const uint8_t* nal, uint32_t size) {
+    return Operation(*m_state, [&] {
+        CMAutoLock lock(m_state->m_lockWrite);
+        return m_state->AddParameterSet(nal, size);
+    });
+}
+
 mp4_status_t CMp4Muxer::SetLiveIndex(uint32_t interval_ms) {
     return Operation(*m_state, [&] {
         CMAutoLock lock(m_state->m_lockWrite);

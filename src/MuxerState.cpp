@@ -106,6 +106,7 @@ void MuxerState::ResetFileState() {
     m_indexLost = false;
     m_compositionOffsets = false;
     m_setWarned = false;
+    m_furtherSets.Clear();
     m_droppedVideoFrames = 0;
     m_adts = {};
     m_times = {};
@@ -468,6 +469,7 @@ void MuxerState::FillLiveMovie(CMp4MoovAtom& movie, const std::vector<LiveTrack>
         switch (track) {
             case LiveTrack::kVideo:
                 movie.SetVideoTrack(&m_videoTrack);
+                m_furtherSets.ForEach([&movie](const auto& set) { movie.AddParameterSet(set); });
                 break;
             case LiveTrack::kAudio:
                 movie.SetAudioTrack(&m_audioTrack);
@@ -496,9 +498,17 @@ mp4_status_t MuxerState::SetVideoTrack(const mp4_video_track_info* pTrackInfo,
     if (pTrackInfo == nullptr) return MP4_STATUS_INVALID_PARAMETER;
     mp4_video_track_info_t info = *pTrackInfo;
     uint32_t nalLengthSize = 0;
-    status = TakeConfigurationRecord(record, recordSize, info, nalLengthSize);
+    std::vector<RecordedSet> further;
+    status = TakeConfigurationRecord(record, recordSize, info, nalLengthSize, further);
     if (status != MP4_STATUS_SUCCESS) return status;
-    return DeclareVideoTrack(info, nalLengthSize);
+    if (!further.empty() && !m_presentation.allParameterSets)
+        LogWarn("the decoder configuration record has several sets of a kind, the first is taken",
+                kSource, __LINE__, "SetVideoTrack");
+    status = DeclareVideoTrack(info, nalLengthSize);
+    if (status != MP4_STATUS_SUCCESS || !m_presentation.allParameterSets) return status;
+    for (const RecordedSet& set : further)
+        TakeFurtherSet(set.data, set.size);
+    return m_sideFile.Answer(status);
 }
 
 /// Nothing of an earlier declaration changes before this one is taken.
@@ -512,6 +522,7 @@ mp4_status_t MuxerState::DeclareVideoTrack(mp4_video_track_info_t info, uint32_t
     m_pVideoNalParser = std::move(parser);
     m_nalLengthSize = nalLengthSize;
     m_videoTrack = info;
+    m_furtherSets.Clear();
     m_videoHasCodecData = complete;
     m_live.Declare(LiveTrack::kVideo, complete, info.timescale, info.frame_duration);
     if (complete) {
@@ -524,6 +535,46 @@ mp4_status_t MuxerState::DeclareVideoTrack(mp4_video_track_info_t info, uint32_t
     LogInfo("no codec data in video track info, try to find it in stream", kSource, __LINE__,
             "SetVideoTrack");
     return MP4_STATUS_SUCCESS;
+}
+
+mp4_status_t MuxerState::AddParameterSet(const uint8_t* nal, uint32_t size) {
+    const mp4_status_t ready = CheckRecording(__LINE__, "AddParameterSet");
+    if (ready != MP4_STATUS_SUCCESS) return ready;
+    if (m_reserved.IsOn()) return MP4_STATUS_UNSUPPORTED;
+    if (m_pVideoNalParser == nullptr || !m_videoHasCodecData) {
+        LogError("a parameter set can only be added to a video track that has its first ones",
+                 kSource, __LINE__, "AddParameterSet");
+        return MP4_STATUS_INVALID_VIDEO_TRACK;
+    }
+    const ByteView set{nal, nal == nullptr ? 0 : size};
+    const auto kind = KindOfParameterSet(m_videoTrack.codec, set.data, set.size);
+    if (!kind) return MP4_STATUS_INVALID_PARAMETER;
+    TakeFurtherSet(set.data, set.size);
+    if (!m_furtherSets.Holds(set) && !(DescribedSet(m_videoTrack, *kind) == set)) {
+        LogError("the parameter set is not added: it cannot be read, or its number is taken",
+                 kSource, __LINE__, "AddParameterSet");
+        return MP4_STATUS_INVALID_PARAMETER;
+    }
+    return m_sideFile.Answer(MP4_STATUS_SUCCESS);
+}
+
+void MuxerState::TakeFurtherSets(const CVideoFrameParser& frame) {
+    for (const VIDEO_SLICE& unit : frame)
+        TakeFurtherSet(unit.pbData, static_cast<size_t>(unit.cbData));
+}
+
+void MuxerState::TakeFurtherSet(const uint8_t* nal, size_t size) {
+    const auto* const set = m_furtherSets.Take(m_videoTrack, nal, size);
+    if (set != nullptr && m_videoHasCodecData) TellFurtherSet(*set);
+}
+
+void MuxerState::TellFurtherSet(const FurtherParameterSets::Set& set) {
+    ChangeIndex([&set](CMp4MoovAtom& moov) { moov.AddParameterSet(set); });
+    m_sideFile.Write([&set](CInfoWriter& writer) {
+        return writer.WriteMetadata(
+            Presentation::kParameterSetKey, reinterpret_cast<const char*>(set.data()),
+            static_cast<uint32_t>(set.size()), MP4_META_DATA_TYPE_RAW, Presentation::kNamespace);
+    });
 }
 
 /// Nothing of an earlier declaration changes before this one is taken.
@@ -769,6 +820,7 @@ mp4_status_t MuxerState::AppendVideoFrame(const uint8_t* buf, uint32_t size,
     if (!HasRoomInFile(sampleSize, "WriteVideoFrame")) return MP4_STATUS_NO_SPACE_LEFT_IN_HEADER;
 
     TakeStreamFacts({m_videoTrack, buf, size, frame});
+    if (m_presentation.allParameterSets) TakeFurtherSets(frame);
     status = IndexInterval(LiveTrack::kVideo, dts);
     if (status != MP4_STATUS_SUCCESS) return status;
     const uint64_t fileSizeBefore = m_reserved.SizeBeforeFrame(*m_pWriter);
@@ -830,11 +882,7 @@ bool MuxerState::GetVideoCodecData(const CVideoFrameParser& frame) {
         return false;
     }
     for (const VIDEO_SLICE& unit : frame) {
-        if (!m_parameterSets.Take(unit.pbData, static_cast<size_t>(unit.cbData), m_videoTrack) &&
-            !std::exchange(m_setWarned, true)) {
-            LogWarn("a video parameter set in the stream cannot be described and is not taken",
-                    kSource, __LINE__, "GetVideoCodecData");
-        }
+        TakeCodecData(unit);
         if (!ParameterSetKeeper::IsComplete(m_videoTrack)) continue;
         m_videoHasCodecData = true;
         LogInfo("found video codec data in stream, set video track info", kSource, __LINE__,
@@ -844,9 +892,24 @@ bool MuxerState::GetVideoCodecData(const CVideoFrameParser& frame) {
                        m_videoTrack.frame_duration);
         m_sideFile.Write(
             [this](CInfoWriter& writer) { return writer.WriteVideoFormat(&m_videoTrack); });
+        m_furtherSets.ForEach([this](const auto& set) { TellFurtherSet(set); });
         return true;
     }
     return false;
+}
+
+void MuxerState::TakeCodecData(const VIDEO_SLICE& unit) {
+    const auto size = static_cast<size_t>(unit.cbData);
+    const auto kind = KindOfParameterSet(m_videoTrack.codec, unit.pbData, size);
+    if (!kind) return;
+    if (m_presentation.allParameterSets && IsFurtherSet(m_videoTrack, *kind, {unit.pbData, size})) {
+        TakeFurtherSet(unit.pbData, size);
+        return;
+    }
+    if (m_parameterSets.Take(unit.pbData, size, m_videoTrack) || std::exchange(m_setWarned, true))
+        return;
+    LogWarn("a video parameter set in the stream cannot be described and is not taken", kSource,
+            __LINE__, "GetVideoCodecData");
 }
 
 // Audio

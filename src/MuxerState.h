@@ -11,6 +11,7 @@
 #include "AdtsInput.h"
 #include "BaseIO.h"
 #include "Figures.h"
+#include "FurtherParameterSets.h"
 #include "LiveIndex.h"
 #include "Log.h"
 #include "MLock.h"
@@ -137,6 +138,11 @@ struct MuxerState {
     mp4_status_t RecordPresentation(CInfoWriter& writer) const;
     /// Of the first picture, when the stream was to be asked.
     void TakeStreamFacts(const FirstPicture& picture);
+    mp4_status_t AddParameterSet(const uint8_t* nal, uint32_t size);
+    /// Those of a picture that go into the description.
+    void TakeFurtherSets(const CVideoFrameParser& frame);
+    void TakeFurtherSet(const uint8_t* nal, size_t size);
+    void TellFurtherSet(const FurtherParameterSets::Set& set);
     mp4_status_t SetVideoTrack(const mp4_video_track_info* pTrackInfo);
     mp4_status_t SetVideoTrack(const mp4_video_track_info* pTrackInfo, const uint8_t* record,
                                uint32_t recordSize);
@@ -188,6 +194,8 @@ struct MuxerState {
     mp4_status_t CheckVideoTimes(int64_t pts, int64_t dts) const;
     /// True when the video track is now configured.
     bool GetVideoCodecData(const CVideoFrameParser& frame);
+    /// Takes the unit if it is a parameter set; logs one that cannot be described.
+    void TakeCodecData(const VIDEO_SLICE& unit);
     mp4_status_t DropVideoFrame();
     /// The search for parameter sets has ended.
     void ReportDroppedFrames(int line, const char* function);
@@ -241,6 +249,7 @@ struct MuxerState {
     bool m_compositionOffsets = false;
     bool m_setWarned = false;  // about parameter sets in the stream that are not taken
     ParameterSetKeeper m_parameterSets;
+    FurtherParameterSets m_furtherSets{FurtherParameterSets::Counts::kFirst};
     uint64_t m_droppedVideoFrames = 0;  // while parameter sets are looked for
     AdtsInput m_adts;
     TimestampWatch m_times;

@@ -9,16 +9,17 @@ constexpr char kVersion = 1;
 
 /// Never change or used again: files out there have them.
 enum Tag : uint8_t {
-    kStartTimes = 1,        // 1 byte: 1
-    kAudioPriming = 2,      // 4
-    kPixelAspect = 3,       // 4, 4
-    kCleanAperture = 4,     // 4, 4, 4, 4
-    kRotation = 5,          // 4
-    kFieldOrder = 6,        // 4
-    kColour = 7,            // 2, 2, 2, 1
-    kMasteringDisplay = 8,  // 2 x 8, 4, 4
-    kContentLight = 9,      // 2, 2
-    kStrictForm = 10,       // 1 byte: 1
+    kStartTimes = 1,         // 1 byte: 1
+    kAudioPriming = 2,       // 4
+    kPixelAspect = 3,        // 4, 4
+    kCleanAperture = 4,      // 4, 4, 4, 4
+    kRotation = 5,           // 4
+    kFieldOrder = 6,         // 4
+    kColour = 7,             // 2, 2, 2, 1
+    kMasteringDisplay = 8,   // 2 x 8, 4, 4
+    kContentLight = 9,       // 2, 2
+    kStrictForm = 10,        // 1 byte: 1
+    kAllParameterSets = 11,  // 1 byte: 1
 };
 
 /// Lists the facts for a writer and for a reader alike: `fact(tag, present, fields...)`.
@@ -28,6 +29,7 @@ void ForEachFact(Facts& facts, Fact&& fact) {
     auto& colour = facts.colour;
     auto& display = colour.display_primaries;
     fact(kStrictForm, facts.strictForm, facts.strictForm);
+    fact(kAllParameterSets, facts.allParameterSets, facts.allParameterSets);
     fact(kStartTimes, facts.startTimes, facts.startTimes);
     fact(kAudioPriming, facts.audioPriming != 0, facts.audioPriming);
     fact(kPixelAspect, facts.HasPixelAspect(), shape.pixel_width, shape.pixel_height);
@@ -60,8 +62,8 @@ void Take(const char*& from, Integer& value) {
 
 }  // namespace
 
-bool Presentation::IsRecord(const char* key, const char* key_namespace) {
-    return key != nullptr && key_namespace != nullptr && std::strcmp(key, kKey) == 0 &&
+bool Presentation::IsOwn(const char* own, const char* key, const char* key_namespace) {
+    return key != nullptr && key_namespace != nullptr && std::strcmp(key, own) == 0 &&
            std::strcmp(key_namespace, kNamespace) == 0;
 }
 

@@ -25,15 +25,24 @@ namespace kx_mp4 {
 struct Presentation {
     static constexpr const char* kNamespace = "kxmp";
     static constexpr const char* kKey = "com.kx_mp4.presentation";
+    /// Of a record that holds a parameter set beside those of the video track's last description.
+    static constexpr const char* kParameterSetKey = "com.kx_mp4.parameter_set";
 
-    bool strictForm = false;    ///< See CMp4Muxer::SetStrictForm.
-    bool startTimes = false;    ///< See CMp4Muxer::SetTimeline.
-    uint32_t audioPriming = 0;  ///< See CMp4Muxer::SetAudioPriming.
+    bool strictForm = false;        ///< See CMp4Muxer::SetStrictForm.
+    bool allParameterSets = false;  ///< See CMp4Muxer::SetAllParameterSets.
+    bool startTimes = false;        ///< See CMp4Muxer::SetTimeline.
+    uint32_t audioPriming = 0;      ///< See CMp4Muxer::SetAudioPriming.
     mp4_video_shape_t shape{};
     mp4_video_colour_t colour{};
 
     /// Whether a metadata item is the record.
-    static bool IsRecord(const char* key, const char* key_namespace);
+    static bool IsRecord(const char* key, const char* key_namespace) {
+        return IsOwn(kKey, key, key_namespace);
+    }
+    /// Whether it is that of a parameter set.
+    static bool IsParameterSet(const char* key, const char* key_namespace) {
+        return IsOwn(kParameterSetKey, key, key_namespace);
+    }
 
     bool HasPixelAspect() const { return shape.pixel_width != 0; }
     bool HasCleanAperture() const { return shape.clean_width != 0; }
@@ -48,6 +57,9 @@ struct Presentation {
     /// Reads a record; false, with nothing changed, for one that is not whole or of a later
     /// version.
     bool Read(const std::string& record);
+
+private:
+    static bool IsOwn(const char* own, const char* key, const char* key_namespace);
 };
 
 /// Whether the shape can be described; 0 to 3 of all its numbers are related.

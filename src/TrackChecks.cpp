@@ -1,6 +1,7 @@
 #include "TrackChecks.h"
 
 #include <cstdint>
+#include <utility>
 
 #include "ConfigurationRecord.h"
 #include "Log.h"
@@ -75,8 +76,9 @@ mp4_status_t CheckVideoTrack(mp4_video_track_info_t& info, const ReservedHeader&
 }
 
 mp4_status_t TakeConfigurationRecord(const uint8_t* record, uint32_t size,
-                                     mp4_video_track_info_t& info, uint32_t& lengthSize) {
-    const auto read = ReadConfigurationRecord(info.codec, record, size);
+                                     mp4_video_track_info_t& info, uint32_t& lengthSize,
+                                     std::vector<RecordedSet>& further) {
+    auto read = ReadConfigurationRecord(info.codec, record, size);
     const bool fits = read && read->vps.size <= INT16_MAX && read->sps.size <= INT16_MAX &&
                       read->pps.size <= INT16_MAX;
     if (!fits) {
@@ -84,9 +86,6 @@ mp4_status_t TakeConfigurationRecord(const uint8_t* record, uint32_t size,
                  "SetVideoTrack");
         return MP4_STATUS_INVALID_PARAMETER;
     }
-    if (read->hasMoreSets)
-        LogWarn("the decoder configuration record has several sets of a kind, the first is taken",
-                kSource, __LINE__, "SetVideoTrack");
     const auto sizeOf = [](const RecordedSet& set) { return static_cast<int16_t>(set.size); };
     if (info.codec == MP4_MVC_H264)
         info.h264 = {read->sps.data, sizeOf(read->sps), read->pps.data, sizeOf(read->pps)};
@@ -94,6 +93,7 @@ mp4_status_t TakeConfigurationRecord(const uint8_t* record, uint32_t size,
         info.hevc = {read->sps.data,    sizeOf(read->sps), read->pps.data,
                      sizeOf(read->pps), read->vps.data,    sizeOf(read->vps)};
     lengthSize = read->lengthSize;
+    further = std::move(read->further);
     return MP4_STATUS_SUCCESS;
 }
 
@@ -122,7 +122,8 @@ mp4_status_t CheckMetadata(const char* key, const char* data, uint32_t size,
         LogError("invalid meta(%s) data length 0", kSource, __LINE__, "SetMetadata", key);
         return MP4_STATUS_INVALID_PARAMETER;
     }
-    if (Presentation::IsRecord(key, key_namespace)) {
+    if (Presentation::IsRecord(key, key_namespace) ||
+        Presentation::IsParameterSet(key, key_namespace)) {
         LogError("the metadata key %s is the library's own", kSource, __LINE__, "SetMetadata", key);
         return MP4_STATUS_INVALID_PARAMETER;
     }

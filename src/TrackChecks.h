@@ -4,7 +4,9 @@
 #define KX_MP4_TRACKCHECKS_H
 
 #include <cstdint>
+#include <vector>
 
+#include "ConfigurationRecord.h"
 #include "ReservedHeader.h"
 #include "kx_mp4/kx_mp4.h"
 
@@ -16,10 +18,12 @@ namespace kx_mp4 {
 mp4_status_t CheckVideoTrack(mp4_video_track_info_t& info, const ReservedHeader& reserved,
                              bool& complete);
 /// Puts the parameter sets of an `avcC` or `hvcC` record into the description; they stay in the
-/// record. `lengthSize` is what is in front of each NAL unit of the frames, in bytes.
+/// record, as do the `further` ones. `lengthSize` is what is in front of each NAL unit of the
+/// frames, in bytes.
 /// @return As CMp4Muxer::SetVideoTrack with a record.
 mp4_status_t TakeConfigurationRecord(const uint8_t* record, uint32_t size,
-                                     mp4_video_track_info_t& info, uint32_t& lengthSize);
+                                     mp4_video_track_info_t& info, uint32_t& lengthSize,
+                                     std::vector<RecordedSet>& further);
 /// `complete` tells whether the configuration is there.
 /// @return As CMp4Muxer::SetAudioTrack.
 mp4_status_t CheckAudioTrack(const mp4_audio_track_info_t& info, const ReservedHeader& reserved,

@@ -28,9 +28,18 @@ void PutArray(Out& out, const HVCCNALUnitArray& array) {
 void CMp4HvccAtom::SetVosData(const mp4_hevc_parameter_set_t* pParam) {
     m_pParser = nullptr;  // before the sets it may refer to
     m_pParser = std::make_unique<CHevcParser>();
+    m_further.clear();
     m_vps = Parse(NAL_VPS, pParam->vps, pParam->vps_size, "Parse hevc vps fail !");
     m_sps = Parse(NAL_SPS, pParam->sps, pParam->sps_size, "Parse hevc sps fail !");
     m_pps = Parse(NAL_PPS, pParam->pps, pParam->pps_size, "Parse hevc pps fail !");
+    calcSize();
+}
+
+void CMp4HvccAtom::AddParameterSet(const std::vector<uint8_t>& set) {
+    const ParameterSet& copy = m_further.emplace_back(set);  // whose bytes stay where they are
+    if (!m_pParser->ParseNAL(copy.data(), static_cast<int>(copy.size())))
+        kx_mp4::LogError("a further parameter set cannot be parsed", kSource, __LINE__,
+                         "AddParameterSet");
     calcSize();
 }
 

@@ -29,6 +29,10 @@ public:
     /// the box as it is, with what its first bytes say.
     void SetVosData(const mp4_hevc_parameter_set_t* pParam);
 
+    /// Copies and parses a set behind those that are there; one that cannot be parsed is logged and
+    /// left out.
+    void AddParameterSet(const std::vector<uint8_t>& set);
+
     /// Throws the int 71 when a set is missing.
     void Write() override;
     /// Works out the size of the box from the parsed sets; SetVosData calls it.
@@ -47,6 +51,7 @@ private:
     ParameterSet m_vps;
     ParameterSet m_sps;
     ParameterSet m_pps;
+    std::vector<ParameterSet> m_further;
     std::unique_ptr<CHevcParser> m_pParser;  // last, so that it goes before the sets
     uint32_t m_size = 0;
 };

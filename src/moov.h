@@ -46,6 +46,8 @@ public:
 
     /// Declares the video track; a second call keeps the ID and replaces the description.
     bool SetVideoTrack(const mp4_video_track_info* pTrackInfo);
+    /// Puts a further parameter set, of the video track's codec, behind those of its description.
+    void AddParameterSet(const std::vector<uint8_t>& set) { m_trakVideo.AddParameterSet(set); }
     /// Declares the audio track; every call hands out a new ID. The same holds for those below.
     bool SetAudioTrack(const mp4_audio_track_info_t* pTrackInfo);
     bool SetSubtitleTrack(const mp4_subtitle_track_info_t* pTrackInfo);

@@ -101,6 +101,7 @@ public:
     void SetPresentation(const kx_mp4::Presentation& presentation) {
         m_stsd.SetPresentation(presentation);
     }
+    void AddParameterSet(const std::vector<uint8_t>& set) { m_stsd.AddParameterSet(set); }
     /// Chooses the form of the colour box.
     void SetIsMp4File(bool mp4File) { m_stsd.SetIsMp4File(mp4File); }
     void SetForm(kx_mp4::FileForm form) { m_stsd.SetForm(form); }

@@ -76,6 +76,11 @@ void CMp4VideoStsdAtom::SetHevc(const mp4_hevc_parameter_set_t* pParam) {
     m_hvcc.SetVosData(pParam);
 }
 
+void CMp4VideoStsdAtom::AddParameterSet(const std::vector<uint8_t>& set) {
+    if (m_szTag == "hvc1") m_hvcc.AddParameterSet(set);
+    if (m_szTag == "avc1") m_avcc.AddParameterSet(set);
+}
+
 void CMp4VideoStsdAtom::SetProRes(const mp4_prores_parameter_set_t* pParam) {
     m_codec = MP4_MVC_PRORES;
     const auto format = static_cast<int>(pParam->format);

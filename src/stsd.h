@@ -72,11 +72,14 @@ public:
     /// What is known of shape and colour; may be given again.
     void SetPresentation(const kx_mp4::Presentation& presentation) {
         m_presentation = presentation;
+        m_avcc.SetHighProfileFields(presentation.allParameterSets);
     }
     /// Chooses the form of the colour box.
     void SetIsMp4File(bool mp4File) { m_qt = !mp4File; }
     void SetH264(const mp4_h264_parameter_set_t* pParam);
     void SetHevc(const mp4_hevc_parameter_set_t* pParam);
+    /// A further one of the codec that was set.
+    void AddParameterSet(const std::vector<uint8_t>& set);
     /// An unknown format is logged and changes nothing but the codec.
     void SetProRes(const mp4_prores_parameter_set_t* pParam);
 

@@ -138,6 +138,7 @@ public:
     int64_t PresentedDuration() override;
     int64_t FirstShown() override;
     void SetPresentation(const kx_mp4::Presentation& presentation);
+    void AddParameterSet(const std::vector<uint8_t>& set) { SampleTable().AddParameterSet(set); }
     /// As the base's, and without sync samples.
     void SetForFragments(int64_t mediaStart);
 

@@ -76,6 +76,10 @@ Bytes Maker::Picture(uint32_t number) {
     std::vector<Bytes> units;
     if (key && hevc) units = {streams::kHevcVps, streams::kHevcSps, streams::kHevcPps};
     if (key && !hevc) units = {test_pattern::kSps, test_pattern::kPps};
+    if (key && m_scenario.presented) {
+        if (hevc) units.push_back(streams::kFurtherHevcPps);
+        if (!hevc) units.insert(units.end(), {streams::kFurtherSps, streams::kFurtherPps});
+    }
     const Bytes head = hevc ? Hex(key ? "2601" : "0201") : Hex(key ? "65" : "41");
     for (int slice = 0; slice < 2; ++slice)
         units.push_back(head + Noise(PictureSize() / 2));
@@ -91,6 +95,7 @@ void Maker::AddSetUp() {
     if (m_scenario.presented) {
         Add([](CMp4Muxer& muxer) { return muxer.SetTimeline(true); }, CallKind::kSetUp);
         Add([](CMp4Muxer& muxer) { return muxer.SetStrictForm(true); }, CallKind::kSetUp);
+        Add([](CMp4Muxer& muxer) { return muxer.SetAllParameterSets(true); }, CallKind::kSetUp);
         Add([](CMp4Muxer& muxer) { return muxer.SetAudioPriming(1024); }, CallKind::kSetUp);
         Add(
             [](CMp4Muxer& muxer) {

@@ -12,6 +12,9 @@ const Bytes kHevcVps = Hex("40010c01ffff01600000030090000003000003001e928090");
 const Bytes kHevcSps =
     Hex("42010101600000030090000003000003001ea0208105964a924caf016808000003000800000300c840");
 const Bytes kHevcPps = Hex("4401c172b42240");
+const Bytes kFurtherSps = Hex("6742c00a56842640");
+const Bytes kFurtherPps = Hex("6848e3c8");
+const Bytes kFurtherHevcPps = Hex("4401505cad0890");
 
 namespace {
 

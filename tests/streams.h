@@ -27,6 +27,9 @@ Enum Forged(int value) {
 extern const Bytes kHevcVps;
 extern const Bytes kHevcSps;
 extern const Bytes kHevcPps;
+extern const Bytes kFurtherSps;  // of number 1, like all of these
+extern const Bytes kFurtherPps;
+extern const Bytes kFurtherHevcPps;
 
 /// 90 kHz, 30 frames a second, with parameter sets.
 mp4_video_track_info_t H264Track();

@@ -300,6 +300,8 @@ static void the_presentation_reaches_the_file(void) {
     options.flags = 0;
     CHECK(kx_mp4_muxer_create(muxer, "x", &options) == MP4_STATUS_SUCCESS);
     CHECK(kx_mp4_muxer_set_strict_form(muxer, 1) == MP4_STATUS_SUCCESS);
+    CHECK(kx_mp4_muxer_set_all_parameter_sets(muxer, 1) == MP4_STATUS_SUCCESS);
+    CHECK(kx_mp4_muxer_add_parameter_set(muxer, NULL, 9) == MP4_STATUS_INVALID_VIDEO_TRACK);
     kx_mp4_video_shape_init(&shape, sizeof shape);
     kx_mp4_video_colour_init(&later.colour, sizeof later);
     CHECK(shape.from_stream == 1 && later.colour.from_stream == 1 && later.added == 0);

@@ -2,14 +2,21 @@
 // what came of it: a status that is not success, log lines, the side file, the movie. With
 // KX_MP4_UPDATE_GOLDEN in the environment the results are written anew.
 //
+// clang-format off
 //   create NAME FLAGS               over callbacks; the side file lies beside NAME
-//   video CODEC [FIELD=VALUE...]    codec h264, hevc, prores or a number; "deferred" leaves out
-//   sets audio CODEC [FIELD=VALUE...]    codec aac, adts or a number captions CODEC TIMESCALE codec
-//   as a number timecode TIMESCALE DURATION FRAMES FLAGS meta KEY TYPE VALUE [SPACE]     value is
-//   text, 0x and digits, or "null" v TIMES UNIT...                 units as digits or by name;
-//   "raw" before digits: no start codes a TIMES BYTES, c TIMES BYTES    times: START[+STEPxCOUNT];
-//   of v: DTS, DTS:PTS t COUNTER offsets 0|1, live MS, timeline 0|1, strict 0|1, priming SAMPLES,
-//   shape and colour FIELD=VALUE..., flush, ask, side, close
+//   video CODEC [FIELD=VALUE...]    h264, hevc, prores or a number; "deferred" leaves out the sets
+//   record CODEC RECORD             frames are "raw" then, with lengths
+//   audio CODEC [FIELD=VALUE...]    aac, adts or a number
+//   captions CODEC TIMESCALE        the codec as a number
+//   timecode TIMESCALE DURATION FRAMES FLAGS
+//   meta KEY TYPE VALUE [SPACE]     the value is text, 0x and digits, or "null"
+//   v TIMES UNIT...                 units as digits or by name; "raw" before digits: no start codes
+//   a TIMES BYTES, c TIMES BYTES    times: START[+STEPxCOUNT]; of v: DTS, DTS:PTS
+//   t COUNTER, set UNIT
+//   offsets, timeline, strict, all_sets 0|1, live MS, priming SAMPLES
+//   shape, colour [FIELD=VALUE...]
+//   ask, size, calls, statuses, side, flush, close
+// clang-format on
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -110,17 +117,14 @@ private:
 
     /// A NAL unit by its name or its digits.
     static Bytes Unit(const std::string& text) {
-        static const std::map<std::string, Bytes> kNames{{"sps", test_pattern::kSps},
-                                                         {"pps", test_pattern::kPps},
-                                                         {"VPS", streams::kHevcVps},
-                                                         {"SPS", streams::kHevcSps},
-                                                         {"PPS", streams::kHevcPps},
-                                                         {"idr", Hex("658884")},
-                                                         {"slice", Hex("419a02")},
-                                                         {"IDR", Hex("260180")},
-                                                         {"SLICE", Hex("0201d0")},
-                                                         {"large", Bytes(40000, 0x67)},
-                                                         {"none", {}}};
+        static const std::map<std::string, Bytes> kNames{
+            {"sps", test_pattern::kSps},    {"pps", test_pattern::kPps},
+            {"VPS", streams::kHevcVps},     {"SPS", streams::kHevcSps},
+            {"PPS", streams::kHevcPps},     {"sps1", streams::kFurtherSps},
+            {"pps1", streams::kFurtherPps}, {"PPS1", streams::kFurtherHevcPps},
+            {"idr", Hex("658884")},         {"slice", Hex("419a02")},
+            {"IDR", Hex("260180")},         {"SLICE", Hex("0201d0")},
+            {"large", Bytes(40000, 0x67)},  {"none", {}}};
         const auto named = kNames.find(text);
         return named != kNames.end() ? named->second : Hex(text);
     }
@@ -161,6 +165,15 @@ private:
             SetBytes("pps", track.h264.pps, track.h264.pps_size);
         }
         return m_muxer.SetVideoTrack(&track);
+    }
+    mp4_status_t AddSet() {
+        const auto set = std::make_unique<const Bytes>(Unit(Word(1)));
+        return m_muxer.AddParameterSet(set->data(), static_cast<uint32_t>(set->size()));
+    }
+    mp4_status_t SetVideoByRecord() {
+        const auto track = Word(1) == "hevc" ? streams::HevcTrack() : streams::H264Track();
+        const auto record = std::make_unique<const Bytes>(Unit(Word(2)));
+        return m_muxer.SetVideoTrack(&track, record->data(), static_cast<uint32_t>(record->size()));
     }
     mp4_status_t SetAudio() {
         auto track = Word(1) == "adts" ? streams::AdtsTrack() : streams::AacTrack();
@@ -372,6 +385,9 @@ const std::map<std::string, Replay::Call> Replay::kCalls{
     {"c", [](Replay& r) { return r.Packets(&CMp4Muxer::WriteSubtitleFrame); }},
     {"t", [](Replay& r) { return r.m_muxer.WriteTimeCode(r.Number(1)); }},
     {"offsets", [](Replay& r) { return r.m_muxer.SetCompositionOffsets(r.Number(1) != 0); }},
+    {"all_sets", [](Replay& r) { return r.m_muxer.SetAllParameterSets(r.Number(1) != 0); }},
+    {"set", [](Replay& r) { return r.AddSet(); }},
+    {"record", [](Replay& r) { return r.SetVideoByRecord(); }},
     {"strict", [](Replay& r) { return r.m_muxer.SetStrictForm(r.Number(1) != 0); }},
     {"timeline", [](Replay& r) { return r.m_muxer.SetTimeline(r.Number(1) != 0); }},
     {"priming",

@@ -199,6 +199,17 @@ public:
     ///         #MP4_FLAG_REPAIR_INFO, the first track has been declared.
     mp4_status_t SetStrictForm(bool strict);
 
+    /// Puts every parameter set of an H.264 or HEVC stream into the file's description, instead of
+    /// the first one of each kind; off after Create.
+    ///
+    /// On, sets of further numbers are taken from the configuration record and, whenever they come,
+    /// from the frames: a stream that sends several once can be decoded from any key frame on. The
+    /// first content of a number counts. An H.264 description then also ends with chroma format and
+    /// bit depths, which profiles from High on ask for (ISO/IEC 14496-15, 5.3.3.1.2). Sets of a
+    /// configuration record are taken when this comes before SetVideoTrack.
+    /// @return #MP4_STATUS_INVALID_PARAMETER once the first frame has been written.
+    mp4_status_t SetAllParameterSets(bool all);
+
     /// Declares the video track; may be called again before its first frame.
     ///
     /// Without parameter sets (sizes 0) they are taken from the stream, and frames before the
@@ -214,14 +225,25 @@ public:
     ///
     /// @param pTrackInfo  As above; its parameter sets are not looked at.
     /// @param record      The `avcC` or `hvcC` record without box header; read during the call. Of
-    ///                    several sets of a kind the first is taken, which is logged. Without sets
-    ///                    they are taken from the stream.
+    ///                    several sets of a kind the first is taken, which is logged; see
+    ///                    SetAllParameterSets. Without sets they are taken from the stream.
     /// @param recordSize  Bytes.
     /// @return As above; #MP4_STATUS_INVALID_PARAMETER also for ProRes and for a record that cannot
     ///         be read. WriteVideoFrame then answers #MP4_STATUS_INVALID_VIDEO_STREAM for lengths
     ///         that do not fill the frame.
     mp4_status_t SetVideoTrack(const mp4_video_track_info* pTrackInfo, const uint8_t* record,
                                uint32_t recordSize);
+    /// Puts a further parameter set into the description of the video track, which has its first
+    /// ones already: for encoders that give theirs beside the frames. At any time until Close;
+    /// another declaration of the track forgets it.
+    ///
+    /// @param nal   The NAL unit without start code or length; read during the call.
+    /// @param size  Bytes; at most 32767.
+    /// @return #MP4_STATUS_SUCCESS also for a set that is there already;
+    ///         #MP4_STATUS_INVALID_VIDEO_TRACK without an H.264 or HEVC track that has its sets;
+    ///         #MP4_STATUS_INVALID_PARAMETER for what is no parameter set of the codec, cannot be
+    ///         read, or has the number of another set.
+    mp4_status_t AddParameterSet(const uint8_t* nal, uint32_t size);
     /// Declares the audio track. ADTS without sample rate or channels takes both, and the profile,
     /// from the first frame's header.
     /// @return #MP4_STATUS_INVALID_PARAMETER for null, a timescale of 0, an unknown codec, or raw

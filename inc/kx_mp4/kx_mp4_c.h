@@ -257,6 +257,14 @@ KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_set_video_colour(kx_mp4_muxer* muxer,
                                                          const mp4_video_colour_t* colour);
 /// As CMp4Muxer::SetStrictForm; not 0 turns it on.
 KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_set_strict_form(kx_mp4_muxer* muxer, int strict);
+/// As CMp4Muxer::SetAllParameterSets, before the track; not 0 turns it on.
+KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_set_all_parameter_sets(kx_mp4_muxer* muxer, int all);
+/// As CMp4Muxer::AddParameterSet.
+/// @param muxer  The handle.
+/// @param nal    One NAL unit without start code or length.
+/// @param size   Bytes; at most 32767.
+KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_add_parameter_set(kx_mp4_muxer* muxer, const uint8_t* nal,
+                                                          uint32_t size);
 
 /// As CMp4Muxer::WriteVideoFrame. Times are in ticks.
 KX_MP4_EXPORT mp4_status_t kx_mp4_muxer_write_video(kx_mp4_muxer* muxer, const uint8_t* frame,

@@ -121,6 +121,8 @@ struct RecorderOptions {
     bool composition_offsets = true;                    ///< As CMp4Muxer::SetCompositionOffsets.
     bool start_times = true;                            ///< As CMp4Muxer::SetTimeline.
     uint32_t live_index_ms = 0;                         ///< As CMp4Muxer::SetLiveIndex.
+    /// As CMp4Muxer::SetAllParameterSets; a set that was sent once is in all later files.
+    bool all_parameter_sets = false;
     /// Asks the muxer of every file, after Create and before its tracks, for what is not among
     /// these options, such as CMp4Muxer::SetVideoColour; nothing else may be called. Unlike the
     /// other functions it runs on the thread that opens the file. What it answers is the status of

@@ -166,6 +166,7 @@ void Recording::StartRecorder() {
     options.composition_offsets = m_options.video.compositionOffsets;
     options.live_index_ms = m_options.liveIndexMs;
     options.start_times = KeepsStartTimes();
+    options.all_parameter_sets = m_options.presentation.fromStream;
     options.configure = [this](CMp4Muxer& muxer) { return Present(muxer); };
     m_output.MakeFree(segments);
     m_live = std::make_unique<LiveOutput>();
@@ -201,6 +202,7 @@ mp4_status_t Recording::Present(CMp4Muxer& muxer) const {
     colour.from_stream = wanted.fromStream ? 1 : 0;
     mp4_status_t status = muxer.SetStrictForm(wanted.strictForm);
     if (status == MP4_STATUS_SUCCESS) status = muxer.SetTimeline(KeepsStartTimes());
+    if (status == MP4_STATUS_SUCCESS) status = muxer.SetAllParameterSets(wanted.fromStream);
     if (status == MP4_STATUS_SUCCESS) status = muxer.SetAudioPriming(wanted.audioPriming);
     if (status == MP4_STATUS_SUCCESS) status = muxer.SetVideoShape(shape);
     if (status == MP4_STATUS_SUCCESS) status = muxer.SetVideoColour(colour);
