@@ -388,6 +388,40 @@ TEST_F(Recorder, ChangedParameterSetsAndCommandsBeginSegments) {
     EXPECT_NE(std::search(avcc.begin(), avcc.end(), sps.begin(), sps.end()), avcc.end());
 }
 
+// They are sent once; a set that was sent again counts as it was last.
+TEST_F(Recorder, AFurtherParameterSetIsInTheIndexOfEveryLaterFile) {
+    m_options.all_parameter_sets = true;
+    Start();
+    Feed(0, 10);
+    const Bytes resent = Hex("6848f3c8");
+    for (const Bytes& pps : {streams::kFurtherPps, resent}) {
+        const auto number = static_cast<int64_t>(m_pictures.size());
+        const Bytes frame = streams::AccessUnit(
+            {streams::kFurtherSps, pps, Bytes{0x65} + Bytes(15, 0xFF) + Mark(number)});
+        EXPECT_EQ(m_recorder.WriteVideoFrame(frame.data(), static_cast<uint32_t>(frame.size()),
+                                             static_cast<uint64_t>(number * kPicture),
+                                             static_cast<uint64_t>(number * kPicture)),
+                  MP4_STATUS_SUCCESS);
+        m_pictures.push_back(number);
+    }
+    EXPECT_EQ(m_recorder.Cut(), MP4_STATUS_SUCCESS);
+    Feed(12, 35);
+    EXPECT_EQ(m_recorder.Stop(0).segments, 2U);
+    ExpectEverything();
+    const auto sets = [this](const std::string& path) {
+        const MovieReader movie(m_disk.Content(path));
+        const Box& record = movie.At("moov/trak/mdia/minf/stbl/stsd/avc1/avcC");
+        return record.Content(8 + 6, record.size - (8 + 6));
+    };
+    const auto after = [](const Bytes& pps) {
+        return Hex("0008") + streams::kFurtherSps + Hex("02") + Hex("0004") + test_pattern::kPps +
+               Hex("0004") + pps;
+    };
+    const Bytes first = Hex("0007") + test_pattern::kSps;
+    EXPECT_EQ(sets("/clip0.mp4"), first + after(streams::kFurtherPps));
+    EXPECT_EQ(sets("/clip1.mp4"), first + after(resent));
+}
+
 TEST_F(Recorder, CutsBySizeAndByTheClock) {
     m_options.segment_bytes = 64 << 10;
     Start();
